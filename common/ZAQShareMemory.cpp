@@ -1,0 +1,132 @@
+#include "ZAQShareMemory.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace {
+
+constexpr mode_t kFileMode = 0777;  // less the process's umask
+
+bool NameFits(const char* name) {
+    return name != nullptr && strnlen(name, sizeof(CZAQShareMemory::Name)) <
+                                  sizeof(CZAQShareMemory::Name);
+}
+
+// Grows the file to `size` by writing single zero bytes: unlike ftruncate() this leaves no holes, so
+// a full disk shows here as a failed write and not later as SIGBUS in the mapping.
+bool FillWithZeros(int file, uint32_t size) {
+    const unsigned char zero = 0;
+    for (auto length = static_cast<uint32_t>(lseek(file, 0, SEEK_END)); length < size; ++length) {
+        if (write(file, &zero, 1) != 1)
+            return false;
+    }
+    return true;
+}
+
+bool Map(CZAQShareMemory& segment, uint32_t size) {
+    void* const address =
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, segment.File, 0);
+    if (address == MAP_FAILED) {
+        segment.Address = nullptr;
+        close(segment.File);
+        segment.File = 0;
+        return false;
+    }
+    segment.Address = static_cast<unsigned char*>(address);
+    return true;
+}
+
+int Synchronize(const CZAQShareMemory& segment, int flags) {
+    if (segment.Address == nullptr || segment.File == 0)
+        return 0;
+    return msync(segment.Address, segment.Size, flags) == 0 ? 1 : 0;
+}
+
+}  // namespace
+
+CZAQShareMemory::~CZAQShareMemory() {
+    CZAQShareMemory::Close();
+}
+
+unsigned char* CZAQShareMemory::GetPointer() {
+    return Address;
+}
+
+uint32_t CZAQShareMemory::GetOwner() {
+    return Owner;
+}
+
+uint32_t CZAQShareMemory::GetSize() {
+    return Size;
+}
+
+int CZAQShareMemory::Create(char* name, unsigned int size, int openExisting) {
+    if (Address != nullptr || File != 0 || !NameFits(name))
+        return 0;
+    // An earlier process of this user keeps its mapping of the file, which loses its name here.
+    unlink(name);
+    File = open(name, O_RDWR | O_CREAT | O_EXCL, kFileMode);
+    if (File >= 0) {
+        Owner = 1;
+        if (!FillWithZeros(File, size)) {
+            close(File);
+            File = 0;
+            unlink(name);
+            return 0;
+        }
+    } else {
+        if (openExisting == 0)
+            return 0;
+        File = open(name, O_RDWR | O_CREAT, kFileMode);
+        if (File < 0)
+            return 0;
+        Owner = 0;
+    }
+    if (!Map(*this, size)) {
+        if (Owner != 0)
+            unlink(name);
+        return 0;
+    }
+    Size = size;
+    strcpy(Name, name);
+    return 1;
+}
+
+int CZAQShareMemory::Open(char* name, unsigned int size) {
+    if (Address != nullptr || File != 0 || !NameFits(name))
+        return 0;
+    unlink(name);
+    File = open(name, O_RDWR, kFileMode);
+    if (File < 0 || !Map(*this, size))
+        return 0;
+    Size = size;
+    Owner = 0;
+    strcpy(Name, name);
+    return 1;
+}
+
+void CZAQShareMemory::Close() {
+    if (Address == nullptr || File == 0)
+        return;
+    msync(Address, Size, MS_SYNC);
+    munmap(Address, Size);
+    Address = nullptr;
+    close(File);
+    File = 0;
+    if (Owner != 0)
+        unlink(Name);
+    Owner = 0;
+    Size = 0;
+    memset(Name, 0, sizeof(Name));
+}
+
+int CZAQShareMemory::Flush() {
+    return Synchronize(*this, MS_ASYNC);
+}
+
+int CZAQShareMemory::Invalidate() {
+    return Synchronize(*this, MS_INVALIDATE);
+}

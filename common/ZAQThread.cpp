@@ -1,0 +1,72 @@
+#include "ZAQThread.h"
+
+#include <sched.h>
+#include <unistd.h>
+
+CZAQThread::CZAQThread() noexcept
+    : ThreadId(0), Routine(nullptr), Argument(nullptr), ProcessId(0) {}
+
+CZAQThread::CZAQThread(void (*routine)(void*), void* argument, int priority) noexcept
+    : CZAQThread() {
+    CZAQThread::StartThread(routine, argument, priority);
+}
+
+CZAQThread::~CZAQThread() {
+    CZAQThread::CloseWithWait();
+}
+
+int CZAQThread::SynchronizeExecute(int /*code*/, int (*function)(void*)) {
+    return function(this);
+}
+
+int CZAQThread::StartThread(void (*routine)(void*), void* argument, int priority) {
+    if (ThreadId != 0)
+        return 0;
+    Routine = routine;
+    Argument = argument;
+    ProcessId = getpid();
+
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0)
+        return 0;
+    sched_param parameters{};
+    int failed = pthread_attr_getschedparam(&attributes, &parameters);
+    if (failed == 0) {
+        parameters.sched_priority = priority;
+        failed = pthread_attr_setschedparam(&attributes, &parameters);
+    }
+    if (failed == 0) {
+        failed = pthread_create(&ThreadId, &attributes, &CZAQThread::ThreadRoutine, this);
+        // POSIX leaves the identifier undefined when the thread could not be created.
+        if (failed != 0)
+            ThreadId = 0;
+    }
+    pthread_attr_destroy(&attributes);
+    return failed == 0 ? 1 : 0;
+}
+
+void CZAQThread::CloseWithWait() {
+    // After fork() the child has a copy of the object but not the thread, and the C library may have
+    // recycled the thread's descriptor: neither join nor detach may touch it.
+    // The join releases all that the thread held, so there is nothing left to detach; the
+    // identifier may by then belong to another thread.
+    if (ThreadId != 0 && ProcessId == getpid())
+        pthread_join(ThreadId, nullptr);
+    ThreadId = 0;
+}
+
+void CZAQThread::CloseWithWait(unsigned int /*milliseconds*/) {
+    CZAQThread::CloseWithWait();
+}
+
+void CZAQThread::CloseWithoutWait() {
+    if (ThreadId != 0 && ProcessId == getpid())
+        pthread_detach(ThreadId);
+    ThreadId = 0;
+}
+
+void* CZAQThread::ThreadRoutine(void* thread) {
+    const auto* const self = static_cast<CZAQThread*>(thread);
+    self->Routine(self->Argument);
+    return nullptr;
+}

@@ -1,0 +1,107 @@
+/*
+ * ZAQSockets: UDP sockets with a receive callback, and a parser for IP addresses.
+ *
+ * Conventions
+ *   Handles     opaque pointers; null = no socket. A handle that was destroyed must not be used.
+ *   Results     pointers and counts as said at each function; no error codes, errno is undefined.
+ *   Threads     any thread may call any function, for the same socket or different ones; but a
+ *               socket must not be destroyed while another thread sends on it.
+ *   Callbacks   run on threads of the library, which exist only while receive sockets exist and
+ *               block all signals. Never two at a time for one socket.
+ *   Ports       host byte order.
+ *   Fork        in a child of fork() no callback runs; a socket may be destroyed, which closes the
+ *               child's descriptor.
+ */
+#ifndef ZAQSOCKETS_H
+#define ZAQSOCKETS_H
+
+#include <stdint.h>
+#include <sys/socket.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define ZAQSOCKETS_API __attribute__((visibility("default")))
+
+/*
+ * Called once for each datagram.
+ *   socket    the handle
+ *   reserved  null
+ *   source    the sender's address (struct sockaddr_in or sockaddr_in6)
+ *   data      the datagram, whole, up to 65507 bytes; may be changed; valid until the return
+ *   length    its length in bytes; 0 for an empty datagram
+ */
+typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr* source,
+                                   unsigned char* data, unsigned int length);
+
+/*
+ * Opens a socket.
+ *
+ *   localAddress     address of the interface to use, "0.0.0.0" or "::" = the system's choice
+ *   remoteAddress    send: destination. receive: the group to join, or any unicast address of the
+ *                    same family, which is not used
+ *   localPort        receive: the port to listen on. send: not used; the system chooses a port,
+ *                    since a socket bound to the port that it sends to would take the datagrams
+ *                    away from a receiver on the same machine
+ *   remotePort       send: destination port
+ *   multicast        1 = remoteAddress is a multicast group; must then agree with the address
+ *   send             1 = send socket, 0 = receive socket
+ *   multicastOption  receive from a group: 0 = join on the interface of localAddress (or of the
+ *                    group's zone), 1 = join on every multicast-capable interface that is up
+ *   ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast datagrams,
+ *                    0 to 255
+ *   callback         receive: not null; not used by a send socket
+ *   context          what ZAQUDPSocket_GetContext returns
+ *
+ * A receive socket of a group gets the datagrams to that group only, from the interfaces on which
+ * it was joined; any number of sockets, also of other processes, may listen to one group and port.
+ * A unicast receive socket has its address and port for itself, but shares the port with groups.
+ * An IPv6 socket does not take the IPv4 port. The receive buffer is 8 MiB, or the most that the
+ * system grants.
+ *
+ * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
+ */
+ZAQSOCKETS_API void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress,
+                                         uint32_t localPort, uint32_t remotePort, int32_t multicast,
+                                         int32_t send, int32_t multicastOption, int32_t ttl,
+                                         ZAQReceiveCallback callback, void* context);
+
+/*
+ * Closes the socket and frees what belongs to it. No callback runs for it after the return; one that
+ * runs at the time is waited for, unless the call comes from within it. Null does nothing.
+ */
+ZAQSOCKETS_API void ZAQUDPSocket_Destroy(void* socket);
+
+/* Returns the context given to Create; null for null. Cheap, and allowed in a callback. */
+ZAQSOCKETS_API void* ZAQUDPSocket_GetContext(void* socket);
+
+/*
+ * Sends `length` bytes (0 to 65507) as one datagram. Returns 1 when the system has taken all of
+ * them, else 0. Blocks while the system's send queue is full, at most for a second. That nobody
+ * listens at the destination is no failure.
+ */
+ZAQSOCKETS_API uint32_t ZAQUDPSocket_SendAll(void* socket, const unsigned char* data,
+                                             uint32_t length);
+
+/*
+ * Parses a numeric address: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone behind '%' (an
+ * interface's name that exists, or its number; RFC 4007). Names, brackets, ports and white space
+ * are refused.
+ *   address    NUL-terminated text; may be null
+ *   bytes      (out) 4 or 16 bytes in network order; may be null
+ *   byteCount  (out) 4 or 16; may be null
+ *   zone       (out) interface number, 0 = none given; may be null
+ *   multicast  (out) 1 = a multicast group, 0 = not; may be null
+ * Returns 2 (AF_INET), 10 (AF_INET6), or 0 for what is not an address; the outputs are written only
+ * when a family is returned.
+ */
+ZAQSOCKETS_API uint32_t ZAQSocketsExtractIPAddress(const char* address, unsigned char* bytes,
+                                                   uint32_t* byteCount, uint32_t* zone,
+                                                   int32_t* multicast);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
