@@ -11,12 +11,12 @@ namespace {
 constexpr mode_t kFileMode = 0777;  // less the process's umask
 
 bool NameFits(const char* name) {
-    return name != nullptr && strnlen(name, sizeof(CZAQShareMemory::Name)) <
-                                  sizeof(CZAQShareMemory::Name);
+    return name != nullptr &&
+           strnlen(name, sizeof(CZAQShareMemory::Name)) < sizeof(CZAQShareMemory::Name);
 }
 
-// Grows the file to `size` by writing single zero bytes: unlike ftruncate() this leaves no holes, so
-// a full disk shows here as a failed write and not later as SIGBUS in the mapping.
+// Grows the file to `size` by writing single zero bytes: unlike ftruncate() this leaves no holes,
+// so a full disk shows here as a failed write and not later as SIGBUS in the mapping.
 bool FillWithZeros(int file, uint32_t size) {
     const unsigned char zero = 0;
     for (auto length = static_cast<uint32_t>(lseek(file, 0, SEEK_END)); length < size; ++length) {
@@ -27,8 +27,7 @@ bool FillWithZeros(int file, uint32_t size) {
 }
 
 bool Map(CZAQShareMemory& segment, uint32_t size) {
-    void* const address =
-        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, segment.File, 0);
+    void* const address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, segment.File, 0);
     if (address == MAP_FAILED) {
         segment.Address = nullptr;
         close(segment.File);

@@ -16,8 +16,7 @@ class ZAQ_EXPORT CZAQShareMemory {
   public:
     // A constant initialiser: an object in static storage is closed and usable before any
     // constructor of the library has run.
-    constexpr CZAQShareMemory() noexcept
-        : File(0), Address(nullptr), Owner(0), Size(0), Name{} {}
+    constexpr CZAQShareMemory() noexcept : File(0), Address(nullptr), Owner(0), Size(0), Name{} {}
     CZAQShareMemory(const CZAQShareMemory&) = delete;
     CZAQShareMemory& operator=(const CZAQShareMemory&) = delete;
 

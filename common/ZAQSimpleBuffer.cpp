@@ -67,7 +67,8 @@ int CZAQSimpleBuffer::Cleanup() {
 }
 
 int CZAQSimpleBuffer::Reset() {
-    // Both sides are quiet here, and whoever starts them again orders these stores before their use.
+    // Both sides are quiet here, and whoever starts them again orders these stores before their
+    // use.
     ReadPos.store(Data, std::memory_order_relaxed);
     WritePos.store(Data, std::memory_order_relaxed);
     SamplePos.store(Data, std::memory_order_relaxed);

@@ -128,8 +128,7 @@ uint32_t CZAQStreamTimer::GetTxBlocks() {
     const MutexLock lock(Lock);
     const uint64_t elapsed = PaceTick.GetTickValue() - StartTick;
     const double due = static_cast<double>(elapsed) * BlocksPerSecond / 1000.0;
-    return LowBits(due) -
-           static_cast<uint32_t>(BlocksTransfered.load(std::memory_order_relaxed));
+    return LowBits(due) - static_cast<uint32_t>(BlocksTransfered.load(std::memory_order_relaxed));
 }
 
 uint32_t CZAQStreamTimer::CalculateBitrate() {
@@ -139,8 +138,8 @@ uint32_t CZAQStreamTimer::CalculateBitrate() {
     if (interval == 0)
         return MeasuredBitrate.load(std::memory_order_relaxed);
     const uint64_t blocks = BlocksTransfered.load(std::memory_order_relaxed);
-    const uint64_t bitrate = (blocks - LastBlocks) * BlockSize.load(std::memory_order_relaxed) *
-                             8000u / interval;
+    const uint64_t bitrate =
+        (blocks - LastBlocks) * BlockSize.load(std::memory_order_relaxed) * 8000u / interval;
     MeasuredBitrate.store(static_cast<uint32_t>(bitrate), std::memory_order_relaxed);
     LastBlocks = blocks;
     LastTick = now;

@@ -46,10 +46,10 @@ int CZAQThread::StartThread(void (*routine)(void*), void* argument, int priority
 }
 
 void CZAQThread::CloseWithWait() {
-    // After fork() the child has a copy of the object but not the thread, and the C library may have
-    // recycled the thread's descriptor: neither join nor detach may touch it.
-    // The join releases all that the thread held, so there is nothing left to detach; the
-    // identifier may by then belong to another thread.
+    // After fork() the child has a copy of the object but not the thread, and the C library may
+    // have recycled the thread's descriptor: neither join nor detach may touch it. The join
+    // releases all that the thread held, so there is nothing left to detach; the identifier may by
+    // then belong to another thread.
     if (ThreadId != 0 && ProcessId == getpid())
         pthread_join(ThreadId, nullptr);
     ThreadId = 0;

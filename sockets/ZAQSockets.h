@@ -68,8 +68,8 @@ ZAQSOCKETS_API void* ZAQUDPSocket_Create(const char* localAddress, const char* r
                                          ZAQReceiveCallback callback, void* context);
 
 /*
- * Closes the socket and frees what belongs to it. No callback runs for it after the return; one that
- * runs at the time is waited for, unless the call comes from within it. Null does nothing.
+ * Closes the socket and frees what belongs to it. No callback runs for it after the return; one
+ * that runs at the time is waited for, unless the call comes from within it. Null does nothing.
  */
 ZAQSOCKETS_API void ZAQUDPSocket_Destroy(void* socket);
 

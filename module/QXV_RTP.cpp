@@ -1,0 +1,189 @@
+// Load and unload, the handle, and what the module tells of itself.
+#include "QXV_RTP.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "Channel.h"
+#include "Module.h"
+
+// Constant-initialised, since the load routine runs before the library's static constructors.
+constinit CZAQShareMemory g_ShareMemory;
+RtpContext* g_pContext = nullptr;
+CZAQThread* g_pThread = nullptr;
+constinit std::atomic<uint32_t> g_ThreadQuit{0};
+uint32_t g_TxChannelCount = kChannels;
+uint32_t g_RxChannelCount = kChannels;
+
+namespace {
+
+constexpr uint16_t kCapabilities = QXV_RTP_CAN_SEND | QXV_RTP_CAN_RECEIVE | QXV_RTP_CAN_RTP |
+                                   QXV_RTP_CAN_RAW | QXV_RTP_CAN_MULTICAST | QXV_RTP_CAN_IPV6;
+constexpr uint32_t kMaximumBufferPackets = 16384;
+
+constexpr uint16_t kFirstPort[kDirections] = {10000, 10100};
+constexpr uint8_t kDefaultTtl = 255;
+
+// A channel as it is before anybody configures it: RTP to or from group 224.1.direction.channel.
+void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
+    RtpChannelContext& record = context.Channels[direction][channel];
+    record.Instance.store(0);
+    record.Direction.store(direction);
+    record.Channel.store(channel);
+    record.Bitrate.store(0);
+    record.BitrateActual.store(0);
+    record.BufferSize.store(0);
+    record.Reopen.store(1);
+    record.RtpSwitchCount.store(0);
+
+    RtpChannelConfig& config = record.Config;
+    strcpy(config.LocalAddress, "0.0.0.0");
+    snprintf(config.RemoteAddress, sizeof(config.RemoteAddress), "224.%d.%d.%d", 1,
+             static_cast<int>(direction), static_cast<int>(channel));
+    config.Multicast = 1;
+    config.Rtp = 1;
+    config.Ttl = kDefaultTtl;
+    config.MulticastOption = 0;
+    config.Port = static_cast<uint16_t>(kFirstPort[direction] + channel);
+    config.Reserved = 0;
+
+    RtpChannelContextExt& row = g_ContextExt[0][direction][channel];
+    row.Cancel.store(1);
+    row.Running.store(0);
+    row.Socket.store(nullptr);
+    row.Thread.store(nullptr);
+    row.Timer.store(nullptr);
+    row.Buffer.store(nullptr);
+}
+
+void LayDownDefaults(RtpContext& context) {
+    context.Instance.store(0);
+    context.HandleCount.store(0);
+    context.TxChannelCount.store(g_TxChannelCount);
+    context.RxChannelCount.store(g_RxChannelCount);
+    for (uint32_t direction = 0; direction < kDirections; ++direction) {
+        for (uint32_t channel = 0; channel < kChannels; ++channel)
+            LayDownChannel(context, direction, channel);
+    }
+}
+
+// A file shorter than the table, which another process may have left, would be mapped without
+// complaint and raise SIGBUS at the first access behind its end.
+bool HoldsTable(int file) {
+    struct stat status {};
+    return fstat(file, &status) == 0 && status.st_size >= static_cast<off_t>(sizeof(RtpContext));
+}
+
+// The segment forgets its file and mapping, which stay for the life of the process: no exit handler
+// and no unload can then unmap the table under a thread that still uses it, or remove the file,
+// which other processes may go on reading until the next load replaces it.
+void ForgetSegment() {
+    new (&g_ShareMemory) CZAQShareMemory;
+}
+
+}  // namespace
+
+int QXV_RTP_Constructor() {
+    for (auto& direction : g_ContextExt[0]) {
+        for (RtpChannelContextExt& row : direction) {
+            row.Cancel.store(0);
+            row.Running.store(0);
+            row.Socket.store(nullptr);
+            row.Thread.store(nullptr);
+            row.Timer.store(nullptr);
+            row.Buffer.store(nullptr);
+        }
+    }
+    char path[sizeof(kSharedMemoryPath)];
+    memcpy(path, kSharedMemoryPath, sizeof(path));
+    if (g_ShareMemory.Create(path, sizeof(RtpContext), 1) == 0)
+        return 0;
+    if (!HoldsTable(g_ShareMemory.File)) {
+        g_ShareMemory.Close();
+        return 0;
+    }
+    g_pContext = reinterpret_cast<RtpContext*>(g_ShareMemory.Address);
+    if (g_ShareMemory.Owner != 0)
+        LayDownDefaults(*g_pContext);
+    ForgetSegment();
+
+    g_ThreadQuit.store(0, std::memory_order_release);
+    // A thread that does not start leaves its object behind with no thread in it; an object that
+    // can not be had leaves none. Sending works either way, and receive sockets wait for the next
+    // load.
+    g_pThread = new (std::nothrow) CZAQThread(&ThreadHouseKeep, nullptr, 0);
+    return 1;
+}
+
+void QXV_RTP_Deconstructor() {
+    g_ThreadQuit.store(1, std::memory_order_release);  // pairs with the thread's acquire
+    if (g_pThread != nullptr) {
+        constexpr unsigned int kWait_ms = 5000;  // the wait itself has no limit
+        g_pThread->CloseWithWait(kWait_ms);
+        delete g_pThread;
+        g_pThread = nullptr;
+    }
+    g_ShareMemory.Close();
+}
+
+__attribute__((constructor)) void Attach_QXV_RTP_SO() {
+    QXV_RTP_Constructor();
+}
+
+__attribute__((destructor)) void Detach_QXV_RTP_SO() {
+    QXV_RTP_Deconstructor();
+}
+
+uint32_t QXV_RTP_GetMaximumBufferPackets(void) {
+    return kMaximumBufferPackets;
+}
+
+uint32_t QXV_RTP_GetInputChannelCount(void) {
+    return g_RxChannelCount;
+}
+
+uint32_t QXV_RTP_GetOutputChannelCount(void) {
+    return g_TxChannelCount;
+}
+
+void* QXV_RTP_Create(int32_t index) {
+    if (index != 0 || g_pContext == nullptr)
+        return nullptr;
+    // Relaxed: set once at load, and the count of handles guards nothing.
+    if (g_pContext->TxChannelCount.load(std::memory_order_relaxed) == 0 &&
+        g_pContext->RxChannelCount.load(std::memory_order_relaxed) == 0)
+        return nullptr;
+    g_pContext->HandleCount.fetch_add(1, std::memory_order_relaxed);
+    return g_pContext;
+}
+
+void QXV_RTP_Destroy(void* handle) {
+    if (handle != nullptr)
+        static_cast<RtpContext*>(handle)->HandleCount.fetch_sub(1, std::memory_order_relaxed);
+}
+
+uint32_t QXV_RTP_Start(void* handle) {
+    return handle != nullptr ? 1 : 0;
+}
+
+uint32_t QXV_RTP_End(void* handle) {
+    return handle != nullptr ? 1 : 0;
+}
+
+uint32_t QXV_RTP_GetDeviceInfo(void* handle, uint8_t* zero, uint8_t* one, uint8_t* capabilityLow,
+                               uint8_t* capabilityHigh) {
+    if (handle == nullptr)
+        return 0;
+    if (zero != nullptr)
+        *zero = 0;
+    if (one != nullptr)
+        *one = 1;
+    if (capabilityLow != nullptr)
+        *capabilityLow = kCapabilities & 0xFF;
+    if (capabilityHigh != nullptr)
+        *capabilityHigh = kCapabilities >> 8;
+    return 1;
+}

@@ -1,0 +1,49 @@
+// The runtime table: what a channel has only in the process that started it.
+#ifndef MODULE_RTPCONTEXTEXT_H
+#define MODULE_RTPCONTEXTEXT_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "Export.h"
+#include "RtpContext.h"
+#include "ZAQSimpleBuffer.h"
+#include "ZAQStreamTimer.h"
+#include "ZAQThread.h"
+
+// The runtime row of one channel, 40 bytes. The pointers are owning; null means absent. The start
+// operations fill them, the end operations free them; how the threads that use them are kept apart
+// from that is said in Channel.h.
+//
+//   field    written by                                             read by
+//   Cancel   load, start (0), cancel, end and transmit thread (1)   send, receive, transmit thread
+//   Running  load, cancel and end (0), start (1, last of all)       housekeeping
+//   Socket   send: transmit thread; receive: housekeeping, end      the same
+//   Thread   send start, send end                                   send end
+//   Timer    start, end                                             transmit, intake, housekeeping
+//   Buffer   start, end                                             send, receive, transmit, intake
+struct RtpChannelContextExt {
+    std::atomic<uint32_t> Cancel;   // 1 = stop requested, or not started
+    std::atomic<uint32_t> Running;  // 1 = started in this process
+    std::atomic<void*> Socket;
+    std::atomic<CZAQThread*> Thread;  // null on receive channels
+    std::atomic<CZAQStreamTimer*> Timer;
+    std::atomic<CZAQSimpleBuffer*> Buffer;
+};
+
+static_assert(std::atomic<void*>::is_always_lock_free);
+static_assert(sizeof(RtpChannelContextExt) == 40);
+static_assert(offsetof(RtpChannelContextExt, Cancel) == 0);
+static_assert(offsetof(RtpChannelContextExt, Running) == 4);
+static_assert(offsetof(RtpChannelContextExt, Socket) == 8);
+static_assert(offsetof(RtpChannelContextExt, Thread) == 16);
+static_assert(offsetof(RtpChannelContextExt, Timer) == 24);
+static_assert(offsetof(RtpChannelContextExt, Buffer) == 32);
+
+// Indexed by instance, of which there is one, direction and channel.
+ZAQ_EXPORT extern RtpChannelContextExt g_ContextExt[1][kDirections][kChannels];
+
+static_assert(sizeof(g_ContextExt) == 1280);
+
+#endif

@@ -1,0 +1,143 @@
+// Starting, feeding, re-pacing and ending send channels.
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "Channel.h"
+#include "Module.h"
+#include "QXV_RTP.h"
+
+namespace {
+
+constexpr useconds_t kFullRingWait_us = 1000;
+constexpr int kUnitShift = 8;
+static_assert(1u << kUnitShift == QXV_RTP_BUFFER_UNIT);
+
+// Stops the channel's thread, which closes its socket as it ends, and frees the channel's objects.
+void Release(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lifecycle) {
+    JoinThread(channel);
+    const ChannelObjects objects = TakeObjects(channel);
+    channel.Row->Socket.store(nullptr, std::memory_order_release);
+}
+
+// What a wrong host left by starting twice. The old thread ends only when it sees Cancel.
+void ReleaseEarlierStart(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lifecycle) {
+    if (channel.Row->Thread.load(std::memory_order_acquire) != nullptr)
+        CancelChannel(channel);
+    Release(channel);
+}
+
+// Writes what fits, up to `length` bytes. False when the channel has no ring.
+bool WriteSome(const Channel& channel, const uint8_t* data, uint32_t length, uint32_t& written) {
+    const zaq::MutexLock lock(channel.Locks->State);
+    CZAQSimpleBuffer* const buffer = channel.Row->Buffer.load(std::memory_order_acquire);
+    if (buffer == nullptr)
+        return false;
+    written = std::min(buffer->GetFreeSize(), length);
+    if (written != 0)
+        buffer->Write(const_cast<unsigned char*>(data), written);
+    return true;
+}
+
+}  // namespace
+
+uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate, uint32_t bufferUnits) {
+    const Channel found = FindChannel(handle, kSend, channel);
+    if (!found || bitrate == 0 || bufferUnits == 0)
+        return 0;
+    const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
+    ReleaseEarlierStart(found);
+
+    // One group of stores for whoever cancels at the same time: the cancel comes before all of them
+    // or after all of them, and Running is the last.
+    const zaq::MutexLock state(found.Locks->State);
+    const uint32_t bufferSize = bufferUnits << kUnitShift;
+    InitStatus(*found.Record, bitrate, bufferSize);
+    found.Row->Cancel.store(0, std::memory_order_release);
+    found.Row->Socket.store(nullptr, std::memory_order_release);
+    MakeObjects(found, bufferSize);
+    // The thread runs from here on and finds timer and buffer in place.
+    found.Row->Thread.store(new CZAQThread(&ThreadTx, found.Record, 0), std::memory_order_release);
+    found.Row->Running.store(1, std::memory_order_release);
+    return 1;
+}
+
+uint32_t QXV_RTP_Send(void* handle, uint32_t channel, const uint8_t* data, uint32_t length) {
+    const Channel found = FindChannel(handle, kSend, channel);
+    if (!found)
+        return 0;
+    if (length == 0)
+        return 1;
+    if (data == nullptr || found.Row->Cancel.load(std::memory_order_acquire) != 0)
+        return 0;
+    uint32_t remaining = length;
+    uint32_t done = 0;
+    for (;;) {
+        uint32_t written = 0;
+        if (!WriteSome(found, data + done, remaining, written))
+            return 0;
+        remaining -= written;
+        done += written;
+        if (written == 0)
+            usleep(kFullRingWait_us);
+        // Completion is tested first: bytes that are all in the ring were taken, cancel or not.
+        if (remaining == 0)
+            return 1;
+        if (found.Row->Cancel.load(std::memory_order_acquire) != 0)
+            return 0;
+    }
+}
+
+uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel) {
+    const Channel found = FindChannel(handle, kSend, channel);
+    if (!found)
+        return 0;
+    CancelChannel(found);  // at once, so that a Send or a start that is under way lets go
+    const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
+    CancelChannel(found);  // again: a start that had the lock has undone it
+    Release(found);
+    ClearStatus(*found.Record);
+    return 1;
+}
+
+uint32_t QXV_RTP_SendCancel(void* handle, uint32_t channel) {
+    const Channel found = FindChannel(handle, kSend, channel);
+    if (!found)
+        return 0;
+    CancelChannel(found);
+    return 1;
+}
+
+uint32_t QXV_RTP_Cancel(void* handle) {
+    // The first channel stands for all: what is refused for it is refused for every one.
+    if (!FindChannel(handle, kSend, 0))
+        return 0;
+    for (uint32_t channel = 0; channel < kChannels; ++channel) {
+        QXV_RTP_SendCancel(handle, channel);
+        QXV_RTP_ReceiveCancel(handle, channel);
+    }
+    return 1;
+}
+
+uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate) {
+    const Channel found = FindChannel(handle, kSend, channel);
+    if (!found)
+        return 0;
+    const zaq::MutexLock lock(found.Locks->State);
+    CZAQStreamTimer* const timer = found.Row->Timer.load(std::memory_order_acquire);
+    if (timer == nullptr)
+        return 0;
+    found.Record->Bitrate.store(bitrate, std::memory_order_relaxed);  // read at detection, if later
+    // Refused, as it should be, while the block size is not known yet and for a bitrate of 0.
+    timer->TxInitialize(timer->GetBlockSize(), bitrate);
+    return 1;
+}
+
+uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t* bitrate) {
+    // The receive channel of that number, on purpose.
+    RtpChannelContext* const record = FindRecord(handle, kReceive, channel);
+    if (record == nullptr || bitrate == nullptr)
+        return 0;
+    *bitrate = record->BitrateActual.load(std::memory_order_relaxed);  // a number for display
+    return 1;
+}

@@ -1,0 +1,136 @@
+// The transmit thread of one send channel: frames, paces and sends datagrams.
+#include <unistd.h>
+
+#include "Channel.h"
+#include "Module.h"
+#include "ZAQSockets.h"
+
+namespace {
+
+constexpr unsigned char kSyncByte = 0x47;  // ISO/IEC 13818-1, 2.4.3.2
+constexpr uint32_t kPacketSize = 188;
+constexpr uint32_t kLongPacketSize = 204;  // with 16 bytes of Reed-Solomon parity
+// Seven packets are the most that fit an Ethernet frame, with an RTP, a UDP and an IP header.
+constexpr uint32_t kPacketsPerDatagram = 7;
+// As a payload size it stands for "not known yet": that many bytes decide on the packet size.
+constexpr uint32_t kDetectionSize = 2048;
+
+constexpr useconds_t kIdleWait_us = 1000;
+constexpr useconds_t kSocketRetry_us = 1000000;
+
+class Transmitter {
+  public:
+    explicit Transmitter(const Channel& channel) : m_Channel(channel) {}
+
+    void Run() {
+        while (m_Channel.Row->Cancel.load(std::memory_order_acquire) == 0)
+            Pass();
+        void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);  // own thread's
+        if (socket != nullptr)
+            ZAQUDPSocket_Destroy(socket);
+        m_Channel.Record->Reopen.store(1, std::memory_order_release);
+        m_Channel.Row->Socket.store(nullptr, std::memory_order_release);
+    }
+
+  private:
+    // Sends one datagram, or waits for what it lacks.
+    void Pass() {
+        if (!HaveSocket()) {
+            usleep(kSocketRetry_us);
+            return;
+        }
+        if (Buffer().GetDataSize() < m_PayloadSize) {
+            usleep(kIdleWait_us);
+            return;
+        }
+        if (m_PayloadSize == kDetectionSize && !Detect()) {
+            CancelOwnChannel();
+            return;
+        }
+        if (Timer().GetBlockSize() == 0)
+            StartPacing();
+        if (Timer().GetTxBlocks() == 0) {
+            usleep(kIdleWait_us);
+            return;
+        }
+        SendDatagram();
+    }
+
+    bool HaveSocket() {
+        const bool open = m_Channel.Row->Socket.load(std::memory_order_relaxed) != nullptr;
+        // Acquire pairs with the release after a new configuration was stored.
+        if (open && m_Channel.Record->Reopen.load(std::memory_order_acquire) == 0)
+            return true;
+        if (open)
+            CloseSocket(m_Channel);
+        return OpenSocket(m_Channel);
+    }
+
+    // Finds the packet size from the first bytes of the stream. One that fits both sizes is taken
+    // as 188.
+    bool Detect() {
+        Buffer().Sample(m_Datagram, kDetectionSize);
+        const auto synchronised = [this](uint32_t packetSize) {
+            return m_Datagram[packetSize] == kSyncByte && m_Datagram[2 * packetSize] == kSyncByte;
+        };
+        if (m_Datagram[0] != kSyncByte)
+            return false;
+        if (synchronised(kPacketSize))
+            m_PayloadSize = kPacketsPerDatagram * kPacketSize;
+        else if (synchronised(kLongPacketSize))
+            m_PayloadSize = kPacketsPerDatagram * kLongPacketSize;
+        else
+            return false;
+        return true;
+    }
+
+    // The timer refuses a bitrate of 0, which SetBitrate may have left in the record; its block
+    // size then stays 0, nothing is due, and the next pass tries again. Under the lock a SetBitrate
+    // comes before the record is read here, or finds the block size and sets the timer itself.
+    void StartPacing() {
+        const zaq::MutexLock lock(m_Channel.Locks->State);
+        Timer().TxInitialize(m_PayloadSize,
+                             m_Channel.Record->Bitrate.load(std::memory_order_relaxed));
+    }
+
+    void SendDatagram() {
+        uint32_t header = 0;
+        if (IsRtp())
+            header = static_cast<uint32_t>(Timer().FillRTPHeader(m_Datagram));
+        Buffer().Read(m_Datagram + header, m_PayloadSize);
+        // Only RTP needs whole packets behind its header (RFC 2250, 2); a raw stream that has lost
+        // its alignment is sent on as it is.
+        if (IsRtp() && m_Datagram[header] != kSyncByte) {
+            CancelOwnChannel();
+            return;
+        }
+        void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);
+        if (ZAQUDPSocket_SendAll(socket, m_Datagram, header + m_PayloadSize) != 0)
+            Timer().IncreaseBlocksTransfered();
+        else
+            m_Channel.Record->Reopen.store(1, std::memory_order_release);
+    }
+
+    // Running stays: the host sees a channel that was started and takes no more.
+    void CancelOwnChannel() { m_Channel.Row->Cancel.store(1, std::memory_order_release); }
+
+    // Relaxed: a byte of its own, looked at for every datagram.
+    bool IsRtp() const {
+        return std::atomic_ref(m_Channel.Record->Config.Rtp).load(std::memory_order_relaxed) == 1;
+    }
+    // Both exist as long as the thread does.
+    CZAQSimpleBuffer& Buffer() { return *m_Channel.Row->Buffer.load(std::memory_order_acquire); }
+    CZAQStreamTimer& Timer() { return *m_Channel.Row->Timer.load(std::memory_order_acquire); }
+
+    const Channel m_Channel;
+    uint32_t m_PayloadSize = kDetectionSize;
+    unsigned char m_Datagram[kDetectionSize];  // the sample, then each datagram
+};
+
+}  // namespace
+
+void ThreadTx(void* argument) {
+    const Channel channel = FindChannel(static_cast<RtpChannelContext*>(argument));
+    if (channel)
+        Transmitter(channel).Run();
+}

@@ -1,0 +1,263 @@
+#include "ReceiveLoop.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+namespace zaqsockets {
+
+namespace {
+
+constexpr int kBatchDatagrams = 64;
+constexpr int kEvents = 64;
+constexpr size_t kLargestDatagram = 65536;  // 65507 bytes of payload fit (IPv6: 65527)
+// The slots' first lines must not share a cache set, or a batch would evict itself.
+constexpr size_t kSlotBytes = kLargestDatagram + 33 * 64;
+constexpr useconds_t kErrorPause_us = 1000;
+
+// Guards the two lists of loops, and in every loop what its declaration says. Constant-initialised
+// and trivially destroyed, so a thread may use it while the process exits. It is never held while a
+// callback runs or a thread is waited for.
+std::mutex g_Lock;
+ReceiveLoop* g_Loop = nullptr;   // serves new sockets
+ReceiveLoop* g_Ended = nullptr;  // ended by themselves, not collected yet
+
+}  // namespace
+
+// Storage of one recvmmsg() call.
+struct ReceiveLoop::Batch {
+    mmsghdr Messages[kBatchDatagrams];
+    iovec Vectors[kBatchDatagrams];
+    sockaddr_in6 Sources[kBatchDatagrams];  // the larger of the two families
+    unsigned char Slots[kBatchDatagrams][kSlotBytes];
+
+    // The slots stay untouched, and so without memory behind them, until datagrams fill them.
+    void Prepare() {
+        for (int i = 0; i < kBatchDatagrams; ++i) {
+            Vectors[i] = {Slots[i], kLargestDatagram};
+            Messages[i] = {};
+            Messages[i].msg_hdr.msg_iov = &Vectors[i];
+            Messages[i].msg_hdr.msg_iovlen = 1;
+            Messages[i].msg_hdr.msg_name = &Sources[i];
+            Messages[i].msg_hdr.msg_namelen = sizeof(Sources[i]);
+        }
+    }
+};
+
+ReceiveLoop::ReceiveLoop()
+    : m_Process(getpid()),
+      m_Epoll(epoll_create1(EPOLL_CLOEXEC)),
+      m_Wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_Batch(new (std::nothrow) Batch) {
+    if (m_Batch)
+        m_Batch->Prepare();
+}
+
+ReceiveLoop::~ReceiveLoop() {
+    FreeDead();
+}
+
+ReceiveLoop* ReceiveLoop::Start() {
+    ReceiveLoop* const loop = new (std::nothrow) ReceiveLoop;
+    if (loop == nullptr)
+        return nullptr;
+    epoll_event wakeup{};
+    wakeup.events = EPOLLIN;
+    bool started = false;
+    if (loop->m_Epoll && loop->m_Wakeup && loop->m_Batch &&
+        epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_ADD, loop->m_Wakeup.Number(), &wakeup) == 0) {
+        // The thread inherits the mask: the host's signal handlers run on the host's threads.
+        sigset_t all;
+        sigset_t previous;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &previous);
+        started = pthread_create(&loop->m_Thread, nullptr, &ReceiveLoop::Run, loop) == 0;
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    }
+    if (!started) {
+        delete loop;
+        return nullptr;
+    }
+    return loop;
+}
+
+bool ReceiveLoop::Attach(ReceiveSocket& socket) {
+    Collect();
+    const std::lock_guard lock(g_Lock);
+    // After fork() the parent's loop is of no use to the child: its thread is not there.
+    if (g_Loop != nullptr && g_Loop->m_Process != getpid())
+        g_Loop = nullptr;
+    ReceiveLoop* const loop = g_Loop != nullptr ? g_Loop : Start();
+    if (loop == nullptr)
+        return false;
+    g_Loop = loop;
+    socket.Loop = loop;
+    epoll_event readable{};
+    readable.events = EPOLLIN;
+    readable.data.ptr = &socket;
+    if (epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_ADD, socket.File.Number(), &readable) != 0) {
+        // A loop that was made for this socket finds itself without any and ends.
+        loop->Wake();
+        return false;
+    }
+    ++loop->m_Sockets;
+    return true;
+}
+
+void ReceiveLoop::Detach(ReceiveSocket* socket) {
+    ReceiveLoop* const loop = socket->Loop;
+    if (loop->m_Process != getpid()) {
+        // In a child of fork() no thread serves the socket. The epoll instance is shared with the
+        // parent, whose registration must stay.
+        delete socket;
+        return;
+    }
+    socket->Closed.store(true, std::memory_order_release);  // the lock below orders it, too
+    epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_DEL, socket->File.Number(), nullptr);
+    const bool inCallback = loop->IsOwnThread();
+    if (!inCallback) {
+        const std::lock_guard left(socket->Busy);
+    }
+    socket->File.Close();
+
+    bool last;
+    {
+        const std::lock_guard lock(g_Lock);
+        // The loop may hold an event for the socket that it has not looked at yet, so the memory
+        // goes when it waits for new ones.
+        socket->NextDead = loop->m_Dead;
+        loop->m_Dead = socket;
+        last = --loop->m_Sockets == 0 && !inCallback && g_Loop == loop;
+        if (last) {
+            g_Loop = nullptr;
+            loop->m_Stop = true;
+        }
+        // Within the lock: without it the loop might see that it has no socket, end, and be
+        // collected, before it is woken.
+        loop->Wake();
+    }
+    if (last)
+        loop->Join();
+    if (!inCallback)
+        Collect();
+}
+
+void ReceiveLoop::Collect() {
+    ReceiveLoop* ended;
+    {
+        const std::lock_guard lock(g_Lock);
+        ended = g_Ended;
+        g_Ended = nullptr;
+    }
+    while (ended != nullptr) {
+        ReceiveLoop* const next = ended->m_NextEnded;
+        ended->Join();
+        ended = next;
+    }
+}
+
+void ReceiveLoop::Join() {
+    if (m_Process == getpid())
+        pthread_join(m_Thread, nullptr);
+    delete this;
+}
+
+void ReceiveLoop::Wake() const {
+    const uint64_t one = 1;
+    // Full means that a wake-up is pending already.
+    [[maybe_unused]] const ssize_t written = write(m_Wakeup.Number(), &one, sizeof(one));
+}
+
+void ReceiveLoop::FreeDead() {
+    ReceiveSocket* dead;
+    {
+        const std::lock_guard lock(g_Lock);
+        dead = m_Dead;
+        m_Dead = nullptr;
+    }
+    while (dead != nullptr) {
+        ReceiveSocket* const next = dead->NextDead;
+        delete dead;
+        dead = next;
+    }
+}
+
+// Is the thread to end, because it was told to, or because a callback destroyed the last socket?
+bool ReceiveLoop::Ends() {
+    const std::lock_guard lock(g_Lock);
+    if (m_Stop)
+        return true;
+    if (m_Sockets != 0 || g_Loop != this)
+        return false;
+    g_Loop = nullptr;
+    m_NextEnded = g_Ended;
+    g_Ended = this;
+    return true;
+}
+
+void* ReceiveLoop::Run(void* loop) {
+    auto& self = *static_cast<ReceiveLoop*>(loop);
+    pthread_setname_np(pthread_self(), "zaq-receive");
+    for (;;) {
+        epoll_event events[kEvents];
+        const int count = epoll_wait(self.m_Epoll.Number(), events, kEvents, -1);
+        if (count < 0 && errno != EINTR)
+            usleep(kErrorPause_us);
+        bool woken = false;
+        for (int i = 0; i < count; ++i) {
+            if (events[i].data.ptr != nullptr)
+                self.Serve(*static_cast<ReceiveSocket*>(events[i].data.ptr));
+            else
+                woken = true;
+        }
+        if (!woken)
+            continue;
+        uint64_t wakeups;
+        [[maybe_unused]] const ssize_t size =
+            read(self.m_Wakeup.Number(), &wakeups, sizeof(wakeups));
+        self.FreeDead();
+        if (self.Ends())
+            return nullptr;
+    }
+}
+
+// Takes one batch. What is left makes the socket readable again, after the others had their turn.
+void ReceiveLoop::Serve(ReceiveSocket& socket) {
+    const std::lock_guard busy(socket.Busy);
+    if (socket.Closed.load(std::memory_order_acquire))
+        return;
+    const int count =
+        recvmmsg(socket.File.Number(), m_Batch->Messages, kBatchDatagrams, MSG_DONTWAIT, nullptr);
+    if (count > 0)
+        Deliver(socket, count);
+    else if (count < 0 && errno != EAGAIN && errno != EINTR)
+        usleep(kErrorPause_us);  // an error that stays must not turn this thread into a busy loop
+}
+
+void ReceiveLoop::Deliver(ReceiveSocket& socket, int count) {
+    for (int i = 0; i < count; ++i) {
+        mmsghdr& message = m_Batch->Messages[i];
+        // A callback may destroy its own socket, another thread wants to destroy it soon.
+        if (!socket.Closed.load(std::memory_order_acquire))
+            socket.Callback(
+                socket.Handle, nullptr, static_cast<sockaddr*>(message.msg_hdr.msg_name),
+                static_cast<unsigned char*>(message.msg_hdr.msg_iov->iov_base), message.msg_len);
+        message.msg_hdr.msg_namelen = sizeof(m_Batch->Sources[i]);  // the kernel has shortened it
+    }
+}
+
+}  // namespace zaqsockets
+
+static const pid_t g_LoadedBy = getpid();
+
+// Unloading: a loop that a callback brought to its end must be gone before the code is. Not in a
+// child of fork(), which has none of the threads, and where one of them may have left a lock
+// closed.
+__attribute__((destructor)) static void CollectAtUnload() {
+    if (g_LoadedBy == getpid())
+        zaqsockets::ReceiveLoop::Collect();
+}

@@ -1,0 +1,222 @@
+#include "SocketOptions.h"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+namespace zaqsockets {
+
+namespace {
+
+// At the kernel's default of 208 KiB a receiver loses datagrams from about 200 Mbit/s on.
+constexpr int kReceiveBufferBytes = 8 << 20;
+constexpr time_t kSendTimeout_s = 1;
+
+#ifndef IPV6_MULTICAST_ALL
+#define IPV6_MULTICAST_ALL 29  // since Linux 4.20; missing in older headers
+#endif
+
+template <typename Value>
+bool Set(const Descriptor& socket, int level, int name, const Value& value) {
+    return setsockopt(socket.Number(), level, name, &value, sizeof(value)) == 0;
+}
+
+Descriptor OpenSocket(const Address& address, int flags) {
+    Descriptor socket(::socket(address.Family(), SOCK_DGRAM | SOCK_CLOEXEC | flags, IPPROTO_UDP));
+    // An IPv6 socket would otherwise take the IPv4 port, too (ipv6(7)).
+    if (socket && address.IsIPv6() && !Set(socket, IPPROTO_IPV6, IPV6_V6ONLY, 1))
+        return Descriptor();
+    return socket;
+}
+
+bool Bind(const Descriptor& socket, const Address& address) {
+    return bind(socket.Number(), address.Get(), address.Size()) == 0;
+}
+
+using Interfaces = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
+
+Interfaces ListInterfaces() {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0)
+        list = nullptr;
+    return {list, &freeifaddrs};
+}
+
+// The interface that has the address; 0 when none has.
+uint32_t InterfaceOf(const Address& address) {
+    const Interfaces list = ListInterfaces();
+    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET6)
+            continue;
+        sockaddr_in6 candidate{};
+        memcpy(&candidate, entry->ifa_addr, sizeof(candidate));
+        if (IN6_ARE_ADDR_EQUAL(&candidate.sin6_addr, &address.IPv6()))
+            return if_nametoindex(entry->ifa_name);
+    }
+    return 0;
+}
+
+// The interface on which an IPv6 group is meant; 0 = the system's choice by its routes. False when
+// the local address belongs to no interface.
+bool GroupInterface(const Address& local, const Address& group, uint32_t& interface) {
+    interface = group.Zone() != 0 ? group.Zone() : local.Zone();
+    if (interface != 0 || local.IsAny())
+        return true;
+    interface = InterfaceOf(local);
+    return interface != 0;
+}
+
+bool Join4(const Descriptor& socket, const Address& group, const in_addr& local,
+           uint32_t interface) {
+    ip_mreqn membership{};
+    membership.imr_multiaddr = group.IPv4();
+    membership.imr_address = local;
+    membership.imr_ifindex = static_cast<int>(interface);
+    return Set(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership);
+}
+
+bool Join6(const Descriptor& socket, const Address& group, uint32_t interface) {
+    ipv6_mreq membership{};
+    membership.ipv6mr_multiaddr = group.IPv6();
+    membership.ipv6mr_interface = interface;
+    return Set(socket, IPPROTO_IPV6, IPV6_JOIN_GROUP, membership);
+}
+
+bool JoinEverywhere(const Descriptor& socket, const Address& group) {
+    constexpr unsigned int kWanted = IFF_UP | IFF_MULTICAST;
+    bool joined = false;
+    const Interfaces list = ListInterfaces();
+    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+        if ((entry->ifa_flags & kWanted) != kWanted)
+            continue;
+        // An interface stands here once for each of its addresses; joining it again is refused by
+        // the kernel and changes nothing.
+        const uint32_t interface = if_nametoindex(entry->ifa_name);
+        if (group.IsIPv6() ? Join6(socket, group, interface)
+                           : Join4(socket, group, in_addr{}, interface))
+            joined = true;
+    }
+    return joined;
+}
+
+// Linux otherwise delivers every group that any socket of the machine has joined to every socket
+// that is bound to the port and not to another address (ip(7), IP_MULTICAST_ALL).
+bool OwnGroupsOnly(const Descriptor& socket, const Address& address) {
+    return address.IsIPv6() ? Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0)
+                            : Set(socket, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+}
+
+// The largest buffer that can be had: with CAP_NET_ADMIN as asked for, else cut by the system to
+// net.core.rmem_max. A socket with less is still a socket.
+void EnlargeReceiveBuffer(const Descriptor& socket) {
+    if (!Set(socket, SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBufferBytes))
+        Set(socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
+}
+
+// Interface, TTL and loopback of sent multicast.
+bool SetMulticastOutput(const Descriptor& socket, const Address& local, Address& group, int ttl) {
+    if (!group.IsIPv6()) {
+        ip_mreqn interface {};
+        interface.imr_address = local.IPv4();
+        return (local.IsAny() || Set(socket, IPPROTO_IP, IP_MULTICAST_IF, interface)) &&
+               Set(socket, IPPROTO_IP, IP_MULTICAST_TTL, ttl) &&
+               Set(socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1);
+    }
+    uint32_t interface;
+    if (!GroupInterface(local, group, interface))
+        return false;
+    if (group.IsZoneLocalGroup())
+        group.SetZone(interface);
+    return (interface == 0 ||
+            Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(interface))) &&
+           Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl) &&
+           Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 1);
+}
+
+// Does a unicast socket have the port already? Sockets bound to a group do not stand in the way of
+// the loopback address, others of any address do.
+bool HasUnicastListener(const Address& any) {
+    Address loopback;
+    loopback.Parse(any.IsIPv6() ? "::1" : "127.0.0.1");
+    loopback.SetPort(ntohs(any.IsIPv6()
+                               ? reinterpret_cast<const sockaddr_in6*>(any.Get())->sin6_port
+                               : reinterpret_cast<const sockaddr_in*>(any.Get())->sin_port));
+    const Descriptor probe = OpenSocket(loopback, 0);
+    return !probe || !Bind(probe, loopback);
+}
+
+// Two unicast sockets on one address and port would, with SO_REUSEADDR, silently take the datagrams
+// from each other; so the first bind goes without. But the any-address also collides with groups on
+// the same port, which are no rivals: then, and for groups that come later, the port is shared.
+bool BindUnicast(const Descriptor& socket, const Address& local) {
+    if (!Bind(socket, local)) {
+        if (errno != EADDRINUSE || !local.IsAny() || HasUnicastListener(local) ||
+            !Set(socket, SOL_SOCKET, SO_REUSEADDR, 1) || !Bind(socket, local))
+            return false;
+    }
+    return Set(socket, SOL_SOCKET, SO_REUSEADDR, 1);
+}
+
+}  // namespace
+
+Descriptor OpenSendSocket(const Address& local, const Address& remote, int ttl) {
+    Descriptor socket = OpenSocket(remote, 0);
+    Address destination = remote;
+    if (!socket || (remote.IsMulticast() && !SetMulticastOutput(socket, local, destination, ttl)))
+        return Descriptor();
+    // A datagram above the path's MTU is fragmented. Otherwise the kernel refuses it, once a router
+    // has reported a smaller MTU (ip(7), IP_MTU_DISCOVER).
+    const bool fragmentation =
+        remote.IsIPv6() ? Set(socket, IPPROTO_IPV6, IPV6_MTU_DISCOVER, IPV6_PMTUDISC_DONT)
+                        : Set(socket, IPPROTO_IP, IP_MTU_DISCOVER, IP_PMTUDISC_DONT);
+    // A subnet's broadcast address is a destination like another.
+    const bool broadcast = remote.IsIPv6() || Set(socket, SOL_SOCKET, SO_BROADCAST, 1);
+    // A send queue that never moves again must not hold the sending thread for ever.
+    const bool bounded = Set(socket, SOL_SOCKET, SO_SNDTIMEO, timeval{kSendTimeout_s, 0});
+    if (!fragmentation || !broadcast || !bounded || (!local.IsAny() && !Bind(socket, local)) ||
+        connect(socket.Number(), destination.Get(), destination.Size()) != 0)
+        return Descriptor();
+    return socket;
+}
+
+Descriptor OpenGroupSocket(const Address& local, const Address& group, bool everywhere) {
+    Descriptor socket = OpenSocket(group, SOCK_NONBLOCK);
+    Address bound = group;
+    uint32_t interface = 0;
+    if (!socket || (group.IsIPv6() && !GroupInterface(local, group, interface)))
+        return Descriptor();
+    if (group.IsZoneLocalGroup()) {
+        bound.SetZone(interface);
+        everywhere = false;  // such a group is another one on every interface
+    }
+    EnlargeReceiveBuffer(socket);
+    // Bound to the group itself, so that the port's other groups and its unicast stay out.
+    if (!Set(socket, SOL_SOCKET, SO_REUSEADDR, 1) || !OwnGroupsOnly(socket, group) ||
+        !Bind(socket, bound))
+        return Descriptor();
+    if (everywhere)
+        return JoinEverywhere(socket, group) ? std::move(socket) : Descriptor();
+    if (!group.IsIPv6())
+        return Join4(socket, group, local.IPv4(), 0) ? std::move(socket) : Descriptor();
+    // IPv6 membership does not look at the interface by which a datagram came (unlike IPv4, where
+    // it does): a group that another socket joined elsewhere would come in here, too.
+    if (interface != 0)
+        Set(socket, SOL_SOCKET, SO_BINDTOIFINDEX, static_cast<int>(interface));
+    return Join6(socket, group, interface) ? std::move(socket) : Descriptor();
+}
+
+Descriptor OpenUnicastSocket(const Address& local) {
+    Descriptor socket = OpenSocket(local, SOCK_NONBLOCK);
+    if (!socket)
+        return Descriptor();
+    EnlargeReceiveBuffer(socket);
+    if (!OwnGroupsOnly(socket, local) || !BindUnicast(socket, local))
+        return Descriptor();
+    return socket;
+}
+
+}  // namespace zaqsockets

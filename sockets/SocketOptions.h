@@ -1,0 +1,24 @@
+// Opens sockets: binding, group membership, buffers.
+#ifndef SOCKETS_SOCKETOPTIONS_H
+#define SOCKETS_SOCKETOPTIONS_H
+
+#include "Address.h"
+#include "Descriptor.h"
+
+namespace zaqsockets {
+
+// Each returns an empty descriptor, with nothing left open, when any step fails.
+
+// Connected to `remote`, which carries the port; bound to `local` unless that is the any-address.
+Descriptor OpenSendSocket(const Address& local, const Address& remote, int ttl);
+
+// Bound to `group`, which carries the port, and joined on the interface of `local`, of the group's
+// zone or of the system's choice; or, with `everywhere`, on all that are up and can multicast.
+Descriptor OpenGroupSocket(const Address& local, const Address& group, bool everywhere);
+
+// Bound to `local`, which carries the port.
+Descriptor OpenUnicastSocket(const Address& local);
+
+}  // namespace zaqsockets
+
+#endif
