@@ -1,0 +1,116 @@
+// The streaming module, loaded when a command needs it, and its channels.
+#ifndef TOOLS_HOSTMODULE_H
+#define TOOLS_HOSTMODULE_H
+
+#include <cstdint>
+#include <span>
+
+#include "QXV_RTP.h"
+#include "RtpContextExt.h"
+
+// The tool does not link with the module: loading it replaces the shared table of this machine's
+// other users, which neither a help text nor a usage error may do. While the object lives, the
+// module is loaded and the process holds a handle.
+//
+// Thread safety: as the module's own functions; the tables are read from any thread.
+class HostModule {
+  public:
+    HostModule();  // throws Failure
+    HostModule(const HostModule&) = delete;
+    HostModule& operator=(const HostModule&) = delete;
+    ~HostModule();
+
+    void* handle() const { return handle_; }
+
+    // The channel's record in the shared table.
+    const RtpChannelContext& record(uint32_t direction, uint32_t channel) const;
+
+    // The channel's runtime row. Its objects exist only from the channel's start to its end, which
+    // are up to the caller.
+    const RtpChannelContextExt& row(uint32_t direction, uint32_t channel) const;
+
+    struct Functions {
+        decltype(&QXV_RTP_Create) Create;
+        decltype(&QXV_RTP_Destroy) Destroy;
+        decltype(&QXV_RTP_SetConfig) SetConfig;
+        decltype(&QXV_RTP_SendStart) SendStart;
+        decltype(&QXV_RTP_Send) Send;
+        decltype(&QXV_RTP_SendCancel) SendCancel;
+        decltype(&QXV_RTP_SendEnd) SendEnd;
+        decltype(&QXV_RTP_ReceiveStart) ReceiveStart;
+        decltype(&QXV_RTP_Receive) Receive;
+        decltype(&QXV_RTP_ReceiveCancel) ReceiveCancel;
+        decltype(&QXV_RTP_ReceiveEnd) ReceiveEnd;
+    };
+    const Functions& call() const { return functions_; }
+
+  private:
+    class Library {
+      public:
+        Library();
+        Library(const Library&) = delete;
+        Library& operator=(const Library&) = delete;
+        ~Library();
+        void* symbol(const char* name) const;
+
+      private:
+        void* library_;
+    };
+
+    Library library_;
+    Functions functions_;
+    RtpChannelContextExt (*rows_)[kDirections][kChannels];
+    void* handle_;
+};
+
+// What send and receive channels have in common: a configuration, a socket that may or may not be
+// open, and a ring buffer to look into.
+class HostChannel {
+  public:
+    HostChannel(const HostChannel&) = delete;
+    HostChannel& operator=(const HostChannel&) = delete;
+
+    uint32_t number() const { return channel_; }
+    bool socketIsOpen() const;
+    bool isCancelled() const;
+    uint32_t measuredBitrate() const;  // bits per second, refreshed once a second
+    bool isRtp() const;                // as configured (send) or detected (receive)
+    uint32_t bufferedBytes() const;
+    uint32_t freeBytes() const;
+    uint64_t datagrams() const;  // sent successfully, or received
+
+  protected:
+    // Stores the configuration; throws Failure when the module refuses it.
+    HostChannel(HostModule& module, uint32_t direction, uint32_t channel, RtpChannelConfig config);
+    ~HostChannel() = default;
+
+    HostModule& module_;
+    const uint32_t direction_;
+    const uint32_t channel_;
+};
+
+// A started send channel; its destruction drops what has not been sent.
+class SendChannel : public HostChannel {
+  public:
+    SendChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config,
+                uint32_t bitrate_bps);
+    ~SendChannel();
+
+    // Bytes that the ring buffer holds for the given rate: a quarter of a second. Longer only adds
+    // delay; much shorter, and a busy machine lets it run dry.
+    static uint32_t ringUnits(uint32_t bitrate_bps);
+
+    bool send(std::span<const uint8_t> data);  // blocks while the data does not fit
+};
+
+// A started receive channel.
+class ReceiveChannel : public HostChannel {
+  public:
+    ReceiveChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config);
+    ~ReceiveChannel();
+
+    // Takes what is there, as far as it fits, without waiting; returns the number of bytes.
+    size_t receive(std::span<uint8_t> space);
+};
+
+#endif

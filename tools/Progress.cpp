@@ -1,0 +1,65 @@
+#include "Progress.h"
+
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace {
+
+constexpr std::chrono::milliseconds kInterval{250};
+
+// A longer line would wrap, and the next one could not take its place.
+size_t terminalWidth() {
+    winsize size{};
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
+        return 80;
+    return size.ws_col;
+}
+
+}  // namespace
+
+Progress::Progress() : terminal_(isatty(STDERR_FILENO) == 1) {}
+
+Progress::~Progress() {
+    clear();
+}
+
+std::chrono::milliseconds Progress::elapsed() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_);
+}
+
+bool Progress::due() {
+    if (!terminal_ || Clock::now() < next_)
+        return false;
+    next_ = Clock::now() + kInterval;
+    return true;
+}
+
+void Progress::show(const std::string& line) {
+    if (!terminal_)
+        return;
+    fmt::print(stderr, "\r\033[K{}", line.substr(0, terminalWidth() - 1));
+    std::fflush(stderr);
+    shown_ = true;
+}
+
+void Progress::summary(const std::string& line) {
+    clear();
+    if (terminal_)
+        fmt::print(stderr, "{}\n", line);
+}
+
+void Progress::clear() {
+    if (shown_)
+        fmt::print(stderr, "\r\033[K");
+    shown_ = false;
+}
+
+std::string formatTime(std::chrono::milliseconds time) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time).count();
+    if (seconds >= 3600)
+        return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
+    return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
+}

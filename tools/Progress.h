@@ -1,0 +1,39 @@
+// The line on the terminal that shows how far a command has come.
+#ifndef TOOLS_PROGRESS_H
+#define TOOLS_PROGRESS_H
+
+#include <chrono>
+#include <string>
+
+// Writes to standard error if that is a terminal, and nothing otherwise: no line of progress, and
+// no summary, ends up in a log file.
+class Progress {
+  public:
+    Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress();  // takes the line away, so that an error message begins a line of its own
+
+    std::chrono::milliseconds elapsed() const;
+
+    // True a few times a second, on a terminal; a call of show() should follow.
+    bool due();
+    void show(const std::string& line);
+
+    // Replaces the line of progress for good.
+    void summary(const std::string& line);
+
+  private:
+    void clear();
+
+    using Clock = std::chrono::steady_clock;
+    bool terminal_;
+    bool shown_ = false;
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point next_ = start_;
+};
+
+// "0:07", "1:02:03".
+std::string formatTime(std::chrono::milliseconds time);
+
+#endif

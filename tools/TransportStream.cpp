@@ -1,0 +1,169 @@
+#include "TransportStream.h"
+
+#include <bitstream/mpeg/ts.h>
+
+#include <algorithm>
+
+namespace {
+
+constexpr uint8_t kSyncByte = 0x47;
+constexpr size_t kSyncRun = 5;
+constexpr size_t kSyncRunAtLeast = 3;
+
+constexpr uint64_t kPcrHz = 27'000'000;
+constexpr uint64_t kPcrModulus = (uint64_t{1} << 33) * 300;
+// PCRs come at least every 100 ms; muxers that are lax about it stay below this. A greater step,
+// and any step backwards, is a splice.
+constexpr uint64_t kPcrStepLimit = kPcrHz;
+
+constexpr uint8_t kFlagsOnly = 1;    // length of an adaptation field that has the flags
+constexpr uint8_t kFlagsAndPcr = 7;  // ... and a PCR
+
+bool isRunOfPackets(std::span<const uint8_t> data, size_t packetSize) {
+    const size_t room = (data.size() + packetSize - 1) / packetSize;
+    const size_t run = std::min(room, kSyncRun);
+    if (run < kSyncRunAtLeast)
+        return false;
+    for (size_t i = 0; i < run; ++i) {
+        if (data[i * packetSize] != kSyncByte)
+            return false;
+    }
+    return true;
+}
+
+// A send channel decides for 188 by these three bytes alone. Where parity bytes happen to look like
+// that, the stream has to begin with another packet.
+bool looksLike188(std::span<const uint8_t> data) {
+    return data.size() > 2 * kPacketBytes && data[kPacketBytes] == kSyncByte &&
+           data[2 * kPacketBytes] == kSyncByte;
+}
+
+bool hasAdaptation(const uint8_t* packet, uint8_t length) {
+    return ts_has_adaptation(packet) && ts_get_adaptation(packet) >= length &&
+           ts_get_adaptation(packet) < kPacketBytes - TS_HEADER_SIZE;
+}
+
+bool isDiscontinuous(const uint8_t* packet) {
+    return hasAdaptation(packet, kFlagsOnly) && tsaf_has_discontinuity(packet);
+}
+
+}  // namespace
+
+std::optional<PacketLayout> findPackets(std::span<const uint8_t> data) {
+    for (size_t offset = 0; offset < data.size(); ++offset) {
+        const auto rest = data.subspan(offset);
+        if (rest.front() != kSyncByte)
+            continue;
+        if (isRunOfPackets(rest, kPacketBytes))
+            return PacketLayout{kPacketBytes, offset};
+        if (isRunOfPackets(rest, kPacketWithParityBytes) && !looksLike188(rest))
+            return PacketLayout{kPacketWithParityBytes, offset};
+    }
+    return std::nullopt;
+}
+
+void appendNullPackets(std::vector<uint8_t>& data, size_t packetSize, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        const size_t begin = data.size();
+        data.resize(begin + packetSize, 0xFF);
+        ts_pad(data.data() + begin);
+    }
+}
+
+void PcrBitrate::add(const uint8_t* packet) {
+    const uint64_t position = position_;
+    position_ += packetSize_;
+    if (!ts_validate(packet) || ts_get_transporterror(packet) ||
+        !hasAdaptation(packet, kFlagsAndPcr) || !tsaf_has_pcr(packet))
+        return;
+    const uint64_t pcr = tsaf_get_pcr(packet) * 300 + tsaf_get_pcrext(packet);
+    const auto [found, isNew] = clocks_.try_emplace(ts_get_pid(packet));
+    Clock& clock = found->second;
+    if (!isNew && !isDiscontinuous(packet)) {
+        const uint64_t step = (pcr + kPcrModulus - clock.lastPcr) % kPcrModulus;
+        if (step <= kPcrStepLimit) {
+            clock.ticks += step;
+            clock.bytes += position - clock.lastPosition;
+        }
+    }
+    clock.lastPcr = pcr;
+    clock.lastPosition = position;
+}
+
+const PcrBitrate::Clock* PcrBitrate::longest() const {
+    const Clock* best = nullptr;
+    for (const auto& [pid, clock] : clocks_) {
+        if (clock.ticks > 0 && (best == nullptr || clock.ticks > best->ticks))
+            best = &clock;
+    }
+    return best;
+}
+
+std::optional<uint64_t> PcrBitrate::bitrate() const {
+    const Clock* const clock = longest();
+    if (clock == nullptr)
+        return std::nullopt;
+    const double bits = static_cast<double>(clock->bytes) * 8.0;
+    return static_cast<uint64_t>(
+        bits * static_cast<double>(kPcrHz) / static_cast<double>(clock->ticks) + 0.5);
+}
+
+double PcrBitrate::seconds() const {
+    const Clock* const clock = longest();
+    return clock == nullptr ? 0.0 : static_cast<double>(clock->ticks) / static_cast<double>(kPcrHz);
+}
+
+void ContinuityCounter::add(const uint8_t* packet) {
+    // The header of a packet that is marked as damaged cannot be trusted. In null packets the
+    // counter means nothing.
+    const uint16_t pid = ts_get_pid(packet);
+    if (ts_get_transporterror(packet) || pid == kNullPid)
+        return;
+    uint8_t& last = last_[pid];
+    if (isDiscontinuous(packet))
+        last = kUnknown;
+    if (!ts_has_payload(packet))
+        return;  // the counter stands still in packets without payload
+    const uint8_t counter = ts_get_cc(packet);
+    if (last != kUnknown) {
+        const uint8_t before = last & 0x0F;
+        if (ts_check_duplicate(counter, before) && (last & kRepeated) == 0) {
+            last |= kRepeated;
+            return;
+        }
+        if (ts_check_discontinuity(counter, before))
+            ++errors_;
+    }
+    last = counter;
+}
+
+bool PacketSplitter::synchronise() {
+    // Enough for a full run of the longer packets behind any offset within one packet.
+    constexpr size_t kWindow = (kSyncRun + 1) * kPacketWithParityBytes;
+    if (pending_.size() < kWindow)
+        return false;
+    const auto layout = findPackets(pending_);
+    // Without a layout the end is kept: a run may begin there.
+    const size_t skip = layout ? layout->offset : pending_.size() - kWindow + 1;
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(skip));
+    packetSize_ = layout ? layout->packetSize : 0;
+    return layout.has_value();
+}
+
+void PacketSplitter::feed(std::span<const uint8_t> bytes, const Sink& sink) {
+    pending_.insert(pending_.end(), bytes.begin(), bytes.end());
+    while (packetSize_ != 0 || synchronise()) {
+        size_t begin = 0;
+        while (pending_.size() - begin >= packetSize_ && pending_[begin] == kSyncByte) {
+            sink(pending_.data() + begin);
+            ++packets_;
+            begin += packetSize_;
+        }
+        const bool lost = pending_.size() - begin >= packetSize_;
+        pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(begin));
+        if (!lost)
+            return;
+        ++syncLosses_;
+        packetSize_ = 0;
+    }
+}

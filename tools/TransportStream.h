@@ -1,0 +1,99 @@
+// Reading MPEG transport streams (ISO/IEC 13818-1): where the packets are, at what rate they are
+// meant to flow, and whether any are missing.
+#ifndef TOOLS_TRANSPORTSTREAM_H
+#define TOOLS_TRANSPORTSTREAM_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <unordered_map>
+#include <vector>
+
+inline constexpr size_t kPacketBytes = 188;
+inline constexpr size_t kPacketWithParityBytes = 204;  // with 16 bytes of Reed-Solomon parity
+inline constexpr size_t kPacketsPerDatagram = 7;       // as many as fit an Ethernet frame
+inline constexpr uint16_t kNullPid = 0x1FFF;
+
+struct PacketLayout {
+    size_t packetSize;  // 188 or 204
+    size_t offset;      // of the first packet
+};
+
+// Looks for the first place from which on the sync bytes stand one packet apart: five of them, or
+// as many as the data has room for, but three at least.
+std::optional<PacketLayout> findPackets(std::span<const uint8_t> data);
+
+// Appends `count` null packets of that size.
+void appendNullPackets(std::vector<uint8_t>& data, size_t packetSize, size_t count);
+
+// The rate of a stream by its own clock: bytes between the PCRs of one PID, over the time between
+// them. Of several PIDs with PCRs the one counts that covers the longest time.
+class PcrBitrate {
+  public:
+    explicit PcrBitrate(size_t packetSize) : packetSize_(packetSize) {}
+
+    // Packets are added in order, each of them.
+    void add(const uint8_t* packet);
+
+    // Bits per second, all bytes of the packets counted; nothing before two PCRs have been seen.
+    std::optional<uint64_t> bitrate() const;
+
+    // Time covered by the clock that bitrate() goes by.
+    double seconds() const;
+
+  private:
+    struct Clock {
+        uint64_t lastPcr = 0;
+        uint64_t lastPosition = 0;
+        uint64_t ticks = 0;
+        uint64_t bytes = 0;
+    };
+    const Clock* longest() const;
+
+    size_t packetSize_;
+    uint64_t position_ = 0;
+    std::unordered_map<uint16_t, Clock> clocks_;
+};
+
+// Counts the places where the continuity counter of a PID jumps (ISO/IEC 13818-1, 2.4.3.3).
+class ContinuityCounter {
+  public:
+    ContinuityCounter() { last_.fill(kUnknown); }
+
+    void add(const uint8_t* packet);
+    uint64_t errors() const { return errors_; }
+
+  private:
+    static constexpr size_t kPids = 0x2000;
+    static constexpr uint8_t kUnknown = 0xFF;
+    static constexpr uint8_t kRepeated = 0x80;  // the last packet was the one permitted duplicate
+
+    std::array<uint8_t, kPids> last_{};
+    uint64_t errors_ = 0;
+};
+
+// Cuts a stream that comes in pieces of any length into packets, and finds them again after bytes
+// that are none.
+class PacketSplitter {
+  public:
+    using Sink = std::function<void(const uint8_t* packet)>;
+
+    void feed(std::span<const uint8_t> bytes, const Sink& sink);
+
+    size_t packetSize() const { return packetSize_; }  // 0 = not found (any more)
+    uint64_t packets() const { return packets_; }
+    uint64_t syncLosses() const { return syncLosses_; }
+
+  private:
+    bool synchronise();
+
+    std::vector<uint8_t> pending_;
+    size_t packetSize_ = 0;
+    uint64_t packets_ = 0;
+    uint64_t syncLosses_ = 0;
+};
+
+#endif
