@@ -1,0 +1,23 @@
+#!/bin/sh
+# test.sh [CONFIGURATION...]: installs what is missing, builds and runs the tests. Configurations, all
+# of them by default: release (g++), asan (g++, address and undefined behaviour), tsan (clang++,
+# threads), and dev (clang++, which only has to build without a warning). Needs root: every test has
+# a network and a /tmp of its own.
+set -eu
+cd "$(dirname "$0")/.."
+scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 ffmpeg \
+    libcli11-dev libfmt-dev libbitstream-dev libgtest-dev
+[ $# -gt 0 ] || set -- release dev asan tsan
+
+git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format --dry-run --Werror
+
+for configuration in "$@"; do
+    echo "== $configuration"
+    build=build
+    [ "$configuration" = release ] || build=build-$configuration
+    cmake --preset "$configuration" >/dev/null
+    cmake --build "$build" | tail -n 1
+    [ "$configuration" != dev ] || continue
+    # The sanitizers' shadow memory does not get on with much address-space randomisation.
+    setarch "$(uname -m)" -R ctest --test-dir "$build" --output-on-failure -j 2 --no-tests=error
+done
