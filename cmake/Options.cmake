@@ -30,6 +30,7 @@ function(qxv_library target)
         C_VISIBILITY_PRESET hidden
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON
-        POSITION_INDEPENDENT_CODE ON)
+        POSITION_INDEPENDENT_CODE ON
+        INSTALL_RPATH $ORIGIN)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:qxv_options>)
 endfunction()
