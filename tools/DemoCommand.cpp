@@ -295,7 +295,7 @@ class Demo {
 
     std::string judge(const Pair& pair) const {
         if (pair.checker.different() > 0 || !pair.clean)
-            return fmt::format("{} datagrams differ", pair.checker.different());
+            return fmt::format("differs ({})", pair.checker.different());
         if (pair.checker.lost() > 0)
             return "incomplete";
         if (pair.sent != stream_.datagrams())

@@ -1,0 +1,205 @@
+// What the tool reads from the command line and from streams.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "Errors.h"
+#include "Quantity.h"
+#include "StreamUrl.h"
+#include "TransportStream.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct PacketFields {
+    uint16_t pid = 0x100;
+    uint8_t counter = 0;
+    bool payload = true;
+    bool discontinuous = false;
+    std::optional<uint64_t> pcr = std::nullopt;  // 27 MHz
+};
+
+void append(Bytes& stream, const PacketFields& fields, size_t packetSize = 188) {
+    const bool adaptation = fields.pcr || fields.discontinuous || !fields.payload;
+    Bytes packet(packetSize, 0xAA);
+    packet[0] = 0x47;
+    packet[1] = static_cast<uint8_t>(fields.pid >> 8);
+    packet[2] = static_cast<uint8_t>(fields.pid);
+    packet[3] = static_cast<uint8_t>((adaptation ? 0x20 : 0) | (fields.payload ? 0x10 : 0) |
+                                     fields.counter);
+    if (adaptation) {
+        const uint64_t base = fields.pcr.value_or(0) / 300;
+        const uint64_t extension = fields.pcr.value_or(0) % 300;
+        packet[4] = fields.payload ? 7 : 183;
+        packet[5] =
+            static_cast<uint8_t>((fields.discontinuous ? 0x80 : 0) | (fields.pcr ? 0x10 : 0));
+        for (unsigned int i = 0; i < 4; ++i)
+            packet[6 + i] = static_cast<uint8_t>(base >> (25 - 8 * i));
+        packet[10] = static_cast<uint8_t>((base & 1) << 7 | 0x7E | extension >> 8);
+        packet[11] = static_cast<uint8_t>(extension);
+    }
+    stream.insert(stream.end(), packet.begin(), packet.end());
+}
+
+Bytes packets(size_t count, size_t packetSize) {
+    Bytes stream;
+    for (size_t i = 0; i < count; ++i)
+        append(stream, {}, packetSize);
+    return stream;
+}
+
+std::string describe(const StreamUrl& url) {
+    return fmt::format("{} {} {} {} {} {}", url.rtp ? "rtp" : "raw",
+                       url.multicast ? "group" : "host", url.host, url.port, url.ttl,
+                       url.localAddress);
+}
+
+TEST(ToolUrl, AcceptsWhatTheFieldWrites) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"udp://127.0.0.1:5000", "raw host 127.0.0.1 5000 16 "},
+        {"RTP://@239.1.1.1:1234/?ttl=0", "rtp group 239.1.1.1 1234 0 "},
+        {"udp://@:65535", "raw host 0.0.0.0 65535 16 "},
+        {"udp://[ff15::1]:1?ttl=255&localaddr=[::1]", "raw group ff15::1 1 255 ::1"},
+        {"rtp://@[fe80::1%eth0]:7", "rtp host fe80::1%eth0 7 16 "},
+        {"udp://224.0.0.1:9?localaddr=10.0.0.1", "raw group 224.0.0.1 9 16 10.0.0.1"},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(describe(parseStreamUrl(text)), expected) << text;
+    const RtpChannelConfig unicast = receiveConfig(parseStreamUrl("udp://[::1]:5000"));
+    EXPECT_STREQ(unicast.LocalAddress, "::1");
+    EXPECT_STREQ(sendConfig(parseStreamUrl("udp://[::1]:5000")).LocalAddress, "::");
+}
+
+TEST(ToolUrl, RefusesWhatCannotBeMeant) {
+    for (const char* text : {"",
+                             "127.0.0.1:5000",
+                             "http://127.0.0.1:1",
+                             "udp://",
+                             "udp://127.0.0.1",
+                             "udp://1.2.3.4:0",
+                             "udp://1.2.3.4:65536",
+                             "udp://1.2.3.4:-1",
+                             "udp://1.2.3.4:5x",
+                             "udp://host:5000",
+                             "udp://::1:5000",
+                             "udp://[::1:5000",
+                             "udp://[::1]5000",
+                             "udp://[]:5",
+                             "udp://[1.2.3.4]:5",
+                             "udp://[fe80::1%]:5",
+                             "udp://1.2.3.4%lo:5",
+                             "udp://1.1.1.1@239.1.1.1:5",
+                             "udp://1.2.3.4:5?ttl=256",
+                             "udp://1.2.3.4:5?ttl",
+                             "udp://1.2.3.4:5?pkt_size=1316",
+                             "udp://1.2.3.4:5?localaddr=::1",
+                             "udp://1.2.3.4:5?localaddr=239.1.1.1"})
+        EXPECT_THROW(parseStreamUrl(text), UsageError) << text;
+    EXPECT_THROW(sendConfig(parseStreamUrl("udp://@:5000")), UsageError);
+    EXPECT_THROW(receiveConfig(parseStreamUrl("udp://127.0.0.1:5?localaddr=127.0.0.1")),
+                 UsageError);
+}
+
+TEST(ToolQuantity, TakesDecimalsWithSuffixAndNothingElse) {
+    EXPECT_EQ(parseQuantity("2500000"), 2500000u);
+    EXPECT_EQ(parseQuantity("2.5M"), 2500000u);
+    for (const char* text :
+         {"", "k", "-1", "+1", "1e6", "0x10", "inf", "nan", "1kk", "99999999999G"})
+        EXPECT_EQ(parseQuantity(text), std::nullopt) << text;
+}
+
+TEST(ToolPackets, AreFoundBehindGarbage) {
+    for (const size_t size : {188u, 204u}) {
+        for (const size_t garbage : {0u, 1u, 203u, 1000u}) {
+            Bytes data(garbage, 0x00);
+            if (garbage > 0)
+                data[garbage / 2] = 0x47;
+            const Bytes stream = packets(6, size);
+            data.insert(data.end(), stream.begin(), stream.end());
+            const auto layout = findPackets(data);
+            ASSERT_TRUE(layout) << size << " behind " << garbage;
+            EXPECT_EQ(layout->packetSize, size);
+            EXPECT_EQ(layout->offset, garbage);
+        }
+    }
+    EXPECT_FALSE(findPackets(packets(2, 188)));
+    Bytes broken = packets(20, 188);
+    broken.resize(broken.size() + 77, 0x00);
+    const Bytes rest = packets(20, 188);
+    broken.insert(broken.end(), rest.begin(), rest.end());
+    PacketSplitter splitter;
+    for (const uint8_t& byte : broken)
+        splitter.feed({&byte, 1}, [](const uint8_t* packet) { EXPECT_EQ(packet[0], 0x47); });
+    EXPECT_EQ(splitter.packets(), 40u);
+    EXPECT_EQ(splitter.syncLosses(), 1u);
+}
+
+// 1 Mbit/s: 10 packets of 188 bytes take 15.04 ms.
+TEST(ToolPcr, RateIsThatOfTheClockWhateverBreaksIt) {
+    constexpr uint64_t kStep = 406080;
+    constexpr uint64_t kEnd = (uint64_t{1} << 33) * 300;
+    const struct {
+        const char* what;
+        uint64_t first, jump;  // the jump comes half way
+        bool announced;        // by the discontinuity indicator
+    } cases[] = {{"plain", 0, 0, false},
+                 {"wraps", kEnd - 3 * kStep - 1, 0, false},
+                 {"jumps ahead", 5, 540'000'000, false},
+                 {"jumps back", 900 * 27'000'000ull, kEnd - 27'000'000, false},
+                 {"jumps a little, announced", 5, 10'000'000, true}};
+    for (const auto& c : cases) {
+        for (const size_t size : {188u, 204u}) {
+            PcrBitrate rate(size);
+            uint64_t pcr = c.first;
+            for (int i = 0; i < 100; ++i) {
+                Bytes packet;
+                PacketFields fields;
+                if (i % 10 == 0) {
+                    pcr += kStep + (i == 50 ? c.jump : 0);
+                    fields.pcr = pcr % kEnd;
+                    fields.discontinuous = i == 50 && c.announced;
+                } else if (i % 10 == 5) {
+                    fields.pid = 0x200;  // another programme's clock, seen for a shorter time
+                    fields.pcr = i < 30 ? static_cast<uint64_t>(i) * 1000 : 0;
+                }
+                append(packet, fields, size);
+                rate.add(packet.data());
+            }
+            EXPECT_EQ(rate.bitrate(), 1000000 * size / 188) << c.what << ", " << size;
+        }
+    }
+    EXPECT_EQ(PcrBitrate(188).bitrate(), std::nullopt);
+}
+
+TEST(ToolContinuity, CountsJumpsOnly) {
+    using Packets = std::vector<PacketFields>;
+    const std::tuple<const char*, Packets, uint64_t> cases[] = {
+        {"in order", Packets{{.counter = 14}, {.counter = 15}, {.counter = 0}}, 0},
+        {"one missing", Packets{{.counter = 1}, {.counter = 3}, {.counter = 4}}, 1},
+        {"duplicate", Packets{{.counter = 1}, {.counter = 1}, {.counter = 2}}, 0},
+        {"repeated duplicate", Packets{{.counter = 1}, {.counter = 1}, {.counter = 1}}, 1},
+        {"announced", Packets{{.counter = 1}, {.counter = 9, .discontinuous = true}}, 0},
+        {"no payload", Packets{{.counter = 1}, {.counter = 1, .payload = false}, {.counter = 2}},
+         0},
+        {"null packets", Packets{{.pid = 0x1FFF}, {.pid = 0x1FFF, .counter = 7}}, 0},
+        {"two PIDs", Packets{{.pid = 1}, {.pid = 2, .counter = 9}, {.pid = 1, .counter = 1}}, 0},
+    };
+    for (const auto& [what, sequence, errors] : cases) {
+        ContinuityCounter counter;
+        for (const PacketFields& fields : sequence) {
+            Bytes packet;
+            append(packet, fields);
+            counter.add(packet.data());
+        }
+        EXPECT_EQ(counter.errors(), errors) << what;
+    }
+}
+
+}  // namespace
