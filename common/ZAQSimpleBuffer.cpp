@@ -48,21 +48,19 @@ unsigned char* CZAQSimpleBuffer::ResetSample() {
 
 int CZAQSimpleBuffer::Initialize(unsigned int size) {
     // Cleared before the allocation, which may throw: the object is then empty, not dangling.
-    delete[] Data;
-    Data = DataEnd = nullptr;
-    Length = 0;
-    Reset();
+    CZAQSimpleBuffer::Cleanup();
     Data = new unsigned char[size];
     DataEnd = Data + size;
     Length = size;
-    return Reset();
+    Reset();
+    return 1;
 }
 
 int CZAQSimpleBuffer::Cleanup() {
     delete[] Data;
     Data = DataEnd = nullptr;
     Length = 0;
-    Reset();
+    CZAQSimpleBuffer::Reset();
     return 1;
 }
 

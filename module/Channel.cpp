@@ -5,11 +5,12 @@
 #include "Module.h"
 #include "ZAQSockets.h"
 
-RtpChannelContextExt g_ContextExt[1][kDirections][kChannels];
+// The load routine and the housekeeping thread use both before any static constructor has run.
+constinit RtpChannelContextExt g_ContextExt[1][kDirections][kChannels];
 
 namespace {
 
-ChannelLocks g_Locks[kDirections][kChannels];
+constinit ChannelLocks g_Locks[kDirections][kChannels];
 
 bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]) {
     return memchr(address, '\0', sizeof(address)) != nullptr;
@@ -24,13 +25,12 @@ bool SameSocket(const RtpChannelConfig& a, const RtpChannelConfig& b) {
 }
 
 // Clears Reopen after a socket was made from `used`. A configuration that was stored meanwhile must
-// not lose its request. Its writer stores the record first and Reopen second, so either the record
-// differs here already, or Reopen is set after it is cleared here. The lock settles that for this
-// process; the sequentially consistent store, which completes before the record is read again,
-// settles it for another one.
+// not lose its request. Its writer, maybe in another process, stores the record first and sets Reopen
+// second, with release: either the exchange finds that 1, and with its acquire the record is seen to
+// differ, or the 1 comes after the exchange and stays.
 void ConfirmSocket(const Channel& channel, const RtpChannelConfig& used) {
     const zaq::MutexLock lock(channel.Locks->State);
-    channel.Record->Reopen.store(0, std::memory_order_seq_cst);
+    channel.Record->Reopen.exchange(0, std::memory_order_acq_rel);
     RtpChannelConfig now;
     LoadConfig(*channel.Record, now);
     if (!SameSocket(now, used))
@@ -73,6 +73,7 @@ Channel FindChannel(RtpChannelContext* record) {
         direction = position / kChannels;
         channel = position % kChannels;
     } else {
+        // A record outside the table is this process's own and taken at its word.
         direction = record->Direction.load(std::memory_order_relaxed);  // set once, at creation
         channel = record->Channel.load(std::memory_order_relaxed);
         if (record->Instance.load(std::memory_order_relaxed) != 0 || direction >= kDirections ||

@@ -14,7 +14,7 @@
 //                                callback that is running
 //
 // Lock order: Lifecycle, State, and then the stream timer's own. No lock is held while waiting for
-// room or data, and none of them is taken in the intake.
+// room or data, and neither Lifecycle nor State is taken in the intake.
 #ifndef MODULE_CHANNEL_H
 #define MODULE_CHANNEL_H
 
@@ -56,7 +56,7 @@ zaq::Mutex& StateLock(uint32_t direction, uint32_t channel);
 Channel FindChannel(RtpChannelContext* record);
 
 // Raises Cancel and clears Running, as one step for whoever starts the channel at the same time.
-void CancelChannel(const Channel& channel);
+void CancelChannel(const Channel& channel) ZAQ_EXCLUDES(channel.Locks->State);
 
 // Timer and ring buffer of a channel that is being ended or started anew, on their way out.
 struct ChannelObjects {
@@ -67,7 +67,7 @@ struct ChannelObjects {
 // Takes the objects out of the row: host threads and housekeeping do not find them any more and
 // have stopped using them. Freeing what is returned is safe once the transmit thread has ended, or
 // the receive socket is gone.
-ChannelObjects TakeObjects(const Channel& channel);
+ChannelObjects TakeObjects(const Channel& channel) ZAQ_EXCLUDES(channel.Locks->State);
 
 // Puts a new timer and a new, empty ring buffer into the row. An allocation failure propagates;
 // what was made by then stays in the row and is freed by the next start or end.
@@ -90,7 +90,7 @@ void StoreConfig(RtpChannelContext& record, const RtpChannelConfig& config);
 // Makes the channel's socket from the configuration as it stands, stores it in the row, and clears
 // Reopen unless the configuration has changed meanwhile. False when there is none: Reopen keeps its
 // value then. The caller owns the row's Socket at the time.
-bool OpenSocket(const Channel& channel);
+bool OpenSocket(const Channel& channel) ZAQ_EXCLUDES(channel.Locks->State);
 
 // Destroys the row's socket, if there is one, and clears the field.
 void CloseSocket(const Channel& channel);

@@ -99,16 +99,18 @@ int QXV_RTP_Constructor() {
     }
     char path[sizeof(kSharedMemoryPath)];
     memcpy(path, kSharedMemoryPath, sizeof(path));
-    if (g_ShareMemory.Create(path, sizeof(RtpContext), 1) == 0)
-        return 0;
-    if (!HoldsTable(g_ShareMemory.File)) {
+    const bool created = g_ShareMemory.Create(path, sizeof(RtpContext), 1) != 0;
+    const bool usable = created && HoldsTable(g_ShareMemory.File);
+    if (usable) {
+        g_pContext = reinterpret_cast<RtpContext*>(g_ShareMemory.Address);
+        if (g_ShareMemory.Owner != 0)
+            LayDownDefaults(*g_pContext);
+    } else if (created) {
         g_ShareMemory.Close();
-        return 0;
     }
-    g_pContext = reinterpret_cast<RtpContext*>(g_ShareMemory.Address);
-    if (g_ShareMemory.Owner != 0)
-        LayDownDefaults(*g_pContext);
     ForgetSegment();
+    if (!usable)
+        return 0;
 
     g_ThreadQuit.store(0, std::memory_order_release);
     // A thread that does not start leaves its object behind with no thread in it; an object that
@@ -126,6 +128,9 @@ void QXV_RTP_Deconstructor() {
         delete g_pThread;
         g_pThread = nullptr;
     }
+    // When the process exits, the object's destructor may have run before this routine. It is closed
+    // either way, and made again here so that there is an object to call.
+    ForgetSegment();
     g_ShareMemory.Close();
 }
 

@@ -1,12 +1,12 @@
 /*
  * QXV_RTP: MPEG transport streams over UDP, raw or under RTP.
  *
- * The library offers 16 send channels and 16 receive channels. A host hands a send channel the
- * bytes of a transport stream (ISO/IEC 13818-1) at its own pace; the channel sends them as UDP
- * datagrams of seven transport-stream packets, paced to the channel's bitrate. A receive channel
- * collects the payload of every datagram that arrives, finds out by itself whether the traffic
- * carries RTP (RFC 3550, payload type 33 of RFC 3551, encapsulation of RFC 2250), and the host
- * reads a stream of bytes.
+ * The library offers 16 send channels and 16 receive channels. A host hands a send channel the bytes
+ * of a transport stream (ISO/IEC 13818-1) at its own pace; the channel sends them as UDP datagrams
+ * of seven transport-stream packets, paced to the channel's bitrate. A receive channel collects the
+ * payload of every datagram that arrives, finds out by itself whether the traffic carries RTP
+ * (RFC 3550, payload type 33 of RFC 3551, encapsulation of RFC 2250), and the host reads a stream of
+ * bytes.
  *
  * Conventions
  *   Ready       as soon as the library is loaded; there is no initialisation call.
@@ -59,14 +59,15 @@ extern "C" {
  *      256   256  RemoteAddress    send: destination; receive: multicast group, or the any-address
  *      512     1  Multicast        1 exactly when RemoteAddress is a multicast group
  *      513     1  Rtp              send: 1 = put an RTP header in front of each datagram
- *                                  receive: the form now detected (1 RTP, 0 raw), here to start
- * with 514     1  Ttl              TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams 515
- * 1  MulticastOption  receive from a group: 0 = join on the interface of LocalAddress, 1 = join on
- * every multicast-capable interface that is up 516     2  Port             UDP port: destination of
- * a send channel, own port of a receive one 518     2  Reserved         0
+ *                                  receive: the form now detected (1 RTP, 0 raw), here to start with
+ *      514     1  Ttl              TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams
+ *      515     1  MulticastOption  receive from a group: 0 = join on the interface of LocalAddress,
+ *                                  1 = join on every multicast-capable interface that is up
+ *      516     2  Port             UDP port: destination of a send channel, own port of a receive one
+ *      518     2  Reserved         0
  *
- * Addresses are NUL-terminated text: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone (RFC
- * 4007) where one is needed ("ff02::1%eth0").
+ * Addresses are NUL-terminated text: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone (RFC 4007)
+ * where one is needed ("ff02::1%eth0").
  */
 typedef struct RtpChannelConfig {
     char LocalAddress[QXV_RTP_ADDRESS_SIZE];
@@ -78,9 +79,6 @@ typedef struct RtpChannelConfig {
     uint16_t Port;
     uint16_t Reserved;
 } RtpChannelConfig;
-
-/* ------------------------------------------------------------------ the module ------------------
- */
 
 /* Largest buffer size, in units of 256 bytes, that SendStart is meant for: 16384 (4 MiB). */
 QXV_RTP_API uint32_t QXV_RTP_GetMaximumBufferPackets(void);
@@ -121,9 +119,6 @@ QXV_RTP_API uint32_t QXV_RTP_End(void* handle);
 QXV_RTP_API uint32_t QXV_RTP_GetDeviceInfo(void* handle, uint8_t* zero, uint8_t* one,
                                            uint8_t* capabilityLow, uint8_t* capabilityHigh);
 
-/* ------------------------------------------------------------------ configuration ---------------
- */
-
 /* Copies the channel's configuration to `config` (out). Does not block. */
 QXV_RTP_API uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_t channel,
                                        RtpChannelConfig* config);
@@ -140,23 +135,21 @@ QXV_RTP_API uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_
 QXV_RTP_API uint32_t QXV_RTP_SetConfig(void* handle, uint32_t direction, uint32_t channel,
                                        RtpChannelConfig* config);
 
-/* ------------------------------------------------------------------ sending ---------------------
- */
-
 /*
  * Starts a send channel. What an earlier start left is released first.
  *   bitrate      bits per second, not 0
  *   bufferUnits  size of the buffer in units of 256 bytes, not 0; at least 9 (2304 bytes), so that
  *                the 2048 bytes fit that decide on the packet size
+ * Does not block, but for the end of what an earlier start left.
  */
 QXV_RTP_API uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate,
                                        uint32_t bufferUnits);
 
 /*
- * Hands `length` bytes to the channel; blocks until all of them are in its buffer. The stream
- * begins with a sync byte and has packets of 188 or 204 bytes; up to one datagram's payload less
- * one byte waits for more. Returns 0 when the channel is cancelled, or has cancelled itself because
- * it lost the sync byte, or is not started; a length of 0 always succeeds.
+ * Hands `length` bytes to the channel; blocks until all of them are in its buffer. The stream begins
+ * with a sync byte and has packets of 188 or 204 bytes; up to one datagram's payload less one byte
+ * waits for more. Returns 0 when the channel is cancelled, or has cancelled itself because it lost
+ * the sync byte, or is not started; a length of 0 always succeeds.
  */
 QXV_RTP_API uint32_t QXV_RTP_Send(void* handle, uint32_t channel, const uint8_t* data,
                                   uint32_t length);
@@ -175,23 +168,22 @@ QXV_RTP_API uint32_t QXV_RTP_SendCancel(void* handle, uint32_t channel);
 QXV_RTP_API uint32_t QXV_RTP_Cancel(void* handle);
 
 /*
- * Changes the bitrate of a started send channel; its schedule begins anew at the moment of the
- * call. A bitrate of 0 leaves the pace as it is. Returns 0 when the channel is not started.
+ * Changes the bitrate of a started send channel; its schedule begins anew at the moment of the call.
+ * A bitrate of 0 leaves the pace as it is. Returns 0 when the channel is not started. Does not block.
  */
 QXV_RTP_API uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate);
 
 /*
- * Gives the measured bitrate of the *receive* channel of that number, refreshed once a second.
+ * Gives the measured bitrate of the *receive* channel of that number, refreshed once a second. Does
+ * not block.
  *   bitrate  (out) bits per second
  */
 QXV_RTP_API uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t* bitrate);
 
-/* ------------------------------------------------------------------ receiving -------------------
- */
-
 /*
  * Starts a receive channel with a buffer of 4 MiB; its socket is opened within a second, and the
- * attempt repeated every second while it fails. What an earlier start left is released first.
+ * attempt repeated every second while it fails. What an earlier start left is released first. Does
+ * not block, but for the moment in which the channel's socket is being opened or closed.
  */
 QXV_RTP_API uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel);
 
@@ -203,7 +195,10 @@ QXV_RTP_API uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel);
 QXV_RTP_API uint32_t QXV_RTP_Receive(void* handle, uint32_t channel, uint8_t* data,
                                      uint32_t length);
 
-/* Ends the channel and frees what it holds. On a channel that is not started it returns 1. */
+/*
+ * Ends the channel and frees what it holds. On a channel that is not started it returns 1. Blocks
+ * for the moment in which the channel's socket is being opened or closed.
+ */
 QXV_RTP_API uint32_t QXV_RTP_ReceiveEnd(void* handle, uint32_t channel);
 
 /*

@@ -16,13 +16,18 @@
 // operations fill them, the end operations free them; how the threads that use them are kept apart
 // from that is said in Channel.h.
 //
-//   field    written by                                             read by
-//   Cancel   load, start (0), cancel, end and transmit thread (1)   send, receive, transmit thread
-//   Running  load, cancel and end (0), start (1, last of all)       housekeeping
-//   Socket   send: transmit thread; receive: housekeeping, end      the same
-//   Thread   send start, send end                                   send end
-//   Timer    start, end                                             transmit, intake, housekeeping
-//   Buffer   start, end                                             send, receive, transmit, intake
+//   field    written by                                       read by
+//   Cancel   load; start (0); cancel, end, transmit thread (1)  send, receive, transmit thread
+//   Running  load; cancel, end (0); start (1, last of all)      housekeeping
+//   Socket   transmit thread or housekeeping; start, end (null) transmit thread or housekeeping, end
+//   Thread   start, end                                         start, end
+//   Timer    start, end                                         SetBitrate, housekeeping, transmit
+//                                                               thread, intake
+//   Buffer   start, end                                         send, receive, transmit thread, intake
+//
+// Every store is a release and every load an acquire, with one pairing: who sees a field's new value
+// sees all that its writer did before. So who finds Running finds the objects, and who finds an object
+// finds it complete.
 struct RtpChannelContextExt {
     std::atomic<uint32_t> Cancel;   // 1 = stop requested, or not started
     std::atomic<uint32_t> Running;  // 1 = started in this process

@@ -92,9 +92,9 @@ uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel) {
     const Channel found = FindChannel(handle, kSend, channel);
     if (!found)
         return 0;
-    CancelChannel(found);  // at once, so that a Send or a start that is under way lets go
+    CancelChannel(found);  // at once, so that a Send that waits lets go
     const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
-    CancelChannel(found);  // again: a start that had the lock has undone it
+    CancelChannel(found);  // again: a start that held the lock has undone it
     Release(found);
     ClearStatus(*found.Record);
     return 1;
