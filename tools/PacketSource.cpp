@@ -14,11 +14,11 @@
 
 namespace {
 
-constexpr size_t kReadBytes = 256 * 1024;
-constexpr size_t kMeasureBytes = 8 * 1024 * 1024;
+constexpr size_t kReadBytes = size_t{256} * 1024;
+constexpr size_t kMeasureBytes = size_t{8} * 1024 * 1024;
 constexpr double kMeasureSeconds = 1.0;  // of a pipe, which makes a live source wait
 constexpr size_t kFullRunBytes = 5 * kPacketWithParityBytes;
-constexpr size_t kSearchBytes = 1024 * 1024;
+constexpr size_t kSearchBytes = size_t{1024} * 1024;
 constexpr std::chrono::milliseconds kStopLatency{50};
 
 int openInput(const std::string& path) {

@@ -18,6 +18,11 @@ size_t terminalWidth() {
     return size.ws_col;
 }
 
+// A terminal that has gone away is no reason to stop.
+void print(const std::string& text) {
+    static_cast<void>(std::fputs(text.c_str(), stderr));
+}
+
 }  // namespace
 
 Progress::Progress() : terminal_(isatty(STDERR_FILENO) == 1) {}
@@ -40,20 +45,19 @@ bool Progress::due() {
 void Progress::show(const std::string& line) {
     if (!terminal_)
         return;
-    fmt::print(stderr, "\r\033[K{}", line.substr(0, terminalWidth() - 1));
-    std::fflush(stderr);
+    print(fmt::format("\r\033[K{}", line.substr(0, terminalWidth() - 1)));
     shown_ = true;
 }
 
 void Progress::summary(const std::string& line) {
     clear();
     if (terminal_)
-        fmt::print(stderr, "{}\n", line);
+        print(line + "\n");
 }
 
 void Progress::clear() {
     if (shown_)
-        fmt::print(stderr, "\r\033[K");
+        print("\r\033[K");
     shown_ = false;
 }
 

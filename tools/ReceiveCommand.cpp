@@ -28,7 +28,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kChannel = 0;
-constexpr size_t kChunkBytes = 256 * 1024;
+constexpr size_t kChunkBytes = size_t{256} * 1024;
 constexpr auto kPollInterval = 2ms;
 constexpr auto kPatience = 3s;  // the module tries once a second to open the socket
 

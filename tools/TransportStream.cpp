@@ -3,6 +3,7 @@
 #include <bitstream/mpeg/ts.h>
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -105,7 +106,7 @@ std::optional<uint64_t> PcrBitrate::bitrate() const {
         return std::nullopt;
     const double bits = static_cast<double>(clock->bytes) * 8.0;
     return static_cast<uint64_t>(
-        bits * static_cast<double>(kPcrHz) / static_cast<double>(clock->ticks) + 0.5);
+        std::llround(bits * static_cast<double>(kPcrHz) / static_cast<double>(clock->ticks)));
 }
 
 double PcrBitrate::seconds() const {

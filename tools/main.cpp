@@ -210,7 +210,7 @@ int main(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (...) {
-        std::fputs("qxvrtp: failed\n", stderr);
+        static_cast<void>(std::fputs("qxvrtp: failed\n", stderr));
         return kFailed;
     }
 }
