@@ -83,18 +83,34 @@ Channel FindChannel(RtpChannelContext* record) {
     return {record, &g_ContextExt[0][direction][channel], &g_Locks[direction][channel]};
 }
 
+// Four stores meet when a cancel and a start run at the same time: Cancel 1, Running 0 here, and
+// Cancel 0, Running 1 there. Each side looks once more at Cancel after its last store, and both see
+// one order of all accesses (sequential consistency): the cancel that finds its 1 gone has been
+// overtaken by a start, and repeats; the start that finds a 1 has been cancelled, and is not running.
 void CancelChannel(const Channel& channel) {
-    const zaq::MutexLock lock(channel.Locks->State);
-    channel.Row->Cancel.store(1, std::memory_order_release);
-    channel.Row->Running.store(0, std::memory_order_release);
+    do {
+        channel.Row->Cancel.store(1);
+        channel.Row->Running.store(0);
+    } while (channel.Row->Cancel.load() == 0);
 }
 
-ChannelObjects TakeObjects(const Channel& channel) {
-    const zaq::MutexLock lock(channel.Locks->State);
-    ChannelObjects objects;
-    objects.Buffer.reset(channel.Row->Buffer.exchange(nullptr, std::memory_order_acq_rel));
-    objects.Timer.reset(channel.Row->Timer.exchange(nullptr, std::memory_order_acq_rel));
-    return objects;
+void SetRunning(const Channel& channel) {
+    channel.Row->Running.store(1);
+    if (channel.Row->Cancel.load() != 0)
+        channel.Row->Running.store(0);
+}
+
+void FreeObjects(const Channel& channel) {
+    CZAQSimpleBuffer* buffer;
+    CZAQStreamTimer* timer;
+    {
+        const zaq::MutexLock state(channel.Locks->State);
+        const zaq::MutexLock intake(channel.Locks->Intake);
+        buffer = channel.Row->Buffer.exchange(nullptr, std::memory_order_acq_rel);
+        timer = channel.Row->Timer.exchange(nullptr, std::memory_order_acq_rel);
+    }
+    delete buffer;
+    delete timer;
 }
 
 void MakeObjects(const Channel& channel, uint32_t bufferSize) {

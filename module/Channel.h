@@ -10,15 +10,12 @@
 //   host threads, housekeeping   hold `State` while they use Timer or Buffer, and find null when it
 //                                is gone; End takes the pointers out under `State`
 //   transmit thread              End frees after it has joined the thread
-//   intake                       End frees after it has destroyed the socket, which waits for a
-//                                callback that is running
+//   intake                       holds `Intake` for one datagram; End takes the pointers out under it
 //
-// Lock order: Lifecycle, State, and then the stream timer's own. No lock is held while waiting for
-// room or data, and neither Lifecycle nor State is taken in the intake.
+// Lock order: Lifecycle, State, Intake, and then the stream timer's own. No lock is held while waiting
+// for room or data. Cancelling takes none, so that a signal handler may do it.
 #ifndef MODULE_CHANNEL_H
 #define MODULE_CHANNEL_H
-
-#include <memory>
 
 #include "RtpContext.h"
 #include "RtpContextExt.h"
@@ -30,7 +27,11 @@ struct ChannelLocks {
     zaq::Mutex Lifecycle ZAQ_ACQUIRED_BEFORE(State);
     // Held for moments: groups of stores to flags, pointers and configuration that belong together,
     // and the use of Timer or Buffer by host threads and housekeeping.
-    zaq::Mutex State;
+    zaq::Mutex State ZAQ_ACQUIRED_BEFORE(Intake);
+    // Held by the intake. Our own socket library runs one callback at a time and none after the
+    // socket is destroyed, and then nobody ever waits here; another library might let a callback
+    // finish after Destroy, when the channel has been ended or has another socket.
+    zaq::Mutex Intake;
 };
 
 // Record, runtime row and locks of one channel; all of them null when there is no such channel.
@@ -55,19 +56,16 @@ zaq::Mutex& StateLock(uint32_t direction, uint32_t channel);
 // The channel to which a record belongs that a thread or a callback was handed.
 Channel FindChannel(RtpChannelContext* record);
 
-// Raises Cancel and clears Running, as one step for whoever starts the channel at the same time.
-void CancelChannel(const Channel& channel) ZAQ_EXCLUDES(channel.Locks->State);
+// Raises Cancel and clears Running. A cancel that meets a start comes before or after all of it.
+void CancelChannel(const Channel& channel);
 
-// Timer and ring buffer of a channel that is being ended or started anew, on their way out.
-struct ChannelObjects {
-    std::unique_ptr<CZAQStreamTimer> Timer;
-    std::unique_ptr<CZAQSimpleBuffer> Buffer;  // freed first
-};
+// The last step of a start.
+void SetRunning(const Channel& channel);
 
-// Takes the objects out of the row: host threads and housekeeping do not find them any more and
-// have stopped using them. Freeing what is returned is safe once the transmit thread has ended, or
-// the receive socket is gone.
-ChannelObjects TakeObjects(const Channel& channel) ZAQ_EXCLUDES(channel.Locks->State);
+// Takes timer and ring buffer out of the row, so that host threads, housekeeping and the intake do not
+// find them any more and have stopped using them, and frees them. The transmit thread must have ended
+// before.
+void FreeObjects(const Channel& channel) ZAQ_EXCLUDES(channel.Locks->State);
 
 // Puts a new timer and a new, empty ring buffer into the row. An allocation failure propagates;
 // what was made by then stays in the row and is freed by the next start or end.

@@ -60,8 +60,8 @@ void RxProcess(void* socket, void* /*reserved*/, sockaddr* /*source*/, unsigned 
         FindChannel(static_cast<RtpChannelContext*>(ZAQUDPSocket_GetContext(socket)));
     if (!channel)
         return;
-    // An end that runs at this moment has taken the objects out of the row, and waits for this
-    // callback before it frees them.
+    // Nobody waits here but for an end of the channel.
+    const zaq::MutexLock lock(channel.Locks->Intake);
     CZAQStreamTimer* const timer = channel.Row->Timer.load(std::memory_order_acquire);
     CZAQSimpleBuffer* const buffer = channel.Row->Buffer.load(std::memory_order_acquire);
     if (timer == nullptr || buffer == nullptr)

@@ -19,7 +19,8 @@
  *               ports in host byte order.
  *   Threads     any thread may call any function. On one channel, one thread at a time sends, and
  *               one thread at a time receives; Cancel and End may come from any other thread at any
- *               time and make a waiting Send or Receive return 0.
+ *               time and make a waiting Send or Receive return 0. The Cancel functions may also be
+ *               called from a signal handler, the others not.
  *   Ownership   the library copies what it is given; it keeps no pointer of the host's.
  *   Exceptions  none, but for a std::bad_alloc from SendStart or ReceiveStart when the channel's
  *               buffer cannot be had.

@@ -11,11 +11,10 @@ namespace {
 constexpr uint32_t kRingSize = 0x400000;
 constexpr useconds_t kEmptyRingWait_us = 1000;
 
-// Frees what the channel has. The objects leave the row first and are freed last: the intake may be
-// at work on them until the socket is gone.
+// Frees what the channel has. A datagram that arrives before the socket is closed finds no objects.
 void Release(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lifecycle) {
     JoinThread(channel);
-    const ChannelObjects objects = TakeObjects(channel);
+    FreeObjects(channel);
     ClearStatus(*channel.Record);
     CloseSocket(channel);
 }
@@ -41,14 +40,11 @@ uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel) {
     const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
     Release(found);  // what a wrong host left by starting twice; mostly nothing
 
-    // One group of stores for whoever cancels at the same time: the cancel comes before all of them
-    // or after all of them. Running is the last, since housekeeping goes by it.
-    const zaq::MutexLock state(found.Locks->State);
     InitStatus(*found.Record, 0, kRingSize);
-    found.Row->Cancel.store(0, std::memory_order_release);
+    found.Row->Cancel.store(0);
     found.Row->Socket.store(nullptr, std::memory_order_release);
     MakeObjects(found, kRingSize);
-    found.Row->Running.store(1, std::memory_order_release);
+    SetRunning(found);  // last of all, since housekeeping goes by it
     return 1;
 }
 

@@ -16,7 +16,7 @@ static_assert(1u << kUnitShift == QXV_RTP_BUFFER_UNIT);
 // Stops the channel's thread, which closes its socket as it ends, and frees the channel's objects.
 void Release(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lifecycle) {
     JoinThread(channel);
-    const ChannelObjects objects = TakeObjects(channel);
+    FreeObjects(channel);
     channel.Row->Socket.store(nullptr, std::memory_order_release);
 }
 
@@ -48,17 +48,14 @@ uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate, uin
     const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
     ReleaseEarlierStart(found);
 
-    // One group of stores for whoever cancels at the same time: the cancel comes before all of them
-    // or after all of them, and Running is the last.
-    const zaq::MutexLock state(found.Locks->State);
     const uint32_t bufferSize = bufferUnits << kUnitShift;
     InitStatus(*found.Record, bitrate, bufferSize);
-    found.Row->Cancel.store(0, std::memory_order_release);
+    found.Row->Cancel.store(0);
     found.Row->Socket.store(nullptr, std::memory_order_release);
     MakeObjects(found, bufferSize);
     // The thread runs from here on and finds timer and buffer in place.
     found.Row->Thread.store(new CZAQThread(&ThreadTx, found.Record, 0), std::memory_order_release);
-    found.Row->Running.store(1, std::memory_order_release);
+    SetRunning(found);
     return 1;
 }
 

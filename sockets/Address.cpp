@@ -68,6 +68,10 @@ bool Address::IsZoneLocalGroup() const {
     return IsIPv6() && (IN6_IS_ADDR_MC_NODELOCAL(&IPv6()) || IN6_IS_ADDR_MC_LINKLOCAL(&IPv6()));
 }
 
+uint32_t Address::Port() const {
+    return ntohs(IsIPv6() ? m_Storage.IPv6.sin6_port : m_Storage.IPv4.sin_port);
+}
+
 void Address::SetPort(uint32_t port) {
     const in_port_t number = htons(static_cast<uint16_t>(port));
     if (IsIPv6())

@@ -25,6 +25,10 @@ class Address {
     const in6_addr& IPv6() const { return m_Storage.IPv6.sin6_addr; }
     uint32_t Zone() const { return IsIPv6() ? m_Storage.IPv6.sin6_scope_id : 0; }
 
+    // An IPv6 unicast address of link scope, which cannot be bound without a zone.
+    bool IsLinkLocal() const { return IsIPv6() && IN6_IS_ADDR_LINKLOCAL(&IPv6()); }
+
+    uint32_t Port() const;
     void SetPort(uint32_t port);
     void SetZone(uint32_t zone) { m_Storage.IPv6.sin6_scope_id = zone; }
 

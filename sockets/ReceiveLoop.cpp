@@ -57,10 +57,6 @@ ReceiveLoop::ReceiveLoop()
         m_Batch->Prepare();
 }
 
-ReceiveLoop::~ReceiveLoop() {
-    FreeDead();
-}
-
 ReceiveLoop* ReceiveLoop::Start() {
     ReceiveLoop* const loop = new (std::nothrow) ReceiveLoop;
     if (loop == nullptr)
@@ -87,25 +83,27 @@ ReceiveLoop* ReceiveLoop::Start() {
 
 bool ReceiveLoop::Attach(ReceiveSocket& socket) {
     Collect();
-    const std::lock_guard lock(g_Lock);
-    // After fork() the parent's loop is of no use to the child: its thread is not there.
-    if (g_Loop != nullptr && g_Loop->m_Process != getpid())
-        g_Loop = nullptr;
-    ReceiveLoop* const loop = g_Loop != nullptr ? g_Loop : Start();
-    if (loop == nullptr)
-        return false;
-    g_Loop = loop;
-    socket.Loop = loop;
-    epoll_event readable{};
-    readable.events = EPOLLIN;
-    readable.data.ptr = &socket;
-    if (epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_ADD, socket.File.Number(), &readable) != 0) {
-        // A loop that was made for this socket finds itself without any and ends.
-        loop->Wake();
-        return false;
+    {
+        const std::lock_guard lock(g_Lock);
+        // After fork() the parent's loop is of no use to the child: its thread is not there.
+        if (g_Loop != nullptr && g_Loop->m_Process != getpid())
+            g_Loop = nullptr;
+        if (g_Loop == nullptr)
+            g_Loop = Start();
+        if (g_Loop == nullptr)
+            return false;
+        socket.Loop = g_Loop;
+        epoll_event readable{};
+        readable.events = EPOLLIN;
+        readable.data.ptr = &socket;
+        if (epoll_ctl(g_Loop->m_Epoll.Number(), EPOLL_CTL_ADD, socket.File.Number(), &readable) ==
+            0) {
+            ++g_Loop->m_Sockets;
+            return true;
+        }
     }
-    ++loop->m_Sockets;
-    return true;
+    StopUnused();  // the loop may have been made for this socket
+    return false;
 }
 
 void ReceiveLoop::Detach(ReceiveSocket* socket) {
@@ -124,26 +122,36 @@ void ReceiveLoop::Detach(ReceiveSocket* socket) {
     }
     socket->File.Close();
 
-    bool last;
     {
         const std::lock_guard lock(g_Lock);
         // The loop may hold an event for the socket that it has not looked at yet, so the memory
         // goes when it waits for new ones.
         socket->NextDead = loop->m_Dead;
         loop->m_Dead = socket;
-        last = --loop->m_Sockets == 0 && !inCallback && g_Loop == loop;
-        if (last) {
-            g_Loop = nullptr;
-            loop->m_Stop = true;
-        }
+        --loop->m_Sockets;
         // Within the lock: without it the loop might see that it has no socket, end, and be
         // collected, before it is woken.
         loop->Wake();
     }
-    if (last)
-        loop->Join();
-    if (!inCallback)
+    if (!inCallback) {
+        StopUnused();
         Collect();
+    }
+}
+
+// Not from the loop's own thread, which cannot wait for itself.
+void ReceiveLoop::StopUnused() {
+    ReceiveLoop* loop;
+    {
+        const std::lock_guard lock(g_Lock);
+        if (g_Loop == nullptr || g_Loop->m_Sockets != 0 || g_Loop->IsOwnThread())
+            return;
+        loop = g_Loop;
+        g_Loop = nullptr;
+        loop->m_Stop = true;
+        loop->Wake();
+    }
+    loop->Join();
 }
 
 void ReceiveLoop::Collect() {
@@ -163,6 +171,7 @@ void ReceiveLoop::Collect() {
 void ReceiveLoop::Join() {
     if (m_Process == getpid())
         pthread_join(m_Thread, nullptr);
+    FreeDead();
     delete this;
 }
 
@@ -186,8 +195,9 @@ void ReceiveLoop::FreeDead() {
     }
 }
 
-// Is the thread to end, because it was told to, or because a callback destroyed the last socket?
-bool ReceiveLoop::Ends() {
+// Tells the thread to end: somebody waits for it, or a callback has destroyed the last socket, in
+// which case the loop takes itself out of service.
+bool ReceiveLoop::LeaveIfUnused() {
     const std::lock_guard lock(g_Lock);
     if (m_Stop)
         return true;
@@ -220,7 +230,7 @@ void* ReceiveLoop::Run(void* loop) {
         [[maybe_unused]] const ssize_t size =
             read(self.m_Wakeup.Number(), &wakeups, sizeof(wakeups));
         self.FreeDead();
-        if (self.Ends())
+        if (self.LeaveIfUnused())
             return nullptr;
     }
 }
@@ -258,6 +268,8 @@ static const pid_t g_LoadedBy = getpid();
 // child of fork(), which has none of the threads, and where one of them may have left a lock
 // closed.
 __attribute__((destructor)) static void CollectAtUnload() {
-    if (g_LoadedBy == getpid())
+    if (g_LoadedBy == getpid()) {
+        zaqsockets::ReceiveLoop::StopUnused();
         zaqsockets::ReceiveLoop::Collect();
+    }
 }

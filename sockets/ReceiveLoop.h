@@ -48,6 +48,9 @@ class ReceiveLoop {
     // that runs is waited for, unless this is called from it.
     static void Detach(ReceiveSocket* socket);
 
+    // Ends the loop, if it serves no socket, and waits for it.
+    static void StopUnused();
+
     // Waits for loops that ended by themselves.
     static void Collect();
 
@@ -55,13 +58,12 @@ class ReceiveLoop {
     struct Batch;
 
     ReceiveLoop();
-    ~ReceiveLoop();
     static ReceiveLoop* Start();
     static void* Run(void* loop);
 
     void Join();
     void Wake() const;
-    bool Ends();
+    bool LeaveIfUnused();
     void FreeDead();
     void Serve(ReceiveSocket& socket);
     void Deliver(ReceiveSocket& socket, int count);

@@ -33,10 +33,6 @@ Descriptor OpenSocket(const Address& address, int flags) {
     return socket;
 }
 
-bool Bind(const Descriptor& socket, const Address& address) {
-    return bind(socket.Number(), address.Get(), address.Size()) == 0;
-}
-
 using Interfaces = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 
 Interfaces ListInterfaces() {
@@ -58,6 +54,13 @@ uint32_t InterfaceOf(const Address& address) {
             return if_nametoindex(entry->ifa_name);
     }
     return 0;
+}
+
+// A link-local address is bound together with its interface, which is found where it is not named.
+bool Bind(const Descriptor& socket, Address address) {
+    if (address.IsLinkLocal() && address.Zone() == 0)
+        address.SetZone(InterfaceOf(address));
+    return bind(socket.Number(), address.Get(), address.Size()) == 0;
 }
 
 // The interface on which an IPv6 group is meant; 0 = the system's choice by its routes. False when
@@ -142,9 +145,7 @@ bool SetMulticastOutput(const Descriptor& socket, const Address& local, Address&
 bool HasUnicastListener(const Address& any) {
     Address loopback;
     loopback.Parse(any.IsIPv6() ? "::1" : "127.0.0.1");
-    loopback.SetPort(ntohs(any.IsIPv6()
-                               ? reinterpret_cast<const sockaddr_in6*>(any.Get())->sin6_port
-                               : reinterpret_cast<const sockaddr_in*>(any.Get())->sin_port));
+    loopback.SetPort(any.Port());
     const Descriptor probe = OpenSocket(loopback, 0);
     return !probe || !Bind(probe, loopback);
 }

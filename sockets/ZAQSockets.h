@@ -9,8 +9,10 @@
  *   Callbacks   run on threads of the library, which exist only while receive sockets exist and
  *               block all signals. Never two at a time for one socket.
  *   Ports       host byte order.
- *   Fork        in a child of fork() no callback runs; a socket may be destroyed, which closes the
- *               child's descriptor.
+ *   Fork        in a child of fork() no callback runs for the sockets that it has inherited; they may
+ *               be destroyed, which closes the child's descriptors. A child that goes on should exec
+ *               before it makes sockets: another thread of the parent may have held a lock.
+ *   Exit        may come at any time. Before it is unloaded, all sockets must have been destroyed.
  */
 #ifndef ZAQSOCKETS_H
 #define ZAQSOCKETS_H
@@ -48,17 +50,20 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  *   multicast        1 = remoteAddress is a multicast group; must then agree with the address
  *   send             1 = send socket, 0 = receive socket
  *   multicastOption  receive from a group: 0 = join on the interface of localAddress (or of the
- *                    group's zone), 1 = join on every multicast-capable interface that is up
+ *                    group's zone), 1 = join on every multicast-capable interface that is up now;
+ *                    a group of interface or link scope (ff01::, ff02::) has one zone, named by it
+ *                    or by localAddress, and is joined there in either case
  *   ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast datagrams,
  *                    0 to 255
  *   callback         receive: not null; not used by a send socket
  *   context          what ZAQUDPSocket_GetContext returns
  *
  * A receive socket of a group gets the datagrams to that group only, from the interfaces on which
- * it was joined; any number of sockets, also of other processes, may listen to one group and port.
- * A unicast receive socket has its address and port for itself, but shares the port with groups.
- * An IPv6 socket does not take the IPv4 port. The receive buffer is 8 MiB, or the most that the
- * system grants.
+ * it was joined (an IPv6 group for which no interface is named also from those on which other sockets
+ * have joined it). Any number of sockets, also of other processes, may listen to one group and port.
+ * A unicast receive socket never shares its address and port with another one; groups on the same
+ * port are kept apart from it. An IPv6 socket does not take the IPv4 port. The receive buffer is
+ * 8 MiB, or the most that the system grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
  */
