@@ -1,0 +1,54 @@
+// Waiting with a deadline, what a process has open, and child processes.
+#ifndef TESTS_PROCESSSUPPORT_H
+#define TESTS_PROCESSSUPPORT_H
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <utility>
+
+template <typename Condition>
+bool Await(Condition condition, std::chrono::seconds limit = std::chrono::seconds(15)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        usleep(2000);
+    }
+    return true;
+}
+
+inline auto Entries(const char* directory) {
+    return std::distance(std::filesystem::directory_iterator(directory), {});
+}
+
+// Descriptors and threads of this process. A thread that was joined counts for a moment longer.
+inline auto Footprint() {
+    return std::pair(Entries("/proc/self/fd"), Entries("/proc/self/task"));
+}
+
+// Runs `body` in a child process, which ends as a host does: through exit(), with its handlers.
+inline pid_t Fork(const std::function<int()>& body) {
+    const pid_t child = fork();
+    if (child == 0)
+        exit(body());
+    return child;
+}
+
+// Exit code of the child, 128 + the signal that killed it, or -1 when it had not ended in time.
+inline int Reap(pid_t child, std::chrono::seconds limit = std::chrono::seconds(20)) {
+    int status = 0;
+    if (!Await([&] { return waitpid(child, &status, WNOHANG) == child; }, limit)) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+#endif
