@@ -1,0 +1,205 @@
+#include "Report.h"
+
+#include <fmt/format.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "Measure.h"
+
+namespace {
+
+std::string firstLine(const std::string& file, const std::string& start = "") {
+    std::ifstream stream(file);
+    for (std::string line; std::getline(stream, line);)
+        if (line.starts_with(start))
+            return line;
+    return "not readable";
+}
+
+std::vector<std::pair<std::string, std::string>> describeMachine() {
+    utsname system{};
+    uname(&system);
+    const std::string model = firstLine("/proc/cpuinfo", "model name");
+    return {{"processor", model.substr(std::min(model.find(": ") + 2, model.size()))},
+            {"cores", std::to_string(sysconf(_SC_NPROCESSORS_ONLN))},
+            {"kernel", fmt::format("{} {}", system.sysname, system.release)},
+            {"governor", firstLine("/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor")},
+            {"load before", firstLine("/proc/loadavg")}};
+}
+
+std::string format(double value) {
+    const double size = std::abs(value);
+    const int decimals = size >= 1000 || value == std::floor(value) ? 0 : size >= 10 ? 1 : 3;
+    return fmt::format("{:.{}f}", value, decimals);
+}
+
+Values mergeRounds(const std::vector<Values>& rounds) {
+    Values merged = rounds.front();
+    for (Value& value : merged) {
+        std::vector<double> all;
+        for (const Values& round : rounds)
+            all.push_back(valueOf(round, value.name));
+        value.value =
+            value.merge == Merge::Median ? median(all) : *std::max_element(all.begin(), all.end());
+    }
+    return merged;
+}
+
+const Value* find(const Values& values, const std::string& name) {
+    const auto found = std::find_if(values.begin(), values.end(),
+                                    [&](const Value& value) { return value.name == name; });
+    return found != values.end() ? &*found : nullptr;
+}
+
+// The columns of all rows, in order of appearance.
+std::vector<std::string> columnsOf(const Rows& rows) {
+    std::vector<std::string> columns;
+    for (const Row& row : rows)
+        for (const Value& value : row.values)
+            if (std::find(columns.begin(), columns.end(), value.name) == columns.end())
+                columns.push_back(value.name);
+    return columns;
+}
+
+}  // namespace
+
+double valueOf(const Values& values, const std::string& name) {
+    const Value* const value = find(values, name);
+    return value != nullptr ? value->value : 0.0;
+}
+
+Rows alternate(const std::vector<Side>& sides, int rounds) {
+    std::vector<std::vector<Values>> results(sides.size());
+    for (int round = 0; round < rounds; ++round)
+        for (size_t i = 0; i < sides.size(); ++i)
+            results[i].push_back(sides[i].run());
+    Rows rows;
+    for (size_t i = 0; i < sides.size(); ++i)
+        rows.push_back({sides[i].name, mergeRounds(results[i])});
+    return rows;
+}
+
+std::optional<double> valueOf(const Rows& rows, const std::string& side, const std::string& name) {
+    for (const Row& row : rows)
+        if (const Value* const value = find(row.values, name); row.side == side && value != nullptr)
+            return value->value;
+    return std::nullopt;
+}
+
+std::optional<double> ratio(std::optional<double> value, std::optional<double> reference) {
+    if (!value || !reference || *reference == 0.0)
+        return std::nullopt;
+    return *value / *reference;
+}
+
+void addRatio(Rows& rows, const std::string& name) {
+    const double reference = valueOf(rows.front().values, name);
+    for (Row& row : rows)
+        if (reference != 0.0)
+            row.values.push_back({"x " + rows.front().side, valueOf(row.values, name) / reference});
+}
+
+Report::Report() : machine_(describeMachine()) {
+    for (const auto& [name, text] : machine_)
+        fmt::print("{:<12} {}\n", name, text);
+}
+
+void Report::table(const std::string& section, const std::string& note, const Rows& rows) {
+    tables_.push_back({section, rows});
+    fmt::print("\n{}\n", section);
+    if (!note.empty())
+        fmt::print("{}\n", note);
+    size_t width = 0;
+    for (const Row& row : rows)
+        width = std::max(width, row.side.size());
+    const std::vector<std::string> columns = columnsOf(rows);
+    fmt::print("  {:<{}}", "", width);
+    for (const std::string& column : columns)
+        fmt::print("  {:>{}}", column, std::max<size_t>(8, column.size()));
+    fmt::print("\n");
+    for (const Row& row : rows) {
+        fmt::print("  {:<{}}", row.side, width);
+        for (const std::string& column : columns) {
+            const Value* const value = find(row.values, column);
+            fmt::print("  {:>{}}", value != nullptr ? format(value->value) : "-",
+                       std::max<size_t>(8, column.size()));
+        }
+        fmt::print("\n");
+    }
+    fflush(stdout);
+}
+
+void Report::goal(const std::string& number, const std::string& text, std::optional<double> value,
+                  Bound bound, double limit) {
+    goals_.push_back({number, text, value, bound, limit});
+}
+
+std::string Report::Goal::verdict() const {
+    if (!value)
+        return "not measured";
+    return (bound == Bound::AtMost ? *value <= limit : *value >= limit) ? "met" : "NOT met";
+}
+
+void Report::printGoals() const {
+    fmt::print("\nGoals\n");
+    for (const Goal& goal : goals_)
+        fmt::print("  {:>2}  {:<66}  {:>8}  {} {:<6}  {}\n", goal.number, goal.text,
+                   goal.value ? format(*goal.value) : "-",
+                   goal.bound == Bound::AtMost ? "<=" : ">=", goal.limit, goal.verdict());
+}
+
+void Report::writeJson(const std::string& file) const {
+    nlohmann::ordered_json json;
+    for (const auto& [name, text] : machine_)
+        json["machine"][name] = text;
+    for (const Table& table : tables_)
+        for (const Row& row : table.rows)
+            for (const Value& value : row.values)
+                json["tables"][table.section][row.side][value.name] = value.value;
+    for (const Goal& goal : goals_) {
+        nlohmann::ordered_json entry{{"goal", goal.number},
+                                     {"text", goal.text},
+                                     {"bound", goal.bound == Bound::AtMost ? "<=" : ">="},
+                                     {"limit", goal.limit},
+                                     {"verdict", goal.verdict()}};
+        if (goal.value)
+            entry["value"] = *goal.value;
+        json["goals"].push_back(entry);
+    }
+    std::ofstream stream(file);
+    stream << json.dump(2) << '\n';
+    if (!stream.flush())
+        throw Failure(fmt::format("{} cannot be written", file));
+}
+
+void Report::drawPlots(const std::string& folder) const {
+    std::filesystem::create_directories(folder);
+    for (const Plot& plot : plots_) {
+        const std::string path = folder + "/" + plot.file;
+        std::ofstream data(path + ".dat");
+        std::string curves;
+        for (size_t i = 0; i < plot.curves.size(); ++i) {
+            data << "# " << plot.curves[i].title << '\n';
+            for (const auto& [x, y] : plot.curves[i].points)
+                data << fmt::format("{} {}\n", x, y);
+            data << "\n\n";
+            curves += fmt::format("{} '{}.dat' index {} with linespoints pointsize 0.5 title '{}'",
+                                  i == 0 ? "" : ",", plot.file, i, plot.curves[i].title);
+        }
+        std::ofstream script(path + ".gp");
+        script << fmt::format(
+            "set terminal pngcairo size 900,500\nset output '{}.png'\nset title '{}'\n"
+            "set xlabel '{}'\nset ylabel '{}'\nset grid\nset key left top\n{}\nplot{}\n",
+            plot.file, plot.title, plot.xLabel, plot.yLabel, plot.settings, curves);
+        data.close();
+        script.close();
+        const std::string command = fmt::format("cd '{}' && gnuplot '{}.gp'", folder, plot.file);
+        if (system(command.c_str()) != 0)
+            fmt::print("{}.png: gnuplot is missing or failed\n", path);
+    }
+}

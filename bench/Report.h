@@ -1,0 +1,87 @@
+// What was measured: tables, the goals' verdicts, JSON and plots.
+#ifndef BENCH_REPORT_H
+#define BENCH_REPORT_H
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+// How the rounds of one side become one number.
+enum class Merge { Median, Worst };
+
+struct Value {
+    std::string name;
+    double value;
+    Merge merge = Merge::Median;
+};
+using Values = std::vector<Value>;
+double valueOf(const Values& values, const std::string& name);
+
+// One of the things that are compared, and how to measure it once.
+struct Side {
+    std::string name;
+    std::function<Values()> run;
+};
+struct Row {
+    std::string side;
+    Values values;
+};
+using Rows = std::vector<Row>;
+
+// Runs all sides in turn, then all again, and so on, so that what changes in the machine meanwhile
+// meets all of them.
+Rows alternate(const std::vector<Side>& sides, int rounds);
+// The value of one side; nothing when it was not measured.
+std::optional<double> valueOf(const Rows& rows, const std::string& side, const std::string& name);
+std::optional<double> ratio(std::optional<double> value, std::optional<double> reference);
+// Adds a column: the value as a multiple of that of the first row.
+void addRatio(Rows& rows, const std::string& name);
+
+using Points = std::vector<std::pair<double, double>>;
+struct Curve {
+    std::string title;
+    Points points;
+};
+struct Plot {
+    std::string file;  // without ending
+    std::string title, xLabel, yLabel;
+    std::string settings;  // further commands
+    std::vector<Curve> curves;
+};
+
+class Report {
+  public:
+    // Prints the machine at once, and each table when it is complete.
+    Report();
+    void table(const std::string& section, const std::string& note, const Rows& rows);
+    enum class Bound { AtMost, AtLeast };
+    void goal(const std::string& number, const std::string& text, std::optional<double> value,
+              Bound bound, double limit);
+    void plot(Plot plot) { plots_.push_back(std::move(plot)); }
+
+    void printGoals() const;
+    void writeJson(const std::string& file) const;
+    // Writes data and scripts into the folder and lets gnuplot draw them.
+    void drawPlots(const std::string& folder) const;
+
+  private:
+    struct Table {
+        std::string section;
+        Rows rows;
+    };
+    struct Goal {
+        std::string number, text;
+        std::optional<double> value;
+        Bound bound;
+        double limit;
+        std::string verdict() const;
+    };
+    std::vector<std::pair<std::string, std::string>> machine_;
+    std::vector<Table> tables_;
+    std::vector<Goal> goals_;
+    std::vector<Plot> plots_;
+};
+
+#endif

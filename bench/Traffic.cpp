@@ -1,0 +1,316 @@
+#include "Traffic.h"
+
+#include <arpa/inet.h>
+#include <netinet/udp.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <numeric>
+#include <set>
+#include <sstream>
+#include <vector>
+
+#include "Measure.h"
+
+namespace {
+
+constexpr int kBatch = 64;
+constexpr uint32_t kTrain = 16;  // datagrams of one flood burst
+constexpr uint32_t kSlotBytes = 2048;
+constexpr useconds_t kTick_us = 1000;
+
+// Storage of one recvmmsg() call.
+struct Batch {
+    mmsghdr messages[kBatch]{};
+    iovec vectors[kBatch]{};
+    alignas(cmsghdr) uint8_t controls[kBatch][64];
+    uint8_t slots[kBatch][kSlotBytes];
+
+    Batch() {
+        for (int i = 0; i < kBatch; ++i) {
+            vectors[i] = {slots[i], kSlotBytes};
+            messages[i].msg_hdr.msg_iov = &vectors[i];
+            messages[i].msg_hdr.msg_iovlen = 1;
+        }
+    }
+
+    int receive(int socket) { return recvmmsg(socket, messages, kBatch, MSG_DONTWAIT, nullptr); }
+};
+
+sockaddr_in addressOf(uint32_t channel) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(kFirstPort + channel));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+int openSocket() {
+    const int file = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (file < 0)
+        throw Failure(std::string("socket: ") + strerror(errno));
+    return file;
+}
+
+std::vector<int> openAll(uint32_t channels, bool receive) {
+    std::vector<int> sockets;
+    for (uint32_t channel = 0; channel < channels; ++channel)
+        sockets.push_back(receive ? listenAt(channel, kReceiveBuffer) : connectTo(channel));
+    return sockets;
+}
+
+void fillHeader(uint8_t* header, uint64_t number) {
+    const uint8_t bytes[kHeaderBytes] = {0x80, 33, static_cast<uint8_t>(number >> 8),
+                                         static_cast<uint8_t>(number)};
+    memcpy(header, bytes, sizeof(bytes));
+}
+
+void count(std::atomic<uint64_t>& counter, uint64_t more) {
+    // One process counts, so load and store may be apart.
+    counter.store(counter.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
+}
+
+bool stopped(const Board& board) {
+    return board.stop.load(std::memory_order_relaxed) != 0;
+}
+
+// Wakes the thread 1 ms after the call and not, as is the default, up to 50 us later.
+void sharpenSleep() {
+    prctl(PR_SET_TIMERSLACK, 1);
+}
+
+}  // namespace
+
+uint64_t total(const std::atomic<uint64_t> (&counts)[kStreams]) {
+    return std::accumulate(std::begin(counts), std::end(counts), uint64_t{0});
+}
+
+void fillPackets(uint8_t* data, uint32_t packets) {
+    constexpr uint32_t kPacket = 188;
+    memset(data, 0xFF, size_t{packets} * kPacket);
+    const uint8_t header[] = {0x47, 0x1F, 0xFF, 0x10};
+    for (uint32_t packet = 0; packet < packets; ++packet)
+        memcpy(data + size_t{packet} * kPacket, header, sizeof(header));
+}
+
+int connectTo(uint32_t channel) {
+    const int file = openSocket();
+    const sockaddr_in address = addressOf(channel);
+    if (connect(file, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+        throw Failure(std::string("connect: ") + strerror(errno));
+    return file;
+}
+
+int listenAt(uint32_t channel, int bufferBytes) {
+    const int file = openSocket();
+    const sockaddr_in address = addressOf(channel);
+    if (setsockopt(file, SOL_SOCKET, SO_RCVBUFFORCE, &bufferBytes, sizeof(bufferBytes)) != 0 ||
+        bind(file, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+        throw Failure(std::string("socket of port ") + std::to_string(kFirstPort + channel) + ": " +
+                      strerror(errno));
+    return file;
+}
+
+void sendPaced(Board& board, Load load) {
+    sharpenSleep();
+    const std::vector<int> sockets = openAll(load.channels, false);
+    uint8_t datagram[kDatagramBytes];
+    fillPackets(datagram + kHeaderBytes, 7);
+    const double period = load.period_ns();
+    const int64_t start = now_ns();
+    while (!stopped(board)) {
+        const auto elapsed = static_cast<double>(now_ns() - start);
+        for (uint32_t channel = 0; channel < load.channels; ++channel) {
+            const double phase = period * channel / load.channels;
+            const auto due =
+                elapsed < phase ? 0 : static_cast<uint64_t>((elapsed - phase) / period);
+            uint64_t sent = board.sent[channel].load(std::memory_order_relaxed);
+            for (; sent < due; ++sent) {
+                fillHeader(datagram, sent);
+                send(sockets[channel], datagram, sizeof(datagram), 0);
+            }
+            board.sent[channel].store(sent, std::memory_order_relaxed);
+        }
+        usleep(kTick_us);
+    }
+}
+
+void sendUnpaced() {
+    const int socket = connectTo(0);
+    uint8_t datagram[kDatagramBytes];
+    fillPackets(datagram + kHeaderBytes, 7);
+    fillHeader(datagram, 0);
+    for (;;)
+        send(socket, datagram, sizeof(datagram), 0);
+}
+
+void sendFlood(Board& board, Load load, bool trains) {
+    // Behind by more than this, it does not catch up: the run then counts as of a lower rate. A
+    // burst of all that was missed would fill any receiver's buffer.
+    constexpr int64_t kCatchUp_ns = 2'000'000;
+    const std::vector<int> sockets = openAll(load.channels, false);
+    const int segment = kDatagramBytes;
+    for (const int socket : sockets)
+        if (trains && setsockopt(socket, SOL_UDP, UDP_SEGMENT, &segment, sizeof(segment)) != 0)
+            throw Failure(std::string("UDP_SEGMENT: ") + strerror(errno));
+
+    std::vector<uint8_t> train(kTrain * kDatagramBytes);
+    mmsghdr messages[kTrain]{};
+    iovec vectors[kTrain];
+    for (uint32_t i = 0; i < kTrain; ++i) {
+        vectors[i] = {&train[i * kDatagramBytes], kDatagramBytes};
+        messages[i].msg_hdr.msg_iov = &vectors[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+        fillPackets(&train[i * kDatagramBytes + kHeaderBytes], 7);
+    }
+    const auto interval = static_cast<int64_t>(load.period_ns() / load.channels * kTrain);
+    int64_t due = now_ns();
+    for (uint32_t channel = 0; !stopped(board); channel = (channel + 1) % load.channels) {
+        const uint64_t first = board.sent[channel].load(std::memory_order_relaxed);
+        for (uint32_t i = 0; i < kTrain; ++i)
+            fillHeader(&train[i * kDatagramBytes], first + i);
+        while (now_ns() < due) {
+        }
+        uint32_t sent = 0;
+        if (trains)
+            sent = send(sockets[channel], train.data(), train.size(), 0) > 0 ? kTrain : 0;
+        else
+            sent =
+                static_cast<uint32_t>(std::max(0, sendmmsg(sockets[channel], messages, kTrain, 0)));
+        count(board.sent[channel], sent);
+        due = std::max(due + interval, now_ns() - kCatchUp_ns);
+    }
+}
+
+void receiveEpoll(Board& board, uint32_t channels) {
+    const std::vector<int> sockets = openAll(channels, true);
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    for (uint32_t channel = 0; channel < channels; ++channel) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u32 = channel;
+        if (epoll_ctl(epoll, EPOLL_CTL_ADD, sockets[channel], &event) != 0)
+            throw Failure(std::string("epoll_ctl: ") + strerror(errno));
+    }
+    const auto batch = std::make_unique<Batch>();
+    board.ready = 1;
+    for (;;) {
+        epoll_event events[kStreams];
+        const int ready = epoll_wait(epoll, events, kStreams, -1);
+        for (int i = 0; i < ready; ++i) {
+            const int got = batch->receive(sockets[events[i].data.u32]);
+            if (got > 0)
+                count(board.received[events[i].data.u32], static_cast<uint64_t>(got));
+        }
+    }
+}
+
+void receiveDrain(Board& board, uint32_t channels) {
+    sharpenSleep();
+    const std::vector<int> sockets = openAll(channels, true);
+    const auto batch = std::make_unique<Batch>();
+    board.ready = 1;
+    for (;;) {
+        for (uint32_t channel = 0; channel < channels; ++channel)
+            for (int got = kBatch; got == kBatch;)
+                if ((got = batch->receive(sockets[channel])) > 0)
+                    count(board.received[channel], static_cast<uint64_t>(got));
+        usleep(kTick_us);
+    }
+}
+
+namespace {
+
+int64_t stampOf(msghdr& message) {
+    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
+         part = CMSG_NXTHDR(&message, part)) {
+        if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_TIMESTAMPNS)
+            continue;
+        timespec time;
+        memcpy(&time, CMSG_DATA(part), sizeof(time));
+        return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+    }
+    return 0;
+}
+
+// Places datagrams by their 16-bit sequence numbers, relative to the first one.
+struct Sequence {
+    bool started = false;
+    uint16_t last = 0;
+    uint64_t place = 0;
+
+    uint64_t next(const uint8_t* data, uint32_t length) {
+        const bool rtp = length == kDatagramBytes && data[0] == 0x80;
+        const auto number = static_cast<uint16_t>(rtp ? data[2] << 8 | data[3] : last + 1);
+        place += started ? static_cast<uint16_t>(number - last) : 0;
+        started = true;
+        last = number;
+        return place;
+    }
+};
+
+}  // namespace
+
+void receiveStamps(Board& board, uint32_t channels) {
+    constexpr useconds_t kPause_us = 5000;  // the stamps are the kernel's: reading late is no harm
+    const std::vector<int> sockets = openAll(channels, true);
+    for (const int socket : sockets) {
+        const int on = 1;
+        setsockopt(socket, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on));
+    }
+    const auto batch = std::make_unique<Batch>();
+    Sequence sequences[kStreams];
+    board.ready = 1;
+    for (;;) {
+        for (uint32_t channel = 0; channel < channels; ++channel) {
+            for (int i = 0; i < kBatch; ++i) {
+                batch->messages[i].msg_hdr.msg_control = batch->controls[i];
+                batch->messages[i].msg_hdr.msg_controllen = sizeof(batch->controls[i]);
+            }
+            const int got = batch->receive(sockets[channel]);
+            for (int i = 0; i < got; ++i) {
+                const uint64_t place =
+                    sequences[channel].next(batch->slots[i], batch->messages[i].msg_len);
+                if (place < kStamps)
+                    board.stamps[channel][place].store(stampOf(batch->messages[i].msg_hdr),
+                                                       std::memory_order_relaxed);
+            }
+            if (got > 0)
+                count(board.received[channel], static_cast<uint64_t>(got));
+        }
+        usleep(kPause_us);
+    }
+}
+
+SocketTable lookUpSockets(uint32_t channels) {
+    SocketTable result{0, 0};
+    std::set<unsigned> ports;
+    for (const char* const file : {"/proc/net/udp", "/proc/net/udp6"}) {
+        std::ifstream table(file);
+        std::string line;
+        std::getline(table, line);  // the headings
+        while (std::getline(table, line)) {
+            std::istringstream words(line);
+            std::vector<std::string> columns{std::istream_iterator<std::string>(words), {}};
+            if (columns.size() < 13)
+                continue;
+            const std::string& local = columns[1];
+            const auto port =
+                static_cast<unsigned>(std::stoul(local.substr(local.find(':') + 1), nullptr, 16));
+            if (port < kFirstPort || port >= kFirstPort + channels)
+                continue;
+            ports.insert(port);
+            result.drops += std::stoull(columns.back());
+        }
+    }
+    result.open = static_cast<uint32_t>(ports.size());
+    return result;
+}

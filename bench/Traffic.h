@@ -1,0 +1,76 @@
+// The traffic, and the bare loops that the module is compared with. Each routine is the life of one
+// child process; it goes on until the process is ended, unless it says otherwise.
+#ifndef BENCH_TRAFFIC_H
+#define BENCH_TRAFFIC_H
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <cstdint>
+
+inline constexpr uint32_t kStreams = 16;
+inline constexpr uint32_t kPayloadBytes = 7 * 188;  // what a datagram carries: seven packets
+inline constexpr uint32_t kHeaderBytes = 12;        // RTP
+inline constexpr uint32_t kDatagramBytes = kHeaderBytes + kPayloadBytes;
+// One port per channel, all on 127.0.0.1: the bench has the network for itself.
+inline constexpr uint16_t kFirstPort = 5000;
+// The same for every side; the module's socket library asks for as much.
+inline constexpr int kReceiveBuffer = 8 << 20;
+
+// So many streams, each of that rate; rates count payload only.
+struct Load {
+    uint32_t channels;
+    double rate_bps;
+
+    double period_ns() const { return kPayloadBytes * 8 * 1e9 / rate_bps; }
+};
+
+inline constexpr uint32_t kStamps = 1 << 17;
+
+// What the processes of one run tell each other. The counts are relaxed atomics: they are looked at
+// while they grow, and nothing else is read on the strength of them.
+struct Board {
+    std::atomic<uint32_t> ready{0};  // the receiver is: its sockets are open
+    std::atomic<uint32_t> stop{0};   // asks a sender of traffic to end
+    std::atomic<uint64_t> sent[kStreams]{};
+    std::atomic<uint64_t> received[kStreams]{};
+    double values[4]{};  // results of a child that has ended
+    // Arrival of each datagram by the kernel's clock (CLOCK_REALTIME), in nanoseconds, at the place
+    // that its sequence number gives; 0 = did not arrive.
+    std::atomic<int64_t> stamps[kStreams][kStamps]{};
+};
+
+uint64_t total(const std::atomic<uint64_t> (&counts)[kStreams]);
+
+// The packets of a stream: null packets, as far as the eye reaches.
+void fillPackets(uint8_t* data, uint32_t packets);
+
+// One loop over all sockets: sends what is due, sleeps for 1 ms. The streams are spread evenly over
+// a datagram's period. Ends when it is asked to stop.
+void sendPaced(Board& board, Load load);
+// One stream over one socket, as fast as send() goes.
+void sendUnpaced();
+// Keeps to the sum of the rates without sleeping, in short bursts over all sockets: `trains` lets the
+// kernel cut datagrams out of longer buffers, else each is handed over on its own. Ends when it is
+// asked to stop.
+void sendFlood(Board& board, Load load, bool trains);
+
+// One loop over all sockets: waits with epoll, and takes batches from those that are readable.
+void receiveEpoll(Board& board, uint32_t channels);
+// One loop over all sockets: takes what is there, sleeps for 1 ms.
+void receiveDrain(Board& board, uint32_t channels);
+// Writes down when each datagram arrived, by its RTP sequence number or else in order of arrival.
+void receiveStamps(Board& board, uint32_t channels);
+
+// A socket that is connected to, or bound to, the channel's port.
+int connectTo(uint32_t channel);
+int listenAt(uint32_t channel, int bufferBytes);
+
+// What the kernel's table says of the sockets bound to the channels' ports.
+struct SocketTable {
+    uint32_t open;   // ports that have a socket
+    uint64_t drops;  // datagrams that found a socket's buffer full
+};
+SocketTable lookUpSockets(uint32_t channels);
+
+#endif

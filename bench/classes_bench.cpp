@@ -1,0 +1,217 @@
+// The module's classes on their own, beside what moves the same bytes with less, or is in wide use.
+#include <benchmark/benchmark.h>
+#include <sched.h>
+
+#include <array>
+#include <atomic>
+#include <boost/lockfree/spsc_queue.hpp>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "Module.h"
+#include "QXV_RTP.h"
+#include "ZAQSimpleBuffer.h"
+#include "ZAQStreamTimer.h"
+
+namespace {
+
+constexpr uint32_t kBlock = 7 * 188;
+
+// Each queue takes and gives whole blocks, or returns false.
+
+struct Ring {
+    explicit Ring(uint32_t size) : ring(size) {}
+    bool push(unsigned char* block) { return ring.Write(block, kBlock) != 0; }
+    bool pop(unsigned char* block) { return ring.Read(block, kBlock) != 0; }
+    CZAQSimpleBuffer ring;
+};
+
+// As many copies through as much memory, with the least that tells the threads from each other: two
+// counts of blocks, and of the other's count a copy that is renewed only when it says "full" or
+// "empty".
+class Memcpy {
+  public:
+    explicit Memcpy(uint32_t size) : blocks_(size / kBlock), memory_(new unsigned char[size]) {}
+
+    bool push(const unsigned char* block) {
+        const uint64_t written = written_.load(std::memory_order_relaxed);
+        if (written - readSeen_ == blocks_ &&
+            written - (readSeen_ = read_.load(std::memory_order_acquire)) == blocks_)
+            return false;
+        memcpy(&memory_[writePlace_ * kBlock], block, kBlock);
+        writePlace_ = writePlace_ + 1 == blocks_ ? 0 : writePlace_ + 1;
+        written_.store(written + 1, std::memory_order_release);
+        return true;
+    }
+    bool pop(unsigned char* block) {
+        const uint64_t read = read_.load(std::memory_order_relaxed);
+        if (read == writtenSeen_ &&
+            read == (writtenSeen_ = written_.load(std::memory_order_acquire)))
+            return false;
+        memcpy(block, &memory_[readPlace_ * kBlock], kBlock);
+        readPlace_ = readPlace_ + 1 == blocks_ ? 0 : readPlace_ + 1;
+        read_.store(read + 1, std::memory_order_release);
+        return true;
+    }
+
+  private:
+    const uint64_t blocks_;
+    const std::unique_ptr<unsigned char[]> memory_;
+    alignas(64) std::atomic<uint64_t> written_{0};
+    uint64_t writePlace_ = 0;
+    uint64_t readSeen_ = 0;
+    alignas(64) std::atomic<uint64_t> read_{0};
+    uint64_t readPlace_ = 0;
+    uint64_t writtenSeen_ = 0;
+};
+
+struct BoostBlocks {
+    using Block = std::array<unsigned char, kBlock>;
+    explicit BoostBlocks(uint32_t size) : queue(size / kBlock) {}
+    bool push(const unsigned char* block) {
+        return queue.push(*reinterpret_cast<const Block*>(block));
+    }
+    bool pop(unsigned char* block) { return queue.pop(*reinterpret_cast<Block*>(block)); }
+    boost::lockfree::spsc_queue<Block> queue;
+};
+
+struct BoostBytes {
+    explicit BoostBytes(uint32_t size) : queue(size) {}
+    bool push(const unsigned char* block) {
+        return queue.write_available() >= kBlock && queue.push(block, kBlock) == kBlock;
+    }
+    bool pop(unsigned char* block) {
+        return queue.read_available() >= kBlock && queue.pop(block, kBlock) == kBlock;
+    }
+    boost::lockfree::spsc_queue<unsigned char> queue;
+};
+
+template <typename Queue>
+void OneThread(benchmark::State& state) {
+    Queue queue(static_cast<uint32_t>(state.range(0)));
+    alignas(64) std::array<unsigned char, kBlock> in{};
+    alignas(64) std::array<unsigned char, kBlock> out{};
+    for (auto _ : state) {
+        queue.push(in.data());
+        queue.pop(out.data());
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations());
+    state.SetBytesProcessed(state.iterations() * kBlock);
+}
+
+// A short wait burns time; after it the other thread may need this processor.
+template <typename Attempt>
+void untilDone(const Attempt& attempt) {
+    for (int tries = 1; !attempt(); ++tries)
+        if (tries % 1024 == 0)
+            sched_yield();
+}
+
+template <typename Queue>
+void TwoThreads(benchmark::State& state) {
+    static std::unique_ptr<Queue> queue;
+    // Threads wait for each other at the loop's begin and end.
+    if (state.thread_index() == 0)
+        queue = std::make_unique<Queue>(static_cast<uint32_t>(state.range(0)));
+    alignas(64) std::array<unsigned char, kBlock> block{};
+    const bool writes = state.thread_index() == 0;
+    for (auto _ : state) {
+        if (writes)
+            untilDone([&] { return queue->push(block.data()); });
+        else
+            untilDone([&] { return queue->pop(block.data()); });
+        benchmark::ClobberMemory();
+    }
+    if (!writes) {
+        state.SetItemsProcessed(state.iterations());
+        state.SetBytesProcessed(state.iterations() * kBlock);
+    }
+}
+
+constexpr int kSmallRing = 256 << 10;  // of a send channel
+constexpr int kLargeRing = 4 << 20;    // of a receive channel
+
+#define RING_BENCHMARKS(Queue)                                     \
+    BENCHMARK(OneThread<Queue>)->Arg(kSmallRing)->Arg(kLargeRing); \
+    BENCHMARK(TwoThreads<Queue>)->Arg(kSmallRing)->Arg(kLargeRing)->Threads(2)->UseRealTime()
+RING_BENCHMARKS(Ring);
+RING_BENCHMARKS(Memcpy);
+RING_BENCHMARKS(BoostBlocks);
+RING_BENCHMARKS(BoostBytes);
+
+// Nothing is due: what every pass of an idle or waiting transmit thread asks.
+void GetTxBlocks(benchmark::State& state) {
+    CZAQStreamTimer timer;
+    timer.TxInitialize(kBlock, 8'000'000);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(timer.GetTxBlocks());
+}
+BENCHMARK(GetTxBlocks);
+
+void FillRTPHeader(benchmark::State& state) {
+    CZAQStreamTimer timer;
+    timer.TxInitialize(kBlock, 8'000'000);
+    unsigned char header[12];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(timer.FillRTPHeader(header));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(FillRTPHeader);
+
+void IncreaseBlocksTransfered(benchmark::State& state) {
+    CZAQStreamTimer timer;
+    timer.TxInitialize(kBlock, 8'000'000);
+    for (auto _ : state)
+        timer.IncreaseBlocksTransfered();
+}
+BENCHMARK(IncreaseBlocksTransfered);
+
+// The intake of one RTP datagram by a started channel, called as the socket library does.
+void RxProcessDatagram(benchmark::State& state) {
+    constexpr uint32_t kPause = 2048;  // datagrams, after which the ring is emptied
+    void* const handle = QXV_RTP_Create(0);
+    RtpChannelConfig config;
+    QXV_RTP_GetConfig(handle, QXV_RTP_RECEIVE, 0, &config);
+    strcpy(config.LocalAddress, "127.0.0.1");
+    strcpy(config.RemoteAddress, "127.0.0.1");
+    config.Multicast = 0;
+    if (handle == nullptr || QXV_RTP_SetConfig(handle, QXV_RTP_RECEIVE, 0, &config) == 0 ||
+        QXV_RTP_ReceiveStart(handle, 0) == 0)
+        return state.SkipWithError("the channel does not start");
+    void* socket = nullptr;
+    for (int wait = 0; wait < 500 && socket == nullptr; ++wait) {
+        timespec time{0, 10'000'000};
+        nanosleep(&time, nullptr);
+        socket = g_ContextExt[0][QXV_RTP_RECEIVE][0].Socket.load();
+    }
+    if (socket == nullptr)
+        return state.SkipWithError("the channel has no socket");
+
+    std::vector<unsigned char> datagram(12 + kBlock, 0x47);
+    datagram[0] = 0x80;
+    datagram[1] = 33;
+    std::vector<unsigned char> space(kPause * kBlock);
+    uint32_t held = 0;
+    for (auto _ : state) {
+        RxProcess(socket, nullptr, nullptr, datagram.data(),
+                  static_cast<unsigned>(datagram.size()));
+        if (++held == kPause) {
+            state.PauseTiming();
+            QXV_RTP_Receive(handle, 0, space.data(), held * kBlock);
+            held = 0;
+            state.ResumeTiming();
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+    QXV_RTP_ReceiveEnd(handle, 0);
+    QXV_RTP_Destroy(handle);
+}
+BENCHMARK(RxProcessDatagram);
+
+}  // namespace
+
+BENCHMARK_MAIN();
