@@ -31,12 +31,9 @@ void* HostModule::Library::symbol(const char* name) const {
     reinterpret_cast<decltype(&QXV_RTP_##name)>(library_.symbol("QXV_RTP_" #name))
 
 HostModule::HostModule()
-    : functions_{TOOLS_RESOLVE(Create),    TOOLS_RESOLVE(Destroy),
-                 TOOLS_RESOLVE(SetConfig), TOOLS_RESOLVE(SendStart),
-                 TOOLS_RESOLVE(Send),      TOOLS_RESOLVE(SendCancel),
-                 TOOLS_RESOLVE(SendEnd),   TOOLS_RESOLVE(ReceiveStart),
-                 TOOLS_RESOLVE(Receive),   TOOLS_RESOLVE(ReceiveCancel),
-                 TOOLS_RESOLVE(ReceiveEnd)},
+    : functions_{TOOLS_RESOLVE(Create),       TOOLS_RESOLVE(Destroy), TOOLS_RESOLVE(SetConfig),
+                 TOOLS_RESOLVE(SendStart),    TOOLS_RESOLVE(Send),    TOOLS_RESOLVE(SendEnd),
+                 TOOLS_RESOLVE(ReceiveStart), TOOLS_RESOLVE(Receive), TOOLS_RESOLVE(ReceiveEnd)},
       rows_(static_cast<RtpChannelContextExt (*)[kDirections][kChannels]>(
           library_.symbol("g_ContextExt"))),
       handle_(functions_.Create(0)) {

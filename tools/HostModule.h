@@ -35,11 +35,9 @@ class HostModule {
         decltype(&QXV_RTP_SetConfig) SetConfig;
         decltype(&QXV_RTP_SendStart) SendStart;
         decltype(&QXV_RTP_Send) Send;
-        decltype(&QXV_RTP_SendCancel) SendCancel;
         decltype(&QXV_RTP_SendEnd) SendEnd;
         decltype(&QXV_RTP_ReceiveStart) ReceiveStart;
         decltype(&QXV_RTP_Receive) Receive;
-        decltype(&QXV_RTP_ReceiveCancel) ReceiveCancel;
         decltype(&QXV_RTP_ReceiveEnd) ReceiveEnd;
     };
     const Functions& call() const { return functions_; }

@@ -67,7 +67,6 @@ bool PacketSource::fill(std::chrono::milliseconds wait) {
     if (count < 0 && errno != EINTR && errno != EAGAIN)
         throw Failure(fmt::format("cannot read {}: {}", name_, std::strerror(errno)));
     ended_ = count == 0;
-    readSinceRewind_ = readSinceRewind_ || count > 0;
     return true;
 }
 
@@ -80,7 +79,7 @@ bool PacketSource::rewind() {
         throw Failure(fmt::format("cannot rewind {}: {}", name_, std::strerror(errno)));
     pending_.clear();
     begin_ = 0;
-    readSinceRewind_ = false;
+    yielded_ = false;
     ended_ = false;
     return true;
 }
@@ -131,5 +130,6 @@ std::span<const uint8_t> PacketSource::take(size_t limit, std::chrono::milliseco
     const size_t most = limit / packetSize() * packetSize();
     const std::span<const uint8_t> packets(pending_.data() + begin_, std::min(most, wholeBytes()));
     begin_ += packets.size();
+    yielded_ = yielded_ || !packets.empty();
     return packets;
 }

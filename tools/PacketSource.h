@@ -38,7 +38,7 @@ class PacketSource {
   private:
     size_t available() const { return pending_.size() - begin_; }
     size_t wholeBytes() const;
-    bool loopable() const { return loop_ && readSinceRewind_; }
+    bool loopable() const { return loop_ && yielded_; }
     bool fill(std::chrono::milliseconds wait);
     bool rewind();
     bool findFirstPacket(StopSignal& stop);
@@ -48,7 +48,7 @@ class PacketSource {
     bool regular_ = false;
     bool loop_;
     bool ended_ = false;
-    bool readSinceRewind_ = false;
+    bool yielded_ = false;  // packets, since the last rewind
     PacketLayout layout_{kPacketBytes, 0};
     std::optional<PcrBitrate> rate_;
     std::vector<uint8_t> pending_;

@@ -134,10 +134,10 @@ class Receiving {
             if (stop_.requested())
                 return false;
             if (Clock::now() > deadline)
-                throw Failure(
-                    fmt::format("no socket could be opened for {}; is the port in use, or "
-                                "the address not this machine's?",
-                                url_.text));
+                throw Failure(fmt::format(
+                    "no socket could be opened for {}; {}", url_.text,
+                    url_.multicast ? "is there an interface for the group? localaddr= names one"
+                                   : "is the port in use, or the address not this machine's?"));
             std::this_thread::sleep_for(kPollInterval);
         }
         return true;
@@ -196,9 +196,9 @@ class Receiving {
 
 void runReceive(const ReceiveOptions& options) {
     const StreamUrl url = parseStreamUrl(options.url);
-    receiveConfig(url);  // refuses what cannot be received from before anything is opened
+    receiveConfig(url);           // refuses what cannot be received from before anything is opened
+    Output output(options.file);  // may wait for the reader of a FIFO
     StopSignal stop;
-    Output output(options.file);
     HostModule module;
     Receiving receiving(options, url, module, output, stop);
     receiving.run();

@@ -194,8 +194,8 @@ class Sending {
 void runSend(const SendOptions& options) {
     const StreamUrl url = parseStreamUrl(options.url);
     sendConfig(url);  // refuses what cannot be sent to before anything is opened
+    PacketSource source(options.file, options.loop);  // may wait for the writer of a FIFO
     StopSignal stop;
-    PacketSource source(options.file, options.loop);
     source.open(!options.bitrate_bps, stop);
     if (!stop.requested()) {
         const uint32_t bitrate_bps = chooseBitrate(options, source);
