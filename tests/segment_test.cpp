@@ -1,0 +1,119 @@
+// The file-backed segment.
+#include "ZAQShareMemory.h"
+
+#include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <string>
+
+namespace {
+
+constexpr uint32_t kSize = 17680;
+
+void Put(const std::string& path, const std::string& text) {
+    std::ofstream(path) << text;
+}
+
+// The file's bytes; none when it is not there.
+std::string Text(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(Segment, OwnerMakesAFreshFileAndRemovesItAtClose) {
+    std::string path = "/tmp/segment";
+    CZAQShareMemory first, second;
+    Put(path, "left over");
+    const mode_t old = umask(027);
+    ASSERT_EQ(first.Create(path.data(), kSize, 0), 1);
+    umask(old);
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777u, 0750u);
+    EXPECT_EQ(Text(path), std::string(kSize, '\0'));
+    EXPECT_EQ(first.GetOwner(), 1u);
+    EXPECT_EQ(first.GetSize(), kSize);
+    first.GetPointer()[kSize - 1] = 'x';
+    EXPECT_EQ(first.Flush() + first.Invalidate(), 2);
+    // An open object refuses, and removes nothing.
+    EXPECT_EQ(first.Create(path.data(), 1, 1) + first.Open(path.data(), 1), 0);
+    EXPECT_EQ(Text(path).back(), 'x');
+    // Another one takes the name away; the first keeps its bytes.
+    ASSERT_EQ(second.Create(path.data(), kSize, 1), 1);
+    EXPECT_EQ(second.GetPointer()[kSize - 1], 0);
+    EXPECT_EQ(first.GetPointer()[kSize - 1], 'x');
+    second.Close();
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    Put(path, "another's");
+    second.Close();
+    EXPECT_EQ(Text(path), "another's");
+    EXPECT_EQ(second.Flush() + second.Invalidate(), 0);
+    EXPECT_TRUE(second.GetPointer() == nullptr && second.File == 0);
+    EXPECT_EQ(second.GetOwner() + second.GetSize(), 0u);
+    EXPECT_EQ(std::string(second.Name, sizeof(second.Name)), std::string(1024, '\0'));
+}
+
+// As a user that may neither remove the file nor make others beside it.
+TEST(Segment, AFileThatCannotBeRemovedIsJoinedOrRefused) {
+    enum Way { kJoin, kCreate, kOpen };
+    static const struct {
+        Way How;
+        mode_t Mode;
+        uint32_t Size;
+        bool Mapped, Stuck;
+    } kCases[] = {{kJoin, 0666, kSize, true, false},   {kOpen, 0666, kSize, true, false},
+                  {kCreate, 0666, kSize, false, true}, {kJoin, 0600, kSize, false, true},
+                  {kOpen, 0600, kSize, false, true},   {kJoin, 0666, 0, false, false},
+                  {kOpen, 0666, 0, false, false}};  // a mapping of no bytes fails
+    mkdir("/tmp/fixed", 0755);
+    std::string path = "/tmp/fixed/segment", other = "/tmp/other";
+    for (const auto& test : kCases) {
+        SCOPED_TRACE(&test - kCases);
+        Put(path, "what was there");
+        chmod(path.c_str(), test.Mode);
+        CZAQShareMemory segment;
+        setfsuid(65534);  // of this thread only
+        EXPECT_EQ(test.How == kOpen ? segment.Open(path.data(), test.Size)
+                                    : segment.Create(path.data(), test.Size, test.How == kJoin),
+                  test.Mapped);
+        setfsuid(0);
+        EXPECT_EQ(segment.GetOwner(), 0u);
+        EXPECT_EQ(segment.GetSize(), test.Mapped ? test.Size : 0);
+        EXPECT_EQ(segment.GetPointer() != nullptr && segment.GetPointer()[0] == 'w', test.Mapped);
+        segment.Close();
+        EXPECT_EQ(Text(path), "what was there");
+        // A stuck object stays so; any other one can be used again.
+        EXPECT_EQ(segment.Create(other.data(), 10, 1), !test.Stuck);
+        EXPECT_EQ(segment.File < 0, test.Stuck);
+    }
+}
+
+TEST(Segment, FailuresLeaveNothingBehind) {
+    std::string path = "/tmp/segment", longest = "/tmp" + std::string(1012, '/') + "segment";
+    CZAQShareMemory segment, other;
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit shorter{kSize - 1, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &shorter);
+    EXPECT_EQ(segment.Create(path.data(), kSize, 1), 0);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    EXPECT_EQ(segment.Create(path.data(), 0, 1) + segment.Create(nullptr, kSize, 1), 0);
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+
+    EXPECT_EQ(segment.Create(longest.data(), kSize, 0), 1);  // 1023 bytes
+    EXPECT_EQ(segment.Name, longest);
+    longest.insert(0, 1, '/');
+    EXPECT_EQ(other.Create(longest.data(), kSize, 1) + other.Open(longest.data(), kSize), 0);
+    EXPECT_EQ(Text(path).size(), kSize);
+    EXPECT_EQ(other.Open(path.data(), kSize), 0);  // removes before it looks
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
+}  // namespace
