@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -39,6 +38,21 @@ double field(const std::filesystem::path& file, const std::string& name) {
         if (line.starts_with(name + ":"))
             return std::stod(line.substr(name.size() + 1));
     return 0.0;
+}
+
+Meter::Usage sumUp(const Children& children) {
+    Meter::Usage usage{static_cast<double>(now_ns()) * 1e-9, 0.0, 0.0};
+    for (const Child& child : children) {
+        // The process's own clock has no tick: it counts what the scheduler counts.
+        clockid_t clock;
+        if (clock_getcpuclockid(child.pid(), &clock) != 0)
+            throw Failure("a measured process has ended early");
+        usage.cpu_s += static_cast<double>(now_ns(clock)) * 1e-9;
+        const std::filesystem::path tasks = "/proc/" + std::to_string(child.pid()) + "/task";
+        for (const auto& task : std::filesystem::directory_iterator(tasks))
+            usage.wakeups += field(task.path() / "status", "voluntary_ctxt_switches");
+    }
+    return usage;
 }
 
 }  // namespace
@@ -97,40 +111,16 @@ bool Child::join(double seconds) {
     return waitFor(seconds, [this] { return !running(); });
 }
 
-Usage usageOf(const Children& children) {
-    Usage usage{0.0, 0};
-    for (const Child& child : children) {
-        // The process's own clock has no tick: it counts what the scheduler counts.
-        clockid_t clock;
-        if (clock_getcpuclockid(child.pid(), &clock) != 0)
-            throw Failure("a measured process has ended early");
-        usage.cpu_s += static_cast<double>(now_ns(clock)) * 1e-9;
-        const std::filesystem::path tasks = "/proc/" + std::to_string(child.pid()) + "/task";
-        for (const auto& task : std::filesystem::directory_iterator(tasks))
-            usage.wakeups +=
-                static_cast<uint64_t>(field(task.path() / "status", "voluntary_ctxt_switches"));
-    }
-    return usage;
+Meter::Meter(const Children& children) : children_(children), before_(sumUp(children)) {}
+
+Meter::Usage Meter::read() const {
+    const Usage now = sumUp(children_);
+    return {now.elapsed_s - before_.elapsed_s, now.cpu_s - before_.cpu_s,
+            now.wakeups - before_.wakeups};
 }
 
-double proportionalSet_KiB(pid_t pid) {
-    return field("/proc/" + std::to_string(pid) + "/smaps_rollup", "Pss");
-}
-
-double residentSet_KiB(pid_t pid) {
-    return field("/proc/" + std::to_string(pid) + "/smaps_rollup", "Rss");
-}
-
-void* mapShared(size_t bytes) {
-    void* const memory =
-        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
-        throw Failure(std::string("mmap: ") + strerror(errno));
-    return memory;
-}
-
-void unmapShared(void* memory, size_t bytes) {
-    munmap(memory, bytes);
+double memoryOf(pid_t pid, const std::string& measure) {
+    return field("/proc/" + std::to_string(pid) + "/smaps_rollup", measure);
 }
 
 int64_t now_ns(clockid_t clock) {
@@ -156,15 +146,11 @@ bool waitFor(double seconds, const std::function<bool()>& condition) {
     return true;
 }
 
-double percentile(std::vector<double>& values, double percent) {
+double percentile(std::vector<double> values, double percent) {
     if (values.empty())
         return 0.0;
     const auto last = static_cast<double>(values.size() - 1);
     const auto nth = values.begin() + static_cast<std::ptrdiff_t>(last * percent / 100.0 + 0.5);
     std::nth_element(values.begin(), nth, values.end());
     return *nth;
-}
-
-double median(std::vector<double> values) {
-    return percentile(values, 50.0);
 }

@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -48,38 +47,32 @@ class Child {
 
 using Children = std::vector<Child>;
 
-// Since the start of the processes, all their threads together.
-struct Usage {
-    double cpu_s;  // user and system
-    uint64_t wakeups;
-};
-Usage usageOf(const Children& children);
+// What processes take from its making to its reading.
+class Meter {
+  public:
+    explicit Meter(const Children& children);
+    struct Usage {
+        double elapsed_s;
+        double cpu_s;  // user and system, all threads of all processes
+        double wakeups;
+    };
+    Usage read() const;
 
-// Memory of the processes, each shared page counted in proportion.
-double proportionalSet_KiB(pid_t pid);
-double residentSet_KiB(pid_t pid);
-
-// One object in memory that this process and its children see alike.
-void* mapShared(size_t bytes);
-void unmapShared(void* memory, size_t bytes);
-template <typename T>
-struct SharedDeleter {
-    void operator()(T* object) const { unmapShared(object, sizeof(T)); }
+  private:
+    const Children& children_;
+    const Usage before_;
 };
-template <typename T>
-using Shared = std::unique_ptr<T, SharedDeleter<T>>;
-template <typename T>
-Shared<T> makeShared() {
-    return Shared<T>(new (mapShared(sizeof(T))) T);
-}
+
+// Memory of a process in KiB, by the kernel's name for it: "Pss" counts shared pages in proportion,
+// "Rss" whole, "Private_Dirty" only what no other process has.
+double memoryOf(pid_t pid, const std::string& measure);
 
 int64_t now_ns(clockid_t clock = CLOCK_MONOTONIC);
 void sleepFor(double seconds);
 // Polls until the condition holds; false after the given time.
 bool waitFor(double seconds, const std::function<bool()>& condition);
 
-// Both sort; 0 for no values.
-double percentile(std::vector<double>& values, double percent);
-double median(std::vector<double> values);
+// 0 for no values.
+double percentile(std::vector<double> values, double percent);
 
 #endif

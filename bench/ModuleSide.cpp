@@ -57,24 +57,18 @@ class Module {
             throw Failure("the module refuses its configuration");
     }
 
-    void startSend(uint32_t channel, uint32_t bitrate_bps) const {
+    // Returns when all have their sockets.
+    void start(uint32_t direction, uint32_t channels, uint32_t bitrate_bps = 8'000'000) const {
         // A quarter of a second of the stream.
         const uint32_t bytes = std::clamp(bitrate_bps / 32, 64u << 10, 4u << 20);
-        configure(QXV_RTP_SEND, channel);
-        if (SendStart(handle, channel, bitrate_bps, bytes / QXV_RTP_BUFFER_UNIT) == 0)
-            throw Failure("a send channel does not start");
-    }
-
-    void startReceive(uint32_t channels) const {
         for (uint32_t channel = 0; channel < channels; ++channel) {
-            configure(QXV_RTP_RECEIVE, channel);
-            if (ReceiveStart(handle, channel) == 0)
-                throw Failure("a receive channel does not start");
+            configure(direction, channel);
+            const uint32_t started = direction == kSend ? SendStart(handle, channel, bitrate_bps,
+                                                                    bytes / QXV_RTP_BUFFER_UNIT)
+                                                        : ReceiveStart(handle, channel);
+            if (started == 0)
+                throw Failure("a channel does not start");
         }
-        waitForSockets(QXV_RTP_RECEIVE, channels);
-    }
-
-    void waitForSockets(uint32_t direction, uint32_t channels) const {
         const auto& records = static_cast<const RtpContext*>(handle)->Channels[direction];
         const bool open = waitFor(kSocketPatience_s, [&] {
             return std::all_of(records, records + channels,
@@ -91,50 +85,41 @@ class Module {
     }
 };
 
-[[noreturn]] void idle() {
-    for (;;)
-        pause();
-}
-
 }  // namespace
 
 void setModulePath(const std::string& path) {
     g_ModulePath = path;
 }
 
-void moduleReceive(Board& board, uint32_t channels) {
+void moduleReceive(Board& shared, Load load) {
     const Module module;
-    module.startReceive(channels);
+    module.start(kReceive, load.channels);
     std::vector<CZAQSimpleBuffer*> rings;
-    for (uint32_t channel = 0; channel < channels; ++channel)
-        rings.push_back(&module.ring(QXV_RTP_RECEIVE, channel));
+    for (uint32_t channel = 0; channel < load.channels; ++channel)
+        rings.push_back(&module.ring(kReceive, channel));
     std::vector<uint8_t> space(kHostBlock * kPayloadBytes);
-    board.ready = 1;
+    shared.ready = 1;
     for (;;) {
-        for (uint32_t channel = 0; channel < channels; ++channel) {
+        for (uint32_t channel = 0; channel < load.channels; ++channel) {
             uint32_t size;
             // Only what is there, so that no channel waits for another.
             while ((size = std::min(rings[channel]->GetDataSize(),
                                     static_cast<uint32_t>(space.size()))) > 0) {
                 module.Receive(module.handle, channel, space.data(), size);
-                board.received[channel].fetch_add(size / kPayloadBytes, std::memory_order_relaxed);
+                shared.received[channel].fetch_add(size / kPayloadBytes, std::memory_order_relaxed);
             }
         }
         usleep(kHostPoll_us);
     }
 }
 
-void moduleSend(Board& board, Load load) {
+void moduleSend(Board& /*shared*/, Load load) {
     constexpr useconds_t kFeed_us = 40000;
     constexpr double kLead_s = 0.1;  // the ring holds more, so the host never waits
     const Module module;
-    const auto bitrate = static_cast<uint32_t>(load.rate_bps);
-    for (uint32_t channel = 0; channel < load.channels; ++channel)
-        module.startSend(channel, bitrate);
-    module.waitForSockets(QXV_RTP_SEND, load.channels);
+    module.start(kSend, load.channels, static_cast<uint32_t>(load.rate_bps));
     std::vector<uint8_t> packets(kHostBlock * kPayloadBytes);
     fillPackets(packets.data(), kHostBlock * 7);
-    board.ready = 1;
     uint64_t fed = 0;  // bytes, into each channel
     for (const int64_t start = now_ns();; usleep(kFeed_us)) {
         const double elapsed_s = static_cast<double>(now_ns() - start) * 1e-9 + kLead_s;
@@ -148,9 +133,9 @@ void moduleSend(Board& board, Load load) {
     }
 }
 
-void moduleSendUnpaced() {
+void moduleSendUnpaced(Board& /*shared*/, Load /*load*/) {
     const Module module;
-    module.startSend(0, 4'000'000'000);
+    module.start(kSend, 1, 4'000'000'000);
     std::vector<uint8_t> packets(kHostBlock * kPayloadBytes);
     fillPackets(packets.data(), kHostBlock * 7);
     while (module.Send(module.handle, 0, packets.data(), static_cast<uint32_t>(packets.size())) ==
@@ -158,33 +143,18 @@ void moduleSendUnpaced() {
     }
 }
 
-void moduleIdle(Board& board, uint32_t direction, uint32_t channels) {
+void moduleIdle(Board& shared, uint32_t sendChannels, uint32_t receiveChannels) {
     const Module module;
-    if (direction == QXV_RTP_RECEIVE)
-        module.startReceive(channels);
-    for (uint32_t channel = 0; direction == QXV_RTP_SEND && channel < channels; ++channel)
-        module.startSend(channel, 8'000'000);
-    module.waitForSockets(direction, channels);
-    board.ready = 1;
-    idle();
+    module.start(kSend, sendChannels);
+    module.start(kReceive, receiveChannels);
+    shared.ready = 1;
+    for (;;)
+        pause();
 }
 
-void moduleLoadTime(Board& board) {
+void moduleLoadTime(Board& shared) {
     const int64_t start = now_ns();
     const Module module;
     if (module.handle != nullptr)
-        board.values[0] = static_cast<double>(now_ns() - start) * 1e-6;
-}
-
-void moduleMemory(Board& board, uint32_t direction) {
-    const Module module;
-    board.values[2] = proportionalSet_KiB(getpid());
-    board.values[3] = residentSet_KiB(getpid());
-    if (direction == QXV_RTP_RECEIVE)
-        module.startReceive(kStreams);
-    for (uint32_t channel = 0; direction == QXV_RTP_SEND && channel < kStreams; ++channel)
-        module.startSend(channel, 8'000'000);
-    module.waitForSockets(direction, kStreams);
-    board.values[0] = (proportionalSet_KiB(getpid()) - board.values[2]) / kStreams;
-    board.values[1] = (residentSet_KiB(getpid()) - board.values[3]) / kStreams;
+        shared.result = static_cast<double>(now_ns() - start) * 1e-6;
 }

@@ -10,22 +10,18 @@
 void setModulePath(const std::string& path);
 
 // Receives on the channels; one host thread reads all of them, once a millisecond.
-void moduleReceive(Board& board, uint32_t channels);
+void moduleReceive(Board& shared, Load load);
 
 // Sends on the channels; one host thread feeds all of them, every 40 ms.
-void moduleSend(Board& board, Load load);
+void moduleSend(Board& shared, Load load);
 
 // Sends on one channel at a bitrate that no machine reaches; the host feeds it as fast as it takes.
-void moduleSendUnpaced();
+void moduleSendUnpaced(Board& shared, Load load);
 
-// Starts 0 to 16 channels in one direction and leaves them alone.
-void moduleIdle(Board& board, uint32_t direction, uint32_t channels);
+// Starts channels and leaves them alone.
+void moduleIdle(Board& shared, uint32_t sendChannels, uint32_t receiveChannels);
 
-// Ends with values[0] = milliseconds from the load to the first handle.
-void moduleLoadTime(Board& board);
-
-// Ends with values[0], [1] = proportional and resident set per started channel, in KiB; [2], [3] =
-// the same for the module without channels.
-void moduleMemory(Board& board, uint32_t direction);
+// Ends with the result: milliseconds from the load to the first handle.
+void moduleLoadTime(Board& shared);
 
 #endif

@@ -44,8 +44,8 @@ Values mergeRounds(const std::vector<Values>& rounds) {
         std::vector<double> all;
         for (const Values& round : rounds)
             all.push_back(valueOf(round, value.name));
-        value.value =
-            value.merge == Merge::Median ? median(all) : *std::max_element(all.begin(), all.end());
+        value.value = value.merge == Merge::Median ? percentile(all, 50)
+                                                   : *std::max_element(all.begin(), all.end());
     }
     return merged;
 }
@@ -77,10 +77,15 @@ Rows alternate(const std::vector<Side>& sides, int rounds) {
     std::vector<std::vector<Values>> results(sides.size());
     for (int round = 0; round < rounds; ++round)
         for (size_t i = 0; i < sides.size(); ++i)
-            results[i].push_back(sides[i].run());
+            try {
+                results[i].push_back(sides[i].run());
+            } catch (const Failure& failure) {
+                fmt::print("{}, round {}: {}\n", sides[i].name, round + 1, failure.what());
+            }
     Rows rows;
     for (size_t i = 0; i < sides.size(); ++i)
-        rows.push_back({sides[i].name, mergeRounds(results[i])});
+        if (!results[i].empty())
+            rows.push_back({sides[i].name, mergeRounds(results[i])});
     return rows;
 }
 
@@ -91,17 +96,17 @@ std::optional<double> valueOf(const Rows& rows, const std::string& side, const s
     return std::nullopt;
 }
 
-std::optional<double> ratio(std::optional<double> value, std::optional<double> reference) {
-    if (!value || !reference || *reference == 0.0)
-        return std::nullopt;
-    return *value / *reference;
+std::optional<double> ratio(const Rows& rows, const std::string& side, const std::string& reference,
+                            const std::string& name) {
+    const auto value = valueOf(rows, side, name);
+    const auto divisor = valueOf(rows, reference, name);
+    return value && divisor && *divisor != 0.0 ? std::optional(*value / *divisor) : std::nullopt;
 }
 
-void addRatio(Rows& rows, const std::string& name) {
-    const double reference = valueOf(rows.front().values, name);
+void addRatio(Rows& rows, const std::string& reference, const std::string& name) {
     for (Row& row : rows)
-        if (reference != 0.0)
-            row.values.push_back({"x " + rows.front().side, valueOf(row.values, name) / reference});
+        if (const auto quotient = ratio(rows, row.side, reference, name))
+            row.values.push_back({"x " + reference, *quotient});
 }
 
 Report::Report() : machine_(describeMachine()) {

@@ -31,13 +31,15 @@ struct Row {
 using Rows = std::vector<Row>;
 
 // Runs all sides in turn, then all again, and so on, so that what changes in the machine meanwhile
-// meets all of them.
+// meets all of them. A side that fails has no row.
 Rows alternate(const std::vector<Side>& sides, int rounds);
 // The value of one side; nothing when it was not measured.
 std::optional<double> valueOf(const Rows& rows, const std::string& side, const std::string& name);
-std::optional<double> ratio(std::optional<double> value, std::optional<double> reference);
-// Adds a column: the value as a multiple of that of the first row.
-void addRatio(Rows& rows, const std::string& name);
+// The same value of two sides, one divided by the other.
+std::optional<double> ratio(const Rows& rows, const std::string& side, const std::string& reference,
+                            const std::string& name);
+// Adds that ratio as a column.
+void addRatio(Rows& rows, const std::string& reference, const std::string& name);
 
 using Points = std::vector<std::pair<double, double>>;
 struct Curve {

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "Measure.h"
 #include "Report.h"
 #include "Traffic.h"
 
@@ -27,15 +28,15 @@ void benchIdle(Report& report, const Settings& settings);
 void benchLoad(Report& report, const Settings& settings);
 void benchGrowth(Report& report, const Settings& settings);
 
-// One measurement of the CPU that a side takes, for the growth of it: columns as in the tables of
-// receiving and sending.
+// One measurement of a side, for the growth of its cost: columns as in the tables of receiving and
+// sending.
 Values receiveOnce(bool module, Load load, double seconds);
 Values sendOnce(bool module, Load load, double seconds);
 
-// Column names that more than one section uses.
+// Columns that more than one table has.
 inline constexpr const char* kCost = "us/datagram";
 inline constexpr const char* kCore = "% of core";
 inline constexpr const char* kWakeups = "wake-ups/s";
-inline constexpr const char* kMemory = "PSS MiB";
+Values costOf(const Meter::Usage& usage, double datagrams);
 
 #endif

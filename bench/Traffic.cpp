@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/udp.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,8 +14,8 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <numeric>
-#include <set>
 #include <sstream>
 #include <vector>
 
@@ -60,6 +61,14 @@ int openSocket() {
     return file;
 }
 
+int connectTo(uint32_t channel) {
+    const int file = openSocket();
+    const sockaddr_in address = addressOf(channel);
+    if (connect(file, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+        throw Failure(std::string("connect: ") + strerror(errno));
+    return file;
+}
+
 std::vector<int> openAll(uint32_t channels, bool receive) {
     std::vector<int> sockets;
     for (uint32_t channel = 0; channel < channels; ++channel)
@@ -78,8 +87,8 @@ void count(std::atomic<uint64_t>& counter, uint64_t more) {
     counter.store(counter.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
 }
 
-bool stopped(const Board& board) {
-    return board.stop.load(std::memory_order_relaxed) != 0;
+bool stopped(const Board& shared) {
+    return shared.stop.load(std::memory_order_relaxed) != 0;
 }
 
 // Wakes the thread 1 ms after the call and not, as is the default, up to 50 us later.
@@ -88,6 +97,19 @@ void sharpenSleep() {
 }
 
 }  // namespace
+
+Board& board() {
+    static void* const memory =
+        mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        throw Failure(std::string("mmap: ") + strerror(errno));
+    static Board& object = *new (memory) Board;
+    return object;
+}
+
+void clearBoard() {
+    madvise(&board(), sizeof(Board), MADV_REMOVE);  // pages of zeros take the place of these
+}
 
 uint64_t total(const std::atomic<uint64_t> (&counts)[kStreams]) {
     return std::accumulate(std::begin(counts), std::end(counts), uint64_t{0});
@@ -101,14 +123,6 @@ void fillPackets(uint8_t* data, uint32_t packets) {
         memcpy(data + size_t{packet} * kPacket, header, sizeof(header));
 }
 
-int connectTo(uint32_t channel) {
-    const int file = openSocket();
-    const sockaddr_in address = addressOf(channel);
-    if (connect(file, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
-        throw Failure(std::string("connect: ") + strerror(errno));
-    return file;
-}
-
 int listenAt(uint32_t channel, int bufferBytes) {
     const int file = openSocket();
     const sockaddr_in address = addressOf(channel);
@@ -119,31 +133,31 @@ int listenAt(uint32_t channel, int bufferBytes) {
     return file;
 }
 
-void sendPaced(Board& board, Load load) {
+void sendPaced(Board& shared, Load load) {
     sharpenSleep();
     const std::vector<int> sockets = openAll(load.channels, false);
     uint8_t datagram[kDatagramBytes];
     fillPackets(datagram + kHeaderBytes, 7);
     const double period = load.period_ns();
     const int64_t start = now_ns();
-    while (!stopped(board)) {
+    while (!stopped(shared)) {
         const auto elapsed = static_cast<double>(now_ns() - start);
         for (uint32_t channel = 0; channel < load.channels; ++channel) {
             const double phase = period * channel / load.channels;
             const auto due =
                 elapsed < phase ? 0 : static_cast<uint64_t>((elapsed - phase) / period);
-            uint64_t sent = board.sent[channel].load(std::memory_order_relaxed);
+            uint64_t sent = shared.sent[channel].load(std::memory_order_relaxed);
             for (; sent < due; ++sent) {
                 fillHeader(datagram, sent);
                 send(sockets[channel], datagram, sizeof(datagram), 0);
             }
-            board.sent[channel].store(sent, std::memory_order_relaxed);
+            shared.sent[channel].store(sent, std::memory_order_relaxed);
         }
         usleep(kTick_us);
     }
 }
 
-void sendUnpaced() {
+void sendUnpaced(Board& /*shared*/, Load /*load*/) {
     const int socket = connectTo(0);
     uint8_t datagram[kDatagramBytes];
     fillPackets(datagram + kHeaderBytes, 7);
@@ -152,7 +166,7 @@ void sendUnpaced() {
         send(socket, datagram, sizeof(datagram), 0);
 }
 
-void sendFlood(Board& board, Load load, bool trains) {
+void sendFlood(Board& shared, Load load, bool trains) {
     // Behind by more than this, it does not catch up: the run then counts as of a lower rate. A
     // burst of all that was missed would fill any receiver's buffer.
     constexpr int64_t kCatchUp_ns = 2'000'000;
@@ -162,38 +176,35 @@ void sendFlood(Board& board, Load load, bool trains) {
         if (trains && setsockopt(socket, SOL_UDP, UDP_SEGMENT, &segment, sizeof(segment)) != 0)
             throw Failure(std::string("UDP_SEGMENT: ") + strerror(errno));
 
-    std::vector<uint8_t> train(kTrain * kDatagramBytes);
-    mmsghdr messages[kTrain]{};
+    // A train is one message of all datagrams.
+    uint8_t datagrams[kTrain][kDatagramBytes];
     iovec vectors[kTrain];
+    mmsghdr messages[kTrain]{};
     for (uint32_t i = 0; i < kTrain; ++i) {
-        vectors[i] = {&train[i * kDatagramBytes], kDatagramBytes};
+        fillPackets(datagrams[i] + kHeaderBytes, 7);
+        vectors[i] = {datagrams[i], kDatagramBytes};
         messages[i].msg_hdr.msg_iov = &vectors[i];
-        messages[i].msg_hdr.msg_iovlen = 1;
-        fillPackets(&train[i * kDatagramBytes + kHeaderBytes], 7);
+        messages[i].msg_hdr.msg_iovlen = trains ? kTrain : 1;
     }
     const auto interval = static_cast<int64_t>(load.period_ns() / load.channels * kTrain);
     int64_t due = now_ns();
-    for (uint32_t channel = 0; !stopped(board); channel = (channel + 1) % load.channels) {
-        const uint64_t first = board.sent[channel].load(std::memory_order_relaxed);
+    for (uint32_t channel = 0; !stopped(shared); channel = (channel + 1) % load.channels) {
+        const uint64_t first = shared.sent[channel].load(std::memory_order_relaxed);
         for (uint32_t i = 0; i < kTrain; ++i)
-            fillHeader(&train[i * kDatagramBytes], first + i);
+            fillHeader(datagrams[i], first + i);
         while (now_ns() < due) {
         }
-        uint32_t sent = 0;
-        if (trains)
-            sent = send(sockets[channel], train.data(), train.size(), 0) > 0 ? kTrain : 0;
-        else
-            sent =
-                static_cast<uint32_t>(std::max(0, sendmmsg(sockets[channel], messages, kTrain, 0)));
-        count(board.sent[channel], sent);
+        const int sent = sendmmsg(sockets[channel], messages, trains ? 1 : kTrain, 0);
+        if (sent > 0)
+            count(shared.sent[channel], static_cast<uint64_t>(trains ? kTrain : sent));
         due = std::max(due + interval, now_ns() - kCatchUp_ns);
     }
 }
 
-void receiveEpoll(Board& board, uint32_t channels) {
-    const std::vector<int> sockets = openAll(channels, true);
+void receiveEpoll(Board& shared, Load load) {
+    const std::vector<int> sockets = openAll(load.channels, true);
     const int epoll = epoll_create1(EPOLL_CLOEXEC);
-    for (uint32_t channel = 0; channel < channels; ++channel) {
+    for (uint32_t channel = 0; channel < load.channels; ++channel) {
         epoll_event event{};
         event.events = EPOLLIN;
         event.data.u32 = channel;
@@ -201,28 +212,28 @@ void receiveEpoll(Board& board, uint32_t channels) {
             throw Failure(std::string("epoll_ctl: ") + strerror(errno));
     }
     const auto batch = std::make_unique<Batch>();
-    board.ready = 1;
+    shared.ready = 1;
     for (;;) {
         epoll_event events[kStreams];
         const int ready = epoll_wait(epoll, events, kStreams, -1);
         for (int i = 0; i < ready; ++i) {
             const int got = batch->receive(sockets[events[i].data.u32]);
             if (got > 0)
-                count(board.received[events[i].data.u32], static_cast<uint64_t>(got));
+                count(shared.received[events[i].data.u32], static_cast<uint64_t>(got));
         }
     }
 }
 
-void receiveDrain(Board& board, uint32_t channels) {
+void receiveDrain(Board& shared, Load load) {
     sharpenSleep();
-    const std::vector<int> sockets = openAll(channels, true);
+    const std::vector<int> sockets = openAll(load.channels, true);
     const auto batch = std::make_unique<Batch>();
-    board.ready = 1;
+    shared.ready = 1;
     for (;;) {
-        for (uint32_t channel = 0; channel < channels; ++channel)
+        for (uint32_t channel = 0; channel < load.channels; ++channel)
             for (int got = kBatch; got == kBatch;)
                 if ((got = batch->receive(sockets[channel])) > 0)
-                    count(board.received[channel], static_cast<uint64_t>(got));
+                    count(shared.received[channel], static_cast<uint64_t>(got));
         usleep(kTick_us);
     }
 }
@@ -259,18 +270,18 @@ struct Sequence {
 
 }  // namespace
 
-void receiveStamps(Board& board, uint32_t channels) {
+void receiveStamps(Board& shared, Load load) {
     constexpr useconds_t kPause_us = 5000;  // the stamps are the kernel's: reading late is no harm
-    const std::vector<int> sockets = openAll(channels, true);
+    const std::vector<int> sockets = openAll(load.channels, true);
     for (const int socket : sockets) {
         const int on = 1;
         setsockopt(socket, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on));
     }
     const auto batch = std::make_unique<Batch>();
     Sequence sequences[kStreams];
-    board.ready = 1;
+    shared.ready = 1;
     for (;;) {
-        for (uint32_t channel = 0; channel < channels; ++channel) {
+        for (uint32_t channel = 0; channel < load.channels; ++channel) {
             for (int i = 0; i < kBatch; ++i) {
                 batch->messages[i].msg_hdr.msg_control = batch->controls[i];
                 batch->messages[i].msg_hdr.msg_controllen = sizeof(batch->controls[i]);
@@ -280,37 +291,27 @@ void receiveStamps(Board& board, uint32_t channels) {
                 const uint64_t place =
                     sequences[channel].next(batch->slots[i], batch->messages[i].msg_len);
                 if (place < kStamps)
-                    board.stamps[channel][place].store(stampOf(batch->messages[i].msg_hdr),
-                                                       std::memory_order_relaxed);
+                    shared.stamps[channel][place].store(stampOf(batch->messages[i].msg_hdr),
+                                                        std::memory_order_relaxed);
             }
             if (got > 0)
-                count(board.received[channel], static_cast<uint64_t>(got));
+                count(shared.received[channel], static_cast<uint64_t>(got));
         }
         usleep(kPause_us);
     }
 }
 
-SocketTable lookUpSockets(uint32_t channels) {
-    SocketTable result{0, 0};
-    std::set<unsigned> ports;
-    for (const char* const file : {"/proc/net/udp", "/proc/net/udp6"}) {
-        std::ifstream table(file);
-        std::string line;
-        std::getline(table, line);  // the headings
-        while (std::getline(table, line)) {
-            std::istringstream words(line);
-            std::vector<std::string> columns{std::istream_iterator<std::string>(words), {}};
-            if (columns.size() < 13)
-                continue;
-            const std::string& local = columns[1];
-            const auto port =
-                static_cast<unsigned>(std::stoul(local.substr(local.find(':') + 1), nullptr, 16));
-            if (port < kFirstPort || port >= kFirstPort + channels)
-                continue;
-            ports.insert(port);
-            result.drops += std::stoull(columns.back());
-        }
+uint64_t udpCount(const std::string& name) {
+    std::ifstream table("/proc/net/snmp");
+    std::string line;
+    // Two lines begin with "Udp:": the names, and the numbers in the same order.
+    while (std::getline(table, line) && !line.starts_with("Udp:")) {
     }
-    result.open = static_cast<uint32_t>(ports.size());
-    return result;
+    std::istringstream names(line);
+    std::getline(table, line);
+    std::istringstream numbers(line);
+    for (std::string title, number; names >> title && numbers >> number;)
+        if (title == name)
+            return std::stoull(number);
+    throw Failure("the kernel has no UDP count " + name);
 }

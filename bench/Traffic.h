@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 inline constexpr uint32_t kStreams = 16;
 inline constexpr uint32_t kPayloadBytes = 7 * 188;  // what a datagram carries: seven packets
@@ -34,11 +35,15 @@ struct Board {
     std::atomic<uint32_t> stop{0};   // asks a sender of traffic to end
     std::atomic<uint64_t> sent[kStreams]{};
     std::atomic<uint64_t> received[kStreams]{};
-    double values[4]{};  // results of a child that has ended
+    double result{};  // of a child that has ended
     // Arrival of each datagram by the kernel's clock (CLOCK_REALTIME), in nanoseconds, at the place
     // that its sequence number gives; 0 = did not arrive.
     std::atomic<int64_t> stamps[kStreams][kStamps]{};
 };
+
+// The one board, in memory that this process and its children share.
+Board& board();
+void clearBoard();  // for the next run, when the processes of the one before have ended
 
 uint64_t total(const std::atomic<uint64_t> (&counts)[kStreams]);
 
@@ -47,30 +52,26 @@ void fillPackets(uint8_t* data, uint32_t packets);
 
 // One loop over all sockets: sends what is due, sleeps for 1 ms. The streams are spread evenly over
 // a datagram's period. Ends when it is asked to stop.
-void sendPaced(Board& board, Load load);
+void sendPaced(Board& shared, Load load);
 // One stream over one socket, as fast as send() goes.
-void sendUnpaced();
+void sendUnpaced(Board& shared, Load load);
 // Keeps to the sum of the rates without sleeping, in short bursts over all sockets: `trains` lets the
 // kernel cut datagrams out of longer buffers, else each is handed over on its own. Ends when it is
 // asked to stop.
-void sendFlood(Board& board, Load load, bool trains);
+void sendFlood(Board& shared, Load load, bool trains);
 
 // One loop over all sockets: waits with epoll, and takes batches from those that are readable.
-void receiveEpoll(Board& board, uint32_t channels);
+void receiveEpoll(Board& shared, Load load);
 // One loop over all sockets: takes what is there, sleeps for 1 ms.
-void receiveDrain(Board& board, uint32_t channels);
+void receiveDrain(Board& shared, Load load);
 // Writes down when each datagram arrived, by its RTP sequence number or else in order of arrival.
-void receiveStamps(Board& board, uint32_t channels);
+void receiveStamps(Board& shared, Load load);
 
-// A socket that is connected to, or bound to, the channel's port.
-int connectTo(uint32_t channel);
+// Bound to the channel's port.
 int listenAt(uint32_t channel, int bufferBytes);
 
-// What the kernel's table says of the sockets bound to the channels' ports.
-struct SocketTable {
-    uint32_t open;   // ports that have a socket
-    uint64_t drops;  // datagrams that found a socket's buffer full
-};
-SocketTable lookUpSockets(uint32_t channels);
+// One of the kernel's counts of the network namespace: NoPorts (datagrams that found no socket) or
+// RcvbufErrors (that found it full). All of them are ours.
+uint64_t udpCount(const std::string& name);
 
 #endif
