@@ -14,7 +14,7 @@ using fake::Call;
 using fake::Kind;
 
 struct Socket {
-    Call Made;
+    Call Made{Kind::Create};
     std::mutex InCallback{};  // held while the callback runs; taken before the state's
 };
 
@@ -76,7 +76,8 @@ void* ZAQUDPSocket_Create(const char* local, const char* remote, uint32_t localP
         return nullptr;
     call.Socket = reinterpret_cast<void*>(++state->LastHandle);
     state->Calls.at(index).Socket = call.Socket;
-    state->Open[call.Socket] = std::make_shared<Socket>(call);
+    auto& socket = state->Open[call.Socket] = std::make_shared<Socket>();
+    socket->Made = call;
     return call.Socket;
 }
 

@@ -102,7 +102,7 @@ TEST_F(LifecycleTest, StartAndEndSetEveryField) {
         EXPECT_TRUE(row.Running == 1 && row.Cancel == 0 && row.Timer != nullptr);
         EXPECT_EQ(row.Thread != nullptr, send);
         fake::Release();
-        EXPECT_TRUE(Until([&] { return record.Reopen == 0; }));
+        ASSERT_TRUE(Until([&] { return record.Reopen == 0; }));
         record.BitrateActual = 99;
         for (int end = 0; end < 2; ++end) {
             EXPECT_EQ(End(test.Direction, test.Channel), 1u);
@@ -217,7 +217,7 @@ TEST_F(LifecycleTest, StartedTwiceTheOldObjectsAreGone) {
         fake::Reset();
         for (int start = 0; start < 2; ++start) {
             ASSERT_EQ(Start(direction), 1u);
-            EXPECT_TRUE(Until([&] { return Record(direction, kChannel).Reopen == 0; }));
+            ASSERT_TRUE(Until([&] { return Record(direction, kChannel).Reopen == 0; }));
             Bytes bytes(100, 0x47);
             EXPECT_TRUE(direction == kSend ? Transfer(kSend, &bytes[0], 100) == 1
                                            : fake::Deliver(&Record(kReceive, kChannel), bytes));
@@ -237,10 +237,10 @@ TEST_F(LifecycleTest, HousekeepingOpensAndReplacesReceiveSockets) {
     ASSERT_EQ(QXV_RTP_SetConfig(Handle, kReceive, kChannel, &config), 1u);
     OpenReceiver(kChannel);
     const uint64_t ticks = testclock::Ticks;
-    EXPECT_TRUE(Until([&] { return testclock::Ticks > ticks + 11; }));  // left alone
+    ASSERT_TRUE(Until([&] { return testclock::Ticks > ticks + 11; }));  // left alone
     config = Config("::1", "::2", 0);
     ASSERT_EQ(QXV_RTP_SetConfig(Handle, kReceive, kChannel, &config), 1u);
-    EXPECT_TRUE(Until([&] { return record.Reopen == 0; }));
+    ASSERT_TRUE(Until([&] { return record.Reopen == 0; }));
     const auto creates = fake::Calls(Kind::Create), destroys = fake::Calls(Kind::Destroy);
     ASSERT_EQ(creates.size(), 4u);
     for (size_t i = 0; i < 4; ++i) {
@@ -265,7 +265,7 @@ TEST_F(LifecycleTest, HousekeepingMeasuresRunningChannels) {
         timer->RxInitialize(1000 + direction);
         timer->IncreaseBlocksTransfered(100);
         testclock::Now_us += 1000000;
-        EXPECT_TRUE(Until(
+        ASSERT_TRUE(Until(
             [&] { return Record(direction, kChannel).BitrateActual == 800000 + 800 * direction; }));
     }
     uint32_t rate = 0;
@@ -296,7 +296,7 @@ TEST_F(LifecycleTest, AConfigurationStoredMeanwhileIsNotLost) {
             change(config);
             ASSERT_EQ(QXV_RTP_SetConfig(Handle, direction, kChannel, &config), 1u);
             fake::Release();
-            EXPECT_TRUE(Until([&] {
+            ASSERT_TRUE(Until([&] {
                 return fake::Calls(Kind::Create).size() == 2 &&
                        Record(direction, kChannel).Reopen == 0;
             }));
@@ -315,10 +315,10 @@ TEST_F(LifecycleTest, AnEndMeanwhileLeavesNoSocketBehind) {
     for (const uint32_t direction : {kSend, kReceive}) {
         for (const Kind held : {Kind::Create, Kind::Destroy}) {
             ASSERT_EQ(Start(direction), 1u);
-            EXPECT_TRUE(Until([&] { return Record(direction, kChannel).Reopen == 0; }));
+            ASSERT_TRUE(Until([&] { return Record(direction, kChannel).Reopen == 0; }));
             fake::Hold(held);
             Record(direction, kChannel).Reopen = 1;
-            EXPECT_TRUE(Until([] { return fake::IsHeld(); }));
+            ASSERT_TRUE(Until([] { return fake::IsHeld(); }));
             auto end = std::async(std::launch::async, [&] { return End(direction); });
             EXPECT_TRUE(Until([&] { return Row(direction, kChannel).Cancel == 1; }));
             EXPECT_EQ(end.wait_for(20ms), std::future_status::timeout);

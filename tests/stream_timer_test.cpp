@@ -100,8 +100,9 @@ TEST_F(StreamTimer, MeasuresEachIntervalOnItsOwn) {
     ASSERT_EQ(Timer.RxInitialize(0xFFFFFFFF), 1);
     EXPECT_EQ(measure(1000, 1000), 4294959296u);  // the low 32 bits
     EXPECT_EQ(measure(1000, -1000), 0u);          // the clock was set back
-    ASSERT_EQ(Timer.TxInitialize(kBlock, kRate_bps), 1);
+    ASSERT_EQ(Timer.TxInitialize(kBlock, kRate_bps, 1000, 0), 1);
     EXPECT_EQ(Timer.GetDelayMicroSeconds(), 3509u);
+    EXPECT_EQ(measure(284, 0), 2989952u);  // the lead counts as time
     ASSERT_EQ(Timer.TxInitialize(0x80000000, 1), 1);
     EXPECT_EQ(Timer.GetDelayMicroSeconds(), 0x80000000u * 8000000ull);
 }

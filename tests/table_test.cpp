@@ -89,6 +89,7 @@ TEST_F(TableTest, AnotherUsersTableIsJoinedAsItIs) {
 TEST_F(TableTest, AFailedLoadLeavesNoHandle) {
     static const std::pair<mode_t, off_t> kCases[] = {{0600, 17680}, {0666, 17679}, {0666, 0}};
     for (const auto& [mode, size] : kCases) {
+        QXV_RTP_Deconstructor();
         g_pContext = nullptr;  // as in a new process
         ASSERT_EQ(truncate(kSharedMemoryPath, size), 0);
         EXPECT_EQ(LoadAsAnother(mode), 0);

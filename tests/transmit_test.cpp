@@ -168,7 +168,7 @@ TEST_F(TransmitTest, ASocketThatCannotBeMadeIsTriedAgainEverySecond) {
         memset(Sender().Config.*field, '1', QXV_RTP_ADDRESS_SIZE);
         const uint64_t before = testclock::Retries;
         ASSERT_EQ(QXV_RTP_SendStart(Handle, kChannel, kRate_bps, 1024), 1u);
-        EXPECT_TRUE(Until([&] { return testclock::Retries > before + 1; }));
+        ASSERT_TRUE(Until([&] { return testclock::Retries > before + 1; }));
         EXPECT_EQ(fake::Calls(Kind::Create).size(), 4u);
     }
 }
@@ -182,9 +182,9 @@ TEST_F(TransmitTest, ANewConfigurationReachesTheRunningStream) {
     EXPECT_EQ(SentAfter_ms(10).size(), 1u);
     auto config = Config("::1", "::2", 0, 1);
     ASSERT_EQ(QXV_RTP_SetConfig(Handle, kSend, kChannel, &config), 1u);
-    EXPECT_TRUE(Until([&] { return Sender().Reopen == 0; }));
+    ASSERT_TRUE(Until([&] { return Sender().Reopen == 0; }));
     Sender().Reopen = 1;  // as another process does
-    EXPECT_TRUE(Until([&] { return Sender().Reopen == 0; }));
+    ASSERT_TRUE(Until([&] { return Sender().Reopen == 0; }));
     const auto sent = SentAfter_ms(10);
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(sent[0], Raw(stream, 0));
