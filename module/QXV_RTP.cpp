@@ -27,6 +27,15 @@ constexpr uint32_t kMaximumBufferPackets = 16384;
 constexpr uint16_t kFirstPort[kDirections] = {10000, 10100};
 constexpr uint8_t kDefaultTtl = 255;
 
+void ResetRow(RtpChannelContextExt& row, uint32_t cancel) {
+    row.Cancel.store(cancel);
+    row.Running.store(0);
+    row.Socket.store(nullptr);
+    row.Thread.store(nullptr);
+    row.Timer.store(nullptr);
+    row.Buffer.store(nullptr);
+}
+
 // A channel as it is before anybody configures it: RTP to or from group 224.1.direction.channel.
 void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
     RtpChannelContext& record = context.Channels[direction][channel];
@@ -50,13 +59,7 @@ void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
     config.Port = static_cast<uint16_t>(kFirstPort[direction] + channel);
     config.Reserved = 0;
 
-    RtpChannelContextExt& row = g_ContextExt[0][direction][channel];
-    row.Cancel.store(1);
-    row.Running.store(0);
-    row.Socket.store(nullptr);
-    row.Thread.store(nullptr);
-    row.Timer.store(nullptr);
-    row.Buffer.store(nullptr);
+    ResetRow(g_ContextExt[0][direction][channel], 1);
 }
 
 void LayDownDefaults(RtpContext& context) {
@@ -88,14 +91,8 @@ void ForgetSegment() {
 
 int QXV_RTP_Constructor() {
     for (auto& direction : g_ContextExt[0]) {
-        for (RtpChannelContextExt& row : direction) {
-            row.Cancel.store(0);
-            row.Running.store(0);
-            row.Socket.store(nullptr);
-            row.Thread.store(nullptr);
-            row.Timer.store(nullptr);
-            row.Buffer.store(nullptr);
-        }
+        for (RtpChannelContextExt& row : direction)
+            ResetRow(row, 0);
     }
     char path[sizeof(kSharedMemoryPath)];
     memcpy(path, kSharedMemoryPath, sizeof(path));

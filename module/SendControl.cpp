@@ -1,15 +1,13 @@
 // Starting, feeding, re-pacing and ending send channels.
-#include <unistd.h>
-
 #include <algorithm>
 
 #include "Channel.h"
 #include "Module.h"
 #include "QXV_RTP.h"
+#include "Transfer.h"
 
 namespace {
 
-constexpr useconds_t kFullRingWait_us = 1000;
 constexpr int kUnitShift = 8;
 static_assert(1u << kUnitShift == QXV_RTP_BUFFER_UNIT);
 
@@ -25,18 +23,6 @@ void ReleaseEarlierStart(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lif
     if (channel.Row->Thread.load(std::memory_order_acquire) != nullptr)
         CancelChannel(channel);
     Release(channel);
-}
-
-// Writes what fits, up to `length` bytes. False when the channel has no ring.
-bool WriteSome(const Channel& channel, const uint8_t* data, uint32_t length, uint32_t& written) {
-    const zaq::MutexLock lock(channel.Locks->State);
-    CZAQSimpleBuffer* const buffer = channel.Row->Buffer.load(std::memory_order_acquire);
-    if (buffer == nullptr)
-        return false;
-    written = std::min(buffer->GetFreeSize(), length);
-    if (written != 0)
-        buffer->Write(const_cast<unsigned char*>(data), written);
-    return true;
 }
 
 }  // namespace
@@ -60,29 +46,13 @@ uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate, uin
 }
 
 uint32_t QXV_RTP_Send(void* handle, uint32_t channel, const uint8_t* data, uint32_t length) {
-    const Channel found = FindChannel(handle, kSend, channel);
-    if (!found)
-        return 0;
-    if (length == 0)
-        return 1;
-    if (data == nullptr || found.Row->Cancel.load(std::memory_order_acquire) != 0)
-        return 0;
-    uint32_t remaining = length;
-    uint32_t done = 0;
-    for (;;) {
-        uint32_t written = 0;
-        if (!WriteSome(found, data + done, remaining, written))
-            return 0;
-        remaining -= written;
-        done += written;
-        if (written == 0)
-            usleep(kFullRingWait_us);
-        // Completion is tested first: bytes that are all in the ring were taken, cancel or not.
-        if (remaining == 0)
-            return 1;
-        if (found.Row->Cancel.load(std::memory_order_acquire) != 0)
-            return 0;
-    }
+    const auto write = [data](CZAQSimpleBuffer& ring, uint32_t done, uint32_t remaining) {
+        const uint32_t count = std::min(ring.GetFreeSize(), remaining);
+        if (count != 0)
+            ring.Write(const_cast<unsigned char*>(data) + done, count);
+        return count;
+    };
+    return TransferAll(FindChannel(handle, kSend, channel), data, length, write);
 }
 
 uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel) {
