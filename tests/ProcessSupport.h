@@ -13,8 +13,8 @@
 #include <utility>
 
 template <typename Condition>
-bool Await(Condition condition, std::chrono::seconds limit = std::chrono::seconds(15)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+bool Await(Condition condition, int seconds = 15) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;
@@ -23,13 +23,12 @@ bool Await(Condition condition, std::chrono::seconds limit = std::chrono::second
     return true;
 }
 
-inline auto Entries(const char* directory) {
-    return std::distance(std::filesystem::directory_iterator(directory), {});
-}
-
 // Descriptors and threads of this process. A thread that was joined counts for a moment longer.
 inline auto Footprint() {
-    return std::pair(Entries("/proc/self/fd"), Entries("/proc/self/task"));
+    const auto entries = [](const char* directory) {
+        return std::distance(std::filesystem::directory_iterator(directory), {});
+    };
+    return std::pair(entries("/proc/self/fd"), entries("/proc/self/task"));
 }
 
 // Runs `body` in a child process, which ends as a host does: through exit(), with its handlers.
@@ -41,9 +40,9 @@ inline pid_t Fork(const std::function<int()>& body) {
 }
 
 // Exit code of the child, 128 + the signal that killed it, or -1 when it had not ended in time.
-inline int Reap(pid_t child, std::chrono::seconds limit = std::chrono::seconds(20)) {
+inline int Reap(pid_t child, int seconds = 20) {
     int status = 0;
-    if (!Await([&] { return waitpid(child, &status, WNOHANG) == child; }, limit)) {
+    if (!Await([&] { return waitpid(child, &status, WNOHANG) == child; }, seconds)) {
         kill(child, SIGKILL);
         waitpid(child, &status, 0);
         return -1;

@@ -1,0 +1,163 @@
+// The tool as a process: against itself, and against ffmpeg and ffprobe.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+
+#include "ProcessSupport.h"
+
+namespace {
+
+const std::string kSample = SAMPLE_PATH;
+
+std::string Contents(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A shell command, running; killed if nobody has waited for it. The tool gets a /tmp, and so a
+// shared table, of its own; redirections are made outside.
+class Process {
+  public:
+    explicit Process(const std::string& command)
+        : m_Child(Fork([&] { return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); })) {}
+    static Process Tool(const std::string& arguments) {
+        return Process("exec unshare --mount sh -c 'mount -t tmpfs tmpfs /tmp && exec \"$@\"' sh " +
+                       (TOOL_PATH " " + arguments));
+    }
+    Process(Process&& other) noexcept : m_Child(std::exchange(other.m_Child, 0)) {}
+    ~Process() {
+        if (m_Child != 0)
+            End(SIGKILL);
+    }
+    int Wait() { return Reap(std::exchange(m_Child, 0), 40); }
+    int End(int signal) {
+        kill(m_Child, signal);
+        return Wait();
+    }
+
+  private:
+    pid_t m_Child;
+};
+
+std::string Output(const std::string& command) {
+    EXPECT_EQ(Process(command + " > /tmp/output").Wait(), 0) << command;
+    return Contents("/tmp/output");
+}
+
+// A receiver of the URL, which has the port, with its socket open; it records /tmp/PORT.
+Process Receive(const std::string& url, int port, const std::string& options = "") {
+    Process tool =
+        Process::Tool("receive '" + url + "' - " + options + " > /tmp/" + std::to_string(port));
+    char field[16];
+    snprintf(field, sizeof(field), ":%04X ", static_cast<unsigned int>(port));
+    EXPECT_TRUE(Await([&] {
+        return (Contents("/proc/net/udp") + Contents("/proc/net/udp6")).find(field) !=
+               std::string::npos;
+    })) << url;
+    return tool;
+}
+
+bool HaveFfmpeg() {
+    return system("command -v ffmpeg > /dev/null && command -v ffprobe > /dev/null") == 0;
+}
+
+TEST(Tool, ReceiveRecordsByteForByteWhatSendSendsWithItsTail) {
+    const std::tuple<std::string, size_t, const char*> cases[] = {
+        // packets of the sample
+        {"udp://127.0.0.1:7000", 1883, "-b 20M"},
+        {"rtp://[::1]:7001", 1000, "-b 20M"},
+        {"rtp://239.1.1.1:7002?localaddr=127.0.0.1&ttl=0", 400, ""},
+        {"udp://[ff15::1]:7003?localaddr=::1", 3, "-b 100k"}};
+    int port = 7000;
+    for (const auto& [url, packets, options] : cases) {
+        const std::string input = Contents(kSample).substr(0, packets * 188);
+        std::ofstream("/tmp/input") << Contents(kSample).substr(0, packets * 188 + 100);
+        // Null packets fill the last datagram, and what it takes to find the size of packets.
+        const size_t datagrams = std::max<size_t>((packets + 6) / 7, 2);
+        const std::string length = std::to_string(datagrams * 1316);
+        Process receiver = Receive(url, port, "-n " + length);
+        EXPECT_EQ(Process::Tool("send - '" + url + "' " + options + " < /tmp/input").Wait(), 0);
+        EXPECT_EQ(receiver.Wait(), 0) << url;
+        const std::string recording = Contents("/tmp/" + std::to_string(port++));
+        EXPECT_EQ(std::to_string(recording.size()), length);
+        EXPECT_TRUE(recording.substr(0, input.size()) == input) << url;
+        for (size_t at = input.size(); at < recording.size(); at += 188)
+            EXPECT_EQ(recording.substr(at, 4), "\x47\x1F\xFF\x10") << "null packet";
+    }
+}
+
+TEST(Tool, FfprobeFindsTheStreamsInWhatSendSends) {
+    if (!HaveFfmpeg())
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed";
+    const std::string probe =
+        "timeout 30 ffprobe -v fatal -show_entries stream=codec_name -of csv ";
+    const std::string expected = Output(probe + kSample + " | sort -u");
+    EXPECT_NE(expected.find("mpeg2video"), std::string::npos) << expected;
+    for (const std::string url : {"udp://127.0.0.1:7010", "rtp://127.0.0.1:7012"}) {
+        Process sender = Process::Tool("send --loop " + kSample + " -b 2M " + url);
+        EXPECT_EQ(Output(probe + url + " | sort -u"), expected) << url;
+        EXPECT_EQ(sender.End(SIGINT), 0);
+    }
+}
+
+// ffmpeg keeps the end of a stream that it sends as RTP to itself.
+TEST(Tool, ReceiveRecordsFrameForFrameWhatFfmpegSends) {
+    if (!HaveFfmpeg())
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed";
+    const auto frames = [](const std::string& file) {
+        return Output("ffmpeg -v error -i " + file +
+                      " -map 0:v -c copy -f framemd5 - | sed '/^#/d; s/.* //'");
+    };
+    const std::string all = frames(kSample);
+    Process receivers[] = {Receive("udp://@127.0.0.1:7020", 7020), Receive("rtp://@:7022", 7022)};
+    const std::string send = "ffmpeg -v error -re -i " + kSample + " -map 0 -c copy -f ";
+    Process udp(send + "mpegts 'udp://127.0.0.1:7020?pkt_size=1316'");
+    Process rtp(send + "rtp_mpegts rtp://127.0.0.1:7022");
+    EXPECT_EQ(udp.Wait(), 0);
+    EXPECT_EQ(rtp.Wait(), 0);
+    for (const int i : {0, 1}) {
+        EXPECT_EQ(receivers[i].End(SIGINT), 0);
+        std::string got = frames("/tmp/" + std::to_string(7020 + 2 * i));
+        if (i == 1)
+            got.resize(got.rfind('\n', got.size() - 2) + 1);  // a part of a frame
+        EXPECT_EQ(got, all.substr(0, i == 0 ? all.size() : got.size()));
+        EXPECT_GT(got.size(), all.size() * 8 / 10);
+    }
+}
+
+TEST(Tool, DemoShowsSixteenChannelsThatDeliver) {
+    const std::string shown = Output(TOOL_PATH " demo -s 2 " + kSample);
+    const std::regex row("\n +[0-9]+  (udp|rtp)://.*  ok(?=\n)");
+    EXPECT_EQ(std::distance(std::sregex_iterator(shown.begin(), shown.end(), row), {}), 16)
+        << shown;
+}
+
+TEST(Tool, WrongUsageIsTwoAndFailureOneWithOneLineThatSaysWhy) {
+    const std::string url = "udp://127.0.0.1:7030";
+    const std::vector<std::string> cases[] = {
+        {},
+        {"send /nonexistent " + url, "send /dev/null " + url, "send /bin/sh " + url,
+         "send " + kSample + " udp://192.0.2.1:7030", "receive udp://192.0.2.1:7030 -",
+         "receive " + url + " /nonexistent/file", "receive " + url + " - -d 0.2"},
+        {"", "frobnicate", "send", "send --nonsense " + kSample + ' ' + url,
+         "send " + kSample + " http://127.0.0.1:7030", "send " + kSample + " udp://localhost:7030",
+         "send " + kSample + " udp://127.0.0.1:65536", "send " + kSample + ' ' + url + " -b 5x",
+         "send " + kSample + ' ' + url + " -b 0", "receive " + url + "?ttl=256 -",
+         "receive " + url + " - -d -1", "demo --seconds 0"}};
+    for (const int code : {1, 2}) {
+        std::vector<Process> commands;
+        const auto errors = [code](size_t i) { return "/tmp/" + std::to_string(code * 100 + i); };
+        for (size_t i = 0; i < cases[code].size(); ++i)
+            commands.push_back(Process::Tool(cases[code][i] + " > /dev/null 2> " + errors(i)));
+        for (size_t i = 0; i < cases[code].size(); ++i) {
+            EXPECT_EQ(commands[i].Wait(), code) << cases[code][i];
+            const std::string said = Contents(errors(i));
+            EXPECT_TRUE(std::regex_match(said, std::regex("qxvrtp: [^\n]+\n")))
+                << cases[code][i] << '\n'
+                << said;
+        }
+    }
+}
+
+}  // namespace
