@@ -106,9 +106,9 @@ uint32_t ZAQSocketsExtractIPAddress(const char* address, unsigned char* /*bytes*
     unsigned char bytes[16];
     if (strlen(address) >= 256)
         ++Locked()->Misuses;  // read over the end of its field
-    const uint32_t family = inet_pton(AF_INET, address, bytes) == 1    ? AF_INET
-                            : inet_pton(AF_INET6, address, bytes) == 1 ? AF_INET6
-                                                                       : 0;
+    uint32_t family = inet_pton(AF_INET, address, bytes) == 1 ? AF_INET : 0;
+    if (family == 0 && inet_pton(AF_INET6, address, bytes) == 1)
+        family = AF_INET6;
     if (family != 0)
         *multicast = family == AF_INET ? bytes[0] >> 4 == 0xE : bytes[0] == 0xFF;
     return family;

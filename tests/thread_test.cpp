@@ -1,17 +1,12 @@
-// The thread wrapper, and the order of the classes' virtual functions.
+// The thread wrapper.
 #include "ZAQThread.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <memory>
-#include <vector>
 
 #include "TestClock.h"
-#include "ZAQShareMemory.h"
-#include "ZAQSimpleBuffer.h"
-#include "ZAQStreamTimer.h"
 
 namespace {
 
@@ -60,41 +55,6 @@ TEST(Thread, LetGoOrRefusedItIsNotWaitedFor) {
     EXPECT_TRUE(testclock::Until([&] { return work.Done.load(); }));
     EXPECT_EQ(thread.SynchronizeExecute(7, [](void* self) { return self != nullptr ? 99 : 0; }),
               99);
-}
-
-// A pointer to a virtual member function holds its table offset plus one (Itanium C++ ABI, 2.3).
-template <class... Member>
-std::vector<ptrdiff_t> Slots(Member... members) {
-    const auto slot = [](auto member) {
-        ptrdiff_t offset;
-        memcpy(&offset, &member, sizeof(offset));
-        return (offset - 1) / static_cast<ptrdiff_t>(sizeof(void*));
-    };
-    return {slot(members)...};
-}
-
-// A host that calls the classes directly was compiled with these. Overloads show in their
-// neighbours' places.
-TEST(VirtualFunctions, KeepTheirOrder) {
-    using Order = std::vector<ptrdiff_t>;
-    using M = CZAQShareMemory;
-    using R = CZAQSimpleBuffer;
-    using S = CZAQStreamTimer;
-    using T = CZAQThread;
-    EXPECT_EQ(Slots(&M::GetPointer, &M::GetOwner, &M::GetSize, &M::Create, &M::Open, &M::Close,
-                    &M::Flush, &M::Invalidate),
-              (Order{2, 3, 4, 5, 6, 7, 8, 9}));
-    EXPECT_EQ(Slots(&R::GetTotalSize, &R::GetBufferSize, &R::ResetSample, &R::Initialize,
-                    &R::Cleanup, &R::Reset, &R::GetDataSize, &R::GetFreeSize, &R::GetSampleSize,
-                    &R::Write, &R::Read, &R::Sample),
-              (Order{2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
-    EXPECT_EQ(
-        Slots(&S::GetBlockSize, &S::GetBitrate, &S::GetBitrateActual, &S::GetBlocks,
-              &S::RxInitialize, &S::GetTxBlocks, &S::CalculateBitrate, &S::GetDelayMicroSeconds,
-              &S::GetRTPTimeStamp, &S::FillRTPHeader, &S::ExtractRTPHeader, &S::ExtractRTCPHeader),
-        (Order{2, 3, 4, 5, 10, 11, 12, 13, 14, 15, 16, 17}));
-    EXPECT_EQ(Slots(&T::SynchronizeExecute, &T::StartThread, &T::CloseWithoutWait),
-              (Order{0, 3, 6}));
 }
 
 }  // namespace

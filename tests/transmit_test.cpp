@@ -36,22 +36,14 @@ class TransmitTest : public ModuleTest {
     void Feed(const Bytes& stream) {
         ASSERT_EQ(Send(stream), 1u);
         ASSERT_TRUE(Until([&] { return Ended() || SendRow().Timer.load()->GetBlockSize() != 0; }));
+        SentAfter_ms(0);
     }
     // Block `index` of the stream behind an RTP header.
     static Bytes Rtp(const Bytes& stream, uint32_t index, uint8_t sequence, uint32_t units,
                      uint32_t block = kBlock) {
-        Bytes bytes{0x80,
-                    0x21,
-                    0,
-                    sequence,
-                    0,
-                    0,
-                    static_cast<uint8_t>(units >> 8),
-                    static_cast<uint8_t>(units),
-                    0,
-                    0,
-                    0xAA,
-                    0x55};
+        Bytes bytes{0x80, 0x21, 0, sequence, 0, 0, 0, 0, 0, 0, 0xAA, 0x55};
+        bytes[6] = static_cast<uint8_t>(units >> 8);
+        bytes[7] = static_cast<uint8_t>(units);
         const Bytes payload = Raw(stream, index, block);
         bytes.insert(bytes.end(), payload.begin(), payload.end());
         return bytes;
