@@ -115,7 +115,7 @@ bool isInstalled(const std::string& peer) {
     std::istringstream folders(path != nullptr ? path : "");
     const std::string program = peer == "GStreamer" ? "gst-launch-1.0" : peer;
     for (std::string folder; std::getline(folders, folder, ':');)
-        if (access((folder + "/" + program).c_str(), X_OK) == 0)
+        if (access(fmt::format("{}/{}", folder, program).c_str(), X_OK) == 0)
             return true;
     return false;
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -86,6 +87,7 @@ Child Child::execute(Place place, const std::vector<std::string>& arguments) {
         for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
             dup2(null, stream);
         std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
         for (const std::string& argument : arguments)
             argv.push_back(const_cast<char*>(argument.c_str()));
         argv.push_back(nullptr);
@@ -150,7 +152,7 @@ double percentile(std::vector<double> values, double percent) {
     if (values.empty())
         return 0.0;
     const auto last = static_cast<double>(values.size() - 1);
-    const auto nth = values.begin() + static_cast<std::ptrdiff_t>(last * percent / 100.0 + 0.5);
+    const auto nth = values.begin() + std::lround(last * percent / 100.0);
     std::nth_element(values.begin(), nth, values.end());
     return *nth;
 }

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "Measure.h"
@@ -17,39 +17,46 @@ std::string g_ModulePath;
 
 constexpr double kSocketPatience_s = 5.0;  // housekeeping opens receive sockets once a second
 constexpr useconds_t kHostPoll_us = 1000;
-constexpr uint32_t kHostBlock = 512;  // datagrams' worth that the host reads or writes at most
+// The host reads and writes as much at most.
+constexpr uint32_t kHostPackets = 512 * 7;
+constexpr size_t kHostBytes = size_t{kHostPackets} * 188;
 
-#define BENCH_FUNCTION(name)         \
-    decltype(&QXV_RTP_##name) name = \
-        reinterpret_cast<decltype(&QXV_RTP_##name)>(symbol("QXV_RTP_" #name))
+// An address that becomes whatever function is expected.
+struct Symbol {
+    void* address;
+    template <typename Function>
+    operator Function*() const {
+        return reinterpret_cast<Function*>(address);
+    }
+};
 
 class Module {
     // First, since the functions below come from it.
     void* const library_ = dlopen(g_ModulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
 
-    void* symbol(const char* name) const {
+    Symbol symbol(const char* name) const {
         void* const address = library_ != nullptr ? dlsym(library_, name) : nullptr;
         if (address == nullptr)
             throw Failure(dlerror());
-        return address;
+        return {address};
     }
 
   public:
-    BENCH_FUNCTION(Create);
-    BENCH_FUNCTION(GetConfig);
-    BENCH_FUNCTION(SetConfig);
-    BENCH_FUNCTION(SendStart);
-    BENCH_FUNCTION(Send);
-    BENCH_FUNCTION(ReceiveStart);
-    BENCH_FUNCTION(Receive);
+    decltype(&QXV_RTP_Create) Create = symbol("QXV_RTP_Create");
+    decltype(&QXV_RTP_GetConfig) GetConfig = symbol("QXV_RTP_GetConfig");
+    decltype(&QXV_RTP_SetConfig) SetConfig = symbol("QXV_RTP_SetConfig");
+    decltype(&QXV_RTP_SendStart) SendStart = symbol("QXV_RTP_SendStart");
+    decltype(&QXV_RTP_Send) Send = symbol("QXV_RTP_Send");
+    decltype(&QXV_RTP_ReceiveStart) ReceiveStart = symbol("QXV_RTP_ReceiveStart");
+    decltype(&QXV_RTP_Receive) Receive = symbol("QXV_RTP_Receive");
     void* const handle = Create(0);
 
     // Points the channel at its port on 127.0.0.1, under RTP.
     void configure(uint32_t direction, uint32_t channel) const {
         RtpChannelConfig config;
         GetConfig(handle, direction, channel, &config);
-        snprintf(config.LocalAddress, sizeof(config.LocalAddress), "127.0.0.1");
-        snprintf(config.RemoteAddress, sizeof(config.RemoteAddress), "127.0.0.1");
+        strcpy(config.LocalAddress, "127.0.0.1");
+        strcpy(config.RemoteAddress, "127.0.0.1");
         config.Multicast = 0;
         config.Rtp = 1;
         config.Port = static_cast<uint16_t>(kFirstPort + channel);
@@ -79,8 +86,8 @@ class Module {
     }
 
     CZAQSimpleBuffer& ring(uint32_t direction, uint32_t channel) const {
-        const auto rows =
-            static_cast<RtpChannelContextExt(*)[kDirections][kChannels]>(symbol("g_ContextExt"));
+        const auto rows = static_cast<RtpChannelContextExt(*)[kDirections][kChannels]>(
+            symbol("g_ContextExt").address);
         return *rows[0][direction][channel].Buffer.load();
     }
 };
@@ -97,7 +104,7 @@ void moduleReceive(Board& shared, Load load) {
     std::vector<CZAQSimpleBuffer*> rings;
     for (uint32_t channel = 0; channel < load.channels; ++channel)
         rings.push_back(&module.ring(kReceive, channel));
-    std::vector<uint8_t> space(kHostBlock * kPayloadBytes);
+    std::vector<uint8_t> space(kHostBytes);
     shared.ready = 1;
     for (;;) {
         for (uint32_t channel = 0; channel < load.channels; ++channel) {
@@ -118,8 +125,8 @@ void moduleSend(Board& /*shared*/, Load load) {
     constexpr double kLead_s = 0.1;  // the ring holds more, so the host never waits
     const Module module;
     module.start(kSend, load.channels, static_cast<uint32_t>(load.rate_bps));
-    std::vector<uint8_t> packets(kHostBlock * kPayloadBytes);
-    fillPackets(packets.data(), kHostBlock * 7);
+    std::vector<uint8_t> packets(kHostBytes);
+    fillPackets(packets.data(), kHostPackets);
     uint64_t fed = 0;  // bytes, into each channel
     for (const int64_t start = now_ns();; usleep(kFeed_us)) {
         const double elapsed_s = static_cast<double>(now_ns() - start) * 1e-9 + kLead_s;
@@ -136,8 +143,8 @@ void moduleSend(Board& /*shared*/, Load load) {
 void moduleSendUnpaced(Board& /*shared*/, Load /*load*/) {
     const Module module;
     module.start(kSend, 1, 4'000'000'000);
-    std::vector<uint8_t> packets(kHostBlock * kPayloadBytes);
-    fillPackets(packets.data(), kHostBlock * 7);
+    std::vector<uint8_t> packets(kHostBytes);
+    fillPackets(packets.data(), kHostPackets);
     while (module.Send(module.handle, 0, packets.data(), static_cast<uint32_t>(packets.size())) ==
            1) {
     }

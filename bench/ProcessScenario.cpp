@@ -42,12 +42,12 @@ Values measureLoad() {
 }  // namespace
 
 void benchIdle(Report& report, const Settings& settings) {
-    const double seconds = settings.seconds;
+    const double seconds = std::min(settings.seconds, 4.0);
     Rows rows =
         alternate({{"no channels", [=] { return measureIdle(0, 0, seconds); }},
                    {"16 send channels", [=] { return measureIdle(kStreams, 0, seconds); }},
                    {"16 receive channels", [=] { return measureIdle(0, kStreams, seconds); }}},
-                  settings.quick ? 1 : 3);
+                  settings.quick ? 1 : 2);
     for (Row& row : rows)
         for (const char* const column : {kPrivate, kResident})
             if (const auto loaded = valueOf(rows, "no channels", column))

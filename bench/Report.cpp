@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 
 #include "Measure.h"
 
@@ -21,17 +20,6 @@ std::string firstLine(const std::string& file, const std::string& start = "") {
     return "not readable";
 }
 
-std::vector<std::pair<std::string, std::string>> describeMachine() {
-    utsname system{};
-    uname(&system);
-    const std::string model = firstLine("/proc/cpuinfo", "model name");
-    return {{"processor", model.substr(std::min(model.find(": ") + 2, model.size()))},
-            {"cores", std::to_string(sysconf(_SC_NPROCESSORS_ONLN))},
-            {"kernel", fmt::format("{} {}", system.sysname, system.release)},
-            {"governor", firstLine("/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor")},
-            {"load before", firstLine("/proc/loadavg")}};
-}
-
 std::string format(double value) {
     const double size = std::abs(value);
     const int decimals = size >= 1000 || value == std::floor(value) ? 0 : size >= 10 ? 1 : 3;
@@ -42,6 +30,7 @@ Values mergeRounds(const std::vector<Values>& rounds) {
     Values merged = rounds.front();
     for (Value& value : merged) {
         std::vector<double> all;
+        all.reserve(rounds.size());
         for (const Values& round : rounds)
             all.push_back(valueOf(round, value.name));
         value.value = value.merge == Merge::Median ? percentile(all, 50)
@@ -54,16 +43,6 @@ const Value* find(const Values& values, const std::string& name) {
     const auto found = std::find_if(values.begin(), values.end(),
                                     [&](const Value& value) { return value.name == name; });
     return found != values.end() ? &*found : nullptr;
-}
-
-// The columns of all rows, in order of appearance.
-std::vector<std::string> columnsOf(const Rows& rows) {
-    std::vector<std::string> columns;
-    for (const Row& row : rows)
-        for (const Value& value : row.values)
-            if (std::find(columns.begin(), columns.end(), value.name) == columns.end())
-                columns.push_back(value.name);
-    return columns;
 }
 
 }  // namespace
@@ -109,75 +88,77 @@ void addRatio(Rows& rows, const std::string& reference, const std::string& name)
             row.values.push_back({"x " + reference, *quotient});
 }
 
-Report::Report() : machine_(describeMachine()) {
-    for (const auto& [name, text] : machine_)
-        fmt::print("{:<12} {}\n", name, text);
+Report::Report() {
+    utsname system{};
+    uname(&system);
+    const std::string model = firstLine("/proc/cpuinfo", "model name");
+    json_["machine"] = {
+        {"processor", model.substr(model.find(':') + 1)},
+        {"cores", std::to_string(sysconf(_SC_NPROCESSORS_ONLN))},
+        {"kernel", fmt::format("{} {}", system.sysname, system.release)},
+        {"governor", firstLine("/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor")},
+        {"load before", firstLine("/proc/loadavg")}};
+    for (const auto& [name, text] : json_["machine"].items())
+        fmt::print("{:<12} {}\n", name, text.get<std::string>());
 }
 
 void Report::table(const std::string& section, const std::string& note, const Rows& rows) {
-    tables_.push_back({section, rows});
-    fmt::print("\n{}\n", section);
-    if (!note.empty())
-        fmt::print("{}\n", note);
+    if (rows.empty())
+        return;
+    fmt::print("\n{}\n{}{}", section, note, note.empty() ? "" : "\n");
+    // A row may lack a ratio; the longest has all columns.
+    const Values& columns = std::ranges::max_element(rows, {}, [](const Row& row) {
+                                return row.values.size();
+                            })->values;
     size_t width = 0;
     for (const Row& row : rows)
         width = std::max(width, row.side.size());
-    const std::vector<std::string> columns = columnsOf(rows);
     fmt::print("  {:<{}}", "", width);
-    for (const std::string& column : columns)
-        fmt::print("  {:>{}}", column, std::max<size_t>(8, column.size()));
-    fmt::print("\n");
+    for (const Value& column : columns)
+        fmt::print("  {:>{}}", column.name, std::max<size_t>(8, column.name.size()));
     for (const Row& row : rows) {
-        fmt::print("  {:<{}}", row.side, width);
-        for (const std::string& column : columns) {
-            const Value* const value = find(row.values, column);
+        fmt::print("\n  {:<{}}", row.side, width);
+        for (const Value& column : columns) {
+            const Value* const value = find(row.values, column.name);
             fmt::print("  {:>{}}", value != nullptr ? format(value->value) : "-",
-                       std::max<size_t>(8, column.size()));
+                       std::max<size_t>(8, column.name.size()));
+            if (value != nullptr)
+                json_["tables"][section][row.side][value->name] = value->value;
         }
-        fmt::print("\n");
     }
-    fflush(stdout);
+    fmt::print("\n");
 }
 
 void Report::goal(const std::string& number, const std::string& text, std::optional<double> value,
                   Bound bound, double limit) {
-    goals_.push_back({number, text, value, bound, limit});
-}
-
-std::string Report::Goal::verdict() const {
-    if (!value)
-        return "not measured";
-    return (bound == Bound::AtMost ? *value <= limit : *value >= limit) ? "met" : "NOT met";
+    const bool atMost = bound == Bound::AtMost;
+    const bool met = value && (atMost ? *value <= limit : *value >= limit);
+    json_["goals"].push_back({{"goal", number},
+                              {"text", text},
+                              {"value", value ? nlohmann::ordered_json(*value) : nullptr},
+                              {"bound", atMost ? "<=" : ">="},
+                              {"limit", limit},
+                              {"verdict", !value ? "not measured"
+                                          : met  ? "met"
+                                                 : "NOT met"}});
 }
 
 void Report::printGoals() const {
     fmt::print("\nGoals\n");
-    for (const Goal& goal : goals_)
-        fmt::print("  {:>2}  {:<66}  {:>8}  {} {:<6}  {}\n", goal.number, goal.text,
-                   goal.value ? format(*goal.value) : "-",
-                   goal.bound == Bound::AtMost ? "<=" : ">=", goal.limit, goal.verdict());
+    const auto text = [](const auto& json) { return json.template get<std::string>(); };
+    if (json_.contains("goals"))
+        for (const auto& goal : json_["goals"])
+            fmt::print("  {}  {:<66}  {:>8}  {} {:<4}  {}\n", text(goal["goal"]),
+                       text(goal["text"]), goal["value"].is_null() ? "-" : format(goal["value"]),
+                       text(goal["bound"]), goal["limit"].get<double>(), text(goal["verdict"]));
 }
 
 void Report::writeJson(const std::string& file) const {
-    nlohmann::ordered_json json;
-    for (const auto& [name, text] : machine_)
-        json["machine"][name] = text;
-    for (const Table& table : tables_)
-        for (const Row& row : table.rows)
-            for (const Value& value : row.values)
-                json["tables"][table.section][row.side][value.name] = value.value;
-    for (const Goal& goal : goals_) {
-        nlohmann::ordered_json entry{{"goal", goal.number},
-                                     {"text", goal.text},
-                                     {"bound", goal.bound == Bound::AtMost ? "<=" : ">="},
-                                     {"limit", goal.limit},
-                                     {"verdict", goal.verdict()}};
-        if (goal.value)
-            entry["value"] = *goal.value;
-        json["goals"].push_back(entry);
-    }
+    const auto folder = std::filesystem::path(file).parent_path();
+    if (!folder.empty())
+        std::filesystem::create_directories(folder);
     std::ofstream stream(file);
-    stream << json.dump(2) << '\n';
+    stream << json_.dump(2) << '\n';
     if (!stream.flush())
         throw Failure(fmt::format("{} cannot be written", file));
 }

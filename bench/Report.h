@@ -3,6 +3,7 @@
 #define BENCH_REPORT_H
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -53,12 +54,13 @@ struct Plot {
     std::vector<Curve> curves;
 };
 
+// Prints each table as soon as it is complete, and keeps all for the file.
 class Report {
   public:
-    // Prints the machine at once, and each table when it is complete.
+    enum class Bound { AtMost, AtLeast };
+
     Report();
     void table(const std::string& section, const std::string& note, const Rows& rows);
-    enum class Bound { AtMost, AtLeast };
     void goal(const std::string& number, const std::string& text, std::optional<double> value,
               Bound bound, double limit);
     void plot(Plot plot) { plots_.push_back(std::move(plot)); }
@@ -69,20 +71,7 @@ class Report {
     void drawPlots(const std::string& folder) const;
 
   private:
-    struct Table {
-        std::string section;
-        Rows rows;
-    };
-    struct Goal {
-        std::string number, text;
-        std::optional<double> value;
-        Bound bound;
-        double limit;
-        std::string verdict() const;
-    };
-    std::vector<std::pair<std::string, std::string>> machine_;
-    std::vector<Table> tables_;
-    std::vector<Goal> goals_;
+    nlohmann::ordered_json json_;  // machine, tables by section, side and column, goals
     std::vector<Plot> plots_;
 };
 

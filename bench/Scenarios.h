@@ -12,7 +12,7 @@ struct Settings {
     bool quick = false;
     bool peers = false;
     int rounds = 3;
-    double seconds = 6.0;       // of one measurement
+    double seconds = 5.0;       // of one measurement
     double longSeconds = 60.0;  // of the one that shows the long-run rate
     std::string folder;         // where the bench's own programs are
 };

@@ -82,9 +82,9 @@ void fillHeader(uint8_t* header, uint64_t number) {
     memcpy(header, bytes, sizeof(bytes));
 }
 
-void count(std::atomic<uint64_t>& counter, uint64_t more) {
-    // One process counts, so load and store may be apart.
-    counter.store(counter.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
+void count(std::atomic<uint64_t>& counter, int more) {
+    if (more > 0)
+        counter.fetch_add(static_cast<uint64_t>(more), std::memory_order_relaxed);
 }
 
 bool stopped(const Board& shared) {
@@ -195,8 +195,7 @@ void sendFlood(Board& shared, Load load, bool trains) {
         while (now_ns() < due) {
         }
         const int sent = sendmmsg(sockets[channel], messages, trains ? 1 : kTrain, 0);
-        if (sent > 0)
-            count(shared.sent[channel], static_cast<uint64_t>(trains ? kTrain : sent));
+        count(shared.sent[channel], trains && sent == 1 ? int{kTrain} : sent);
         due = std::max(due + interval, now_ns() - kCatchUp_ns);
     }
 }
@@ -217,9 +216,8 @@ void receiveEpoll(Board& shared, Load load) {
         epoll_event events[kStreams];
         const int ready = epoll_wait(epoll, events, kStreams, -1);
         for (int i = 0; i < ready; ++i) {
-            const int got = batch->receive(sockets[events[i].data.u32]);
-            if (got > 0)
-                count(shared.received[events[i].data.u32], static_cast<uint64_t>(got));
+            const uint32_t channel = events[i].data.u32;
+            count(shared.received[channel], batch->receive(sockets[channel]));
         }
     }
 }
@@ -231,9 +229,10 @@ void receiveDrain(Board& shared, Load load) {
     shared.ready = 1;
     for (;;) {
         for (uint32_t channel = 0; channel < load.channels; ++channel)
-            for (int got = kBatch; got == kBatch;)
-                if ((got = batch->receive(sockets[channel])) > 0)
-                    count(shared.received[channel], static_cast<uint64_t>(got));
+            for (int got = kBatch; got == kBatch;) {
+                got = batch->receive(sockets[channel]);
+                count(shared.received[channel], got);
+            }
         usleep(kTick_us);
     }
 }
@@ -294,8 +293,7 @@ void receiveStamps(Board& shared, Load load) {
                     shared.stamps[channel][place].store(stampOf(batch->messages[i].msg_hdr),
                                                         std::memory_order_relaxed);
             }
-            if (got > 0)
-                count(shared.received[channel], static_cast<uint64_t>(got));
+            count(shared.received[channel], got);
         }
         usleep(kPause_us);
     }

@@ -102,12 +102,25 @@ void OneThread(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * kBlock);
 }
 
-// A short wait burns time; after it the other thread may need this processor.
+void pauseProcessor() {
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#else
+    asm volatile("" ::: "memory");
+#endif
+}
+
+// A thread that finds the queue full or empty leaves it alone for about a microsecond, and does not
+// take the other's cache line away from it all the time; the module's threads wait for longer. After
+// many such waits the other thread may need this processor.
 template <typename Attempt>
 void untilDone(const Attempt& attempt) {
-    for (int tries = 1; !attempt(); ++tries)
-        if (tries % 1024 == 0)
+    for (int tries = 1; !attempt(); ++tries) {
+        for (int wait = 0; wait < 32; ++wait)
+            pauseProcessor();
+        if (tries % 64 == 0)
             sched_yield();
+    }
 }
 
 template <typename Queue>
@@ -194,7 +207,7 @@ void RxProcessDatagram(benchmark::State& state) {
     std::vector<unsigned char> datagram(12 + kBlock, 0x47);
     datagram[0] = 0x80;
     datagram[1] = 33;
-    std::vector<unsigned char> space(kPause * kBlock);
+    std::vector<unsigned char> space(size_t{kPause} * kBlock);
     uint32_t held = 0;
     for (auto _ : state) {
         RxProcess(socket, nullptr, nullptr, datagram.data(),

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
+#include <iostream>
 
 #include "Contenders.h"
 #include "Measure.h"
@@ -41,9 +42,7 @@ void noteMissingPeers() {
             fmt::print("{:<12} not installed, left out\n", peer);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     const std::string folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
     Settings settings;
     settings.folder = folder;
@@ -82,21 +81,30 @@ int main(int argc, char** argv) {
         return 1;
     }
     setModulePath(module);
+    Report report;
+    if (!json.empty())
+        report.writeJson(json);  // finds out now, and not in the end, whether it can be
+    if (settings.peers)
+        noteMissingPeers();
+    for (const Section& section : kSections)
+        if (sections.empty() || std::count(sections.begin(), sections.end(), section.name) > 0)
+            section.run(report, settings);
+    report.printGoals();
+    if (!json.empty())
+        report.writeJson(json);
+    if (!plots.empty())
+        report.drawPlots(plots);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        Report report;
-        if (settings.peers)
-            noteMissingPeers();
-        for (const Section& section : kSections)
-            if (sections.empty() || std::count(sections.begin(), sections.end(), section.name) > 0)
-                section.run(report, settings);
-        report.printGoals();
-        if (!json.empty())
-            report.writeJson(json);
-        if (!plots.empty())
-            report.drawPlots(plots);
+        setlinebuf(stdout);
+        return run(argc, argv);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "qxvrtp-bench: {}\n", error.what());
+        std::cerr << "qxvrtp-bench: " << error.what() << '\n';
         return 1;
     }
-    return 0;
 }
