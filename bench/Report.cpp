@@ -93,7 +93,7 @@ Report::Report() {
     uname(&system);
     const std::string model = firstLine("/proc/cpuinfo", "model name");
     json_["machine"] = {
-        {"processor", model.substr(model.find(':') + 1)},
+        {"processor", model.substr(std::min(model.find(": ") + 2, model.size()))},
         {"cores", std::to_string(sysconf(_SC_NPROCESSORS_ONLN))},
         {"kernel", fmt::format("{} {}", system.sysname, system.release)},
         {"governor", firstLine("/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor")},
