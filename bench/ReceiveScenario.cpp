@@ -126,11 +126,12 @@ Values searchCapacity(const Contender& receiver, uint32_t channels, bool trains,
     while (highest / lowest > kExact) {
         const double rate = std::sqrt(lowest * highest);
         const Try result = tryRate(reception, {channels, rate / channels}, trains, seconds);
-        (result.lossless && result.reached ? lowest : highest) = rate;
-        if (!result.lossless)
-            limited = false;
-        else if (!result.reached)
-            limited = true;
+        if (result.lossless)
+            lowest = std::max(lowest, std::min(rate, result.rate_bps));
+        if (!result.lossless || !result.reached)
+            highest = rate;
+        if (!result.lossless || !result.reached)
+            limited = result.lossless;
         if (result.lossless)
             best = std::max(best, result.rate_bps);
     }
