@@ -15,7 +15,7 @@ namespace {
 
 std::string g_ModulePath;
 
-constexpr double kSocketPatience_s = 5.0;  // housekeeping opens receive sockets once a second
+constexpr double kSocketPatience_s = 12.0;  // housekeeping opens receive sockets once a second
 constexpr useconds_t kHostPoll_us = 1000;
 // The host reads and writes as much at most.
 constexpr uint32_t kHostPackets = 512 * 7;

@@ -19,7 +19,7 @@ Values measureIdle(uint32_t sendChannels, uint32_t receiveChannels, double secon
     Children children;
     children.push_back(
         Child::fork(Place::Measured, [&] { moduleIdle(board(), sendChannels, receiveChannels); }));
-    if (!waitFor(10.0, [&] { return board().ready != 0; }))
+    if (!waitFor(15.0, [&] { return board().ready != 0; }))
         throw Failure("the channels do not start");
     const Meter meter(children);
     sleepFor(seconds);

@@ -23,7 +23,7 @@ class Reception {
   public:
     Reception(const Contender& receiver, uint32_t channels)
         : counts_(receiver.ours), children_(start(receiver, channels)) {
-        constexpr double kPatience_s = 10.0;
+        constexpr double kPatience_s = 15.0;
         if (counts_ ? !waitFor(kPatience_s, [&] { return board().ready != 0; })
                     : !waitForPorts(channels, kPatience_s))
             throw Failure("it does not open its sockets");
@@ -34,7 +34,7 @@ class Reception {
     // Ends the sender; all that is on its way has then arrived or is lost.
     void settle(Child& sender) {
         board().stop = 1;
-        if (!sender.join(3.0))
+        if (!sender.join(10.0))
             throw Failure("the sender does not end");
         if (counts_)
             waitFor(0.5, [&] { return total(board().received) == total(board().sent); });
