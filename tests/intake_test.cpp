@@ -46,7 +46,7 @@ TEST_F(IntakeTest, ModeSwitchesAfterFourOfTheOtherForm) {
                   {0, 0, "TTTTRRRRRR", "0001111111", 10},  // not before one of the mode in force
                   {0, 0, "TTTTTRRRR", "000111110", 4},     // which is the fifth here
                   {0, 0xFFFFFFFF, "TTTTT", "00001", 4},    // the count wraps
-                  {7, 0, "RRRRR", "77700", 0}};            // neither 0 nor 1
+                  {7, 0, "TTRR", "7770", 4}};              // neither 0 nor 1
     OpenReceiver(kChannel);
     for (const auto& test : kCases) {
         SCOPED_TRACE(&test - kCases);

@@ -17,6 +17,12 @@ class TransmitTest : public ModuleTest {
         ASSERT_EQ(QXV_RTP_SetConfig(Handle, kSend, kChannel, &config), 1u);
         ASSERT_EQ(QXV_RTP_SendStart(Handle, kChannel, bitrate_bps, 1024), 1u);
     }
+    // The same after what an earlier round has left.
+    void StartAnew(uint8_t rtp, uint32_t bitrate_bps = kRate_bps) {
+        ASSERT_EQ(QXV_RTP_SendEnd(Handle, kChannel), 1u);
+        fake::Reset();
+        Start(rtp, bitrate_bps);
+    }
     uint32_t Send(const Bytes& bytes) {
         return QXV_RTP_Send(Handle, kChannel, bytes.data(), static_cast<uint32_t>(bytes.size()));
     }
@@ -55,10 +61,9 @@ class TransmitTest : public ModuleTest {
 
 TEST_F(TransmitTest, SevenPacketsWhenTheirTimeHasCome) {
     for (const uint32_t block : {7u * 188, 7u * 204}) {
-        for (const uint8_t rtp : {0, 1}) {
+        for (const uint8_t rtp : {0, 1, 7}) {  // 1 means RTP, nothing else does
             SCOPED_TRACE(block + rtp);
-            fake::Reset();
-            Start(rtp, block * 8 * 100);
+            StartAnew(rtp, block * 8 * 100);
             const Bytes stream = Stream(7 * 5 + 3, block / 7);
             Feed(stream);
             EXPECT_EQ(SentAfter_ms(9).size(), 0u);
@@ -92,8 +97,7 @@ TEST_F(TransmitTest, PacketSizeComesFromTheFirst2048Bytes) {
                   {{0, 376, 408}, 0}};
     for (const auto& test : kCases) {
         SCOPED_TRACE(&test - kCases);
-        fake::Reset();
-        Start(0);
+        StartAnew(0);
         Bytes stream(2048, 0);
         for (const size_t sync : test.Syncs)
             stream[sync] = 0x47;
@@ -114,8 +118,7 @@ TEST_F(TransmitTest, PacketSizeComesFromTheFirst2048Bytes) {
 
 TEST_F(TransmitTest, OnlyRtpStopsAtALostSyncByte) {
     for (const bool rtp : {false, true}) {
-        fake::Reset();
-        Start(rtp);
+        StartAnew(rtp);
         Bytes stream = Stream(7 * 4, 188);
         stream[2 * kBlock] = 0;
         Feed(stream);
