@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <string>
+#include <thread>
 #include <utility>
 
 template <typename Condition>
@@ -25,6 +27,13 @@ bool Await(Condition condition, int seconds = 15) {
 
 // Descriptors and threads of this process. A thread that was joined counts for a moment longer.
 inline auto Footprint() {
+    // Sanitizers start a thread of their own with the first of a process.
+    static pid_t warm = 0;
+    if (std::exchange(warm, getpid()) != getpid()) {
+        std::filesystem::path task;
+        std::thread([&task] { task = "/proc/self/task/" + std::to_string(gettid()); }).join();
+        Await([&task] { return !std::filesystem::exists(task); });
+    }
     const auto entries = [](const char* directory) {
         return std::distance(std::filesystem::directory_iterator(directory), {});
     };

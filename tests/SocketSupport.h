@@ -96,7 +96,8 @@ struct Interfaces {
         EXPECT_EQ(system("set -e; for n in 0 1; do"
                          " ip link add a$n type dummy 2>/dev/null || ip link add a$n type ifb;"
                          " ip link set a$n up multicast on; ip addr add 10.77.$n.1/24 dev a$n;"
-                         " ip addr add fd77:$n::1/64 dev a$n nodad; done"),
+                         " ip addr add fd77:$n::1/64 dev a$n nodad; done;"
+                         " while ip -6 addr show tentative | grep -q .; do sleep 0.01; done"),
                   0);
     }
     ~Interfaces() { EXPECT_EQ(system("ip link del a0; ip link del a1"), 0); }

@@ -169,7 +169,7 @@ TEST(Receive, BurstThatComesWhileACallbackBlocksIsKeptInOrderByAThreadWithoutSig
     std::mutex gate;
     std::unique_lock closed(gate);
     std::string blocked;
-    const Receiver receiver("127.0.0.1", "0.0.0.0", kPort, 0, [&](void*) {
+    Receiver receiver("127.0.0.1", "0.0.0.0", kPort, 0, [&](void*) {
         const std::lock_guard passing(gate);
         blocked = Blocked();
     });
@@ -181,7 +181,7 @@ TEST(Receive, BurstThatComesWhileACallbackBlocksIsKeptInOrderByAThreadWithoutSig
     size_t next = 0;
     for (const auto& [data, source] : receiver.All())
         ASSERT_EQ(std::stoul(data), next++);
-    closed.lock();
+    receiver.Destroy();
     EXPECT_EQ(blocked, "xxxxxxx");
     EXPECT_EQ(Blocked(), "-------") << "the host's own thread";
 }

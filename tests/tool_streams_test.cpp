@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 
 #include "ProcessSupport.h"
 
@@ -128,9 +127,10 @@ TEST(Tool, ReceiveRecordsFrameForFrameWhatFfmpegSends) {
 
 TEST(Tool, DemoShowsSixteenChannelsThatDeliver) {
     const std::string shown = Output(TOOL_PATH " demo -s 2 " + kSample);
-    const std::regex row("\n +[0-9]+  (udp|rtp)://.*  ok(?=\n)");
-    EXPECT_EQ(std::distance(std::sregex_iterator(shown.begin(), shown.end(), row), {}), 16)
-        << shown;
+    size_t delivering = 0;
+    for (size_t at = 0; (at = shown.find("  ok\n", at)) != std::string::npos; ++at)
+        ++delivering;
+    EXPECT_EQ(delivering, 16u) << shown;
 }
 
 TEST(Tool, WrongUsageIsTwoAndFailureOneWithOneLineThatSaysWhy) {
@@ -153,9 +153,8 @@ TEST(Tool, WrongUsageIsTwoAndFailureOneWithOneLineThatSaysWhy) {
         for (size_t i = 0; i < cases[code].size(); ++i) {
             EXPECT_EQ(commands[i].Wait(), code) << cases[code][i];
             const std::string said = Contents(errors(i));
-            EXPECT_TRUE(std::regex_match(said, std::regex("qxvrtp: [^\n]+\n")))
-                << cases[code][i] << '\n'
-                << said;
+            EXPECT_EQ(said.find("qxvrtp: "), 0u) << cases[code][i] << '\n' << said;
+            EXPECT_EQ(said.find('\n'), said.size() - 1) << cases[code][i] << '\n' << said;
         }
     }
 }
