@@ -11,11 +11,11 @@ class TransmitTest : public ModuleTest {
     static RtpChannelContext& Sender() { return Record(kSend, kChannel); }
     static RtpChannelContextExt& SendRow() { return Row(kSend, kChannel); }
 
-    void Start(uint8_t rtp, uint32_t bitrate_bps = kRate_bps) {
+    void Start(uint8_t rtp, uint32_t bitrate_bps = kRate_bps, uint32_t units = 1024) {
         testclock::Now_us = 1700000000000000;
         auto config = Config("127.0.0.1", "224.5.6.7", 1, rtp);
         ASSERT_EQ(QXV_RTP_SetConfig(Handle, kSend, kChannel, &config), 1u);
-        ASSERT_EQ(QXV_RTP_SendStart(Handle, kChannel, bitrate_bps, 1024), 1u);
+        ASSERT_EQ(QXV_RTP_SendStart(Handle, kChannel, bitrate_bps, units), 1u);
     }
     // The same after what an earlier round has left.
     void StartAnew(uint8_t rtp, uint32_t bitrate_bps = kRate_bps) {
@@ -85,6 +85,18 @@ TEST_F(TransmitTest, SevenPacketsWhenTheirTimeHasCome) {
             EXPECT_NE(destroys[0].Thread, std::this_thread::get_id());
         }
     }
+}
+
+TEST_F(TransmitTest, AStreamLargerThanTheRingPassesWhole) {
+    Start(0, 100000000, 9);
+    testclock::Now_us = -1;
+    const Bytes stream = Stream(7 * 40, 188);
+    ASSERT_EQ(Send(stream), 1u);
+    ASSERT_TRUE(Until([] { return fake::Calls(Kind::Send).size() == 40; }));
+    Bytes sent;
+    for (const auto& call : fake::Calls(Kind::Send))
+        sent.insert(sent.end(), call.Data.begin(), call.Data.end());
+    EXPECT_EQ(sent, stream);
 }
 
 TEST_F(TransmitTest, PacketSizeComesFromTheFirst2048Bytes) {
