@@ -16,7 +16,8 @@
     reinterpret_cast<decltype(&QXV_RTP_##name)>(dlsym((module).Library, "QXV_RTP_" #name))
 
 struct ModuleLibrary {
-    ModuleLibrary() : Library(dlopen(MODULE_PATH, RTLD_NOW | RTLD_LOCAL)) {
+    explicit ModuleLibrary(const std::string& path = MODULE_PATH)
+        : Library(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
         EXPECT_NE(Library, nullptr) << dlerror();
         Handle = QXV(*this, Create)(0);
     }
