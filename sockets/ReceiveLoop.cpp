@@ -1,11 +1,15 @@
 #include "ReceiveLoop.h"
 
+#include <netinet/udp.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <new>
 
 namespace zaqsockets {
@@ -18,6 +22,12 @@ constexpr size_t kLargestDatagram = 65536;  // 65507 bytes of payload fit (IPv6:
 // The slots' first lines must not share a cache set, or a batch would evict itself.
 constexpr size_t kSlotBytes = kLargestDatagram + 33 * 64;
 constexpr useconds_t kErrorPause_us = 1000;
+
+// Above 2000 datagrams a second the thread lets them gather for a millisecond: waking up costs it
+// more than taking them. Who reads what the callbacks store polls once a millisecond, too.
+constexpr useconds_t kGather_us = 1000;
+constexpr std::chrono::milliseconds kLoadWindow{16};
+constexpr uint32_t kGatherFrom = 32;  // datagrams in a window
 
 // Guards the two lists of loops, and in every loop what its declaration says. Constant-initialised
 // and trivially destroyed, so a thread may use it while the process exits. It is never held while a
@@ -33,6 +43,7 @@ struct ReceiveLoop::Batch {
     mmsghdr Messages[kBatchDatagrams];
     iovec Vectors[kBatchDatagrams];
     sockaddr_in6 Sources[kBatchDatagrams];  // the larger of the two families
+    alignas(cmsghdr) unsigned char Controls[kBatchDatagrams][CMSG_SPACE(sizeof(int))];
     unsigned char Slots[kBatchDatagrams][kSlotBytes];
 
     // The slots stay untouched, and so without memory behind them, until datagrams fill them.
@@ -43,9 +54,48 @@ struct ReceiveLoop::Batch {
             Messages[i].msg_hdr.msg_iov = &Vectors[i];
             Messages[i].msg_hdr.msg_iovlen = 1;
             Messages[i].msg_hdr.msg_name = &Sources[i];
-            Messages[i].msg_hdr.msg_namelen = sizeof(Sources[i]);
+            Messages[i].msg_hdr.msg_control = Controls[i];
+            Renew(i);
         }
     }
+
+    // The kernel writes the lengths that it used.
+    void Renew(int i) {
+        Messages[i].msg_hdr.msg_namelen = sizeof(Sources[i]);
+        Messages[i].msg_hdr.msg_controllen = sizeof(Controls[i]);
+    }
+
+    // Size of the datagrams in a message: the network card or the kernel may have joined a train of
+    // them, equal in size but for the last (udp(7), UDP_GRO).
+    unsigned int DatagramSize(int i) {
+        const cmsghdr* const control = CMSG_FIRSTHDR(&Messages[i].msg_hdr);
+        if (control == nullptr || control->cmsg_level != SOL_UDP || control->cmsg_type != UDP_GRO)
+            return Messages[i].msg_len;
+        int size;
+        memcpy(&size, CMSG_DATA(control), sizeof(size));
+        return size > 0 ? static_cast<unsigned int>(size) : Messages[i].msg_len;
+    }
+};
+
+// Tells whether datagrams come so fast that gathering them pays.
+class ReceiveLoop::Load {
+  public:
+    bool IsHigh(uint32_t datagrams) {
+        m_Datagrams += datagrams;
+        const Clock::time_point now = Clock::now();
+        if (now - m_Start >= kLoadWindow) {
+            m_High = m_Datagrams >= kGatherFrom && now - m_Start < 2 * kLoadWindow;
+            m_Start = now;
+            m_Datagrams = 0;
+        }
+        return m_High;
+    }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point m_Start{};
+    uint32_t m_Datagrams = 0;
+    bool m_High = false;
 };
 
 ReceiveLoop::ReceiveLoop()
@@ -212,51 +262,66 @@ bool ReceiveLoop::LeaveIfUnused() {
 void* ReceiveLoop::Run(void* loop) {
     auto& self = *static_cast<ReceiveLoop*>(loop);
     pthread_setname_np(pthread_self(), "zaq-receive");
+    Load load;
     for (;;) {
         epoll_event events[kEvents];
         const int count = epoll_wait(self.m_Epoll.Number(), events, kEvents, -1);
         if (count < 0 && errno != EINTR)
             usleep(kErrorPause_us);
         bool woken = false;
+        bool more = false;
+        uint32_t datagrams = 0;
         for (int i = 0; i < count; ++i) {
-            if (events[i].data.ptr != nullptr)
-                self.Serve(*static_cast<ReceiveSocket*>(events[i].data.ptr));
-            else
+            if (events[i].data.ptr == nullptr) {
                 woken = true;
+                continue;
+            }
+            const int taken = self.Serve(*static_cast<ReceiveSocket*>(events[i].data.ptr));
+            datagrams += static_cast<uint32_t>(taken);
+            more = more || taken == kBatchDatagrams;
         }
-        if (!woken)
-            continue;
-        uint64_t wakeups;
-        [[maybe_unused]] const ssize_t size =
-            read(self.m_Wakeup.Number(), &wakeups, sizeof(wakeups));
-        self.FreeDead();
-        if (self.LeaveIfUnused())
-            return nullptr;
+        if (woken) {
+            uint64_t wakeups;
+            [[maybe_unused]] const ssize_t size =
+                read(self.m_Wakeup.Number(), &wakeups, sizeof(wakeups));
+            self.FreeDead();
+            if (self.LeaveIfUnused())
+                return nullptr;
+        }
+        if (load.IsHigh(datagrams) && !more)
+            usleep(kGather_us);
     }
 }
 
-// Takes one batch. What is left makes the socket readable again, after the others had their turn.
-void ReceiveLoop::Serve(ReceiveSocket& socket) {
+// Takes one batch and returns the number of messages. What is left makes the socket readable again,
+// after the others had their turn.
+int ReceiveLoop::Serve(ReceiveSocket& socket) {
     const std::lock_guard busy(socket.Busy);
     if (socket.Closed.load(std::memory_order_acquire))
-        return;
+        return 0;
     const int count =
         recvmmsg(socket.File.Number(), m_Batch->Messages, kBatchDatagrams, MSG_DONTWAIT, nullptr);
     if (count > 0)
         Deliver(socket, count);
     else if (count < 0 && errno != EAGAIN && errno != EINTR)
         usleep(kErrorPause_us);  // an error that stays must not turn this thread into a busy loop
+    return std::max(count, 0);
 }
 
 void ReceiveLoop::Deliver(ReceiveSocket& socket, int count) {
     for (int i = 0; i < count; ++i) {
-        mmsghdr& message = m_Batch->Messages[i];
-        // A callback may destroy its own socket, another thread wants to destroy it soon.
-        if (!socket.Closed.load(std::memory_order_acquire))
-            socket.Callback(
-                socket.Handle, nullptr, static_cast<sockaddr*>(message.msg_hdr.msg_name),
-                static_cast<unsigned char*>(message.msg_hdr.msg_iov->iov_base), message.msg_len);
-        message.msg_hdr.msg_namelen = sizeof(m_Batch->Sources[i]);  // the kernel has shortened it
+        const unsigned int size = m_Batch->DatagramSize(i);
+        const unsigned int length = m_Batch->Messages[i].msg_len;
+        unsigned int offset = 0;
+        do {
+            // A callback may destroy its own socket, or another thread wants to destroy it.
+            if (!socket.Closed.load(std::memory_order_acquire))
+                socket.Callback(socket.Handle, nullptr,
+                                reinterpret_cast<sockaddr*>(&m_Batch->Sources[i]),
+                                m_Batch->Slots[i] + offset, std::min(size, length - offset));
+            offset += size;
+        } while (offset < length);
+        m_Batch->Renew(i);
     }
 }
 

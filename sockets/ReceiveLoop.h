@@ -56,6 +56,7 @@ class ReceiveLoop {
 
   private:
     struct Batch;
+    class Load;
 
     ReceiveLoop();
     static ReceiveLoop* Start();
@@ -65,7 +66,7 @@ class ReceiveLoop {
     void Wake() const;
     bool LeaveIfUnused();
     void FreeDead();
-    void Serve(ReceiveSocket& socket);
+    int Serve(ReceiveSocket& socket);
     void Deliver(ReceiveSocket& socket, int count);
     bool IsOwnThread() const { return pthread_equal(m_Thread, pthread_self()) != 0; }
 

@@ -2,6 +2,7 @@
 
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <netinet/udp.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -120,6 +121,12 @@ void EnlargeReceiveBuffer(const Descriptor& socket) {
         Set(socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
 }
 
+// Lets the kernel hand over a train of datagrams in one message (udp(7)). Where it does not know the
+// option, every message is one datagram.
+void AcceptTrains(const Descriptor& socket) {
+    Set(socket, SOL_UDP, UDP_GRO, 1);
+}
+
 // Interface, TTL and loopback of sent multicast.
 bool SetMulticastOutput(const Descriptor& socket, const Address& local, Address& group, int ttl) {
     if (!group.IsIPv6()) {
@@ -195,6 +202,7 @@ Descriptor OpenGroupSocket(const Address& local, const Address& group, bool ever
         everywhere = false;  // such a group is another one on every interface
     }
     EnlargeReceiveBuffer(socket);
+    AcceptTrains(socket);
     // Bound to the group itself, so that the port's other groups and its unicast stay out.
     if (!Set(socket, SOL_SOCKET, SO_REUSEADDR, 1) || !OwnGroupsOnly(socket, group) ||
         !Bind(socket, bound))
@@ -215,6 +223,7 @@ Descriptor OpenUnicastSocket(const Address& local) {
     if (!socket)
         return Descriptor();
     EnlargeReceiveBuffer(socket);
+    AcceptTrains(socket);
     if (!OwnGroupsOnly(socket, local) || !BindUnicast(socket, local))
         return Descriptor();
     return socket;
