@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <string>
@@ -23,6 +24,11 @@ bool Await(Condition condition, int seconds = 15) {
         usleep(2000);
     }
     return true;
+}
+
+inline std::string Contents(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // Descriptors and threads of this process. A thread that was joined counts for a moment longer.

@@ -1,18 +1,11 @@
 // The tool as a process: against itself, and against ffmpeg and ffprobe.
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "ProcessSupport.h"
 
 namespace {
 
 const std::string kSample = SAMPLE_PATH;
-
-std::string Contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // A shell command, running; killed if nobody has waited for it. The tool gets a /tmp, and so a
 // shared table, of its own; redirections are made outside.
