@@ -1,5 +1,6 @@
 // Receive sockets: who gets which datagram, and what is left when they are gone.
 #include <gtest/gtest.h>
+#include <netinet/udp.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -155,6 +156,28 @@ TEST(Receive, DatagramsOfAllSizesArriveWholeWithTheirSourceAndLargerOnesAreNotSe
         }
         ++before;
     }
+}
+
+TEST(Receive, ATrainThatComesAsOneMessageIsDeliveredDatagramByDatagram) {
+    const Receiver receiver("127.0.0.1", "0.0.0.0");
+    const int train = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in destination{};
+    destination.sin_family = AF_INET;
+    destination.sin_port = htons(kPort);
+    destination.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int segment = 1316;  // udp(7), UDP_SEGMENT: the kernel cuts what is sent
+    ASSERT_EQ(setsockopt(train, SOL_UDP, UDP_SEGMENT, &segment, sizeof(segment)), 0);
+    std::string data(40 * 1316 + 100, '\0');
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<char>(i * 7 + i / 1316);
+    ASSERT_EQ(sendto(train, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&destination),
+                     sizeof(destination)),
+              static_cast<ssize_t>(data.size()));
+    ASSERT_TRUE(Await([&] { return receiver.Count() >= 41; }));
+    EXPECT_TRUE(receiver.Data() == data);
+    EXPECT_EQ(receiver.All()[39].first.size(), 1316u);
+    EXPECT_EQ(receiver.All()[40].first.size(), 100u);
+    close(train);
 }
 
 // Which of some signals the thread blocks.
