@@ -7,7 +7,8 @@
  *   Threads     any thread may call any function, for the same socket or different ones; but a
  *               socket must not be destroyed while another thread sends on it.
  *   Callbacks   run on threads of the library, which exist only while receive sockets exist and
- *               block all signals. Never two at a time for one socket.
+ *               block all signals. Never two at a time for one socket. From 2000 datagrams a second
+ *               on, they may come a millisecond after the datagram.
  *   Ports       host byte order.
  *   Fork        in a child of fork() no callback runs for the sockets that it has inherited; they may
  *               be destroyed, which closes the child's descriptors. A child that goes on should exec
