@@ -6,7 +6,7 @@ set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build g++ iproute2 libcli11-dev libfmt-dev libbitstream-dev
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build --target qxvrtp
+cmake --build build --target qxvrtp -- --quiet
 
 isolate=
 [ "$(id -u)" != 0 ] || isolate=tests/isolate.sh

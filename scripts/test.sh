@@ -16,7 +16,7 @@ for configuration in "$@"; do
     build=build
     [ "$configuration" = release ] || build=build-$configuration
     cmake --preset "$configuration" >/dev/null
-    cmake --build "$build" | tail -n 1
+    cmake --build "$build" -- --quiet
     [ "$configuration" != dev ] || continue
     # The sanitizers' shadow memory does not get on with much address-space randomisation.
     setarch "$(uname -m)" -R ctest --test-dir "$build" --output-on-failure -j 2 --no-tests=error
