@@ -11,6 +11,6 @@ scripts/install.sh gnuplot-nox ffmpeg multicat gstreamer1.0-tools gstreamer1.0-p
     gstreamer1.0-plugins-good || echo "not all of them can be installed"
 cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DQXV_BUILD_BENCH=ON -DQXV_BUILD_TOOLS=OFF >/dev/null
-cmake --build build-bench | tail -n 1
+cmake --build build-bench -- --quiet
 exec tests/isolate.sh build-bench/bin/qxvrtp-bench --peers \
     --json out/bench/bench.json --plot out/bench "$@"
