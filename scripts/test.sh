@@ -9,7 +9,8 @@ scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev ipro
     libcli11-dev libfmt-dev libbitstream-dev libgtest-dev
 [ $# -gt 0 ] || set -- release dev asan tsan
 
-git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format --dry-run --Werror
+find module common sockets tools bench tests examples -name '*.[ch]' -o -name '*.cpp' |
+    xargs clang-format --dry-run --Werror
 
 for configuration in "$@"; do
     echo "== $configuration"
