@@ -44,9 +44,10 @@ const std::string kNoAddresses[] = {
     // zones
     "::1%", "::1%nosuch", "::1%0", "::1%-1", "::1%+1", "::1% 1", "::1%1 ", "::1%1x", "::1%lo%lo",
     "::1%lo ", "::1%4294967296", "::1%00000000000000001", "::1%" + std::string(300, '1'),
-    // longer than any address
-    std::string(255, '1'), std::string(256, ':'), "127.0.0.1" + std::string(300, ' '),
-    std::string(300, '0') + "127.0.0.1", "::" + std::string(4000, '0')};
+    // longer than any address, and right if it were cut
+    "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255%00000000000000011", std::string(255, '1'),
+    std::string(256, ':'), "127.0.0.1" + std::string(300, ' '), std::string(300, '0') + "127.0.0.1",
+    "::" + std::string(4000, '0')};
 
 // The text, with its NUL the last byte that may be read.
 const char* AtEndOfPage(const std::string& text) {
