@@ -12,10 +12,6 @@ namespace {
 
 constinit ChannelLocks g_Locks[kDirections][kChannels];
 
-bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]) {
-    return memchr(address, '\0', sizeof(address)) != nullptr;
-}
-
 // Do both describe the same socket? Rtp is not part of it: the intake rewrites it as it goes.
 bool SameSocket(const RtpChannelConfig& a, const RtpChannelConfig& b) {
     return memcmp(a.LocalAddress, b.LocalAddress, sizeof(a.LocalAddress)) == 0 &&
@@ -155,6 +151,10 @@ void StoreConfig(RtpChannelContext& record, const RtpChannelConfig& config) {
     auto* const to = reinterpret_cast<unsigned char*>(&record.Config);
     for (size_t byte = 0; byte < sizeof(config); ++byte)
         std::atomic_ref(to[byte]).store(from[byte], std::memory_order_relaxed);
+}
+
+bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]) {
+    return memchr(address, '\0', sizeof(address)) != nullptr;
 }
 
 bool OpenSocket(const Channel& channel) {

@@ -85,6 +85,9 @@ void ClearStatus(RtpChannelContext& record);
 void LoadConfig(RtpChannelContext& record, RtpChannelConfig& config);
 void StoreConfig(RtpChannelContext& record, const RtpChannelConfig& config);
 
+// Does the address field have a NUL? One without is not handed to anybody who reads up to it.
+bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]);
+
 // Makes the channel's socket from the configuration as it stands, stores it in the row, and clears
 // Reopen unless the configuration has changed meanwhile. False when there is none: Reopen keeps its
 // value then. The caller owns the row's Socket at the time.

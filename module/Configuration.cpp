@@ -12,7 +12,7 @@ constexpr uint32_t kFamilyIPv6 = 10;
 // Family of an address field, 0 when it holds no address. The parser reads up to the NUL, so a
 // field without one is not handed to it.
 uint32_t ParseAddress(const char (&field)[QXV_RTP_ADDRESS_SIZE], int32_t& multicast) {
-    if (memchr(field, '\0', sizeof(field)) == nullptr)
+    if (!IsTerminated(field))
         return 0;
     return ZAQSocketsExtractIPAddress(field, nullptr, nullptr, nullptr, &multicast);
 }
