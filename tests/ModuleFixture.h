@@ -11,8 +11,6 @@
 #include "QXV_RTP.h"
 #include "TestClock.h"
 
-using fake::Bytes;
-using fake::Kind;
 using testclock::Until;
 
 class ModuleTest : public testing::Test {
@@ -23,12 +21,19 @@ class ModuleTest : public testing::Test {
     static RtpChannelContextExt& Row(uint32_t direction, uint32_t channel) {
         return g_ContextExt[0][direction][channel];
     }
+    static bool IsEmpty(const RtpChannelContextExt& row) {
+        return row.Cancel == 1 && row.Running == 0 && row.Socket == nullptr &&
+               row.Thread == nullptr && row.Timer == nullptr && row.Buffer == nullptr;
+    }
     static RtpChannelConfig Config(const char* local, const char* remote, uint8_t multicast,
                                    uint8_t rtp = 1) {
         RtpChannelConfig config{{}, {}, multicast, rtp, 9, 0, 5000, 0};
         strcpy(config.LocalAddress, local);
         strcpy(config.RemoteAddress, remote);
         return config;
+    }
+    void SetConfig(uint32_t direction, uint32_t channel, RtpChannelConfig config) {
+        EXPECT_EQ(QXV_RTP_SetConfig(Handle, direction, channel, &config), 1u);
     }
     // A stream in which only the sync bytes are 0x47 and no two datagrams are alike.
     static Bytes Stream(size_t packets, size_t packetSize) {
@@ -37,26 +42,27 @@ class ModuleTest : public testing::Test {
             stream[i] = static_cast<uint8_t>(i % packetSize == 0 ? 0x47 : (i + i / 64) % 71);
         return stream;
     }
-    // Starts a receive channel and waits until housekeeping has made its socket.
-    void OpenReceiver(uint32_t channel) {
+    static void AwaitSocket(uint32_t direction, uint32_t channel) {
+        EXPECT_TRUE(Until([=] { return Record(direction, channel).Reopen == 0; }));
+    }
+    static void OpenReceiver(uint32_t channel) {
         EXPECT_EQ(QXV_RTP_ReceiveStart(g_pContext, channel), 1u);
-        EXPECT_TRUE(Until([=] { return Record(kReceive, channel).Reopen == 0; }));
+        AwaitSocket(kReceive, channel);
     }
 
     void SetUp() override {
-        fake::Reset();
-        Handle = QXV_RTP_Create(0);
-        ASSERT_NE(Handle, nullptr);
+        Fake::Reset();
+        ASSERT_NE(Handle = QXV_RTP_Create(0), nullptr);
     }
     // Ends all channels, checks that no socket was lost, and lays down a fresh table by a load.
     void TearDown() override {
-        fake::Release();
+        Fake()->HoldCreates = false;
         testclock::Now_us = -1;
         for (uint32_t channel = 0; channel < kChannels; ++channel) {
-            EXPECT_EQ(QXV_RTP_SendEnd(g_pContext, channel), 1u);
-            EXPECT_EQ(QXV_RTP_ReceiveEnd(g_pContext, channel), 1u);
+            EXPECT_EQ(
+                QXV_RTP_SendEnd(g_pContext, channel) + QXV_RTP_ReceiveEnd(g_pContext, channel), 2u);
         }
-        EXPECT_EQ(fake::OpenSockets() + fake::Misuses(), 0u);
+        EXPECT_EQ(Fake()->Open.size() + Fake()->Misuses, 0u);
         QXV_RTP_Deconstructor();
         EXPECT_EQ(QXV_RTP_Constructor(), 1);
     }

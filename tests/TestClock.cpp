@@ -6,13 +6,11 @@
 #include <ctime>
 
 extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
-    int64_t now_us = testclock::Now_us;
-    if (now_us < 0) {
-        timespec real{};
-        clock_gettime(CLOCK_REALTIME, &real);
-        now_us = real.tv_sec * 1000000 + real.tv_nsec / 1000;
-    }
-    *now = {now_us / 1000000, now_us % 1000000};
+    timespec real{};
+    clock_gettime(CLOCK_REALTIME, &real);
+    const int64_t set_us = testclock::Now_us;
+    *now = set_us < 0 ? timeval{real.tv_sec, real.tv_nsec / 1000}
+                      : timeval{set_us / 1000000, set_us % 1000000};
     return 0;
 }
 
@@ -24,11 +22,9 @@ extern "C" int usleep(useconds_t duration_us) {
 }
 
 bool testclock::Until(const std::function<bool()>& condition) {
-    for (int tries = 0; !condition(); ++tries) {
-        if (tries == 10000)
-            return false;
-        const timespec pause{0, 1000000};
+    const timespec pause{0, 1000000};
+    bool met = false;
+    for (int tries = 0; !(met = condition()) && tries < 10000; ++tries)
         clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
-    }
-    return true;
+    return met;
 }

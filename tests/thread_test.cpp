@@ -1,10 +1,13 @@
-// The thread wrapper.
+// The thread wrapper, and the virtual tables of all support classes.
 #include "ZAQThread.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
 
 #include "TestClock.h"
 
@@ -22,31 +25,29 @@ struct Work {
 };
 
 TEST(Thread, EveryCloseWaitsForTheRoutine) {
-    static void (*const kCloses[])(std::unique_ptr<CZAQThread>&) = {
+    static void (*const kCloses[])(std::optional<CZAQThread>&) = {
         [](auto& thread) { thread->CloseWithWait(); },
         [](auto& thread) { thread->CloseWithWait(1); },
         [](auto& thread) { thread.reset(); },
     };
     for (const auto close : kCloses) {
         Work work;
-        auto thread = std::make_unique<CZAQThread>();
-        ASSERT_EQ(thread->StartThread(&Work::Run, &work, 0), 1);
+        std::optional<CZAQThread> thread(std::in_place, &Work::Run, &work, 0);
         const pthread_t id = thread->ThreadId;
         EXPECT_EQ(thread->StartThread(nullptr, nullptr, 0), 0);  // one at a time
-        EXPECT_TRUE(thread->ThreadId == id && thread->Argument == &work);
+        EXPECT_TRUE(id != 0 && thread->ThreadId == id && thread->Argument == &work);
         work.MayEnd = true;
         close(thread);
         EXPECT_TRUE(work.Done);
-        EXPECT_TRUE(thread == nullptr || thread->StartThread(&Work::Run, &work, 0) == 1);
+        EXPECT_TRUE(!thread || thread->StartThread(&Work::Run, &work, 0) == 1);
     }
 }
 
 TEST(Thread, LetGoOrRefusedItIsNotWaitedFor) {
     Work work;
-    CZAQThread thread(&Work::Run, &work, 0), refused(&Work::Run, &work, 50);
     // The default scheduling policy knows priority 0 only.
-    EXPECT_EQ(refused.StartThread(&Work::Run, &work, 50), 0);
-    EXPECT_TRUE(refused.ThreadId == 0 && refused.Argument == &work);
+    CZAQThread thread(&Work::Run, &work, 0), refused(&Work::Run, &work, 50);
+    EXPECT_EQ(refused.StartThread(&Work::Run, &work, 50) + refused.ThreadId, 0u);
     refused.CloseWithWait();
     thread.CloseWithoutWait();
     thread.CloseWithoutWait();
@@ -55,6 +56,33 @@ TEST(Thread, LetGoOrRefusedItIsNotWaitedFor) {
     EXPECT_TRUE(testclock::Until([&] { return work.Done.load(); }));
     EXPECT_EQ(thread.SynchronizeExecute(7, [](void* self) { return self != nullptr ? 99 : 0; }),
               99);
+}
+
+// Each table holds the destructor, complete and deleting, as one of the functions.
+TEST(VirtualTables, KeepTheOrderOfTheBinaryInterface) {
+    std::istringstream names(R"(
+        16CZAQSimpleBuffer D1Ev D0Ev 12GetTotalSizeEv 13GetBufferSizeEv 11ResetSampleEv
+        10InitializeEj 7CleanupEv 5ResetEv 11GetDataSizeEv 11GetFreeSizeEv 13GetSampleSizeEv
+        5WriteEPhj 4ReadEPhj 6SampleEPhj   13CZAQTickValue D1Ev D0Ev 12GetTickValueEv
+        15CZAQStreamTimer D1Ev D0Ev 12GetBlockSizeEv 10GetBitrateEv 16GetBitrateActualEv 9GetBlocksEv
+        24IncreaseBlocksTransferedEv 24IncreaseBlocksTransferedEj 12TxInitializeEjj
+        12TxInitializeEjjjj 12RxInitializeEj 11GetTxBlocksEv 16CalculateBitrateEv
+        20GetDelayMicroSecondsEv 15GetRTPTimeStampEv 13FillRTPHeaderEPh
+        16ExtractRTPHeaderEPhPjS1_S1_S1_S1_S1_S1_S1_ 17ExtractRTCPHeaderEPhPjS1_S1_S1_S1_
+        10CZAQThread 18SynchronizeExecuteEiPFiPvE D1Ev D0Ev 11StartThreadEPFvPvES0_i
+        13CloseWithWaitEv 13CloseWithWaitEj 16CloseWithoutWaitEv
+        15CZAQShareMemory D1Ev D0Ev 10GetPointerEv 8GetOwnerEv 7GetSizeEv 6CreateEPcji 4OpenEPcj
+        5CloseEv 5FlushEv 10InvalidateEv)");
+    void** slot = nullptr;
+    for (std::string type, name; names >> name; ++slot) {
+        if (name.find("CZAQ") != std::string::npos) {
+            slot = static_cast<void**>(dlsym(RTLD_DEFAULT, ("_ZTV" + name).c_str()));
+            ASSERT_NE(slot++, nullptr) << name;  // the offset to the top, and then the type
+            type = name;
+        } else {
+            EXPECT_EQ(*slot, dlsym(RTLD_DEFAULT, ("_ZN" + type + name).c_str())) << type << name;
+        }
+    }
 }
 
 }  // namespace
