@@ -21,6 +21,7 @@ void CallAnything(const ModuleLibrary& module, std::minstd_rand& random) {
     const uint32_t bitrate = kBitrates[random() % 4];
     RtpChannelConfig config =
         Loopback(channel, random() % 2, random() % 2 ? "127.0.0.2" : "127.0.0.1");
+    const RtpChannelConfig other = Loopback(channel, 1);
     uint32_t measured = 0;
     const std::function<uint32_t()> calls[] = {
         [&] { return QXV(module, SendStart)(handle, ended, bitrate, 9 + random() % 1000); },
@@ -38,12 +39,19 @@ void CallAnything(const ModuleLibrary& module, std::minstd_rand& random) {
         [&] { return QXV(module, GetBitrate)(handle, channel, &measured); },
         [&] { return QXV(module, Destroy)(QXV(module, Create)(0)), 1; },
         [&] {
-            return QXV(module, SetConfig)(handle, kSend, channel, &config) &&
-                   QXV(module, SetConfig)(handle, kReceive, channel, &config);
+            for (int i = 0; i < 3; ++i) {
+                RtpChannelConfig next = i == 1 ? other : config;
+                for (const uint32_t direction : {kSend, kReceive})
+                    QXV(module, SetConfig)(handle, direction, channel, &next);
+            }
+            return 1;
         },
         [&] {
-            QXV(module, GetConfig)(handle, random() % 2, channel, &config);
-            EXPECT_EQ(config.Port, Loopback(channel, 0, config.LocalAddress).Port) << "torn";
+            for (int i = 0; i < 500; ++i) {
+                QXV(module, GetConfig)(handle, kSend, channel, &config);
+                const RtpChannelConfig whole = Loopback(channel, 0, config.LocalAddress);
+                EXPECT_EQ(config.Port, whole.Port) << config.LocalAddress;
+            }
             return 1;
         }};
     calls[random() % std::size(calls)]();
