@@ -187,6 +187,8 @@ TEST_F(TransmitTest, ANewConfigurationReachesTheRunningStream) {
     ASSERT_EQ(creates.size(), 3u);
     EXPECT_EQ(creates[2].Arguments, "::1 ::2 5000 5000 0 1 0 9");
     EXPECT_EQ(Fake()->Open.size(), 1u);
+    const auto measured = [] { return testclock::Now_us += 1000, Sender().BitrateActual != 0; };
+    EXPECT_TRUE(Until(measured));  // by housekeeping
 }
 
 TEST_F(TransmitTest, SetBitrateBeforeAndAfterDetection) {
