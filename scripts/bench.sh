@@ -12,5 +12,5 @@ scripts/install.sh gnuplot-nox ffmpeg multicat gstreamer1.0-tools gstreamer1.0-p
 cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DQXV_BUILD_BENCH=ON -DQXV_BUILD_TOOLS=OFF >/dev/null
 cmake --build build-bench -- --quiet
-exec tests/isolate.sh build-bench/bin/qxvrtp-bench --peers \
+exec scripts/isolate.sh build-bench/bin/qxvrtp-bench --peers \
     --json out/bench/bench.json --plot out/bench "$@"

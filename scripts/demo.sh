@@ -10,8 +10,8 @@ cmake --build build --target qxvrtp -- --quiet
 
 isolate=
 # A container may not allow it, even to root.
-if [ "$(id -u)" = 0 ] && tests/isolate.sh true 2>/dev/null; then
-    isolate=tests/isolate.sh
+if [ "$(id -u)" = 0 ] && scripts/isolate.sh true 2>/dev/null; then
+    isolate=scripts/isolate.sh
 fi
 if [ $# -gt 0 ]; then
     # Opened here, since the isolated process has another /tmp.

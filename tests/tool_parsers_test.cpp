@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -78,30 +79,16 @@ TEST(ToolUrl, AcceptsWhatTheFieldWrites) {
 }
 
 TEST(ToolUrl, RefusesWhatCannotBeMeant) {
-    for (const char* text : {"",
-                             "127.0.0.1:5000",
-                             "http://127.0.0.1:1",
-                             "udp://",
-                             "udp://127.0.0.1",
-                             "udp://1.2.3.4:0",
-                             "udp://1.2.3.4:65536",
-                             "udp://1.2.3.4:-1",
-                             "udp://1.2.3.4:5x",
-                             "udp://host:5000",
-                             "udp://::1:5000",
-                             "udp://[::1:5000",
-                             "udp://[::1]5000",
-                             "udp://[]:5",
-                             "udp://[1.2.3.4]:5",
-                             "udp://[fe80::1%]:5",
-                             "udp://1.2.3.4%lo:5",
-                             "udp://1.1.1.1@239.1.1.1:5",
-                             "udp://1.2.3.4:5?ttl=256",
-                             "udp://1.2.3.4:5?ttl",
-                             "udp://1.2.3.4:5?pkt_size=1316",
-                             "udp://1.2.3.4:5?localaddr=::1",
-                             "udp://1.2.3.4:5?localaddr=239.1.1.1"})
+    std::istringstream urls(
+        "127.0.0.1:5000 http://127.0.0.1:1 udp:// udp://127.0.0.1 udp://1.2.3.4:0"
+        " udp://1.2.3.4:65536 udp://1.2.3.4:-1 udp://1.2.3.4:5x udp://host:5000"
+        " udp://::1:5000 udp://[::1:5000 udp://[::1]5000 udp://[]:5 udp://[1.2.3.4]:5"
+        " udp://[fe80::1%]:5 udp://1.2.3.4%lo:5 udp://1.1.1.1@239.1.1.1:5"
+        " udp://1.2.3.4:5?ttl=256 udp://1.2.3.4:5?ttl udp://1.2.3.4:5?pkt_size=1316"
+        " udp://1.2.3.4:5?localaddr=::1 udp://1.2.3.4:5?localaddr=239.1.1.1");
+    for (std::string text; urls >> text;)
         EXPECT_THROW(parseStreamUrl(text), UsageError) << text;
+    EXPECT_THROW(parseStreamUrl(""), UsageError);
     EXPECT_THROW(sendConfig(parseStreamUrl("udp://@:5000")), UsageError);
     EXPECT_THROW(receiveConfig(parseStreamUrl("udp://127.0.0.1:5?localaddr=127.0.0.1")),
                  UsageError);

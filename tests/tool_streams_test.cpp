@@ -57,7 +57,7 @@ bool HaveFfmpeg() {
 TEST(Tool, ReceiveRecordsByteForByteWhatSendSendsWithItsTail) {
     const std::tuple<std::string, size_t, const char*> cases[] = {
         // packets of the sample
-        {"udp://127.0.0.1:7000", 1883, "-b 20M"},
+        {"udp://127.0.0.1:7000", 1883, "-b 20M"},  // and goes on when the receiver has enough
         {"rtp://[::1]:7001", 1000, "-b 20M"},
         {"rtp://239.1.1.1:7002?localaddr=127.0.0.1&ttl=0", 400, ""},
         {"udp://[ff15::1]:7003?localaddr=::1", 3, "-b 100k"}};
@@ -67,13 +67,14 @@ TEST(Tool, ReceiveRecordsByteForByteWhatSendSendsWithItsTail) {
         std::ofstream("/tmp/input") << Contents(kSample).substr(0, packets * 188 + 100);
         // Null packets fill the last datagram, and what it takes to find the size of packets.
         const size_t datagrams = std::max<size_t>((packets + 6) / 7, 2);
-        const std::string length = std::to_string(datagrams * 1316);
-        Process receiver = Receive(url, port, "-n " + length);
+        const size_t all = datagrams * 1316;
+        const size_t length = port == 7000 ? all - 5000 : all;
+        Process receiver = Receive(url, port, "-n " + std::to_string(length));
         EXPECT_EQ(Process::Tool("send - '" + url + "' " + options + " < /tmp/input").Wait(), 0);
         EXPECT_EQ(receiver.Wait(), 0) << url;
         const std::string recording = Contents("/tmp/" + std::to_string(port++));
-        EXPECT_EQ(std::to_string(recording.size()), length);
-        EXPECT_TRUE(recording.substr(0, input.size()) == input) << url;
+        EXPECT_EQ(recording.size(), length);
+        EXPECT_TRUE(recording.substr(0, input.size()) == input.substr(0, length)) << url;
         for (size_t at = input.size(); at < recording.size(); at += 188)
             EXPECT_EQ(recording.substr(at, 4), "\x47\x1F\xFF\x10") << "null packet";
     }
