@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <cstring>
+#include <sstream>
 #include <string>
 
 #include "ZAQSockets.h"
@@ -11,26 +12,16 @@
 namespace {
 
 // What is written, and what it means.
-const std::string kAddresses[] = {"0.0.0.0 = 0.0.0.0",
-                                  "127.0.0.1 = 127.0.0.1",
-                                  "255.255.255.255 = 255.255.255.255",
-                                  "223.255.255.255 = 223.255.255.255",
-                                  "224.0.0.0 = 224.0.0.0 group",
-                                  "239.255.255.255 = 239.255.255.255 group",
-                                  "240.0.0.0 = 240.0.0.0",
-                                  ":: = ::",
-                                  "0:0:0:0:0:0:0:0 = ::",
-                                  "::1 = ::1",
-                                  "2001:DB8::00A = 2001:db8::a",
-                                  "feff::1 = feff::1",
-                                  "ff15::abcd = ff15::abcd group",
-                                  "::ffff:1.2.3.4 = ::ffff:1.2.3.4",
-                                  "::ffff:224.1.2.3 = ::ffff:224.1.2.3",
-                                  "fe80::1%lo = fe80::1 zone 1",
-                                  "ff02::1%1 = ff02::1 group zone 1",
-                                  "fe80::1%4294967295 = fe80::1 zone 4294967295",
-                                  "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255%000000000000001 = "
-                                  "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff group zone 1"};
+const char* const kAddresses =
+    "0.0.0.0 = 0.0.0.0; 127.0.0.1 = 127.0.0.1; 255.255.255.255 = 255.255.255.255; "
+    "223.255.255.255 = 223.255.255.255; 224.0.0.0 = 224.0.0.0 group; "
+    "239.255.255.255 = 239.255.255.255 group; 240.0.0.0 = 240.0.0.0; :: = ::; "
+    "0:0:0:0:0:0:0:0 = ::; ::1 = ::1; 2001:DB8::00A = 2001:db8::a; feff::1 = feff::1; "
+    "ff15::abcd = ff15::abcd group; ::ffff:1.2.3.4 = ::ffff:1.2.3.4; "
+    "::ffff:224.1.2.3 = ::ffff:224.1.2.3; fe80::1%lo = fe80::1 zone 1; "
+    "ff02::1%1 = ff02::1 group zone 1; fe80::1%4294967295 = fe80::1 zone 4294967295; "
+    "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255%000000000000001 = "
+    "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff group zone 1; ";
 
 const std::string kNoAddresses[] = {
     "", " ", "%", "%lo", ".", ":", "localhost", "example.com", "udp://1.2.3.4",
@@ -84,7 +75,8 @@ std::string Parse(const std::string& text) {
 }
 
 TEST(AddressParser, NumericAddressGivesFamilyBytesZoneAndMulticastFlag) {
-    for (const std::string& row : kAddresses) {
+    std::istringstream rows(kAddresses);
+    for (std::string row; std::getline(rows, row, ';') && rows >> std::ws;) {
         const size_t gap = row.find(" = ");
         EXPECT_EQ(Parse(row.substr(0, gap)), row.substr(gap + 3)) << row;
     }
