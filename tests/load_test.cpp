@@ -34,8 +34,8 @@ std::pair<int, int> Mappings() {
     return lines;
 }
 
-TEST(Load, HundredsOfLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
-    RunApart(10, 90, [] {
+TEST(Load, AThousandLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
+    RunApart(20, 90, [] {
         const auto before = Footprint();
         const int tables = Mappings().first;
         int others = 0;
