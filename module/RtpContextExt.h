@@ -25,9 +25,9 @@
 //                                                               thread, intake
 //   Buffer   start, end                                         send, receive, transmit thread, intake
 //
-// Every store is a release and every load an acquire, with one pairing: who sees a field's new value
-// sees all that its writer did before. So who finds Running finds the objects, and who finds an object
-// finds it complete.
+// Every store is at least a release and every load at least an acquire, but for a thread's look at a
+// field that only it writes, with one pairing: who sees a field's new value sees all that its writer
+// did before. So who finds Running finds the objects, and who finds an object finds it complete.
 struct RtpChannelContextExt {
     std::atomic<uint32_t> Cancel;   // 1 = stop requested, or not started
     std::atomic<uint32_t> Running;  // 1 = started in this process

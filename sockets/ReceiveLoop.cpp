@@ -27,7 +27,7 @@ constexpr useconds_t kErrorPause_us = 1000;
 // more than taking them. Who reads what the callbacks store polls once a millisecond, too.
 constexpr useconds_t kGather_us = 1000;
 constexpr std::chrono::milliseconds kLoadWindow{16};
-constexpr uint32_t kGatherFrom = 32;  // datagrams in a window
+constexpr uint32_t kGatherFrom = 32;  // in a window; a train of datagrams counts as one
 
 // Guards the two lists of loops, and in every loop what its declaration says. Constant-initialised
 // and trivially destroyed, so a thread may use it while the process exits. It is never held while a
