@@ -27,6 +27,12 @@ struct Ring {
     CZAQSimpleBuffer ring;
 };
 
+// The C library's memcpy() with a size that the compiler does not know, as the ring calls it.
+const uint32_t kCopied = [] {
+    const volatile uint32_t size = kBlock;
+    return size;
+}();
+
 // As many copies through as much memory, with the least that tells the threads from each other: two
 // counts of blocks, and of the other's count a copy that is renewed only when it says "full" or
 // "empty".
@@ -39,7 +45,7 @@ class Memcpy {
         if (written - readSeen_ == blocks_ &&
             written - (readSeen_ = read_.load(std::memory_order_acquire)) == blocks_)
             return false;
-        memcpy(&memory_[writePlace_ * kBlock], block, kBlock);
+        memcpy(&memory_[writePlace_ * kBlock], block, kCopied);
         writePlace_ = writePlace_ + 1 == blocks_ ? 0 : writePlace_ + 1;
         written_.store(written + 1, std::memory_order_release);
         return true;
@@ -49,7 +55,7 @@ class Memcpy {
         if (read == writtenSeen_ &&
             read == (writtenSeen_ = written_.load(std::memory_order_acquire)))
             return false;
-        memcpy(block, &memory_[readPlace_ * kBlock], kBlock);
+        memcpy(block, &memory_[readPlace_ * kBlock], kCopied);
         readPlace_ = readPlace_ + 1 == blocks_ ? 0 : readPlace_ + 1;
         read_.store(read + 1, std::memory_order_release);
         return true;

@@ -19,7 +19,9 @@ CZAQSimpleBuffer::CZAQSimpleBuffer() noexcept
       ReadPos(nullptr),
       WritePos(nullptr),
       SamplePos(nullptr),
-      TotalWritten(0) {}
+      Held(0),
+      TotalWritten(0),
+      Room(0) {}
 
 CZAQSimpleBuffer::CZAQSimpleBuffer(unsigned int size) : CZAQSimpleBuffer() {
     CZAQSimpleBuffer::Initialize(size);
@@ -71,6 +73,7 @@ int CZAQSimpleBuffer::Reset() {
     WritePos.store(Data, std::memory_order_relaxed);
     SamplePos.store(Data, std::memory_order_relaxed);
     TotalWritten.store(0, std::memory_order_relaxed);
+    Held = Room = 0;
     return 1;
 }
 
@@ -102,8 +105,15 @@ uint32_t CZAQSimpleBuffer::GetSampleSize() {
 }
 
 int CZAQSimpleBuffer::Write(unsigned char* source, unsigned int count) {
-    if (Data == nullptr || GetFreeSize() < count)
+    if (Data == nullptr)
         return 0;
+    // The reader only makes room, so what was free when it was last asked for is still free, less
+    // what was written since. Asking takes the reader's cache line away from it.
+    if (Room < count) {
+        Room = GetFreeSize();
+        if (Room < count)
+            return 0;
+    }
     if (count == 0)
         return 1;
     unsigned char* position = WritePos.load(std::memory_order_relaxed);  // the writer's own
@@ -120,6 +130,7 @@ int CZAQSimpleBuffer::Write(unsigned char* source, unsigned int count) {
     }
     // Release: the bytes are in place before the reader's acquire of the position can see it.
     WritePos.store(position, std::memory_order_release);
+    Room -= count;
     // Only the writer adds, so a plain read-modify-write loses nothing.
     TotalWritten.store(TotalWritten.load(std::memory_order_relaxed) + count,
                        std::memory_order_relaxed);
@@ -145,8 +156,13 @@ unsigned char* CopyOut(const CZAQSimpleBuffer& ring, unsigned char* position,
 }  // namespace
 
 int CZAQSimpleBuffer::Read(unsigned char* destination, unsigned int count) {
-    if (Data == nullptr || GetDataSize() < count)
+    if (Data == nullptr)
         return 0;
+    if (Held < count) {  // as with Room
+        Held = GetDataSize();
+        if (Held < count)
+            return 0;
+    }
     if (count == 0)
         return 1;
     unsigned char* const position =
@@ -154,6 +170,7 @@ int CZAQSimpleBuffer::Read(unsigned char* destination, unsigned int count) {
     // Release: the bytes are copied out before the writer's acquire can see their room as free.
     ReadPos.store(position, std::memory_order_release);
     SamplePos.store(position, std::memory_order_relaxed);  // the reader's own
+    Held -= count;
     return 1;
 }
 

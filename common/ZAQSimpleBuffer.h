@@ -41,19 +41,22 @@ class ZAQ_EXPORT CZAQSimpleBuffer {
     virtual int Read(unsigned char* destination, unsigned int count);
     virtual int Sample(unsigned char* destination, unsigned int count);
 
-    // The fields stand in the order of the binary interface; each side's own begin a cache line of
-    // their own, so that the writer's stores do not take the reader's line away and vice versa.
+    // The fields stand in the order of the binary interface. What one side writes is kept off the
+    // other side's cache lines, by two lines each, as processors fetch lines in pairs.
 
     // Fixed while either side transfers.
     unsigned char* Data;
     unsigned char* DataEnd;
     uint32_t Length;
 
-    // Written by the reader (ReadPos, SamplePos) and by the writer (WritePos, TotalWritten).
-    alignas(64) std::atomic<unsigned char*> ReadPos;
-    alignas(64) std::atomic<unsigned char*> WritePos;
-    alignas(64) std::atomic<unsigned char*> SamplePos;
-    alignas(64) std::atomic<uint64_t> TotalWritten;
+    // Written by the reader (ReadPos, SamplePos, Held) and by the writer (WritePos, TotalWritten,
+    // Room).
+    alignas(128) std::atomic<unsigned char*> ReadPos;
+    alignas(128) std::atomic<unsigned char*> WritePos;
+    alignas(128) std::atomic<unsigned char*> SamplePos;
+    uint32_t Held;  // what Read may take before it must look at WritePos again
+    alignas(128) std::atomic<uint64_t> TotalWritten;
+    uint32_t Room;  // what Write may store before it must look at ReadPos again
 };
 
 #endif
