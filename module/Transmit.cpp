@@ -1,4 +1,5 @@
 // The transmit thread of one send channel: frames, paces and sends datagrams.
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "Channel.h"
@@ -15,8 +16,22 @@ constexpr uint32_t kPacketsPerDatagram = 7;
 // As a payload size it stands for "not known yet": that many bytes decide on the packet size.
 constexpr uint32_t kDetectionSize = 2048;
 
-constexpr useconds_t kIdleWait_us = 1000;
+constexpr useconds_t kTick_us = 1000;
 constexpr useconds_t kSocketRetry_us = 1000000;
+
+// The 1 ms sleep while no datagram is due, kept to the milliseconds of the clock in which the stream
+// timer counts: with a tick of that clock, and only then, a datagram can become due. Sleeps of 1 ms and
+// a bit, one after the other, would drift through the tick, and a datagram would wait up to 1 ms for
+// the tick and then as long for the thread.
+void SleepToTick() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    const auto late = static_cast<useconds_t>(now.tv_usec) % kTick_us;
+    // All transmit threads of the machine now wake up together, by one timer interrupt. A thread that
+    // had to wait for others must not be due before them next time: its timer would then be programmed
+    // anew, and theirs, too. So an eighth of the lateness stays.
+    usleep(kTick_us - late + late / 8);
+}
 
 class Transmitter {
   public:
@@ -40,7 +55,7 @@ class Transmitter {
             return;
         }
         if (Buffer().GetDataSize() < m_PayloadSize) {
-            usleep(kIdleWait_us);
+            usleep(kTick_us);
             return;
         }
         if (m_PayloadSize == kDetectionSize && !Detect()) {
@@ -50,7 +65,7 @@ class Transmitter {
         if (Timer().GetBlockSize() == 0)
             StartPacing();
         if (Timer().GetTxBlocks() == 0) {
-            usleep(kIdleWait_us);
+            SleepToTick();
             return;
         }
         SendDatagram();

@@ -16,7 +16,7 @@ extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
 
 extern "C" int usleep(useconds_t duration_us) {
     using namespace testclock;
-    ++(duration_us == 1000 ? Polls : duration_us == 100000 ? Ticks : Retries);
+    ++(duration_us <= 1000 ? Polls : duration_us == 100000 ? Ticks : Retries);
     const timespec real{0, (duration_us >= 100000 ? duration_us / 20 : duration_us) * 1000};
     return clock_nanosleep(CLOCK_MONOTONIC, 0, &real, nullptr);
 }

@@ -12,7 +12,7 @@ namespace testclock {
 
 // Constant-initialised: the module's threads run before this executable's constructors do.
 inline constinit std::atomic<int64_t> Now_us{-1};   // stands still; negative: the real clock
-inline constinit std::atomic<uint64_t> Polls{0};    // sleeps of 1 ms begun
+inline constinit std::atomic<uint64_t> Polls{0};    // sleeps of up to 1 ms begun
 inline constinit std::atomic<uint64_t> Ticks{0};    // of 100 ms, which last a twentieth
 inline constinit std::atomic<uint64_t> Retries{0};  // of 1 s, which last a twentieth
 
