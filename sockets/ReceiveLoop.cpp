@@ -1,171 +1,199 @@
 #include "ReceiveLoop.h"
 
-#include <netinet/udp.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <new>
 
 namespace zaqsockets {
 
 namespace {
 
-constexpr int kBatchDatagrams = 64;
 constexpr int kEvents = 64;
-constexpr size_t kLargestDatagram = 65536;  // 65507 bytes of payload fit (IPv6: 65527)
-// The slots' first lines must not share a cache set, or a batch would evict itself.
-constexpr size_t kSlotBytes = kLargestDatagram + 33 * 64;
 constexpr useconds_t kErrorPause_us = 1000;
 
-// Above 2000 datagrams a second the thread lets them gather for a millisecond: waking up costs it
-// more than taking them. Who reads what the callbacks store polls once a millisecond, too.
-constexpr useconds_t kGather_us = 1000;
-constexpr std::chrono::milliseconds kLoadWindow{16};
-constexpr uint32_t kGatherFrom = 32;  // in a window; a train of datagrams counts as one
-
-// Guards the two lists of loops, and in every loop what its declaration says. Constant-initialised
-// and trivially destroyed, so a thread may use it while the process exits. It is never held while a
-// callback runs or a thread is waited for.
+// Guards the two lists of loops, and in every loop and socket what their declarations say.
+// Constant-initialised and trivially destroyed, so a thread may use it while the process exits. It is
+// never held while a callback runs or a thread is waited for.
 std::mutex g_Lock;
-ReceiveLoop* g_Loop = nullptr;   // serves new sockets
+ReceiveLoop* g_Loops = nullptr;  // in service
 ReceiveLoop* g_Ended = nullptr;  // ended by themselves, not collected yet
+
+// A loop this quiet may be joined with another such one.
+constexpr uint32_t kQuiet_percent = 20;
+
+// Those that this process may use.
+int CountProcessors() {
+    cpu_set_t set;
+    return sched_getaffinity(0, sizeof(set), &set) == 0 ? CPU_COUNT(&set) : 1;
+}
 
 }  // namespace
 
-// Storage of one recvmmsg() call.
-struct ReceiveLoop::Batch {
-    mmsghdr Messages[kBatchDatagrams];
-    iovec Vectors[kBatchDatagrams];
-    sockaddr_in6 Sources[kBatchDatagrams];  // the larger of the two families
-    alignas(cmsghdr) unsigned char Controls[kBatchDatagrams][CMSG_SPACE(sizeof(int))];
-    unsigned char Slots[kBatchDatagrams][kSlotBytes];
-
-    // The slots stay untouched, and so without memory behind them, until datagrams fill them.
-    void Prepare() {
-        for (int i = 0; i < kBatchDatagrams; ++i) {
-            Vectors[i] = {Slots[i], kLargestDatagram};
-            Messages[i] = {};
-            Messages[i].msg_hdr.msg_iov = &Vectors[i];
-            Messages[i].msg_hdr.msg_iovlen = 1;
-            Messages[i].msg_hdr.msg_name = &Sources[i];
-            Messages[i].msg_hdr.msg_control = Controls[i];
-            Renew(i);
-        }
-    }
-
-    // The kernel writes the lengths that it used.
-    void Renew(int i) {
-        Messages[i].msg_hdr.msg_namelen = sizeof(Sources[i]);
-        Messages[i].msg_hdr.msg_controllen = sizeof(Controls[i]);
-    }
-
-    // Size of the datagrams in a message: the network card or the kernel may have joined a train of
-    // them, equal in size but for the last (udp(7), UDP_GRO).
-    unsigned int DatagramSize(int i) {
-        const cmsghdr* const control = CMSG_FIRSTHDR(&Messages[i].msg_hdr);
-        if (control == nullptr || control->cmsg_level != SOL_UDP || control->cmsg_type != UDP_GRO)
-            return Messages[i].msg_len;
-        int size;
-        memcpy(&size, CMSG_DATA(control), sizeof(size));
-        return size > 0 ? static_cast<unsigned int>(size) : Messages[i].msg_len;
-    }
-};
-
-// Tells whether datagrams come so fast that gathering them pays.
+// What a loop's thread knows of its own load, in windows of 16 ms or, when it has waited for longer,
+// as long as that.
 class ReceiveLoop::Load {
   public:
-    bool IsHigh(uint32_t datagrams) {
-        m_Datagrams += datagrams;
+    // Called after every round. True when a window has ended.
+    bool Count(uint32_t messages) {
+        m_Messages += messages;
         const Clock::time_point now = Clock::now();
-        if (now - m_Start >= kLoadWindow) {
-            m_High = m_Datagrams >= kGatherFrom && now - m_Start < 2 * kLoadWindow;
-            m_Start = now;
-            m_Datagrams = 0;
-        }
-        return m_High;
+        const Clock::duration window = now - m_Start;
+        if (window < kWindow)
+            return false;
+        rusage usage;
+        getrusage(RUSAGE_THREAD, &usage);
+        const auto cpu = Microseconds(usage.ru_utime) + Microseconds(usage.ru_stime);
+        const bool whole = window < 2 * kWindow;
+        const long waits = usage.ru_nvcsw - m_Waits;
+        m_Gather = whole && (m_Gather ? m_Messages >= kGatherMessages : waits >= kGatherWaits);
+        m_Saturated = waits == 0 ? m_Saturated + 1 : 0;
+        m_Busy_percent = static_cast<uint32_t>((cpu - m_Cpu) * 100 / window);
+        m_Quiet = m_Busy_percent <= kQuiet_percent ? m_Quiet + 1 : 0;
+        m_Start = now;
+        m_Cpu = cpu;
+        m_Waits = usage.ru_nvcsw;
+        m_Messages = 0;
+        return true;
     }
+
+    // Waking up is what costs most. Above 2500 wake-ups a second, and then as long as there are 2000
+    // messages a second, the thread lets them gather for a millisecond. Who reads what the callbacks
+    // store polls once a millisecond, too.
+    bool IsGathering() const { return m_Gather; }
+    uint32_t Busy_percent() const { return m_Busy_percent; }
+    // Windows in a row in which it has not come to wait, and in which it had little to do.
+    uint32_t SaturatedWindows() const { return m_Saturated; }
+    uint32_t QuietWindows() const { return m_Quiet; }
 
   private:
     using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::milliseconds kWindow{16};
+    static constexpr long kGatherWaits = 40;
+    static constexpr uint32_t kGatherMessages = 32;  // a train of datagrams counts as one
+
+    static std::chrono::microseconds Microseconds(const timeval& time) {
+        return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+    }
+
     Clock::time_point m_Start{};
-    uint32_t m_Datagrams = 0;
-    bool m_High = false;
+    std::chrono::microseconds m_Cpu{};
+    long m_Waits = 0;
+    uint32_t m_Messages = 0;
+    bool m_Gather = false;
+    uint32_t m_Busy_percent = 0;
+    uint32_t m_Saturated = 0;
+    uint32_t m_Quiet = 0;
 };
 
 ReceiveLoop::ReceiveLoop()
     : m_Process(getpid()),
       m_Epoll(epoll_create1(EPOLL_CLOEXEC)),
       m_Wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_Batch(new (std::nothrow) Batch) {
+      m_Batch(new (std::nothrow) ReceiveBatch) {
     if (m_Batch)
         m_Batch->Prepare();
 }
 
+// Puts a new loop into service. With the lock held.
 ReceiveLoop* ReceiveLoop::Start() {
-    ReceiveLoop* const loop = new (std::nothrow) ReceiveLoop;
-    if (loop == nullptr)
+    std::unique_ptr<ReceiveLoop> loop(new (std::nothrow) ReceiveLoop);
+    if (!loop || !loop->m_Epoll || !loop->m_Wakeup || !loop->m_Batch)
         return nullptr;
     epoll_event wakeup{};
     wakeup.events = EPOLLIN;
-    bool started = false;
-    if (loop->m_Epoll && loop->m_Wakeup && loop->m_Batch &&
-        epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_ADD, loop->m_Wakeup.Number(), &wakeup) == 0) {
-        // The thread inherits the mask: the host's signal handlers run on the host's threads.
-        sigset_t all;
-        sigset_t previous;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &previous);
-        started = pthread_create(&loop->m_Thread, nullptr, &ReceiveLoop::Run, loop) == 0;
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    }
-    if (!started) {
-        delete loop;
+    if (epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_ADD, loop->m_Wakeup.Number(), &wakeup) != 0)
         return nullptr;
-    }
-    return loop;
+    // The thread inherits the mask: the host's signal handlers run on the host's threads.
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const bool started =
+        pthread_create(&loop->m_Thread, nullptr, &ReceiveLoop::Run, loop.get()) == 0;
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (!started)
+        return nullptr;
+    loop->m_Next = g_Loops;
+    g_Loops = loop.get();
+    return loop.release();  // freed by who joins the thread
+}
+
+// With the lock held. Null when there is none.
+ReceiveLoop* ReceiveLoop::LeastBusy(const ReceiveLoop* butNot) {
+    ReceiveLoop* least = nullptr;
+    for (ReceiveLoop* loop = g_Loops; loop != nullptr; loop = loop->m_Next)
+        // Relaxed: a number that is a little old is as good.
+        if (loop != butNot &&
+            (least == nullptr || loop->m_Busy_percent.load(std::memory_order_relaxed) <
+                                     least->m_Busy_percent.load(std::memory_order_relaxed)))
+            least = loop;
+    return least;
 }
 
 bool ReceiveLoop::Attach(ReceiveSocket& socket) {
     Collect();
     {
         const std::lock_guard lock(g_Lock);
-        // After fork() the parent's loop is of no use to the child: its thread is not there.
-        if (g_Loop != nullptr && g_Loop->m_Process != getpid())
-            g_Loop = nullptr;
-        if (g_Loop == nullptr)
-            g_Loop = Start();
-        if (g_Loop == nullptr)
+        // After fork() the parent's loops are of no use to the child: their threads are not there.
+        if (g_Loops != nullptr && g_Loops->m_Process != getpid())
+            g_Loops = nullptr;
+        ReceiveLoop* loop = LeastBusy(nullptr);
+        if (loop == nullptr)
+            loop = Start();
+        if (loop == nullptr)
             return false;
-        socket.Loop = g_Loop;
-        epoll_event readable{};
-        readable.events = EPOLLIN;
-        readable.data.ptr = &socket;
-        if (epoll_ctl(g_Loop->m_Epoll.Number(), EPOLL_CTL_ADD, socket.File.Number(), &readable) ==
-            0) {
-            ++g_Loop->m_Sockets;
+        if (loop->Add(socket))
             return true;
-        }
     }
     StopUnused();  // the loop may have been made for this socket
     return false;
 }
 
+// With the lock held. The thread may serve the socket at once.
+bool ReceiveLoop::Add(ReceiveSocket& socket) {
+    epoll_event readable{};
+    readable.events = EPOLLIN;
+    readable.data.ptr = &socket;
+    if (epoll_ctl(m_Epoll.Number(), EPOLL_CTL_ADD, socket.File.Number(), &readable) != 0)
+        return false;
+    socket.Loop.store(this, std::memory_order_relaxed);  // the lock orders it
+    socket.Next = m_Sockets;
+    m_Sockets = &socket;
+    ++m_SocketCount;
+    return true;
+}
+
+// With the lock held.
+void ReceiveLoop::Remove(ReceiveSocket& socket) {
+    ReceiveSocket** link = &m_Sockets;
+    while (*link != &socket)
+        link = &(*link)->Next;
+    *link = socket.Next;
+    --m_SocketCount;
+}
+
 void ReceiveLoop::Detach(ReceiveSocket* socket) {
-    ReceiveLoop* const loop = socket->Loop;
-    if (loop->m_Process != getpid()) {
+    // Relaxed: every loop that this may be belongs to the same process.
+    if (socket->Loop.load(std::memory_order_relaxed)->m_Process != getpid()) {
         // In a child of fork() no thread serves the socket. The epoll instance is shared with the
         // parent, whose registration must stay.
         delete socket;
         return;
     }
-    socket->Closed.store(true, std::memory_order_release);  // the lock below orders it, too
-    epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_DEL, socket->File.Number(), nullptr);
+    ReceiveLoop* loop;
+    {
+        const std::lock_guard lock(g_Lock);
+        socket->Closed.store(true, std::memory_order_release);  // from here on it does not move
+        loop = socket->Loop.load(std::memory_order_relaxed);    // ordered by the lock
+        epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_DEL, socket->File.Number(), nullptr);
+    }
     const bool inCallback = loop->IsOwnThread();
     if (!inCallback) {
         const std::lock_guard left(socket->Busy);
@@ -174,11 +202,11 @@ void ReceiveLoop::Detach(ReceiveSocket* socket) {
 
     {
         const std::lock_guard lock(g_Lock);
+        loop->Remove(*socket);
         // The loop may hold an event for the socket that it has not looked at yet, so the memory
         // goes when it waits for new ones.
-        socket->NextDead = loop->m_Dead;
+        socket->Next = loop->m_Dead;
         loop->m_Dead = socket;
-        --loop->m_Sockets;
         // Within the lock: without it the loop might see that it has no socket, end, and be
         // collected, before it is woken.
         loop->Wake();
@@ -189,19 +217,25 @@ void ReceiveLoop::Detach(ReceiveSocket* socket) {
     }
 }
 
-// Not from the loop's own thread, which cannot wait for itself.
+// A loop's own thread cannot wait for itself, and is left out.
 void ReceiveLoop::StopUnused() {
-    ReceiveLoop* loop;
+    ReceiveLoop* unused = nullptr;
     {
         const std::lock_guard lock(g_Lock);
-        if (g_Loop == nullptr || g_Loop->m_Sockets != 0 || g_Loop->IsOwnThread())
-            return;
-        loop = g_Loop;
-        g_Loop = nullptr;
-        loop->m_Stop = true;
-        loop->Wake();
+        for (ReceiveLoop** link = &g_Loops; *link != nullptr;) {
+            ReceiveLoop* const loop = *link;
+            if (loop->m_SocketCount != 0 || loop->IsOwnThread()) {
+                link = &loop->m_Next;
+                continue;
+            }
+            *link = loop->m_Next;
+            loop->m_Next = unused;
+            unused = loop;
+            loop->m_Stop = true;
+            loop->Wake();
+        }
     }
-    loop->Join();
+    JoinAll(unused);
 }
 
 void ReceiveLoop::Collect() {
@@ -211,10 +245,14 @@ void ReceiveLoop::Collect() {
         ended = g_Ended;
         g_Ended = nullptr;
     }
-    while (ended != nullptr) {
-        ReceiveLoop* const next = ended->m_NextEnded;
-        ended->Join();
-        ended = next;
+    JoinAll(ended);
+}
+
+void ReceiveLoop::JoinAll(ReceiveLoop* list) {
+    while (list != nullptr) {
+        ReceiveLoop* const next = list->m_Next;
+        list->Join();
+        list = next;
     }
 }
 
@@ -239,27 +277,105 @@ void ReceiveLoop::FreeDead() {
         m_Dead = nullptr;
     }
     while (dead != nullptr) {
-        ReceiveSocket* const next = dead->NextDead;
+        ReceiveSocket* const next = dead->Next;
         delete dead;
         dead = next;
     }
 }
 
-// Tells the thread to end: somebody waits for it, or a callback has destroyed the last socket, in
-// which case the loop takes itself out of service.
+// Tells the thread to end: somebody waits for it, or it has no socket left, in which case the loop
+// takes itself out of service.
 bool ReceiveLoop::LeaveIfUnused() {
     const std::lock_guard lock(g_Lock);
     if (m_Stop)
         return true;
-    if (m_Sockets != 0 || g_Loop != this)
+    if (m_SocketCount != 0)
         return false;
-    g_Loop = nullptr;
-    m_NextEnded = g_Ended;
+    ReceiveLoop** link = &g_Loops;
+    while (*link != nullptr && *link != this)
+        link = &(*link)->m_Next;
+    if (*link == nullptr)
+        return false;
+    *link = m_Next;
+    m_Next = g_Ended;
     g_Ended = this;
     return true;
 }
 
+// Moves sockets that together have brought no more than so many messages lately. With the lock held,
+// by the own thread, which serves none of them at the time.
+void ReceiveLoop::MoveTo(ReceiveLoop& other, uint64_t messages) {
+    for (ReceiveSocket* socket = m_Sockets; socket != nullptr;) {
+        ReceiveSocket* const next = socket->Next;
+        const uint32_t taken = socket->Taken.load(std::memory_order_relaxed);        // own thread's
+        if (taken <= messages && !socket->Closed.load(std::memory_order_relaxed)) {  // as the lock
+            Remove(*socket);
+            // For a moment both wait for it; who comes second finds it busy or empty.
+            if (other.Add(*socket)) {
+                epoll_ctl(m_Epoll.Number(), EPOLL_CTL_DEL, socket->File.Number(), nullptr);
+                messages -= taken;
+            } else {
+                socket->Next = m_Sockets;
+                m_Sockets = socket;
+                ++m_SocketCount;
+            }
+        }
+        socket = next;
+    }
+}
+
+// At the end of a window.
+void ReceiveLoop::Adapt(const Load& load) {
+    constexpr uint32_t kPatience = 4;                                      // windows
+    constexpr uint32_t kLongPatience = 60;                                 // about a second
+    m_Busy_percent.store(load.Busy_percent(), std::memory_order_relaxed);  // as in LeastBusy
+    if (load.SaturatedWindows() == 1)
+        ResetTaken();
+    else if (load.SaturatedWindows() % kPatience == kPatience - 1)
+        ShareLoad();
+    else if (load.QuietWindows() % kLongPatience == kLongPatience - 1)
+        JoinQuietLoops();
+}
+
+void ReceiveLoop::ResetTaken() {
+    const std::lock_guard lock(g_Lock);
+    for (ReceiveSocket* socket = m_Sockets; socket != nullptr; socket = socket->Next)
+        socket->Taken.store(0, std::memory_order_relaxed);  // own thread's
+}
+
+// Half of the messages at most, so that a socket which alone fills a processor keeps this one and
+// the others get away from it.
+void ReceiveLoop::ShareLoad() {
+    constexpr uint32_t kRoom_percent = 60;
+    const std::lock_guard lock(g_Lock);
+    int loops = 0;
+    for (const ReceiveLoop* loop = g_Loops; loop != nullptr; loop = loop->m_Next)
+        ++loops;
+    uint64_t messages = 0;
+    for (const ReceiveSocket* socket = m_Sockets; socket != nullptr; socket = socket->Next)
+        messages += socket->Taken.load(std::memory_order_relaxed);  // own thread's
+    if (m_SocketCount < 2 || m_Stop)
+        return;
+    ReceiveLoop* other = LeastBusy(this);
+    if (other == nullptr || other->m_Busy_percent.load(std::memory_order_relaxed) > kRoom_percent)
+        other = loops < CountProcessors() ? Start() : nullptr;
+    if (other != nullptr)
+        MoveTo(*other, messages / 2);
+}
+
+// Hands everything to another loop that has as little to do.
+void ReceiveLoop::JoinQuietLoops() {
+    const std::lock_guard lock(g_Lock);
+    ReceiveLoop* const other = LeastBusy(this);
+    if (other == nullptr || m_Stop ||
+        other->m_Busy_percent.load(std::memory_order_relaxed) > kQuiet_percent)
+        return;
+    MoveTo(*other, UINT64_MAX);
+    Wake();  // to leave
+}
+
 void* ReceiveLoop::Run(void* loop) {
+    constexpr useconds_t kGather_us = 1000;
     auto& self = *static_cast<ReceiveLoop*>(loop);
     pthread_setname_np(pthread_self(), "zaq-receive");
     Load load;
@@ -270,16 +386,18 @@ void* ReceiveLoop::Run(void* loop) {
             usleep(kErrorPause_us);
         bool woken = false;
         bool more = false;
-        uint32_t datagrams = 0;
+        uint32_t messages = 0;
         for (int i = 0; i < count; ++i) {
             if (events[i].data.ptr == nullptr) {
                 woken = true;
                 continue;
             }
             const int taken = self.Serve(*static_cast<ReceiveSocket*>(events[i].data.ptr));
-            datagrams += static_cast<uint32_t>(taken);
-            more = more || taken == kBatchDatagrams;
+            messages += static_cast<uint32_t>(taken);
+            more = more || taken == ReceiveBatch::kMessages;
         }
+        if (load.Count(messages))
+            self.Adapt(load);
         if (woken) {
             uint64_t wakeups;
             [[maybe_unused]] const ssize_t size =
@@ -288,7 +406,7 @@ void* ReceiveLoop::Run(void* loop) {
             if (self.LeaveIfUnused())
                 return nullptr;
         }
-        if (load.IsHigh(datagrams) && !more)
+        if (load.IsGathering() && !more)
             usleep(kGather_us);
     }
 }
@@ -299,30 +417,25 @@ int ReceiveLoop::Serve(ReceiveSocket& socket) {
     const std::lock_guard busy(socket.Busy);
     if (socket.Closed.load(std::memory_order_acquire))
         return 0;
-    const int count =
-        recvmmsg(socket.File.Number(), m_Batch->Messages, kBatchDatagrams, MSG_DONTWAIT, nullptr);
-    if (count > 0)
-        Deliver(socket, count);
-    else if (count < 0 && errno != EAGAIN && errno != EINTR)
+    const int count = recvmmsg(socket.File.Number(), m_Batch->Messages, ReceiveBatch::kMessages,
+                               MSG_DONTWAIT, nullptr);
+    if (count < 0 && errno != EAGAIN && errno != EINTR)
         usleep(kErrorPause_us);  // an error that stays must not turn this thread into a busy loop
-    return std::max(count, 0);
-}
-
-void ReceiveLoop::Deliver(ReceiveSocket& socket, int count) {
+    if (count <= 0)
+        return 0;
     for (int i = 0; i < count; ++i) {
-        const unsigned int size = m_Batch->DatagramSize(i);
-        const unsigned int length = m_Batch->Messages[i].msg_len;
-        unsigned int offset = 0;
-        do {
-            // A callback may destroy its own socket, or another thread wants to destroy it.
-            if (!socket.Closed.load(std::memory_order_acquire))
-                socket.Callback(socket.Handle, nullptr,
-                                reinterpret_cast<sockaddr*>(&m_Batch->Sources[i]),
-                                m_Batch->Slots[i] + offset, std::min(size, length - offset));
-            offset += size;
-        } while (offset < length);
+        m_Batch->ForEachDatagram(
+            i, [&](sockaddr* source, unsigned char* data, unsigned int length) {
+                // A callback may destroy its own socket, or another thread wants to destroy it.
+                if (!socket.Closed.load(std::memory_order_acquire))
+                    socket.Callback(socket.Handle, nullptr, source, data, length);
+            });
         m_Batch->Renew(i);
     }
+    // Only this thread adds.
+    socket.Taken.store(socket.Taken.load(std::memory_order_relaxed) + static_cast<uint32_t>(count),
+                       std::memory_order_relaxed);
+    return count;
 }
 
 }  // namespace zaqsockets

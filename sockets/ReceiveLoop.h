@@ -1,10 +1,8 @@
-// The thread that receives for all sockets.
+// The threads that receive for all sockets.
 #ifndef SOCKETS_RECEIVELOOP_H
 #define SOCKETS_RECEIVELOOP_H
 
-#include <netinet/in.h>
 #include <pthread.h>
-#include <sys/socket.h>
 
 #include <atomic>
 #include <cstdint>
@@ -12,6 +10,7 @@
 #include <mutex>
 
 #include "Descriptor.h"
+#include "ReceiveBatch.h"
 #include "ZAQSockets.h"
 
 namespace zaqsockets {
@@ -23,22 +22,29 @@ struct ReceiveSocket {
     // Fixed after the creation.
     void* Handle = nullptr;
     ZAQReceiveCallback Callback = nullptr;
-    ReceiveLoop* Loop = nullptr;
 
     Descriptor File;                  // closed by the destroyer, when the loop is done with it
     std::atomic<bool> Closed{false};  // set once; no callback begins after it
     // Held by the loop while it serves the socket. The destroyer sets Closed and then locks once:
     // the loop has then left, and comes back only to find Closed. So nobody is starved.
     std::mutex Busy;
-    ReceiveSocket* NextDead = nullptr;  // in the loop's list
+    std::atomic<uint32_t> Taken{0};  // messages since the loop last looked at its load
+
+    // Written under the lock of all loops.
+    std::atomic<ReceiveLoop*> Loop{nullptr};
+    ReceiveSocket* Next = nullptr;  // in the loop's list of those it serves, then of the dead
 };
 
-// One thread that waits for all sockets with epoll and takes what has arrived in batches.
+// One thread that waits for its sockets with epoll and takes what has arrived in batches.
+//
+// The first loop comes into being with the first socket and serves all of them. A loop that has more
+// to do than one processor can hands about half of it to another one, a new one if there are
+// processors for it; loops with little to do are joined again.
 //
 // Thread safety: Attach and Detach may be called from any thread, also from a callback. A loop
-// comes into being with the first socket and goes with the last. If the last one is destroyed by a
-// callback, the thread cannot be waited for there: it ends by itself, and the next call of Attach
-// or Detach, or the unloading of the library, collects it.
+// goes with its last socket. If that is destroyed by a callback, the thread cannot be waited for
+// there: it ends by itself, and the next call of Attach or Detach, or the unloading of the library,
+// collects it.
 class ReceiveLoop {
   public:
     // Hands the socket over. False, with the socket untouched, when there are no means for it.
@@ -48,26 +54,33 @@ class ReceiveLoop {
     // that runs is waited for, unless this is called from it.
     static void Detach(ReceiveSocket* socket);
 
-    // Ends the loop, if it serves no socket, and waits for it.
+    // Ends the loops that serve no socket, and waits for them.
     static void StopUnused();
 
     // Waits for loops that ended by themselves.
     static void Collect();
 
   private:
-    struct Batch;
     class Load;
 
     ReceiveLoop();
     static ReceiveLoop* Start();
+    static ReceiveLoop* LeastBusy(const ReceiveLoop* butNot);
     static void* Run(void* loop);
 
+    static void JoinAll(ReceiveLoop* list);
     void Join();
     void Wake() const;
+    bool Add(ReceiveSocket& socket);
+    void Remove(ReceiveSocket& socket);
+    void MoveTo(ReceiveLoop& other, uint64_t messages);
+    void Adapt(const Load& load);
+    void ResetTaken();
+    void ShareLoad();
+    void JoinQuietLoops();
     bool LeaveIfUnused();
     void FreeDead();
     int Serve(ReceiveSocket& socket);
-    void Deliver(ReceiveSocket& socket, int count);
     bool IsOwnThread() const { return pthread_equal(m_Thread, pthread_self()) != 0; }
 
     // Fixed after the start.
@@ -75,13 +88,17 @@ class ReceiveLoop {
     pid_t m_Process;
     Descriptor m_Epoll;
     Descriptor m_Wakeup;
-    std::unique_ptr<Batch> m_Batch;
+    std::unique_ptr<ReceiveBatch> m_Batch;
+
+    // Share of a processor that the thread took lately; written by it, read by all loops.
+    std::atomic<uint32_t> m_Busy_percent{0};
 
     // Guarded by the lock of all loops (ReceiveLoop.cpp).
-    uint32_t m_Sockets = 0;
+    ReceiveSocket* m_Sockets = nullptr;  // list
+    uint32_t m_SocketCount = 0;
     bool m_Stop = false;
-    ReceiveSocket* m_Dead = nullptr;
-    ReceiveLoop* m_NextEnded = nullptr;
+    ReceiveSocket* m_Dead = nullptr;  // list
+    ReceiveLoop* m_Next = nullptr;    // in the list of those in service, then of the ended
 };
 
 }  // namespace zaqsockets

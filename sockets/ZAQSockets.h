@@ -7,8 +7,10 @@
  *   Threads     any thread may call any function, for the same socket or different ones; but a
  *               socket must not be destroyed while another thread sends on it.
  *   Callbacks   run on threads of the library, which exist only while receive sockets exist and
- *               block all signals. Never two at a time for one socket. From 2000 datagrams a second
- *               on, they may come a millisecond after the datagram.
+ *               block all signals. Never two at a time for one socket. All sockets share one thread
+ *               until it has more to do than a processor can; then there are more threads, at most one
+ *               for each processor. Where datagrams would wake a thread up more than 2500 times a
+ *               second, callbacks may come a millisecond after the datagram.
  *   Ports       host byte order.
  *   Fork        in a child of fork() no callback runs for the sockets that it has inherited; they may
  *               be destroyed, which closes the child's descriptors. A child that goes on should exec
@@ -75,7 +77,8 @@ ZAQSOCKETS_API void* ZAQUDPSocket_Create(const char* localAddress, const char* r
 
 /*
  * Closes the socket and frees what belongs to it. No callback runs for it after the return; one
- * that runs at the time is waited for, unless the call comes from within it. Null does nothing.
+ * that runs at the time is waited for, unless the call comes from within it; so callbacks of two
+ * sockets that destroy each other would wait for ever. Null does nothing.
  */
 ZAQSOCKETS_API void ZAQUDPSocket_Destroy(void* socket);
 

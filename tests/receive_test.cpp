@@ -1,6 +1,7 @@
 // Receive sockets: who gets which datagram, and what is left when they are gone.
 #include <gtest/gtest.h>
 #include <netinet/udp.h>
+#include <sched.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -175,6 +176,45 @@ TEST(Receive, ATrainThatComesAsOneMessageIsDeliveredDatagramByDatagram) {
     EXPECT_EQ(receiver.All()[39].first.size(), 1316u);
     EXPECT_EQ(receiver.All()[40].first.size(), 100u);
     close(train);
+}
+
+// The callbacks take longer than one thread has; there must be two processors for two threads.
+TEST(Receive, SocketsSpreadOverThreadsUnderLoadAndComeTogetherAfterIt) {
+    cpu_set_t processors;
+    ASSERT_EQ(sched_getaffinity(0, sizeof(processors), &processors), 0);
+    if (CPU_COUNT(&processors) < 2)
+        GTEST_SKIP() << "a single processor";
+    const auto before = Footprint();
+    std::atomic<pthread_t> thread[2];
+    std::atomic<int> busy_us = 200;
+    const auto work = [&](int number) {
+        return [&, number](void*) {
+            const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(busy_us);
+            while (std::chrono::steady_clock::now() < end) {
+            }
+            thread[number] = pthread_self();
+        };
+    };
+    Receiver receivers[] = {{"127.0.0.1", "0.0.0.0", kPort, 0, work(0)},
+                            {"127.0.0.1", "0.0.0.0", kPort + 1, 0, work(1)}};
+    uint32_t sent = 0;
+    const auto feed = [&](int datagrams) {
+        for (int i = 0; i < datagrams; ++i, ++sent)
+            Sender("0.0.0.0", "127.0.0.1", kPort + sent % 2).Send(std::to_string(sent));
+    };
+    EXPECT_TRUE(Await([&] { return feed(20), thread[0] != thread[1]; }));
+    busy_us = 0;
+    EXPECT_TRUE(Await([&] { return feed(2), thread[0] == thread[1]; }));
+    EXPECT_TRUE(Await([&] { return receivers[0].Count() + receivers[1].Count() == sent; }));
+    for (uint32_t next[] = {0, 1}; const Receiver& receiver : receivers)
+        for (const auto& [data, source] : receiver.All()) {
+            uint32_t& expected = next[&receiver - receivers];
+            ASSERT_EQ(data, std::to_string(expected));
+            expected += 2;
+        }
+    for (Receiver& receiver : receivers)
+        receiver.Destroy();
+    EXPECT_TRUE(Await([&] { return Footprint() == before; }));
 }
 
 // Does the thread block the signals that hosts handle?
