@@ -18,20 +18,6 @@ namespace {
 
 constexpr unsigned kLifetime_s = 180;  // of a child whose parent hangs
 
-void pinTo(Place place) {
-    const long processors = sysconf(_SC_NPROCESSORS_ONLN);
-    if (processors < 2 || place == Place::Anywhere)
-        return;
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (place == Place::Traffic)
-        CPU_SET(0, &set);
-    else
-        for (long processor = 1; processor < processors; ++processor)
-            CPU_SET(static_cast<size_t>(processor), &set);
-    sched_setaffinity(0, sizeof(set), &set);
-}
-
 // The number behind "name:" in one of the kernel's tables of a process.
 double field(const std::filesystem::path& file, const std::string& name) {
     std::ifstream table(file);
@@ -57,6 +43,20 @@ Meter::Usage sumUp(const Children& children) {
 }
 
 }  // namespace
+
+void pinTo(Place place) {
+    const long processors = sysconf(_SC_NPROCESSORS_ONLN);
+    if (processors < 2 || place == Place::Anywhere)
+        return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (place == Place::Traffic)
+        CPU_SET(0, &set);
+    else
+        for (long processor = 1; processor < processors; ++processor)
+            CPU_SET(static_cast<size_t>(processor), &set);
+    sched_setaffinity(0, sizeof(set), &set);
+}
 
 Child Child::fork(Place place, const std::function<void()>& routine) {
     const pid_t parent = getpid();

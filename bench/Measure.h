@@ -20,6 +20,9 @@ struct Failure : std::runtime_error {
 // no traffic beside it, the measured side has all.
 enum class Place { Traffic, Measured, Anywhere };
 
+// Moves the calling thread, and what it starts from then on.
+void pinTo(Place place);
+
 // A process of ours. It ends with the object, with this process, and in any case after some time.
 //
 // The bench itself has no threads, so that fork() is safe.

@@ -16,7 +16,6 @@ namespace {
 std::string g_ModulePath;
 
 constexpr double kSocketPatience_s = 12.0;  // housekeeping opens receive sockets once a second
-constexpr useconds_t kHostPoll_us = 1000;
 // The host reads and writes as much at most.
 constexpr uint32_t kHostPackets = 512 * 7;
 constexpr size_t kHostBytes = size_t{kHostPackets} * 188;
@@ -98,7 +97,9 @@ void setModulePath(const std::string& path) {
     g_ModulePath = path;
 }
 
-void moduleReceive(Board& shared, Load load) {
+namespace {
+
+void receive(Board& shared, Load load, useconds_t poll_us) {
     const Module module;
     module.start(kReceive, load.channels);
     std::vector<CZAQSimpleBuffer*> rings;
@@ -116,8 +117,18 @@ void moduleReceive(Board& shared, Load load) {
                 shared.received[channel].fetch_add(size / kPayloadBytes, std::memory_order_relaxed);
             }
         }
-        usleep(kHostPoll_us);
+        usleep(poll_us);
     }
+}
+
+}  // namespace
+
+void moduleReceive(Board& shared, Load load) {
+    receive(shared, load, 1000);
+}
+
+void moduleReceiveSlowly(Board& shared, Load load) {
+    receive(shared, load, 10000);
 }
 
 void moduleSend(Board& /*shared*/, Load load) {
@@ -141,10 +152,14 @@ void moduleSend(Board& /*shared*/, Load load) {
 }
 
 void moduleSendUnpaced(Board& /*shared*/, Load /*load*/) {
+    constexpr double kArrears_s = 8.0;
     const Module module;
     module.start(kSend, 1, 4'000'000'000);
+    pinTo(Place::Traffic);  // the channel's thread stays behind
     std::vector<uint8_t> packets(kHostBytes);
     fillPackets(packets.data(), kHostPackets);
+    module.Send(module.handle, 0, packets.data(), static_cast<uint32_t>(packets.size()));
+    sleepFor(kArrears_s);
     while (module.Send(module.handle, 0, packets.data(), static_cast<uint32_t>(packets.size())) ==
            1) {
     }

@@ -19,10 +19,10 @@ Contender moduleItself() {
     return makeOurs("module", moduleSend);
 }
 Contender bareUnpaced() {
-    return makeOurs("bare send()", sendUnpaced, Place::Anywhere);
+    return makeOurs("bare send()", sendUnpaced);
 }
 Contender moduleUnpaced() {
-    return makeOurs("module", moduleSendUnpaced, Place::Anywhere);
+    return makeOurs("module", moduleSendUnpaced);
 }
 
 // How the datagrams lie against the ideal schedule, in which number n of a channel is due at its
@@ -138,22 +138,24 @@ Values measureSending(const Contender& sender, Load load, double seconds,
     return values;
 }
 
-// Into a socket that nobody reads: once it is full, the kernel drops every datagram at its door,
-// which costs every sender the same, and counts them.
+// Into a socket that another process empties as fast as it can. What it cannot take is counted, too.
 Values measureUnpaced(const Contender& sender, double seconds) {
-    constexpr double kWarmUp_s = 0.5;
-    const Child sink = Child::fork(Place::Anywhere, [] {
-        listenAt(0, 0);
-        for (;;)
-            pause();
-    });
+    constexpr double kWarmUp_s = 0.3;
+    constexpr double kPatience_s = 15.0;
+    clearBoard();
+    const Child sink = Child::fork(Place::Traffic, [] { receiveSpinning(board(), {1, 0.0}); });
+    if (!waitFor(kPatience_s, [] { return board().ready != 0; }))
+        throw Failure("the receiver of what is sent does not start");
     const Children children = sender.start({1, 0.0}, 0.0);
+    constexpr uint64_t kFlowing = 20000;  // datagrams: more than the module's host sends in advance
+    if (!waitFor(kPatience_s, [] { return board().received[0] > kFlowing; }))
+        throw Failure("it does not send");
     sleepFor(kWarmUp_s);
+    const auto sent = [] { return total(board().received) + udpCount("RcvbufErrors"); };
     const Meter meter(children);
-    const uint64_t droppedBefore = udpCount("RcvbufErrors");
+    const uint64_t before = sent();
     sleepFor(seconds);
-    Values values =
-        costOf(meter.read(), static_cast<double>(udpCount("RcvbufErrors") - droppedBefore));
+    Values values = costOf(meter.read(), static_cast<double>(sent() - before));
     values.push_back({"Mbit/s", valueOf(values, "datagrams/s") * kPayloadBytes * 8e-6});
     return values;
 }
@@ -210,16 +212,17 @@ void benchSend(Report& report, const Settings& settings) {
 }
 
 void benchUnpaced(Report& report, const Settings& settings) {
-    const double seconds = std::min(settings.seconds, 3.0);
+    const double seconds = std::min(settings.seconds, 1.5);
     std::vector<Side> sides;
     for (const Contender& sender : {bareUnpaced(), moduleUnpaced()})
         sides.push_back({sender.name, [=] { return measureUnpaced(sender, seconds); }});
     Rows rows = alternate(sides, settings.rounds);
     addRatio(rows, bareUnpaced().name, "datagrams/s");
-    report.table("one channel, 4 Gbit/s asked",
-                 "into a socket that nobody reads, the same for both; the module's CPU includes "
-                 "the host that feeds it",
-                 rows);
+    report.table(
+        "one channel, far behind its schedule",
+        "everything is due; the host that feeds the module runs beside what takes the traffic, "
+        "but its CPU is included",
+        rows);
     report.goal("4", "one send channel unpaced, datagrams/s: module / bare send()",
                 ratio(rows, "module", bareUnpaced().name, "datagrams/s"), Report::Bound::AtLeast,
                 0.9);

@@ -133,19 +133,23 @@ int listenAt(uint32_t channel, int bufferBytes) {
     return file;
 }
 
-void sendPaced(Board& shared, Load load) {
+namespace {
+
+void sendDue(Board& shared, Load load, useconds_t sleep_us) {
     sharpenSleep();
     const std::vector<int> sockets = openAll(load.channels, false);
     uint8_t datagram[kDatagramBytes];
     fillPackets(datagram + kHeaderBytes, 7);
     const double period = load.period_ns();
+    std::vector<uint64_t> first(shared.sent, shared.sent + load.channels);
     const int64_t start = now_ns();
     while (!stopped(shared)) {
         const auto elapsed = static_cast<double>(now_ns() - start);
         for (uint32_t channel = 0; channel < load.channels; ++channel) {
             const double phase = period * channel / load.channels;
-            const auto due =
-                elapsed < phase ? 0 : static_cast<uint64_t>((elapsed - phase) / period);
+            const uint64_t due =
+                first[channel] +
+                (elapsed < phase ? 0 : static_cast<uint64_t>((elapsed - phase) / period));
             uint64_t sent = shared.sent[channel].load(std::memory_order_relaxed);
             for (; sent < due; ++sent) {
                 fillHeader(datagram, sent);
@@ -153,8 +157,19 @@ void sendPaced(Board& shared, Load load) {
             }
             shared.sent[channel].store(sent, std::memory_order_relaxed);
         }
-        usleep(kTick_us);
+        if (sleep_us != 0)
+            usleep(sleep_us);
     }
+}
+
+}  // namespace
+
+void sendPaced(Board& shared, Load load) {
+    sendDue(shared, load, kTick_us);
+}
+
+void sendSpread(Board& shared, Load load) {
+    sendDue(shared, load, 0);
 }
 
 void sendUnpaced(Board& /*shared*/, Load /*load*/) {
@@ -222,7 +237,9 @@ void receiveEpoll(Board& shared, Load load) {
     }
 }
 
-void receiveDrain(Board& shared, Load load) {
+namespace {
+
+void drain(Board& shared, Load load, useconds_t sleep_us) {
     sharpenSleep();
     const std::vector<int> sockets = openAll(load.channels, true);
     const auto batch = std::make_unique<Batch>();
@@ -233,8 +250,19 @@ void receiveDrain(Board& shared, Load load) {
                 got = batch->receive(sockets[channel]);
                 count(shared.received[channel], got);
             }
-        usleep(kTick_us);
+        if (sleep_us != 0)
+            usleep(sleep_us);
     }
+}
+
+}  // namespace
+
+void receiveDrain(Board& shared, Load load) {
+    drain(shared, load, kTick_us);
+}
+
+void receiveSpinning(Board& shared, Load load) {
+    drain(shared, load, 0);
 }
 
 namespace {

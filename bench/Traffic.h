@@ -53,6 +53,8 @@ void fillPackets(uint8_t* data, uint32_t packets);
 // One loop over all sockets: sends what is due, sleeps for 1 ms. The streams are spread evenly over
 // a datagram's period. Ends when it is asked to stop.
 void sendPaced(Board& shared, Load load);
+// The same without the sleep: every datagram leaves when it is due.
+void sendSpread(Board& shared, Load load);
 // One stream over one socket, as fast as send() goes.
 void sendUnpaced(Board& shared, Load load);
 // Keeps to the sum of the rates without sleeping, in short bursts over all sockets: `trains` lets the
@@ -64,6 +66,8 @@ void sendFlood(Board& shared, Load load, bool trains);
 void receiveEpoll(Board& shared, Load load);
 // One loop over all sockets: takes what is there, sleeps for 1 ms.
 void receiveDrain(Board& shared, Load load);
+// Takes what is there without ever sleeping, so that no sender has to wake it up.
+void receiveSpinning(Board& shared, Load load);
 // Writes down when each datagram arrived, by its RTP sequence number or else in order of arrival.
 void receiveStamps(Board& shared, Load load);
 
