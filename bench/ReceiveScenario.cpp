@@ -138,7 +138,7 @@ Values searchCapacity(const Contender& receiver, uint32_t channels, bool trains,
     constexpr double kExact = 1.04;
     Reception reception(receiver, channels);
     double lowest = 3e8;
-    double highest = 12e9;
+    double highest = 30e9;
     double best = 0.0;
     bool limited = false;  // by the sender: it did not reach the next higher rate
     while (highest / lowest > kExact) {

@@ -14,6 +14,9 @@
 //     Data          ReadPos      SamplePos       WritePos           DataEnd
 //      |  (free)       |  sampled   |  not sampled   |    (free)       |
 //
+// Only the operations move the positions: Write and Read remember what GetFreeSize and GetDataSize
+// told them, and ask again when that does not suffice.
+//
 // Thread safety: one thread calls Write, one thread calls Read, Sample and ResetSample; the size
 // queries may be called from either. Initialize, Reset, Cleanup and destruction need both sides
 // quiet. Sizes are in bytes. Transfers return 1 when done, and 0, with nothing changed, when the

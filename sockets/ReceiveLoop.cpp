@@ -22,16 +22,21 @@ constexpr useconds_t kErrorPause_us = 1000;
 // Constant-initialised and trivially destroyed, so a thread may use it while the process exits. It is
 // never held while a callback runs or a thread is waited for.
 std::mutex g_Lock;
-ReceiveLoop* g_Loops = nullptr;  // in service
-ReceiveLoop* g_Ended = nullptr;  // ended by themselves, not collected yet
+ReceiveLoop* g_Loops = nullptr;   // in service
+ReceiveLoop* g_Ended = nullptr;   // ended by themselves, not collected yet
+std::atomic<int> g_LoopCount{0};  // of those in service; read without the lock, as an estimate
+
+thread_local bool t_IsLoop = false;  // a thread of a loop's
 
 // A loop this quiet may be joined with another such one.
 constexpr uint32_t kQuiet_percent = 20;
 
-// Those that this process may use.
+// Those that a thread which is started by this one may use.
 int CountProcessors() {
     cpu_set_t set;
-    return sched_getaffinity(0, sizeof(set), &set) == 0 ? CPU_COUNT(&set) : 1;
+    return sched_getaffinity(0, sizeof(set), &set) == 0
+               ? CPU_COUNT(&set)
+               : static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));  // more than the set can hold
 }
 
 }  // namespace
@@ -53,9 +58,11 @@ class ReceiveLoop::Load {
         const bool whole = window < 2 * kWindow;
         const long waits = usage.ru_nvcsw - m_Waits;
         m_Gather = whole && (m_Gather ? m_Messages >= kGatherMessages : waits >= kGatherWaits);
-        m_Saturated = waits == 0 ? m_Saturated + 1 : 0;
         m_Busy_percent = static_cast<uint32_t>((cpu - m_Cpu) * 100 / window);
-        m_Quiet = m_Busy_percent <= kQuiet_percent ? m_Quiet + 1 : 0;
+        // The latter, since a thread that others keep from running does not wait either.
+        m_Saturated = waits == 0 && m_Busy_percent >= kSaturated_percent ? m_Saturated + 1 : 0;
+        if (m_Busy_percent > kQuiet_percent)
+            m_QuietSince = now;
         m_Start = now;
         m_Cpu = cpu;
         m_Waits = usage.ru_nvcsw;
@@ -68,28 +75,35 @@ class ReceiveLoop::Load {
     // store polls once a millisecond, too.
     bool IsGathering() const { return m_Gather; }
     uint32_t Busy_percent() const { return m_Busy_percent; }
-    // Windows in a row in which it has not come to wait, and in which it had little to do.
+    // Windows in a row in which it has not come to wait.
     uint32_t SaturatedWindows() const { return m_Saturated; }
-    uint32_t QuietWindows() const { return m_Quiet; }
+    // True once for every second with little to do.
+    bool HasBeenQuiet() {
+        const bool quiet = m_Start - m_QuietSince >= std::chrono::seconds(1);
+        if (quiet)
+            m_QuietSince = m_Start;
+        return quiet;
+    }
 
   private:
     using Clock = std::chrono::steady_clock;
     static constexpr std::chrono::milliseconds kWindow{16};
     static constexpr long kGatherWaits = 40;
     static constexpr uint32_t kGatherMessages = 32;  // a train of datagrams counts as one
+    static constexpr uint32_t kSaturated_percent = 50;
 
     static std::chrono::microseconds Microseconds(const timeval& time) {
         return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
     }
 
-    Clock::time_point m_Start{};
+    Clock::time_point m_Start = Clock::now();
+    Clock::time_point m_QuietSince = m_Start;
     std::chrono::microseconds m_Cpu{};
     long m_Waits = 0;
     uint32_t m_Messages = 0;
     bool m_Gather = false;
     uint32_t m_Busy_percent = 0;
     uint32_t m_Saturated = 0;
-    uint32_t m_Quiet = 0;
 };
 
 ReceiveLoop::ReceiveLoop()
@@ -122,6 +136,7 @@ ReceiveLoop* ReceiveLoop::Start() {
         return nullptr;
     loop->m_Next = g_Loops;
     g_Loops = loop.get();
+    ++g_LoopCount;
     return loop.release();  // freed by who joins the thread
 }
 
@@ -142,8 +157,10 @@ bool ReceiveLoop::Attach(ReceiveSocket& socket) {
     {
         const std::lock_guard lock(g_Lock);
         // After fork() the parent's loops are of no use to the child: their threads are not there.
-        if (g_Loops != nullptr && g_Loops->m_Process != getpid())
+        if (g_Loops != nullptr && g_Loops->m_Process != getpid()) {
             g_Loops = nullptr;
+            g_LoopCount = 0;
+        }
         ReceiveLoop* loop = LeastBusy(nullptr);
         if (loop == nullptr)
             loop = Start();
@@ -152,18 +169,19 @@ bool ReceiveLoop::Attach(ReceiveSocket& socket) {
         if (loop->Add(socket))
             return true;
     }
-    StopUnused();  // the loop may have been made for this socket
+    Tidy();  // the loop may have been made for this socket
     return false;
 }
 
-// With the lock held. The thread may serve the socket at once.
+// With the lock held. The thread may serve the socket at once, and its callback destroy it; but that
+// needs the lock.
 bool ReceiveLoop::Add(ReceiveSocket& socket) {
     epoll_event readable{};
     readable.events = EPOLLIN;
     readable.data.ptr = &socket;
     if (epoll_ctl(m_Epoll.Number(), EPOLL_CTL_ADD, socket.File.Number(), &readable) != 0)
         return false;
-    socket.Loop.store(this, std::memory_order_relaxed);  // the lock orders it
+    socket.Loop = this;
     socket.Next = m_Sockets;
     m_Sockets = &socket;
     ++m_SocketCount;
@@ -180,8 +198,7 @@ void ReceiveLoop::Remove(ReceiveSocket& socket) {
 }
 
 void ReceiveLoop::Detach(ReceiveSocket* socket) {
-    // Relaxed: every loop that this may be belongs to the same process.
-    if (socket->Loop.load(std::memory_order_relaxed)->m_Process != getpid()) {
+    if (socket->Process != getpid()) {
         // In a child of fork() no thread serves the socket. The epoll instance is shared with the
         // parent, whose registration must stay.
         delete socket;
@@ -191,7 +208,7 @@ void ReceiveLoop::Detach(ReceiveSocket* socket) {
     {
         const std::lock_guard lock(g_Lock);
         socket->Closed.store(true, std::memory_order_release);  // from here on it does not move
-        loop = socket->Loop.load(std::memory_order_relaxed);    // ordered by the lock
+        loop = socket->Loop;
         epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_DEL, socket->File.Number(), nullptr);
     }
     const bool inCallback = loop->IsOwnThread();
@@ -207,28 +224,35 @@ void ReceiveLoop::Detach(ReceiveSocket* socket) {
         // goes when it waits for new ones.
         socket->Next = loop->m_Dead;
         loop->m_Dead = socket;
+        if (inCallback)
+            loop->m_InCallback = true;
         // Within the lock: without it the loop might see that it has no socket, end, and be
         // collected, before it is woken.
         loop->Wake();
     }
-    if (!inCallback) {
-        StopUnused();
-        Collect();
-    }
+    Tidy();
 }
 
-// A loop's own thread cannot wait for itself, and is left out.
-void ReceiveLoop::StopUnused() {
+// After a socket has gone. Two callbacks might wait for each other's threads, so that a loop's thread
+// leaves those that still run to themselves; they have been woken.
+void ReceiveLoop::Tidy() {
+    if (!t_IsLoop)
+        StopUnused(false);
+    Collect();
+}
+
+void ReceiveLoop::StopUnused(bool all) {
     ReceiveLoop* unused = nullptr;
     {
         const std::lock_guard lock(g_Lock);
         for (ReceiveLoop** link = &g_Loops; *link != nullptr;) {
             ReceiveLoop* const loop = *link;
-            if (loop->m_SocketCount != 0 || loop->IsOwnThread()) {
+            if (loop->m_SocketCount != 0 || loop->IsOwnThread() || (loop->m_InCallback && !all)) {
                 link = &loop->m_Next;
                 continue;
             }
             *link = loop->m_Next;
+            --g_LoopCount;
             loop->m_Next = unused;
             unused = loop;
             loop->m_Stop = true;
@@ -287,18 +311,20 @@ void ReceiveLoop::FreeDead() {
 // takes itself out of service.
 bool ReceiveLoop::LeaveIfUnused() {
     const std::lock_guard lock(g_Lock);
+    m_InCallback = false;
     if (m_Stop)
         return true;
     if (m_SocketCount != 0)
         return false;
     ReceiveLoop** link = &g_Loops;
-    while (*link != nullptr && *link != this)
+    while (*link != this)
         link = &(*link)->m_Next;
-    if (*link == nullptr)
-        return false;
     *link = m_Next;
+    --g_LoopCount;
     m_Next = g_Ended;
     g_Ended = this;
+    if (g_Loops != nullptr)
+        g_Loops->Wake();  // to collect this one
     return true;
 }
 
@@ -310,7 +336,8 @@ void ReceiveLoop::MoveTo(ReceiveLoop& other, uint64_t messages) {
         const uint32_t taken = socket->Taken.load(std::memory_order_relaxed);        // own thread's
         if (taken <= messages && !socket->Closed.load(std::memory_order_relaxed)) {  // as the lock
             Remove(*socket);
-            // For a moment both wait for it; who comes second finds it busy or empty.
+            // The other thread may serve it at once. This one takes it out before it waits again, and
+            // has no event left that it has not looked at.
             if (other.Add(*socket)) {
                 epoll_ctl(m_Epoll.Number(), EPOLL_CTL_DEL, socket->File.Number(), nullptr);
                 messages -= taken;
@@ -325,42 +352,46 @@ void ReceiveLoop::MoveTo(ReceiveLoop& other, uint64_t messages) {
 }
 
 // At the end of a window.
-void ReceiveLoop::Adapt(const Load& load) {
-    constexpr uint32_t kPatience = 4;                                      // windows
-    constexpr uint32_t kLongPatience = 60;                                 // about a second
+void ReceiveLoop::Adapt(Load& load) {
+    constexpr uint32_t kPatience = 3;  // windows in which it is seen what fills them
     m_Busy_percent.store(load.Busy_percent(), std::memory_order_relaxed);  // as in LeastBusy
-    if (load.SaturatedWindows() == 1)
+    if (load.SaturatedWindows() == 1) {
+        const std::lock_guard lock(g_Lock);
         ResetTaken();
-    else if (load.SaturatedWindows() % kPatience == kPatience - 1)
+    } else if (load.SaturatedWindows() % (kPatience + 1) == kPatience)
         ShareLoad();
-    else if (load.QuietWindows() % kLongPatience == kLongPatience - 1)
+    else if (load.HasBeenQuiet())
         JoinQuietLoops();
 }
 
+// With the lock held.
 void ReceiveLoop::ResetTaken() {
-    const std::lock_guard lock(g_Lock);
     for (ReceiveSocket* socket = m_Sockets; socket != nullptr; socket = socket->Next)
         socket->Taken.store(0, std::memory_order_relaxed);  // own thread's
 }
 
-// Half of the messages at most, so that a socket which alone fills a processor keeps this one and
-// the others get away from it.
+// As much as makes both equally busy. That is half at most, so that a socket which alone fills a
+// processor stays and the others get away from it.
 void ReceiveLoop::ShareLoad() {
     constexpr uint32_t kRoom_percent = 60;
     const std::lock_guard lock(g_Lock);
-    int loops = 0;
-    for (const ReceiveLoop* loop = g_Loops; loop != nullptr; loop = loop->m_Next)
-        ++loops;
     uint64_t messages = 0;
     for (const ReceiveSocket* socket = m_Sockets; socket != nullptr; socket = socket->Next)
         messages += socket->Taken.load(std::memory_order_relaxed);  // own thread's
-    if (m_SocketCount < 2 || m_Stop)
+    if (m_SocketCount < 2 || messages == 0 || m_Stop)
         return;
     ReceiveLoop* other = LeastBusy(this);
-    if (other == nullptr || other->m_Busy_percent.load(std::memory_order_relaxed) > kRoom_percent)
-        other = loops < CountProcessors() ? Start() : nullptr;
-    if (other != nullptr)
-        MoveTo(*other, messages / 2);
+    uint32_t busy_percent =
+        other != nullptr ? other->m_Busy_percent.load(std::memory_order_relaxed) : 100;
+    if (busy_percent > kRoom_percent) {
+        other = g_LoopCount < CountProcessors() ? Start() : nullptr;
+        busy_percent = 0;
+    }
+    if (other == nullptr)
+        return;
+    MoveTo(*other, messages * (100 - busy_percent) / 200);
+    ResetTaken();
+    other->Wake();  // it leaves if it is new and has got nothing
 }
 
 // Hands everything to another loop that has as little to do.
@@ -374,14 +405,20 @@ void ReceiveLoop::JoinQuietLoops() {
     Wake();  // to leave
 }
 
+// A loop that others measure themselves against looks at itself again even if nothing comes.
+int ReceiveLoop::Timeout_ms() const {
+    return g_LoopCount.load(std::memory_order_relaxed) > 1 ? 100 : -1;
+}
+
 void* ReceiveLoop::Run(void* loop) {
     constexpr useconds_t kGather_us = 1000;
     auto& self = *static_cast<ReceiveLoop*>(loop);
     pthread_setname_np(pthread_self(), "zaq-receive");
+    t_IsLoop = true;
     Load load;
     for (;;) {
         epoll_event events[kEvents];
-        const int count = epoll_wait(self.m_Epoll.Number(), events, kEvents, -1);
+        const int count = epoll_wait(self.m_Epoll.Number(), events, kEvents, self.Timeout_ms());
         if (count < 0 && errno != EINTR)
             usleep(kErrorPause_us);
         bool woken = false;
@@ -405,6 +442,7 @@ void* ReceiveLoop::Run(void* loop) {
             self.FreeDead();
             if (self.LeaveIfUnused())
                 return nullptr;
+            Collect();
         }
         if (load.IsGathering() && !more)
             usleep(kGather_us);
@@ -447,7 +485,7 @@ static const pid_t g_LoadedBy = getpid();
 // closed.
 __attribute__((destructor)) static void CollectAtUnload() {
     if (g_LoadedBy == getpid()) {
-        zaqsockets::ReceiveLoop::StopUnused();
+        zaqsockets::ReceiveLoop::StopUnused(true);
         zaqsockets::ReceiveLoop::Collect();
     }
 }

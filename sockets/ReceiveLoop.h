@@ -3,6 +3,7 @@
 #define SOCKETS_RECEIVELOOP_H
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -22,16 +23,19 @@ struct ReceiveSocket {
     // Fixed after the creation.
     void* Handle = nullptr;
     ZAQReceiveCallback Callback = nullptr;
+    const pid_t Process = getpid();
 
     Descriptor File;                  // closed by the destroyer, when the loop is done with it
     std::atomic<bool> Closed{false};  // set once; no callback begins after it
     // Held by the loop while it serves the socket. The destroyer sets Closed and then locks once:
     // the loop has then left, and comes back only to find Closed. So nobody is starved.
     std::mutex Busy;
-    std::atomic<uint32_t> Taken{0};  // messages since the loop last looked at its load
+    // Messages since its loop began to look at what fills it. Of the loop's thread; another one takes
+    // over under the lock of all loops.
+    std::atomic<uint32_t> Taken{0};
 
-    // Written under the lock of all loops.
-    std::atomic<ReceiveLoop*> Loop{nullptr};
+    // Guarded by the lock of all loops.
+    ReceiveLoop* Loop = nullptr;
     ReceiveSocket* Next = nullptr;  // in the loop's list of those it serves, then of the dead
 };
 
@@ -42,9 +46,10 @@ struct ReceiveSocket {
 // processors for it; loops with little to do are joined again.
 //
 // Thread safety: Attach and Detach may be called from any thread, also from a callback. A loop
-// goes with its last socket. If that is destroyed by a callback, the thread cannot be waited for
-// there: it ends by itself, and the next call of Attach or Detach, or the unloading of the library,
-// collects it.
+// goes with its last socket. Threads that may be in a callback are waited for by nobody but the
+// unloading of the library, as callbacks may wait for whoever that were: a loop whose last socket was
+// destroyed by a callback, or given away, ends by itself, and the next call of Attach or Detach, another
+// loop, or the unloading collects it.
 class ReceiveLoop {
   public:
     // Hands the socket over. False, with the socket untouched, when there are no means for it.
@@ -54,8 +59,9 @@ class ReceiveLoop {
     // that runs is waited for, unless this is called from it.
     static void Detach(ReceiveSocket* socket);
 
-    // Ends the loops that serve no socket, and waits for them.
-    static void StopUnused();
+    // Ends the loops that serve no socket, and waits for them; only when `all` is set also for one that
+    // may still be in a callback.
+    static void StopUnused(bool all);
 
     // Waits for loops that ended by themselves.
     static void Collect();
@@ -66,6 +72,7 @@ class ReceiveLoop {
     ReceiveLoop();
     static ReceiveLoop* Start();
     static ReceiveLoop* LeastBusy(const ReceiveLoop* butNot);
+    static void Tidy();
     static void* Run(void* loop);
 
     static void JoinAll(ReceiveLoop* list);
@@ -74,8 +81,9 @@ class ReceiveLoop {
     bool Add(ReceiveSocket& socket);
     void Remove(ReceiveSocket& socket);
     void MoveTo(ReceiveLoop& other, uint64_t messages);
-    void Adapt(const Load& load);
+    void Adapt(Load& load);
     void ResetTaken();
+    int Timeout_ms() const;
     void ShareLoad();
     void JoinQuietLoops();
     bool LeaveIfUnused();
@@ -97,6 +105,7 @@ class ReceiveLoop {
     ReceiveSocket* m_Sockets = nullptr;  // list
     uint32_t m_SocketCount = 0;
     bool m_Stop = false;
+    bool m_InCallback = false;        // in one that has destroyed a socket, maybe the last
     ReceiveSocket* m_Dead = nullptr;  // list
     ReceiveLoop* m_Next = nullptr;    // in the list of those in service, then of the ended
 };

@@ -17,14 +17,18 @@ using Bytes = std::vector<unsigned char>;
 // Every offset at which a transfer can begin, and every length up to one more than the ring holds.
 TEST(Ring, TransfersAgreeWithASimpleQueue) {
     for (const uint32_t size : {1u, 2u, 3u, 10u, 17u}) {
-        CZAQSimpleBuffer ring(size);
+        CZAQSimpleBuffer ring(4 * size);
+        ASSERT_EQ(ring.Write(Bytes(1).data(), 1) + ring.Initialize(size), 2);
         std::deque<unsigned char> held;
         size_t sampled = 0, written = 0;
         std::mt19937 random(size);
         for (int step = 0; step < 20000; ++step) {
             const uint32_t operation = random() % 8, count = random() % (size + 2);
             Bytes bytes(count + 1, 0xEE);  // one more, which no transfer may touch
-            if (operation == 0) {
+            if (random() % 256 == 0) {
+                ASSERT_EQ(random() % 2 ? ring.Reset() : ring.Initialize(size), 1);
+                sampled = written = 0, held.clear();
+            } else if (operation == 0) {
                 ASSERT_EQ(ring.ResetSample(), ring.ReadPos);
                 sampled = 0;
             } else if (operation < 4) {
