@@ -26,8 +26,6 @@ ReceiveLoop* g_Loops = nullptr;   // in service
 ReceiveLoop* g_Ended = nullptr;   // ended by themselves, not collected yet
 std::atomic<int> g_LoopCount{0};  // of those in service; read without the lock, as an estimate
 
-thread_local bool t_IsLoop = false;  // a thread of a loop's
-
 // A loop this quiet may be joined with another such one.
 constexpr uint32_t kQuiet_percent = 20;
 
@@ -236,9 +234,18 @@ void ReceiveLoop::Detach(ReceiveSocket* socket) {
 // After a socket has gone. Two callbacks might wait for each other's threads, so that a loop's thread
 // leaves those that still run to themselves; they have been woken.
 void ReceiveLoop::Tidy() {
-    if (!t_IsLoop)
+    if (!IsLoopThread())
         StopUnused(false);
     Collect();
+}
+
+// Is this called from a callback? A loop that runs one is in service.
+bool ReceiveLoop::IsLoopThread() {
+    const std::lock_guard lock(g_Lock);
+    for (const ReceiveLoop* loop = g_Loops; loop != nullptr; loop = loop->m_Next)
+        if (loop->IsOwnThread())
+            return true;
+    return false;
 }
 
 void ReceiveLoop::StopUnused(bool all) {
@@ -414,7 +421,6 @@ void* ReceiveLoop::Run(void* loop) {
     constexpr useconds_t kGather_us = 1000;
     auto& self = *static_cast<ReceiveLoop*>(loop);
     pthread_setname_np(pthread_self(), "zaq-receive");
-    t_IsLoop = true;
     Load load;
     for (;;) {
         epoll_event events[kEvents];

@@ -73,6 +73,7 @@ class ReceiveLoop {
     static ReceiveLoop* Start();
     static ReceiveLoop* LeastBusy(const ReceiveLoop* butNot);
     static void Tidy();
+    static bool IsLoopThread();
     static void* Run(void* loop);
 
     static void JoinAll(ReceiveLoop* list);
