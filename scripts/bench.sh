@@ -1,6 +1,6 @@
 #!/bin/sh
 # bench.sh [ARGUMENT...]: installs what is missing, builds, and measures the module beside bare loops
-# and other programs, in a network of its own; about twelve minutes, with --quick about two. Numbers
+# and other programs, in a network of its own; about 25 minutes, with --quick about three. Numbers
 # and plots go to out/bench/. Arguments go to qxvrtp-bench. Needs root.
 set -eu
 cd "$(dirname "$0")/.."
