@@ -55,7 +55,8 @@ class ReceiveLoop::Load {
         const auto cpu = Microseconds(usage.ru_utime) + Microseconds(usage.ru_stime);
         const bool whole = window < 2 * kWindow;
         const long waits = usage.ru_nvcsw - m_Waits;
-        m_Gather = whole && (m_Gather ? m_Messages >= kGatherMessages : waits >= kGatherWaits);
+        const bool keep = m_Gather && ++m_GatherWindows % kProbeWindows != 0;
+        m_Gather = whole && (keep ? m_Messages >= kGatherMessages : waits >= kGatherWaits);
         m_Busy_percent = static_cast<uint32_t>((cpu - m_Cpu) * 100 / window);
         // The latter, since a thread that others keep from running does not wait either.
         m_Saturated = waits == 0 && m_Busy_percent >= kSaturated_percent ? m_Saturated + 1 : 0;
@@ -70,7 +71,8 @@ class ReceiveLoop::Load {
 
     // Waking up is what costs most. Above 2500 wake-ups a second, and then as long as there are 2000
     // messages a second, the thread lets them gather for a millisecond. Who reads what the callbacks
-    // store polls once a millisecond, too.
+    // store polls once a millisecond, too. Every second it looks anew for a window: messages may have
+    // begun to come in bursts, which need no gathering.
     bool IsGathering() const { return m_Gather; }
     uint32_t Busy_percent() const { return m_Busy_percent; }
     // Windows in a row in which it has not come to wait.
@@ -88,6 +90,7 @@ class ReceiveLoop::Load {
     static constexpr std::chrono::milliseconds kWindow{16};
     static constexpr long kGatherWaits = 40;
     static constexpr uint32_t kGatherMessages = 32;  // a train of datagrams counts as one
+    static constexpr uint32_t kProbeWindows = 64;
     static constexpr uint32_t kSaturated_percent = 50;
 
     static std::chrono::microseconds Microseconds(const timeval& time) {
@@ -100,6 +103,7 @@ class ReceiveLoop::Load {
     long m_Waits = 0;
     uint32_t m_Messages = 0;
     bool m_Gather = false;
+    uint32_t m_GatherWindows = 0;
     uint32_t m_Busy_percent = 0;
     uint32_t m_Saturated = 0;
 };
