@@ -51,7 +51,8 @@ class ReceiveLoop::Load {
         if (window < kWindow)
             return false;
         rusage usage;
-        getrusage(RUSAGE_THREAD, &usage);
+        if (getrusage(RUSAGE_THREAD, &usage) != 0)
+            return false;  // the window goes on
         const auto cpu = Microseconds(usage.ru_utime) + Microseconds(usage.ru_stime);
         const bool whole = window < 2 * kWindow;
         const long waits = usage.ru_nvcsw - m_Waits;
