@@ -19,7 +19,10 @@ bool NameFits(const char* name) {
 // so a full disk shows here as a failed write and not later as SIGBUS in the mapping.
 bool FillWithZeros(int file, uint32_t size) {
     const unsigned char zero = 0;
-    for (auto length = static_cast<uint32_t>(lseek(file, 0, SEEK_END)); length < size; ++length) {
+    const off_t end = lseek(file, 0, SEEK_END);
+    if (end < 0)
+        return false;
+    for (auto length = static_cast<uint32_t>(end); length < size; ++length) {
         if (write(file, &zero, 1) != 1)
             return false;
     }
