@@ -141,7 +141,8 @@ QXV_RTP_API uint32_t QXV_RTP_SetConfig(void* handle, uint32_t direction, uint32_
  *   bitrate      bits per second, not 0
  *   bufferUnits  size of the buffer in units of 256 bytes, not 0; at least 9 (2304 bytes), so that
  *                the 2048 bytes fit that decide on the packet size
- * Does not block, but for the end of what an earlier start left.
+ * Where the system refuses the channel's thread, the channel is cancelled from the start. Does not
+ * block, but for the end of what an earlier start left.
  */
 QXV_RTP_API uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate,
                                        uint32_t bufferUnits);

@@ -40,8 +40,13 @@ uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate, uin
     found.Row->Socket.store(nullptr, std::memory_order_release);
     MakeObjects(found, bufferSize);
     // The thread runs from here on and finds timer and buffer in place.
-    found.Row->Thread.store(new CZAQThread(&ThreadTx, found.Record, 0), std::memory_order_release);
+    auto* const thread = new CZAQThread(&ThreadTx, found.Record, 0);
+    found.Row->Thread.store(thread, std::memory_order_release);
     SetRunning(found);
+    // Where the system refuses a thread, the channel is as if its thread had given up at once: nobody
+    // would take what a Send stores, and it would wait for ever.
+    if (thread->ThreadId == 0)
+        found.Row->Cancel.store(1, std::memory_order_release);
     return 1;
 }
 

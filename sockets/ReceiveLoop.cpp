@@ -37,6 +37,11 @@ int CountProcessors() {
                : static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));  // more than the set can hold
 }
 
+int64_t Now_ms() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
 }  // namespace
 
 // What a loop's thread knows of its own load, in windows of 16 ms or, when it has waited for longer,
@@ -113,7 +118,8 @@ ReceiveLoop::ReceiveLoop()
     : m_Process(getpid()),
       m_Epoll(epoll_create1(EPOLL_CLOEXEC)),
       m_Wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_Batch(new (std::nothrow) ReceiveBatch) {
+      m_Batch(new (std::nothrow) ReceiveBatch),
+      m_Seen_ms(Now_ms()) {
     if (m_Batch)
         m_Batch->Prepare();
 }
@@ -143,14 +149,20 @@ ReceiveLoop* ReceiveLoop::Start() {
     return loop.release();  // freed by who joins the thread
 }
 
+// Relaxed: numbers that are a little old are as good. Where there are several loops, each looks at
+// itself every 100 ms; one that does not is in a callback that takes long.
+uint32_t ReceiveLoop::Busy_percent() const {
+    constexpr int64_t kOverdue_ms = 300;
+    return Now_ms() - m_Seen_ms.load(std::memory_order_relaxed) > kOverdue_ms
+               ? 100
+               : m_Busy_percent.load(std::memory_order_relaxed);
+}
+
 // With the lock held. Null when there is none.
 ReceiveLoop* ReceiveLoop::LeastBusy(const ReceiveLoop* butNot) {
     ReceiveLoop* least = nullptr;
     for (ReceiveLoop* loop = g_Loops; loop != nullptr; loop = loop->m_Next)
-        // Relaxed: a number that is a little old is as good.
-        if (loop != butNot &&
-            (least == nullptr || loop->m_Busy_percent.load(std::memory_order_relaxed) <
-                                     least->m_Busy_percent.load(std::memory_order_relaxed)))
+        if (loop != butNot && (least == nullptr || loop->Busy_percent() < least->Busy_percent()))
             least = loop;
     return least;
 }
@@ -185,6 +197,7 @@ bool ReceiveLoop::Add(ReceiveSocket& socket) {
     if (epoll_ctl(m_Epoll.Number(), EPOLL_CTL_ADD, socket.File.Number(), &readable) != 0)
         return false;
     socket.Loop = this;
+    socket.Taken.store(0, std::memory_order_relaxed);  // a little less than it was, at worst
     socket.Next = m_Sockets;
     m_Sockets = &socket;
     ++m_SocketCount;
@@ -319,8 +332,8 @@ void ReceiveLoop::FreeDead() {
     }
 }
 
-// Tells the thread to end: somebody waits for it, or it has no socket left, in which case the loop
-// takes itself out of service.
+// Called between rounds, and so in no callback. Tells the thread to end: somebody waits for it, or it
+// has no socket left, in which case the loop takes itself out of service.
 bool ReceiveLoop::LeaveIfUnused() {
     const std::lock_guard lock(g_Lock);
     m_InCallback = false;
@@ -366,7 +379,8 @@ void ReceiveLoop::MoveTo(ReceiveLoop& other, uint64_t messages) {
 // At the end of a window.
 void ReceiveLoop::Adapt(Load& load) {
     constexpr uint32_t kPatience = 3;  // windows in which it is seen what fills them
-    m_Busy_percent.store(load.Busy_percent(), std::memory_order_relaxed);  // as in LeastBusy
+    m_Busy_percent.store(load.Busy_percent(), std::memory_order_relaxed);  // as in Busy_percent()
+    m_Seen_ms.store(Now_ms(), std::memory_order_relaxed);
     if (load.SaturatedWindows() == 1) {
         const std::lock_guard lock(g_Lock);
         ResetTaken();
@@ -390,28 +404,25 @@ void ReceiveLoop::ShareLoad() {
     uint64_t messages = 0;
     for (const ReceiveSocket* socket = m_Sockets; socket != nullptr; socket = socket->Next)
         messages += socket->Taken.load(std::memory_order_relaxed);  // own thread's
-    if (m_SocketCount < 2 || messages == 0 || m_Stop)
-        return;
     ReceiveLoop* other = LeastBusy(this);
-    uint32_t busy_percent =
-        other != nullptr ? other->m_Busy_percent.load(std::memory_order_relaxed) : 100;
+    uint32_t busy_percent = other != nullptr ? other->Busy_percent() : 100;
     if (busy_percent > kRoom_percent) {
-        other = g_LoopCount < CountProcessors() ? Start() : nullptr;
+        const bool start = m_SocketCount >= 2 && messages != 0 && g_LoopCount < CountProcessors();
+        other = start ? Start() : nullptr;
         busy_percent = 0;
     }
-    if (other == nullptr)
-        return;
-    MoveTo(*other, messages * (100 - busy_percent) / 200);
+    if (other != nullptr && messages != 0) {
+        MoveTo(*other, messages * (100 - busy_percent) / 200);
+        other->Wake();  // it leaves if it is new and has got nothing
+    }
     ResetTaken();
-    other->Wake();  // it leaves if it is new and has got nothing
 }
 
 // Hands everything to another loop that has as little to do.
 void ReceiveLoop::JoinQuietLoops() {
     const std::lock_guard lock(g_Lock);
     ReceiveLoop* const other = LeastBusy(this);
-    if (other == nullptr || m_Stop ||
-        other->m_Busy_percent.load(std::memory_order_relaxed) > kQuiet_percent)
+    if (other == nullptr || other->Busy_percent() > kQuiet_percent)
         return;
     MoveTo(*other, UINT64_MAX);
     Wake();  // to leave
@@ -451,9 +462,9 @@ void* ReceiveLoop::Run(void* loop) {
             [[maybe_unused]] const ssize_t size =
                 read(self.m_Wakeup.Number(), &wakeups, sizeof(wakeups));
             self.FreeDead();
+            Collect();
             if (self.LeaveIfUnused())
                 return nullptr;
-            Collect();
         }
         if (load.IsGathering() && !more)
             usleep(kGather_us);
@@ -491,7 +502,7 @@ int ReceiveLoop::Serve(ReceiveSocket& socket) {
 
 static const pid_t g_LoadedBy = getpid();
 
-// Unloading: a loop that a callback brought to its end must be gone before the code is. Not in a
+// Unloading, and exit: a loop that a callback brought to its end must be gone before the code is. Not in a
 // child of fork(), which has none of the threads, and where one of them may have left a lock
 // closed.
 __attribute__((destructor)) static void CollectAtUnload() {

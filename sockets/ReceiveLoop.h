@@ -46,10 +46,9 @@ struct ReceiveSocket {
 // processors for it; loops with little to do are joined again.
 //
 // Thread safety: Attach and Detach may be called from any thread, also from a callback. A loop
-// goes with its last socket. Threads that may be in a callback are waited for by nobody but the
-// unloading of the library, as callbacks may wait for whoever that were: a loop whose last socket was
-// destroyed by a callback, or given away, ends by itself, and the next call of Attach or Detach, another
-// loop, or the unloading collects it.
+// goes with its last socket. No loop is waited for while it may be in a callback, except at unload or
+// exit, since a callback may wait for anything: a loop whose last socket was destroyed by a callback, or
+// given away, ends by itself, and the next call of Attach or Detach, or another loop, collects it.
 class ReceiveLoop {
   public:
     // Hands the socket over. False, with the socket untouched, when there are no means for it.
@@ -85,6 +84,7 @@ class ReceiveLoop {
     void Adapt(Load& load);
     void ResetTaken();
     int Timeout_ms() const;
+    uint32_t Busy_percent() const;
     void ShareLoad();
     void JoinQuietLoops();
     bool LeaveIfUnused();
@@ -99,8 +99,10 @@ class ReceiveLoop {
     Descriptor m_Wakeup;
     std::unique_ptr<ReceiveBatch> m_Batch;
 
-    // Share of a processor that the thread took lately; written by it, read by all loops.
+    // Share of a processor that the thread took lately, and when it last said so; written by it, read
+    // by all who choose a loop.
     std::atomic<uint32_t> m_Busy_percent{0};
+    std::atomic<int64_t> m_Seen_ms;
 
     // Guarded by the lock of all loops (ReceiveLoop.cpp).
     ReceiveSocket* m_Sockets = nullptr;  // list

@@ -10,12 +10,15 @@
  *               block all signals. Never two at a time for one socket. All sockets share one thread
  *               until it has more to do than a processor can; then there are more threads, at most one
  *               for each processor. Where datagrams would wake a thread up more than 2500 times a
- *               second, callbacks may come a millisecond after the datagram.
+ *               second, callbacks may come a millisecond after the datagram. A callback that waits
+ *               holds up the other sockets of its thread; one that forks must exec or _exit in the
+ *               child.
  *   Ports       host byte order.
  *   Fork        in a child of fork() no callback runs for the sockets that it has inherited; they may
  *               be destroyed, which closes the child's descriptors. A child that goes on should exec
  *               before it makes sockets: another thread of the parent may have held a lock.
  *   Exit        may come at any time. Before it is unloaded, all sockets must have been destroyed.
+ *               Both wait for a callback that has destroyed its own socket and still runs.
  */
 #ifndef ZAQSOCKETS_H
 #define ZAQSOCKETS_H
