@@ -41,13 +41,13 @@ class Module {
     }
 
   public:
-    decltype(&QXV_RTP_Create) Create = symbol("QXV_RTP_Create");
-    decltype(&QXV_RTP_GetConfig) GetConfig = symbol("QXV_RTP_GetConfig");
-    decltype(&QXV_RTP_SetConfig) SetConfig = symbol("QXV_RTP_SetConfig");
-    decltype(&QXV_RTP_SendStart) SendStart = symbol("QXV_RTP_SendStart");
-    decltype(&QXV_RTP_Send) Send = symbol("QXV_RTP_Send");
-    decltype(&QXV_RTP_ReceiveStart) ReceiveStart = symbol("QXV_RTP_ReceiveStart");
-    decltype(&QXV_RTP_Receive) Receive = symbol("QXV_RTP_Receive");
+    decltype(QXV_RTP_Create)* Create = symbol("QXV_RTP_Create");
+    decltype(QXV_RTP_GetConfig)* GetConfig = symbol("QXV_RTP_GetConfig");
+    decltype(QXV_RTP_SetConfig)* SetConfig = symbol("QXV_RTP_SetConfig");
+    decltype(QXV_RTP_SendStart)* SendStart = symbol("QXV_RTP_SendStart");
+    decltype(QXV_RTP_Send)* Send = symbol("QXV_RTP_Send");
+    decltype(QXV_RTP_ReceiveStart)* ReceiveStart = symbol("QXV_RTP_ReceiveStart");
+    decltype(QXV_RTP_Receive)* Receive = symbol("QXV_RTP_Receive");
     void* const handle = Create(0);
 
     // Points the channel at its port on 127.0.0.1, under RTP.

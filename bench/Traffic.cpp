@@ -35,6 +35,7 @@ struct Batch {
     alignas(cmsghdr) uint8_t controls[kBatch][64];
     uint8_t slots[kBatch][kSlotBytes];
 
+    // cppcheck-suppress uninitMemberVar ; what the kernel fills stays without memory until then
     Batch() {
         for (int i = 0; i < kBatch; ++i) {
             vectors[i] = {slots[i], kSlotBytes};

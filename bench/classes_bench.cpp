@@ -28,7 +28,7 @@ struct Ring {
 };
 
 // The C library's memcpy() with a size that the compiler does not know, as the ring calls it.
-const uint32_t kCopied = [] {
+const uint32_t kCopied = []() noexcept {
     const volatile uint32_t size = kBlock;
     return size;
 }();
@@ -36,6 +36,7 @@ const uint32_t kCopied = [] {
 // As many copies through as much memory, with the least that tells the threads from each other: two
 // counts of blocks, and of the other's count a copy that is renewed only when it says "full" or
 // "empty".
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): each thread has a cache line of its own
 class Memcpy {
   public:
     explicit Memcpy(uint32_t size) : blocks_(size / kBlock), memory_(new unsigned char[size]) {}
@@ -98,7 +99,7 @@ void OneThread(benchmark::State& state) {
     Queue queue(static_cast<uint32_t>(state.range(0)));
     alignas(64) std::array<unsigned char, kBlock> in{};
     alignas(64) std::array<unsigned char, kBlock> out{};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         queue.push(in.data());
         queue.pop(out.data());
         benchmark::DoNotOptimize(out.data());
@@ -137,7 +138,7 @@ void TwoThreads(benchmark::State& state) {
         queue = std::make_unique<Queue>(static_cast<uint32_t>(state.range(0)));
     alignas(64) std::array<unsigned char, kBlock> block{};
     const bool writes = state.thread_index() == 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (writes)
             untilDone([&] { return queue->push(block.data()); });
         else
@@ -165,7 +166,7 @@ RING_BENCHMARKS(BoostBytes);
 void GetTxBlocks(benchmark::State& state) {
     CZAQStreamTimer timer;
     timer.TxInitialize(kBlock, 8'000'000);
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(timer.GetTxBlocks());
 }
 BENCHMARK(GetTxBlocks);
@@ -174,7 +175,7 @@ void FillRTPHeader(benchmark::State& state) {
     CZAQStreamTimer timer;
     timer.TxInitialize(kBlock, 8'000'000);
     unsigned char header[12];
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(timer.FillRTPHeader(header));
         benchmark::ClobberMemory();
     }
@@ -184,7 +185,7 @@ BENCHMARK(FillRTPHeader);
 void IncreaseBlocksTransfered(benchmark::State& state) {
     CZAQStreamTimer timer;
     timer.TxInitialize(kBlock, 8'000'000);
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         timer.IncreaseBlocksTransfered();
 }
 BENCHMARK(IncreaseBlocksTransfered);
@@ -215,7 +216,7 @@ void RxProcessDatagram(benchmark::State& state) {
     datagram[1] = 33;
     std::vector<unsigned char> space(size_t{kPause} * kBlock);
     uint32_t held = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         RxProcess(socket, nullptr, nullptr, datagram.data(),
                   static_cast<unsigned>(datagram.size()));
         if (++held == kPause) {

@@ -93,7 +93,7 @@ int CZAQShareMemory::Create(char* name, unsigned int size, int openExisting) {
         return 0;
     }
     Size = size;
-    strcpy(Name, name);
+    memcpy(Name, name, strlen(name) + 1);  // NameFits
     return 1;
 }
 
@@ -106,7 +106,7 @@ int CZAQShareMemory::Open(char* name, unsigned int size) {
         return 0;
     Size = size;
     Owner = 0;
-    strcpy(Name, name);
+    memcpy(Name, name, strlen(name) + 1);  // NameFits
     return 1;
 }
 

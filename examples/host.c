@@ -6,13 +6,13 @@
 
 int main(int argc, char** argv) {
     static uint8_t bytes[65536];
-    const uint32_t units = 1024, bitrate = argc == 4 ? (uint32_t)atoi(argv[3]) : 0;
+    const uint32_t units = 1024, bitrate = argc == 4 ? (uint32_t)strtoul(argv[3], NULL, 10) : 0;
     RtpChannelConfig config;
     void* const module = QXV_RTP_Create(0);
     if (argc != 4 || !QXV_RTP_GetConfig(module, QXV_RTP_SEND, 0, &config))
         return 2;
     snprintf(config.RemoteAddress, sizeof(config.RemoteAddress), "%s", argv[1]);
-    config.Port = (uint16_t)atoi(argv[2]);
+    config.Port = (uint16_t)strtoul(argv[2], NULL, 10);
     if (!QXV_RTP_SetConfig(module, QXV_RTP_SEND, 0, &config) ||
         !QXV_RTP_SendStart(module, 0, bitrate, units))
         return 1;

@@ -13,6 +13,7 @@ static void* g_module;
 /* Makes the waiting Receive return 0. */
 static void on_signal(int number) {
     (void)number;
+    /* NOLINTNEXTLINE(bugprone-signal-handler,cert-sig30-c): cancelling takes no lock */
     QXV_RTP_Cancel(g_module);
 }
 
@@ -40,7 +41,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: receive ADDRESS PORT > STREAM\n");
         return 2;
     }
-    if (!configure(argv[1], (uint16_t)atoi(argv[2]))) {
+    if (!configure(argv[1], (uint16_t)strtoul(argv[2], NULL, 10))) {
         fprintf(stderr, "receive: '%s' is not an IPv4 or IPv6 address\n", argv[1]);
         return 2;
     }

@@ -19,7 +19,7 @@ extern "C" void OnSignal(int) {
     QXV_RTP_Cancel(g_Module);
 }
 
-void Configure(uint32_t direction, const std::string& address, int port, bool multicast) {
+void Configure(uint32_t direction, const std::string& address, const char* port, bool multicast) {
     RtpChannelConfig config{};
     const bool six = address.find(':') != std::string::npos;
     std::snprintf(config.LocalAddress, sizeof(config.LocalAddress), "%s", six ? "::" : "0.0.0.0");
@@ -27,24 +27,24 @@ void Configure(uint32_t direction, const std::string& address, int port, bool mu
     config.Multicast = multicast ? 1 : 0;
     config.Rtp = 1;
     config.Ttl = 16;
-    config.Port = static_cast<uint16_t>(port);
+    config.Port = static_cast<uint16_t>(std::strtoul(port, nullptr, 10));
     if (QXV_RTP_SetConfig(g_Module, direction, 0, &config) == 0)
         throw std::runtime_error("cannot be used: " + address);
 }
 
 void Relay(char** argv) {
     constexpr uint32_t kBufferUnits = 4096;  // 1 MiB
-    Configure(QXV_RTP_RECEIVE, argv[1], std::atoi(argv[2]), true);
+    Configure(QXV_RTP_RECEIVE, argv[1], argv[2], true);
     try {
-        Configure(QXV_RTP_SEND, argv[3], std::atoi(argv[4]), true);
+        Configure(QXV_RTP_SEND, argv[3], argv[4], true);
     } catch (const std::runtime_error&) {
-        Configure(QXV_RTP_SEND, argv[3], std::atoi(argv[4]), false);
+        Configure(QXV_RTP_SEND, argv[3], argv[4], false);
     }
     const auto bitrate = static_cast<uint32_t>(std::strtoul(argv[5], nullptr, 10));
     if (QXV_RTP_ReceiveStart(g_Module, 0) == 0 ||
         QXV_RTP_SendStart(g_Module, 0, bitrate, kBufferUnits) == 0)
         throw std::runtime_error("no bitrate: " + std::string(argv[5]));
-    std::array<uint8_t, 7 * 188> packets;
+    std::array<uint8_t, size_t{7} * 188> packets;
     while (QXV_RTP_Receive(g_Module, 0, packets.data(), packets.size()) != 0 &&
            QXV_RTP_Send(g_Module, 0, packets.data(), packets.size()) != 0) {
     }

@@ -142,15 +142,19 @@ void ClearStatus(RtpChannelContext& record) {
 void LoadConfig(RtpChannelContext& record, RtpChannelConfig& config) {
     auto* const from = reinterpret_cast<unsigned char*>(&record.Config);
     auto* const to = reinterpret_cast<unsigned char*>(&config);
-    for (size_t byte = 0; byte < sizeof(config); ++byte)
+    for (size_t byte = 0; byte < sizeof(config); ++byte) {
+        // cppcheck-suppress objectIndex ; all are bytes of the one record
         to[byte] = std::atomic_ref(from[byte]).load(std::memory_order_relaxed);
+    }
 }
 
 void StoreConfig(RtpChannelContext& record, const RtpChannelConfig& config) {
     const auto* const from = reinterpret_cast<const unsigned char*>(&config);
     auto* const to = reinterpret_cast<unsigned char*>(&record.Config);
-    for (size_t byte = 0; byte < sizeof(config); ++byte)
+    for (size_t byte = 0; byte < sizeof(config); ++byte) {
+        // cppcheck-suppress objectIndex ; all are bytes of the one record
         std::atomic_ref(to[byte]).store(from[byte], std::memory_order_relaxed);
+    }
 }
 
 bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]) {

@@ -37,7 +37,10 @@ void Normalise(RtpChannelConfig& config, uint32_t direction, uint32_t family) {
     if (direction == kSend) {
         config.MulticastOption = 0;
     } else if (config.Multicast == 0) {
-        strcpy(config.RemoteAddress, family == kFamilyIPv6 ? "0:0:0:0:0:0:0:0" : "0.0.0.0");
+        if (family == kFamilyIPv6)
+            strcpy(config.RemoteAddress, "0:0:0:0:0:0:0:0");
+        else
+            strcpy(config.RemoteAddress, "0.0.0.0");
         config.MulticastOption = 0;
     }
 }

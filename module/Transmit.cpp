@@ -85,7 +85,7 @@ class Transmitter {
     // as 188.
     bool Detect() {
         Buffer().Sample(m_Datagram, kDetectionSize);
-        const auto synchronised = [this](uint32_t packetSize) {
+        const auto synchronised = [this](size_t packetSize) {
             return m_Datagram[packetSize] == kSyncByte && m_Datagram[2 * packetSize] == kSyncByte;
         };
         if (m_Datagram[0] != kSyncByte)
@@ -139,7 +139,7 @@ class Transmitter {
 
     const Channel m_Channel;
     uint32_t m_PayloadSize = kDetectionSize;
-    unsigned char m_Datagram[kDetectionSize];  // the sample, then each datagram
+    unsigned char m_Datagram[kDetectionSize] = {};  // the sample, then each datagram
 };
 
 }  // namespace

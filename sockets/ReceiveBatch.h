@@ -15,7 +15,7 @@ struct ReceiveBatch {
     static constexpr int kMessages = 64;
     static constexpr size_t kLargestDatagram = 65536;  // 65507 bytes of payload fit (IPv6: 65527)
     // The slots' first lines must not share a cache set, or a batch would evict itself.
-    static constexpr size_t kSlotBytes = kLargestDatagram + 33 * 64;
+    static constexpr size_t kSlotBytes = kLargestDatagram + size_t{33} * 64;
 
     mmsghdr Messages[kMessages];
     iovec Vectors[kMessages];

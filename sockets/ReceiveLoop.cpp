@@ -144,9 +144,9 @@ ReceiveLoop* ReceiveLoop::Start() {
     if (!started)
         return nullptr;
     loop->m_Next = g_Loops;
-    g_Loops = loop.get();
+    g_Loops = loop.release();  // freed by who joins the thread
     ++g_LoopCount;
-    return loop.release();  // freed by who joins the thread
+    return g_Loops;
 }
 
 // Relaxed: numbers that are a little old are as good. Where there are several loops, each looks at

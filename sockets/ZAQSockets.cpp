@@ -66,7 +66,7 @@ UdpSocket* StartReceiving(Descriptor file, ZAQReceiveCallback callback, void* co
     receiver->File = std::move(file);
     if (!ReceiveLoop::Attach(*receiver))
         return nullptr;
-    receiver.release();  // the loop's now
+    static_cast<void>(receiver.release());  // the loop's now, and known to the handle already
     return socket.release();
 }
 

@@ -24,6 +24,7 @@ constexpr uint32_t kChannel = 0;
 constexpr size_t kChunkPackets = 16 * kPacketsPerDatagram;
 constexpr auto kPollInterval = 2ms;
 constexpr auto kSourceWait = 20ms;
+constexpr auto kLastDatagram = 1s;  // for it to be counted
 constexpr auto kPatience = 3s;  // with a socket that does not open, or datagrams that do not leave
 
 // A channel takes a look at this many bytes before it sends the first datagram.
@@ -114,7 +115,7 @@ class Sending {
     // The last datagram is counted a moment after it was taken from the buffer.
     bool confirm() {
         const uint64_t expected = handed_ / payload_;
-        const auto deadline = Clock::now() + 1s;
+        const auto deadline = Clock::now() + kLastDatagram;
         while (channel_.datagrams() < expected && Clock::now() < deadline)
             std::this_thread::sleep_for(kPollInterval);
         const uint64_t sent = channel_.datagrams();
