@@ -1,19 +1,23 @@
 #!/bin/sh
 # test.sh [CONFIGURATION...]: installs what is missing, builds and runs the tests. Configurations, all
 # of them by default: release (g++), asan (g++, address and undefined behaviour), tsan (clang++,
-# threads), and dev (clang++, which only has to build without a warning). Needs root: every test has
-# a network and a /tmp of its own.
+# threads), dev (clang++, which only has to build without a warning), and lint (lint.sh instead of a
+# build). Needs root: every test has a network and a /tmp of its own.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 ffmpeg \
     libcli11-dev libfmt-dev libbitstream-dev libgtest-dev
-[ $# -gt 0 ] || set -- release dev asan tsan
+[ $# -gt 0 ] || set -- release dev lint asan tsan
 
 find module common sockets tools bench tests examples -name '*.[ch]' -o -name '*.cpp' |
     xargs clang-format --dry-run --Werror
 
 for configuration in "$@"; do
     echo "== $configuration"
+    if [ "$configuration" = lint ]; then
+        scripts/lint.sh
+        continue
+    fi
     build=build
     [ "$configuration" = release ] || build=build-$configuration
     cmake --preset "$configuration" >/dev/null

@@ -1,0 +1,26 @@
+#!/bin/sh
+# lint.sh: installs what is missing, and looks for faults in all code but the tests with clang-tidy
+# (.clang-tidy) and cppcheck; any finding is an error. About three minutes on two processors.
+set -eu
+cd "$(dirname "$0")/.."
+scripts/install.sh cmake ninja-build clang clang-tidy cppcheck libcli11-dev libfmt-dev \
+    libbitstream-dev libbenchmark-dev libboost-dev nlohmann-json3-dev
+
+# Nothing is built: the tools only need to know how each file would be compiled, by clang, since
+# clang-tidy does not know g++'s warnings.
+build=build-lint
+cmake --preset dev -B "$build" -DQXV_BUILD_TESTS=OFF -DQXV_BUILD_BENCH=ON >/dev/null
+
+# What a file has not passed is printed whole, and at once, so that two files' findings do not mix.
+# xargs fails when one of them does.
+failed=0
+find module common sockets tools bench examples -name '*.c' -o -name '*.cpp' | sort |
+    xargs -P "$(nproc)" -n 1 sh -c 'found=$(clang-tidy -p "$0" --quiet "$1" 2>&1) ||
+        { printf "%s\n" "$found"; exit 1; }' "$build" || failed=1
+
+# inline-suppr: a finding that is settled in the code has its reason beside it there.
+cppcheck --project="$build/compile_commands.json" -j "$(nproc)" --quiet --error-exitcode=1 \
+    --enable=warning,performance,portability --inline-suppr || failed=1
+
+[ "$failed" = 0 ] && echo "no findings"
+exit "$failed"
