@@ -2,6 +2,11 @@
 
 find_package(Threads REQUIRED)
 
+# Programs get a random address, too, whatever the compiler's own default is.
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES C CXX)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
 add_library(qxv_options INTERFACE)
 target_compile_options(qxv_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wcast-align -Wformat=2 -Wundef -Wunused -Wvla
@@ -30,7 +35,6 @@ function(qxv_library target)
         C_VISIBILITY_PRESET hidden
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON
-        POSITION_INDEPENDENT_CODE ON
         INSTALL_RPATH $ORIGIN)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:qxv_options>)
 endfunction()
