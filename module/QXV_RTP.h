@@ -184,8 +184,10 @@ QXV_RTP_API uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t
 
 /*
  * Starts a receive channel with a buffer of 4 MiB; its socket is opened within a second, and the
- * attempt repeated every second while it fails. What an earlier start left is released first. Does
- * not block, but for the moment in which the channel's socket is being opened or closed.
+ * attempt repeated every second while it fails. That is the work of the housekeeping thread: where
+ * the system refused it when the module was loaded, no socket is opened. What an earlier start left is
+ * released first. Does not block, but for the moment in which the channel's socket is being opened or
+ * closed.
  */
 QXV_RTP_API uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel);
 
