@@ -502,8 +502,8 @@ int ReceiveLoop::Serve(ReceiveSocket& socket) {
 
 static const pid_t g_LoadedBy = getpid();
 
-// Unloading, and exit: a loop that a callback brought to its end must be gone before the code is. Not in a
-// child of fork(), which has none of the threads, and where one of them may have left a lock
+// Unloading, and exit: a loop that a callback brought to its end must be gone before the code is. Not
+// in a child of fork(), which has none of the threads, and where one of them may have left a lock
 // closed.
 __attribute__((destructor)) static void CollectAtUnload() {
     if (g_LoadedBy == getpid()) {

@@ -42,7 +42,7 @@ struct ReceiveSocket {
 // One thread that waits for its sockets with epoll and takes what has arrived in batches.
 //
 // The first loop comes into being with the first socket and serves all of them. A loop that has more
-// to do than one processor can hands about half of it to another one, a new one if there are
+// to do than one processor can hands half of it, or less, to another one, a new one if there are
 // processors for it; loops with little to do are joined again.
 //
 // Thread safety: Attach and Detach may be called from any thread, also from a callback. A loop
