@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "CommandLine.h"
 #include "DemoStream.h"
 #include "Errors.h"
 #include "HostModule.h"
@@ -335,4 +337,34 @@ void runDemo(const DemoOptions& options) {
         "flowed\n");
     if (!good)
         throw Failure("not every channel delivered what was sent");
+}
+
+void addDemoCommand(CLI::App& app) {
+    struct Arguments {
+        DemoOptions options;
+        std::string duration;
+    };
+    auto* const command = app.add_subcommand(
+        "demo", "Send a stream over all 16 channels on loopback, and check what arrives");
+    const auto given = std::make_shared<Arguments>();
+    command
+        ->add_option("FILE", given->options.file,
+                     "Stream to send; without it, one that ffmpeg makes, or else a sample")
+        ->type_name("");
+    command
+        ->add_option("-s,--seconds", given->duration,
+                     fmt::format("Length of the stream, {} if not given", given->options.seconds))
+        ->type_name("SECONDS");
+    command
+        ->add_option("--sample", given->options.sample, "Sample to send; ffmpeg is not asked then")
+        ->type_name("FILE");
+    command->footer("Done (0) when every byte came back on every channel. " +
+                    std::string(kExitCodes));
+    command->callback([given] {
+        if (!given->duration.empty())
+            given->options.seconds =
+                std::chrono::duration<double>(duration("--seconds", given->duration, 0.1, 3600.0))
+                    .count();
+        runDemo(given->options);
+    });
 }

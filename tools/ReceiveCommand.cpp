@@ -6,13 +6,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Errors.h"
 #include "FileDescriptor.h"
 #include "HostModule.h"
@@ -203,4 +206,42 @@ void runReceive(const ReceiveOptions& options) {
     Receiving receiving(options, url, module, output, stop);
     receiving.run();
     receiving.conclude();
+}
+
+void addReceiveCommand(CLI::App& app) {
+    struct Arguments {
+        ReceiveOptions options;
+        std::string bytes;
+        std::string duration;
+    };
+    auto* const command = app.add_subcommand("receive", "Record a transport stream");
+    const auto given = std::make_shared<Arguments>();
+    command
+        ->add_option("URL", given->options.url,
+                     "Group to join, or local address to listen on (udp://@:5000 = any)")
+        ->required()
+        ->type_name("");
+    command->add_option("FILE", given->options.file, "Where to record; - is standard output")
+        ->required()
+        ->type_name("");
+    command
+        ->add_option("-d,--duration", given->duration,
+                     "End this many seconds after the socket was opened")
+        ->type_name("SECONDS");
+    command
+        ->add_option("-n,--bytes", given->bytes,
+                     "End after exactly this many bytes (also with k, M, G)")
+        ->type_name("NUMBER");
+    command->footer(fmt::format(
+        "Raw and RTP streams are told apart by themselves, whatever the scheme.\n"
+        "Done (0) when --bytes have come; without it when the time is up, or SIGINT or SIGTERM\n"
+        "comes, and anything was received.\n{}",
+        urlHelp()));
+    command->callback([given] {
+        if (!given->bytes.empty())
+            given->options.bytes = quantity("--bytes", given->bytes, 1, INT64_MAX);
+        if (!given->duration.empty())
+            given->options.duration = duration("--duration", given->duration, 0.001, 1e9);
+        runReceive(given->options);
+    });
 }

@@ -6,6 +6,10 @@
 #include <optional>
 #include <string>
 
+namespace CLI {
+class App;
+}
+
 struct ReceiveOptions {
     std::string url;
     std::string file;                                   // "-" = standard output
@@ -16,5 +20,8 @@ struct ReceiveOptions {
 // Records until a limit is reached or a signal comes. Throws UsageError or Failure, the latter also
 // when nothing, or less than was asked for, has come.
 void runReceive(const ReceiveOptions& options);
+
+// Adds the command to the command line.
+void addReceiveCommand(CLI::App& app);
 
 #endif

@@ -2,11 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <thread>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Errors.h"
 #include "HostModule.h"
 #include "PacketSource.h"
@@ -209,4 +212,33 @@ void runSend(const SendOptions& options) {
     if (stop.requested() && !options.loop)
         throw Failure(
             fmt::format("stopped by {} before the end of {}", stop.name(), source.name()));
+}
+
+void addSendCommand(CLI::App& app) {
+    struct Arguments {
+        SendOptions options;
+        std::string bitrate;
+    };
+    auto* const command = app.add_subcommand("send", "Send a transport stream");
+    const auto given = std::make_shared<Arguments>();
+    command->add_option("FILE", given->options.file, "Stream to send; - is standard input")
+        ->required()
+        ->type_name("");
+    command->add_option("URL", given->options.url, "Where to send it")->required()->type_name("");
+    command
+        ->add_option("-b,--bitrate", given->bitrate,
+                     "Bits per second, like 2500000, 2500k or 2.5M; without it, the rate of the "
+                     "stream's PCRs")
+        ->type_name("RATE");
+    command->add_flag("-l,--loop", given->options.loop, "Repeat the file until a signal comes");
+    command->footer(fmt::format(
+        "Packets have 188 or 204 bytes; the rate counts all of them. The last datagram is filled\n"
+        "up with null packets. Done (0) when all has left, or with --loop when SIGINT or SIGTERM\n"
+        "comes.\n{}",
+        urlHelp()));
+    command->callback([given] {
+        if (!given->bitrate.empty())
+            given->options.bitrate_bps = bitrate("--bitrate", given->bitrate);
+        runSend(given->options);
+    });
 }

@@ -5,6 +5,10 @@
 #include <optional>
 #include <string>
 
+namespace CLI {
+class App;
+}
+
 struct SendOptions {
     std::string file;  // "-" = standard input
     std::string url;
@@ -14,5 +18,8 @@ struct SendOptions {
 
 // Sends the stream and returns when all of it has left. Throws UsageError or Failure.
 void runSend(const SendOptions& options);
+
+// Adds the command to the command line.
+void addSendCommand(CLI::App& app);
 
 #endif

@@ -4,152 +4,20 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <string>
 
 #include "DemoCommand.h"
 #include "Errors.h"
-#include "Quantity.h"
 #include "ReceiveCommand.h"
 #include "SendCommand.h"
-#include "StreamUrl.h"
 
 namespace {
 
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kMisused = 2;
-
-constexpr auto kExitCodes = "Exit code: 0 done, 1 failed, 2 wrong usage.";
-
-std::string urlHelp() {
-    return fmt::format(
-        "\nURL: udp://HOST:PORT (raw) or rtp://HOST:PORT, with an '@' in front of HOST or not.\n"
-        "HOST is numeric: IPv4, or IPv6 in brackets, with %zone where one is needed.\n"
-        "Behind it: ?ttl=0..255 (of datagrams to groups, {} if not given) and\n"
-        "localaddr=ADDRESS (of the interface to use), joined by '&'.\n{}",
-        kDefaultTtl, kExitCodes);
-}
-
-uint64_t quantity(const std::string& option, const std::string& text, uint64_t smallest,
-                  uint64_t largest) {
-    const auto value = parseQuantity(text);
-    if (!value || *value < smallest || *value > largest)
-        throw UsageError(
-            fmt::format("{} '{}': a number from {} to {} is accepted, also with k, M "
-                        "or G for thousands, millions or thousand millions",
-                        option, text, smallest, largest));
-    return *value;
-}
-
-double seconds(const std::string& option, const std::string& text, double smallest,
-               double largest) {
-    double value = 0.0;
-    if (!CLI::detail::lexical_cast(text, value) || !(value >= smallest && value <= largest))
-        throw UsageError(fmt::format("{} '{}': a number of seconds from {} to {} is accepted",
-                                     option, text, smallest, largest));
-    return value;
-}
-
-void addSend(CLI::App& app) {
-    struct Arguments {
-        SendOptions options;
-        std::string bitrate;
-    };
-    auto* const command = app.add_subcommand("send", "Send a transport stream");
-    const auto given = std::make_shared<Arguments>();
-    command->add_option("FILE", given->options.file, "Stream to send; - is standard input")
-        ->required()
-        ->type_name("");
-    command->add_option("URL", given->options.url, "Where to send it")->required()->type_name("");
-    command
-        ->add_option("-b,--bitrate", given->bitrate,
-                     "Bits per second, like 2500000, 2500k or 2.5M; without it, the rate of the "
-                     "stream's PCRs")
-        ->type_name("RATE");
-    command->add_flag("-l,--loop", given->options.loop, "Repeat the file until a signal comes");
-    command->footer(fmt::format(
-        "Packets have 188 or 204 bytes; the rate counts all of them. The last datagram is filled\n"
-        "up with null packets. Done (0) when all has left, or with --loop when SIGINT or SIGTERM\n"
-        "comes.\n{}",
-        urlHelp()));
-    command->callback([given] {
-        if (!given->bitrate.empty())
-            given->options.bitrate_bps =
-                static_cast<uint32_t>(quantity("--bitrate", given->bitrate, 1, UINT32_MAX));
-        runSend(given->options);
-    });
-}
-
-void addReceive(CLI::App& app) {
-    struct Arguments {
-        ReceiveOptions options;
-        std::string bytes;
-        std::string duration;
-    };
-    auto* const command = app.add_subcommand("receive", "Record a transport stream");
-    const auto given = std::make_shared<Arguments>();
-    command
-        ->add_option("URL", given->options.url,
-                     "Group to join, or local address to listen on (udp://@:5000 = any)")
-        ->required()
-        ->type_name("");
-    command->add_option("FILE", given->options.file, "Where to record; - is standard output")
-        ->required()
-        ->type_name("");
-    command
-        ->add_option("-d,--duration", given->duration,
-                     "End this many seconds after the socket was opened")
-        ->type_name("SECONDS");
-    command
-        ->add_option("-n,--bytes", given->bytes,
-                     "End after exactly this many bytes (also with k, M, G)")
-        ->type_name("NUMBER");
-    command->footer(fmt::format(
-        "Raw and RTP streams are told apart by themselves, whatever the scheme.\n"
-        "Done (0) when --bytes have come; without it when the time is up, or SIGINT or SIGTERM\n"
-        "comes, and anything was received.\n{}",
-        urlHelp()));
-    command->callback([given] {
-        if (!given->bytes.empty())
-            given->options.bytes = quantity("--bytes", given->bytes, 1, INT64_MAX);
-        if (!given->duration.empty())
-            given->options.duration = std::chrono::milliseconds(
-                std::llround(seconds("--duration", given->duration, 0.001, 1e9) * 1000.0));
-        runReceive(given->options);
-    });
-}
-
-void addDemo(CLI::App& app) {
-    struct Arguments {
-        DemoOptions options;
-        std::string duration;
-    };
-    auto* const command = app.add_subcommand(
-        "demo", "Send a stream over all 16 channels on loopback, and check what arrives");
-    const auto given = std::make_shared<Arguments>();
-    command
-        ->add_option("FILE", given->options.file,
-                     "Stream to send; without it, one that ffmpeg makes, or else a sample")
-        ->type_name("");
-    command
-        ->add_option("-s,--seconds", given->duration,
-                     fmt::format("Length of the stream, {} if not given", given->options.seconds))
-        ->type_name("SECONDS");
-    command
-        ->add_option("--sample", given->options.sample, "Sample to send; ffmpeg is not asked then")
-        ->type_name("FILE");
-    command->footer("Done (0) when every byte came back on every channel. " +
-                    std::string(kExitCodes));
-    command->callback([given] {
-        if (!given->duration.empty())
-            given->options.seconds = seconds("--seconds", given->duration, 0.1, 3600.0);
-        runDemo(given->options);
-    });
-}
 
 // An error is one line, whatever names and texts went into it.
 void complain(std::string text) {
@@ -179,9 +47,9 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", "qxvrtp " QXV_VERSION);
     app.require_subcommand(1);
     app.footer("'qxvrtp COMMAND --help' tells more.");
-    addSend(app);
-    addReceive(app);
-    addDemo(app);
+    addSendCommand(app);
+    addReceiveCommand(app);
+    addDemoCommand(app);
     try {
         checkCommand(app, argc > 1 ? argv[1] : "");
         app.parse(argc, argv);
