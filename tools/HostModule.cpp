@@ -32,9 +32,10 @@ void* HostModule::Library::symbol(const char* name) const {
     reinterpret_cast<decltype(&QXV_RTP_##name)>(library_.symbol("QXV_RTP_" #name))
 
 HostModule::HostModule()
-    : functions_{TOOLS_RESOLVE(Create),       TOOLS_RESOLVE(Destroy), TOOLS_RESOLVE(SetConfig),
-                 TOOLS_RESOLVE(SendStart),    TOOLS_RESOLVE(Send),    TOOLS_RESOLVE(SendEnd),
-                 TOOLS_RESOLVE(ReceiveStart), TOOLS_RESOLVE(Receive), TOOLS_RESOLVE(ReceiveEnd)},
+    : functions_{TOOLS_RESOLVE(Create),    TOOLS_RESOLVE(Destroy),      TOOLS_RESOLVE(SetConfig),
+                 TOOLS_RESOLVE(SendStart), TOOLS_RESOLVE(Send),         TOOLS_RESOLVE(SetBitrate),
+                 TOOLS_RESOLVE(SendEnd),   TOOLS_RESOLVE(ReceiveStart), TOOLS_RESOLVE(Receive),
+                 TOOLS_RESOLVE(ReceiveEnd)},
       rows_(static_cast<RtpChannelContextExt (*)[kDirections][kChannels]>(
           library_.symbol("g_ContextExt"))),
       handle_(functions_.Create(0)) {
@@ -120,6 +121,10 @@ uint32_t SendChannel::ringUnits(uint32_t bitrate_bps) {
 bool SendChannel::send(std::span<const uint8_t> data) {
     return module_.call().Send(module_.handle(), channel_, data.data(),
                                static_cast<uint32_t>(data.size())) == 1;
+}
+
+void SendChannel::setBitrate(uint32_t bitrate_bps) {
+    module_.call().SetBitrate(module_.handle(), channel_, bitrate_bps);
 }
 
 ReceiveChannel::ReceiveChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config)

@@ -35,6 +35,7 @@ class HostModule {
         decltype(&QXV_RTP_SetConfig) SetConfig;
         decltype(&QXV_RTP_SendStart) SendStart;
         decltype(&QXV_RTP_Send) Send;
+        decltype(&QXV_RTP_SetBitrate) SetBitrate;
         decltype(&QXV_RTP_SendEnd) SendEnd;
         decltype(&QXV_RTP_ReceiveStart) ReceiveStart;
         decltype(&QXV_RTP_Receive) Receive;
@@ -75,7 +76,8 @@ class HostChannel {
     bool isRtp() const;                // as configured (send) or detected (receive)
     uint32_t bufferedBytes() const;
     uint32_t freeBytes() const;
-    uint64_t datagrams() const;  // sent successfully, or received
+    // Sent successfully since the start or the last change of the bitrate, or received.
+    uint64_t datagrams() const;
 
   protected:
     // Stores the configuration; throws Failure when the module refuses it.
@@ -99,6 +101,11 @@ class SendChannel : public HostChannel {
     static uint32_t ringUnits(uint32_t bitrate_bps);
 
     bool send(std::span<const uint8_t> data);  // blocks while the data does not fit
+
+    // The schedule begins anew at this moment, for what the buffer holds, too. So do the count of
+    // datagrams and, under RTP, the sequence numbers and timestamps, at 0: receivers that put
+    // datagrams in order may drop what follows as late.
+    void setBitrate(uint32_t bitrate_bps);
 };
 
 // A started receive channel.

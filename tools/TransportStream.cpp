@@ -11,7 +11,6 @@ constexpr uint8_t kSyncByte = 0x47;
 constexpr size_t kSyncRun = 5;
 constexpr size_t kSyncRunAtLeast = 3;
 
-constexpr uint64_t kPcrHz = 27'000'000;
 constexpr uint64_t kPcrModulus = (uint64_t{1} << 33) * 300;
 // PCRs come at least every 100 ms; muxers that are lax about it stay below this. A greater step,
 // and any step backwards, is a splice.
@@ -71,23 +70,35 @@ void appendNullPackets(std::vector<uint8_t>& data, size_t packetSize, size_t cou
     }
 }
 
+std::optional<Pcr> readPcr(const uint8_t* packet) {
+    if (!ts_validate(packet) || ts_get_transporterror(packet) ||
+        !hasAdaptation(packet, kFlagsAndPcr) || !tsaf_has_pcr(packet))
+        return std::nullopt;
+    return Pcr{ts_get_pid(packet), tsaf_get_pcr(packet) * 300 + tsaf_get_pcrext(packet),
+               isDiscontinuous(packet)};
+}
+
+std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next) {
+    const uint64_t step = (next.ticks + kPcrModulus - before) % kPcrModulus;
+    if (next.discontinuous || step > kPcrStepLimit)
+        return std::nullopt;
+    return step;
+}
+
 void PcrBitrate::add(const uint8_t* packet) {
     const uint64_t position = position_;
     position_ += packetSize_;
-    if (!ts_validate(packet) || ts_get_transporterror(packet) ||
-        !hasAdaptation(packet, kFlagsAndPcr) || !tsaf_has_pcr(packet))
+    const auto pcr = readPcr(packet);
+    if (!pcr)
         return;
-    const uint64_t pcr = tsaf_get_pcr(packet) * 300 + tsaf_get_pcrext(packet);
-    const auto [found, isNew] = clocks_.try_emplace(ts_get_pid(packet));
+    const auto [found, isNew] = clocks_.try_emplace(pcr->pid);
     Clock& clock = found->second;
-    if (!isNew && !isDiscontinuous(packet)) {
-        const uint64_t step = (pcr + kPcrModulus - clock.lastPcr) % kPcrModulus;
-        if (step <= kPcrStepLimit) {
-            clock.ticks += step;
-            clock.bytes += position - clock.lastPosition;
-        }
+    const auto step = isNew ? std::nullopt : pcrStep(clock.lastPcr, *pcr);
+    if (step) {
+        clock.ticks += *step;
+        clock.bytes += position - clock.lastPosition;
     }
-    clock.lastPcr = pcr;
+    clock.lastPcr = pcr->ticks;
     clock.lastPosition = position;
 }
 

@@ -29,6 +29,21 @@ std::optional<PacketLayout> findPackets(std::span<const uint8_t> data);
 // Appends `count` null packets of that size.
 void appendNullPackets(std::vector<uint8_t>& data, size_t packetSize, size_t count);
 
+// The clock of a stream as it stands in a packet, in ticks of 27 MHz.
+struct Pcr {
+    uint16_t pid;
+    uint64_t ticks;
+    bool discontinuous;  // by the packet's own word, a new clock begins here
+};
+inline constexpr uint64_t kPcrHz = 27'000'000;
+
+// None: the packet has no PCR, or is marked as damaged.
+std::optional<Pcr> readPcr(const uint8_t* packet);
+
+// Ticks from one PCR of a PID to the next. None: a splice, where one clock ends and another begins;
+// a PCR that wraps is none.
+std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next);
+
 // The rate of a stream by its own clock: bytes between the PCRs of one PID, over the time between
 // them. Of several PIDs with PCRs the one counts that covers the longest time.
 class PcrBitrate {

@@ -1,0 +1,57 @@
+// The pace of a stream by its own clock, be its rate constant or not.
+#ifndef TOOLS_RATEFOLLOWER_H
+#define TOOLS_RATEFOLLOWER_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <unordered_map>
+
+// Measures over windows of a second of the stream's own time, one after the other. What lies between
+// the PCRs of two clocks (at a splice, or where they pass from one PID to another) is taken to flow
+// at the rate of the rest of its window, so no jump of a clock makes a rate.
+class RateFollower {
+  public:
+    explicit RateFollower(size_t packetSize) : packetSize_(packetSize) {}
+
+    // Packets are added in order, each of them.
+    void add(const uint8_t* packet);
+
+    // Where the last window ended: bytes since the first packet, and the time they take.
+    struct Point {
+        uint64_t bytes = 0;
+        std::chrono::nanoseconds time{0};
+    };
+    const Point& point() const { return point_; }
+
+    // The rate in bits per second that the channel should go on with, told once: the first that is
+    // known, and then a new one each time when what was added takes 40 ms more or less than at the
+    // one told before. A stream of constant rate stays well within that, whatever noise its PCRs have.
+    std::optional<uint32_t> change();
+
+    // The rate told last.
+    std::optional<uint32_t> bitrate() const { return bitrate_; }
+
+  private:
+    struct Clock {
+        uint64_t lastPcr;
+        uint64_t lastPosition;
+    };
+
+    void measure(const Clock& from, uint64_t step, uint64_t position);
+    void closeWindow(uint64_t position);
+
+    size_t packetSize_;
+    uint64_t position_ = 0;
+    std::unordered_map<uint16_t, Clock> clocks_;
+    uint64_t measuredTo_ = 0;  // the position up to which a clock has been followed
+    uint64_t windowTicks_ = 0;
+    uint64_t windowBytes_ = 0;  // those that took windowTicks_
+    Point point_;
+    Point changed_;  // where the bitrate in force was told
+    std::optional<uint32_t> bitrate_;
+    bool told_ = true;
+};
+
+#endif
