@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * QXV_RTP: MPEG transport streams over UDP, raw or under RTP.
  *
  * The library offers 16 send channels and 16 receive channels. A host hands a send channel the bytes
@@ -8,24 +9,23 @@
  * (RFC 3550, payload type 33 of RFC 3551, encapsulation of RFC 2250), and the host reads a stream of
  * bytes.
  *
- * Conventions
- *   Ready       as soon as the library is loaded; there is no initialisation call.
- *   Handle      QXV_RTP_Create returns it; it is the same for every caller in the process and comes
- *               first in every call on a channel. No handle but that one may be passed.
- *   Results     uint32_t: 1 done, 0 failed or refused. There are no error codes and no log.
- *               Every function returns 0 for a null handle, a direction above 1 or a channel above
- *               15.
- *   Units       bitrates in bits per second of transport stream, without headers; lengths in bytes;
- *               ports in host byte order.
- *   Threads     any thread may call any function. On one channel, one thread at a time sends, and
- *               one thread at a time receives; Cancel and End may come from any other thread at any
- *               time and make a waiting Send or Receive return 0. The Cancel functions may also be
- *               called from a signal handler, the others not.
- *   Ownership   the library copies what it is given; it keeps no pointer of the host's.
- *   Exceptions  none, but for a std::bad_alloc from SendStart or ReceiveStart when the channel's
- *               buffer cannot be had.
- *   Unloading   end every started channel first; the library does not end them. In a child of
- *               fork() only exit and exec are allowed.
+ * Conventions:
+ * - Ready: as soon as the library is loaded; there is no initialisation call.
+ * - Handle: QXV_RTP_Create() returns it; it is the same for every caller in the process and comes
+ *   first in every call on a channel. No handle but that one may be passed.
+ * - Results: uint32_t: 1 done, 0 failed or refused. There are no error codes and no log. Every
+ *   function returns 0 for a null handle, a direction above 1 or a channel above 15.
+ * - Units: bitrates in bits per second of transport stream, without headers; lengths in bytes;
+ *   ports in host byte order.
+ * - Threads: any thread may call any function. On one channel, one thread at a time sends, and
+ *   one thread at a time receives; Cancel and End may come from any other thread at any
+ *   time and make a waiting Send or Receive return 0. The Cancel functions may also be
+ *   called from a signal handler, the others not.
+ * - Ownership: the library copies what it is given; it keeps no pointer of the host's.
+ * - Exceptions: none, but for a std::bad_alloc from SendStart or ReceiveStart when the channel's
+ *   buffer cannot be had.
+ * - Unloading: end every started channel first; the library does not end them. In a child of
+ *   fork() only exit and exec are allowed.
  */
 #ifndef QXV_RTP_H
 #define QXV_RTP_H
@@ -36,118 +36,133 @@
 extern "C" {
 #endif
 
+/** Marks what the library exports. */
 #define QXV_RTP_API __attribute__((visibility("default")))
 
-/* Directions. */
+/** Direction: send. */
 #define QXV_RTP_SEND 0u
+/** Direction: receive. */
 #define QXV_RTP_RECEIVE 1u
 
-/* Channels in each direction, numbered from 0. */
+/** Channels in each direction, numbered from 0. */
 #define QXV_RTP_CHANNELS 16u
 
-/* Size of an address field, the terminating NUL included. */
+/** Size of an address field, the terminating NUL included. */
 #define QXV_RTP_ADDRESS_SIZE 256u
 
-/* Unit of QXV_RTP_SendStart's buffer size, in bytes. */
+/** Unit of QXV_RTP_SendStart's buffer size, in bytes. */
 #define QXV_RTP_BUFFER_UNIT 256u
 
-/*
+/**
  * Configuration of one channel: 520 bytes, the layout of the shared table and the same in every
  * process.
- *
- *   offset  size  field
- *        0   256  LocalAddress     interface: one of its addresses, "0.0.0.0" or "::" = any
- *      256   256  RemoteAddress    send: destination; receive: multicast group, or the any-address
- *      512     1  Multicast        1 exactly when RemoteAddress is a multicast group
- *      513     1  Rtp              send: 1 = put an RTP header in front of each datagram
- *                                  receive: the form now detected (1 RTP, 0 raw), here to start with
- *      514     1  Ttl              TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams
- *      515     1  MulticastOption  receive from a group: 0 = join on the interface of LocalAddress,
- *                                  1 = join on every multicast-capable interface that is up
- *      516     2  Port             UDP port: destination of a send channel, own port of a receive one
- *      518     2  Reserved         0
  *
  * Addresses are NUL-terminated text: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone (RFC 4007)
  * where one is needed ("ff02::1%eth0").
  */
 typedef struct RtpChannelConfig {
+    /** offset 0: interface: one of its addresses, "0.0.0.0" or "::" = any */
     char LocalAddress[QXV_RTP_ADDRESS_SIZE];
+    /** 256: send: destination; receive: multicast group, or the any-address */
     char RemoteAddress[QXV_RTP_ADDRESS_SIZE];
+    /** 512: 1 exactly when RemoteAddress is a multicast group */
     uint8_t Multicast;
+    /** 513: send: 1 = put an RTP header in front of each datagram; receive: the form now detected
+        (1 RTP, 0 raw), here to start with */
     uint8_t Rtp;
+    /** 514: TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams */
     uint8_t Ttl;
+    /** 515: receive from a group: 0 = join on the interface of LocalAddress, 1 = join on every
+        multicast-capable interface that is up */
     uint8_t MulticastOption;
+    /** 516: UDP port: destination of a send channel, own port of a receive one */
     uint16_t Port;
+    /** 518: 0 */
     uint16_t Reserved;
 } RtpChannelConfig;
 
-/* Largest buffer size, in units of 256 bytes, that SendStart is meant for: 16384 (4 MiB). */
+/** Largest buffer size, in units of 256 bytes, that SendStart is meant for: 16384 (4 MiB). */
 QXV_RTP_API uint32_t QXV_RTP_GetMaximumBufferPackets(void);
 
-/* Number of receive channels: 16. */
+/** Number of receive channels: 16. */
 QXV_RTP_API uint32_t QXV_RTP_GetInputChannelCount(void);
 
-/* Number of send channels: 16. */
+/** Number of send channels: 16. */
 QXV_RTP_API uint32_t QXV_RTP_GetOutputChannelCount(void);
 
-/*
+/**
  * Returns the handle, or null when `index` is not 0 or the library could not set up its shared
  * table at load. Counts the handle in the table; nothing else depends on the count.
  */
 QXV_RTP_API void* QXV_RTP_Create(int32_t index);
 
-/* Uncounts the handle. Channels go on; null does nothing. */
+/** Uncounts the handle. Channels go on; null does nothing. */
 QXV_RTP_API void QXV_RTP_Destroy(void* handle);
 
-/* Have no effect; return 1 for any handle but null. */
+/** Has no effect; returns 1 for any handle but null. */
 QXV_RTP_API uint32_t QXV_RTP_Start(void* handle);
+
+/** Has no effect; returns 1 for any handle but null. */
 QXV_RTP_API uint32_t QXV_RTP_End(void* handle);
 
-/* Capabilities, the bits of the 16-bit word that GetDeviceInfo gives in two bytes. */
-#define QXV_RTP_CAN_SEND 0x0001u
-#define QXV_RTP_CAN_RECEIVE 0x0002u
-#define QXV_RTP_CAN_RTP 0x0004u
-#define QXV_RTP_CAN_RAW 0x0008u
-#define QXV_RTP_CAN_MULTICAST 0x0010u
-#define QXV_RTP_CAN_IPV6 0x0020u
+/**
+ * @name Capabilities
+ * The bits of the 16-bit word that QXV_RTP_GetDeviceInfo() gives in two bytes.
+ * @{
+ */
+#define QXV_RTP_CAN_SEND 0x0001u      /**< has send channels */
+#define QXV_RTP_CAN_RECEIVE 0x0002u   /**< has receive channels */
+#define QXV_RTP_CAN_RTP 0x0004u       /**< RTP, payload type 33 */
+#define QXV_RTP_CAN_RAW 0x0008u       /**< UDP without RTP */
+#define QXV_RTP_CAN_MULTICAST 0x0010u /**< groups */
+#define QXV_RTP_CAN_IPV6 0x0020u      /**< IPv6 beside IPv4 */
+/** @} */
 
-/*
+/**
  * Describes the device; each output may be null.
- *   zero, one        (out) 0 and 1
- *   capabilityLow    (out) low byte of the capability word, QXV_RTP_CAN_...
- *   capabilityHigh   (out) its high byte
+ * @param[in]  handle          of QXV_RTP_Create()
+ * @param[out] zero            0
+ * @param[out] one             1
+ * @param[out] capabilityLow   low byte of the capability word, QXV_RTP_CAN_...
+ * @param[out] capabilityHigh  its high byte
  */
 QXV_RTP_API uint32_t QXV_RTP_GetDeviceInfo(void* handle, uint8_t* zero, uint8_t* one,
                                            uint8_t* capabilityLow, uint8_t* capabilityHigh);
 
-/* Copies the channel's configuration to `config` (out). Does not block. */
+/** Copies the channel's configuration to `config` (out). Does not block. */
 QXV_RTP_API uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_t channel,
                                        RtpChannelConfig* config);
 
-/*
+/**
  * Stores a configuration. A channel that runs gets a new socket: a send channel with its next
  * datagram, a receive channel within a second. Does not block.
- *   config  (in, out) normalised in place: a send channel's MulticastOption becomes 0; a unicast
- *           receive channel's RemoteAddress becomes "0.0.0.0" or "0:0:0:0:0:0:0:0" and its
- *           MulticastOption 0
+ *
  * Refused, with nothing changed: an address that is none or has no NUL, a multicast LocalAddress, a
  * Multicast byte that disagrees with RemoteAddress, addresses of different families.
+ * @param[in]     handle     of QXV_RTP_Create()
+ * @param[in]     direction  QXV_RTP_SEND or QXV_RTP_RECEIVE
+ * @param[in]     channel    0 to 15
+ * @param[in,out] config     normalised in place: a send channel's MulticastOption becomes 0; a unicast
+ *                           receive channel's RemoteAddress becomes "0.0.0.0" or "0:0:0:0:0:0:0:0" and
+ *                           its MulticastOption 0
  */
 QXV_RTP_API uint32_t QXV_RTP_SetConfig(void* handle, uint32_t direction, uint32_t channel,
                                        RtpChannelConfig* config);
 
-/*
+/**
  * Starts a send channel. What an earlier start left is released first.
- *   bitrate      bits per second, not 0
- *   bufferUnits  size of the buffer in units of 256 bytes, not 0; at least 9 (2304 bytes), so that
- *                the 2048 bytes fit that decide on the packet size
  * Where the system refuses the channel's thread, the channel is cancelled from the start. Does not
  * block, but for the end of what an earlier start left.
+ * @param[in] handle       of QXV_RTP_Create()
+ * @param[in] channel      0 to 15
+ * @param[in] bitrate      bits per second, not 0
+ * @param[in] bufferUnits  size of the buffer in units of 256 bytes, not 0; at least 9 (2304 bytes), so
+ *                         that the 2048 bytes fit that decide on the packet size
  */
 QXV_RTP_API uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate,
                                        uint32_t bufferUnits);
 
-/*
+/**
  * Hands `length` bytes to the channel; blocks until all of them are in its buffer. The stream begins
  * with a sync byte and has packets of 188 or 204 bytes; up to one datagram's payload less one byte
  * waits for more. Returns 0 when the channel is cancelled, or has cancelled itself because it lost
@@ -156,33 +171,35 @@ QXV_RTP_API uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t 
 QXV_RTP_API uint32_t QXV_RTP_Send(void* handle, uint32_t channel, const uint8_t* data,
                                   uint32_t length);
 
-/*
+/**
  * Ends the channel and frees what it holds; bytes not yet sent are dropped. Blocks until the
  * channel's thread has ended: a few milliseconds, and at most about a second while its socket can
  * not be opened. On a channel that is not started it returns 1.
  */
 QXV_RTP_API uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel);
 
-/* Stops sending and makes a waiting Send return 0. Does not block; SendEnd must still follow. */
+/** Stops sending and makes a waiting Send return 0. Does not block; SendEnd must still follow. */
 QXV_RTP_API uint32_t QXV_RTP_SendCancel(void* handle, uint32_t channel);
 
-/* Cancels every send and every receive channel. Does not block. */
+/** Cancels every send and every receive channel. Does not block. */
 QXV_RTP_API uint32_t QXV_RTP_Cancel(void* handle);
 
-/*
+/**
  * Changes the bitrate of a started send channel; its schedule begins anew at the moment of the call.
  * A bitrate of 0 leaves the pace as it is. Returns 0 when the channel is not started. Does not block.
  */
 QXV_RTP_API uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate);
 
-/*
+/**
  * Gives the measured bitrate of the *receive* channel of that number, refreshed once a second. Does
  * not block.
- *   bitrate  (out) bits per second
+ * @param[in]  handle   of QXV_RTP_Create()
+ * @param[in]  channel  0 to 15
+ * @param[out] bitrate  bits per second
  */
 QXV_RTP_API uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t* bitrate);
 
-/*
+/**
  * Starts a receive channel with a buffer of 4 MiB; its socket is opened within a second, and the
  * attempt repeated every second while it fails. That is the work of the housekeeping thread: where
  * the system refused it when the module was loaded, no socket is opened. What an earlier start left is
@@ -191,7 +208,7 @@ QXV_RTP_API uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t
  */
 QXV_RTP_API uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel);
 
-/*
+/**
  * Reads exactly `length` bytes into `data` (out); blocks until they are there. Returns 0 when the
  * channel is cancelled or not started; bytes read up to then are gone. A length of 0 always
  * succeeds. A datagram for which the buffer has no room is dropped whole.
@@ -199,13 +216,13 @@ QXV_RTP_API uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel);
 QXV_RTP_API uint32_t QXV_RTP_Receive(void* handle, uint32_t channel, uint8_t* data,
                                      uint32_t length);
 
-/*
+/**
  * Ends the channel and frees what it holds. On a channel that is not started it returns 1. Blocks
  * for the moment in which the channel's socket is being opened or closed.
  */
 QXV_RTP_API uint32_t QXV_RTP_ReceiveEnd(void* handle, uint32_t channel);
 
-/*
+/**
  * Makes a waiting Receive return 0. Does not block. Datagrams still arrive in the buffer;
  * ReceiveEnd must still follow.
  */

@@ -8,29 +8,18 @@
 #include <cstdint>
 
 #include "QXV_RTP.h"
+#include "QXV_RTP_table.h"
 
-inline constexpr char kSharedMemoryPath[] = "/tmp/__QXV_RTP_SHARE_MEMORY__";
+inline constexpr char kSharedMemoryPath[] = QXV_RTP_TABLE_PATH;
 
 inline constexpr uint32_t kSend = QXV_RTP_SEND;
 inline constexpr uint32_t kReceive = QXV_RTP_RECEIVE;
 inline constexpr uint32_t kDirections = 2;
 inline constexpr uint32_t kChannels = QXV_RTP_CHANNELS;
 
-// One channel: 32 bytes of state, then the configuration. All numbers are in host byte order. The
-// counters are atomic because threads and processes share them; a lock-free atomic has the size and
-// the address-free access of the plain number.
-//
-//   offset  field
-//        0  Instance         always 0
-//        4  Direction        0 send, 1 receive; equals the record's position
-//        8  Channel          0 to 15; equals the record's position
-//       12  Bitrate          requested, bits per second; 0 on receive channels
-//       16  BitrateActual    measured, bits per second, refreshed once a second
-//       20  BufferSize       capacity of the ring buffer, bytes; 0 while the channel is ended
-//       24  Reopen           1 = the socket must be made (again) before use, 0 = it matches Config
-//       28  RtpSwitchCount   receive: datagrams since the last one that fitted Config.Rtp, 0 to 4,
-//                            counting on above 4 after a switch
-//       32  Config           see RtpChannelConfig
+// One channel, as QXV_RTP_table.h draws it for other processes. The counters are atomic because threads
+// and processes share them; a lock-free atomic has the size and the address-free access of the plain
+// number.
 struct RtpChannelContext {
     std::atomic<uint32_t> Instance;
     std::atomic<uint32_t> Direction;
@@ -45,8 +34,8 @@ struct RtpChannelContext {
 
 // The whole table: a header of 16 bytes, 16 send records, 16 receive records.
 struct RtpContext {
-    std::atomic<uint32_t> Instance;     // always 0
-    std::atomic<uint32_t> HandleCount;  // handles open; informational
+    std::atomic<uint32_t> Instance;
+    std::atomic<uint32_t> HandleCount;
     std::atomic<uint32_t> TxChannelCount;
     std::atomic<uint32_t> RxChannelCount;
     RtpChannelContext Channels[kDirections][kChannels];
@@ -83,5 +72,26 @@ static_assert(offsetof(RtpContext, TxChannelCount) == 8);
 static_assert(offsetof(RtpContext, RxChannelCount) == 12);
 static_assert(offsetof(RtpContext, Channels) == 16);
 static_assert(sizeof(RtpContext::Channels[0]) == 8832);
+
+// The same for those who watch it.
+static_assert(sizeof(QXV_RTP_TableChannel) == sizeof(RtpChannelContext));
+static_assert(offsetof(QXV_RTP_TableChannel, Instance) == offsetof(RtpChannelContext, Instance));
+static_assert(offsetof(QXV_RTP_TableChannel, Direction) == offsetof(RtpChannelContext, Direction));
+static_assert(offsetof(QXV_RTP_TableChannel, Channel) == offsetof(RtpChannelContext, Channel));
+static_assert(offsetof(QXV_RTP_TableChannel, Bitrate) == offsetof(RtpChannelContext, Bitrate));
+static_assert(offsetof(QXV_RTP_TableChannel, BitrateActual) ==
+              offsetof(RtpChannelContext, BitrateActual));
+static_assert(offsetof(QXV_RTP_TableChannel, BufferSize) ==
+              offsetof(RtpChannelContext, BufferSize));
+static_assert(offsetof(QXV_RTP_TableChannel, Reopen) == offsetof(RtpChannelContext, Reopen));
+static_assert(offsetof(QXV_RTP_TableChannel, RtpSwitchCount) ==
+              offsetof(RtpChannelContext, RtpSwitchCount));
+static_assert(offsetof(QXV_RTP_TableChannel, Config) == offsetof(RtpChannelContext, Config));
+static_assert(sizeof(QXV_RTP_Table) == sizeof(RtpContext));
+static_assert(offsetof(QXV_RTP_Table, Instance) == offsetof(RtpContext, Instance));
+static_assert(offsetof(QXV_RTP_Table, HandleCount) == offsetof(RtpContext, HandleCount));
+static_assert(offsetof(QXV_RTP_Table, TxChannelCount) == offsetof(RtpContext, TxChannelCount));
+static_assert(offsetof(QXV_RTP_Table, RxChannelCount) == offsetof(RtpContext, RxChannelCount));
+static_assert(offsetof(QXV_RTP_Table, Channels) == offsetof(RtpContext, Channels));
 
 #endif

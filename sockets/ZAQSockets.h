@@ -1,24 +1,25 @@
-/*
+/**
+ * @file
  * ZAQSockets: UDP sockets with a receive callback, and a parser for IP addresses.
  *
- * Conventions
- *   Handles     opaque pointers; null = no socket. A handle that was destroyed must not be used.
- *   Results     pointers and counts as said at each function; no error codes, errno is undefined.
- *   Threads     any thread may call any function, for the same socket or different ones; but a
- *               socket must not be destroyed while another thread sends on it.
- *   Callbacks   run on threads of the library, which exist only while receive sockets exist and
- *               block all signals. Never two at a time for one socket. All sockets share one thread
- *               until it has more to do than a processor can; then there are more threads, at most one
- *               for each processor. Where datagrams would wake a thread up more than 2500 times a
- *               second, callbacks may come a millisecond after the datagram. A callback that waits
- *               holds up the other sockets of its thread; one that forks must exec or _exit in the
- *               child.
- *   Ports       host byte order.
- *   Fork        in a child of fork() no callback runs for the sockets that it has inherited; they may
- *               be destroyed, which closes the child's descriptors. A child that goes on should exec
- *               before it makes sockets: another thread of the parent may have held a lock.
- *   Exit        may come at any time. Before it is unloaded, all sockets must have been destroyed.
- *               Both wait for a callback that has destroyed its own socket and still runs.
+ * Conventions:
+ * - Handles: opaque pointers; null = no socket. A handle that was destroyed must not be used.
+ * - Results: pointers and counts as said at each function; no error codes, errno is undefined.
+ * - Threads: any thread may call any function, for the same socket or different ones; but a
+ *   socket must not be destroyed while another thread sends on it.
+ * - Callbacks: run on threads of the library, which exist only while receive sockets exist and
+ *   block all signals. Never two at a time for one socket. All sockets share one thread
+ *   until it has more to do than a processor can; then there are more threads, at most one
+ *   for each processor. Where datagrams would wake a thread up more than 2500 times a
+ *   second, callbacks may come a millisecond after the datagram. A callback that waits
+ *   holds up the other sockets of its thread; one that forks must exec or _exit in the
+ *   child.
+ * - Ports: host byte order.
+ * - Fork: in a child of fork() no callback runs for the sockets that it has inherited; they may
+ *   be destroyed, which closes the child's descriptors. A child that goes on should exec
+ *   before it makes sockets: another thread of the parent may have held a lock.
+ * - Exit: may come at any time. Before it is unloaded, all sockets must have been destroyed.
+ *   Both wait for a callback that has destroyed its own socket and still runs.
  */
 #ifndef ZAQSOCKETS_H
 #define ZAQSOCKETS_H
@@ -30,39 +31,22 @@
 extern "C" {
 #endif
 
+/** Marks what the library exports. */
 #define ZAQSOCKETS_API __attribute__((visibility("default")))
 
-/*
+/**
  * Called once for each datagram.
- *   socket    the handle
- *   reserved  null
- *   source    the sender's address (struct sockaddr_in or sockaddr_in6)
- *   data      the datagram, whole, up to 65507 bytes; may be changed; valid until the return
- *   length    its length in bytes; 0 for an empty datagram
+ * @param socket    the handle
+ * @param reserved  null
+ * @param source    the sender's address (struct sockaddr_in or sockaddr_in6)
+ * @param data      the datagram, whole, up to 65507 bytes; may be changed; valid until the return
+ * @param length    its length in bytes; 0 for an empty datagram
  */
 typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr* source,
                                    unsigned char* data, unsigned int length);
 
-/*
+/**
  * Opens a socket.
- *
- *   localAddress     address of the interface to use, "0.0.0.0" or "::" = the system's choice
- *   remoteAddress    send: destination. receive: the group to join, or any unicast address of the
- *                    same family, which is not used
- *   localPort        receive: the port to listen on. send: not used; the system chooses a port,
- *                    since a socket bound to the port that it sends to would take the datagrams
- *                    away from a receiver on the same machine
- *   remotePort       send: destination port
- *   multicast        1 = remoteAddress is a multicast group; must then agree with the address
- *   send             1 = send socket, 0 = receive socket
- *   multicastOption  receive from a group: 0 = join on the interface of localAddress (or of the
- *                    group's zone), 1 = join on every multicast-capable interface that is up now;
- *                    a group of interface or link scope (ff01::, ff02::) has one zone, named by it
- *                    or by localAddress, and is joined there in either case
- *   ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast datagrams,
- *                    0 to 255
- *   callback         receive: not null; not used by a send socket
- *   context          what ZAQUDPSocket_GetContext returns
  *
  * A receive socket of a group gets the datagrams to that group only, from the interfaces on which
  * it was joined (an IPv6 group for which no interface is named also from those on which other sockets
@@ -72,23 +56,40 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * 8 MiB, or the most that the system grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
+ * @param localAddress     address of the interface to use, "0.0.0.0" or "::" = the system's choice
+ * @param remoteAddress    send: destination. receive: the group to join, or any unicast address of the
+ *                         same family, which is not used
+ * @param localPort        receive: the port to listen on. send: not used; the system chooses a port,
+ *                         since a socket bound to the port that it sends to would take the datagrams
+ *                         away from a receiver on the same machine
+ * @param remotePort       send: destination port
+ * @param multicast        1 = remoteAddress is a multicast group; must then agree with the address
+ * @param send             1 = send socket, 0 = receive socket
+ * @param multicastOption  receive from a group: 0 = join on the interface of localAddress (or of the
+ *                         group's zone), 1 = join on every multicast-capable interface that is up now;
+ *                         a group of interface or link scope (ff01::, ff02::) has one zone, named by it
+ *                         or by localAddress, and is joined there in either case
+ * @param ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast datagrams,
+ *                         0 to 255
+ * @param callback         receive: not null; not used by a send socket
+ * @param context          what ZAQUDPSocket_GetContext returns
  */
 ZAQSOCKETS_API void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress,
                                          uint32_t localPort, uint32_t remotePort, int32_t multicast,
                                          int32_t send, int32_t multicastOption, int32_t ttl,
                                          ZAQReceiveCallback callback, void* context);
 
-/*
+/**
  * Closes the socket and frees what belongs to it. No callback runs for it after the return; one
  * that runs at the time is waited for, unless the call comes from within it; so callbacks of two
  * sockets that destroy each other would wait for ever. Null does nothing.
  */
 ZAQSOCKETS_API void ZAQUDPSocket_Destroy(void* socket);
 
-/* Returns the context given to Create; null for null. Cheap, and allowed in a callback. */
+/** Returns the context given to Create; null for null. Cheap, and allowed in a callback. */
 ZAQSOCKETS_API void* ZAQUDPSocket_GetContext(void* socket);
 
-/*
+/**
  * Sends `length` bytes (0 to 65507) as one datagram. Returns 1 when the system has taken all of
  * them, else 0. Blocks while the system's send queue is full, at most for a second. That nobody
  * listens at the destination is no failure.
@@ -96,17 +97,18 @@ ZAQSOCKETS_API void* ZAQUDPSocket_GetContext(void* socket);
 ZAQSOCKETS_API uint32_t ZAQUDPSocket_SendAll(void* socket, const unsigned char* data,
                                              uint32_t length);
 
-/*
+/**
  * Parses a numeric address: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone behind '%' (an
  * interface's name that exists, or its number; RFC 4007). Names, brackets, ports and white space
  * are refused.
- *   address    NUL-terminated text; may be null
- *   bytes      (out) 4 or 16 bytes in network order; may be null
- *   byteCount  (out) 4 or 16; may be null
- *   zone       (out) interface number, 0 = none given; may be null
- *   multicast  (out) 1 = a multicast group, 0 = not; may be null
+ *
  * Returns 2 (AF_INET), 10 (AF_INET6), or 0 for what is not an address; the outputs are written only
  * when a family is returned.
+ * @param[in]  address    NUL-terminated text; may be null
+ * @param[out] bytes      4 or 16 bytes in network order; may be null
+ * @param[out] byteCount  4 or 16; may be null
+ * @param[out] zone       interface number, 0 = none given; may be null
+ * @param[out] multicast  1 = a multicast group, 0 = not; may be null
  */
 ZAQSOCKETS_API uint32_t ZAQSocketsExtractIPAddress(const char* address, unsigned char* bytes,
                                                    uint32_t* byteCount, uint32_t* zone,
