@@ -1,6 +1,8 @@
 /*
  * receive ADDRESS PORT > STREAM: receives a transport stream, raw or under RTP, from a multicast group
  * or on an address of this machine, until it is interrupted.
+ *
+ * cc receive.c $(pkg-config --cflags --libs qxv_rtp) -o receive
  */
 #include <QXV_RTP.h>
 #include <signal.h>
@@ -35,7 +37,7 @@ static uint32_t configure(const char* address, uint16_t port) {
 }
 
 int main(int argc, char** argv) {
-    static uint8_t packets[7 * 188];
+    static uint8_t packets[7 * 188]; /* the payload of one datagram, as most senders send it */
     g_module = QXV_RTP_Create(0);
     if (argc != 3 || g_module == NULL) {
         fprintf(stderr, "usage: receive ADDRESS PORT > STREAM\n");
@@ -48,10 +50,13 @@ int main(int argc, char** argv) {
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
     QXV_RTP_ReceiveStart(g_module, 0);
-    while (QXV_RTP_Receive(g_module, 0, packets, sizeof(packets)) &&
-           fwrite(packets, 1, sizeof(packets), stdout) == sizeof(packets)) {
-    }
+    int written = 1;
+    while (written && QXV_RTP_Receive(g_module, 0, packets, sizeof(packets)))
+        written = fwrite(packets, 1, sizeof(packets), stdout) == sizeof(packets);
     QXV_RTP_ReceiveEnd(g_module, 0);
     QXV_RTP_Destroy(g_module);
-    return 0;
+    if (fflush(stdout) == 0 && written)
+        return 0;
+    perror("receive: standard output");
+    return 1;
 }
