@@ -1,0 +1,183 @@
+// qxvrtp-soak SECONDS: all 16 send and 16 receive channels at 8 Mbit/s each on loopback, and whether
+// anything is lost, drifts or grows. Needs the network for itself: scripts/soak.sh.
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Module.h"
+
+namespace {
+
+constexpr uint32_t kBitrate_bps = 8'000'000;
+constexpr uint32_t kPacketBytes = 188;
+constexpr uint32_t kDatagramBytes = 7 * kPacketBytes;
+constexpr double kPeriod_s = kDatagramBytes * 8.0 / kBitrate_bps;
+constexpr int kWarmUp_s = 10;  // all rings have then been gone through twice
+constexpr double kRate_ppm = 5.0;
+constexpr long kGrowth_KiB = 512;
+
+using Datagram = std::array<uint8_t, kDatagramBytes>;
+
+// No two datagrams of all channels are alike.
+Datagram makeDatagram(uint32_t channel, uint64_t number) {
+    Datagram datagram;
+    for (uint32_t packet = 0; packet < 7; ++packet) {
+        uint8_t* const data = datagram.data() + packet * kPacketBytes;
+        memset(data, static_cast<int>(number * 7 + packet), kPacketBytes);
+        data[0] = 0x47;
+        data[1] = static_cast<uint8_t>(channel);
+        memcpy(data + 4, &number, sizeof(number));
+    }
+    return datagram;
+}
+
+// The clock by which the module paces.
+double now_s() {
+    timespec time;
+    clock_gettime(CLOCK_REALTIME, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+// A stream from its sender to its receiver.
+class Stream {
+  public:
+    explicit Stream(uint32_t channel) : channel_(channel) {
+        for (const uint32_t direction : {kReceive, kSend}) {
+            RtpChannelConfig config{"127.0.0.1", "127.0.0.1", 0, channel % 2 == 1, 1, 0, 0, 0};
+            config.Port = static_cast<uint16_t>(5000 + channel);
+            if (QXV_RTP_SetConfig(g_pContext, direction, channel, &config) == 0)
+                throw std::runtime_error("a configuration is refused");
+        }
+        QXV_RTP_ReceiveStart(g_pContext, channel);
+    }
+    bool isOpen() const { return g_pContext->Channels[kReceive][channel_].Reopen == 0; }
+    void start() const { QXV_RTP_SendStart(g_pContext, channel_, kBitrate_bps, 4096); }
+
+    void feed() {
+        while (ring(kSend).GetFreeSize() >= kDatagramBytes) {
+            const Datagram datagram = makeDatagram(channel_, fed_++);
+            QXV_RTP_Send(g_pContext, channel_, datagram.data(), kDatagramBytes);
+        }
+    }
+    // `part` of the measured time has passed: below 0 before it, up to 1.
+    void read(double elapsed_s, double part) {
+        const uint64_t arrived = received_ + ring(kReceive).GetDataSize() / kDatagramBytes;
+        if (part >= 0 && part < 1) {
+            double& lead_s = lead_s_.at(static_cast<size_t>(part * 3));
+            lead_s = std::max(lead_s, static_cast<double>(arrived) * kPeriod_s - elapsed_s);
+        }
+        while (received_ < arrived) {
+            Datagram datagram;
+            QXV_RTP_Receive(g_pContext, channel_, datagram.data(), kDatagramBytes);
+            if (datagram != makeDatagram(channel_, received_++))
+                throw std::runtime_error("channel " + std::to_string(channel_) +
+                                         ": lost or changed, datagram " +
+                                         std::to_string(received_ - 1));
+        }
+    }
+    // By how much the stream gets ahead of the clock from the first third to the last. What the machine
+    // does with a datagram delays it, and never the opposite: so the least delayed one of each counts.
+    double gain_s() const { return lead_s_[2] - lead_s_[0]; }
+    uint64_t received() const { return received_; }
+
+  private:
+    CZAQSimpleBuffer& ring(uint32_t direction) const {
+        return *g_ContextExt[0][direction][channel_].Buffer.load();
+    }
+
+    const uint32_t channel_;
+    uint64_t fed_ = 0;
+    uint64_t received_ = 0;
+    std::array<double, 3> lead_s_{-INFINITY, -INFINITY, -INFINITY};
+};
+
+struct Footprint {
+    long memory_KiB, descriptors, threads;
+};
+
+Footprint footprint() {
+    const auto entries = [](const char* folder) {
+        return std::distance(std::filesystem::directory_iterator(folder), {});
+    };
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages >> pages;
+    return {pages * sysconf(_SC_PAGESIZE) / 1024, entries("/proc/self/fd"),
+            entries("/proc/self/task")};
+}
+
+// True when nothing has grown. Under load the socket library may use one more thread for a while.
+bool soak(int seconds) {
+    std::vector<Stream> streams;
+    for (uint32_t channel = 0; channel < kChannels; ++channel)
+        streams.emplace_back(channel);
+    while (!std::ranges::all_of(streams, &Stream::isOpen))
+        usleep(1000);
+    for (Stream& stream : streams)
+        stream.start();
+    const double start_s = now_s();
+    Footprint first{};
+    Footprint last{};
+    const double measured_s = seconds - kWarmUp_s;
+    for (int second = 0; second < seconds;) {
+        const double elapsed_s = now_s() - start_s;
+        for (Stream& stream : streams) {
+            stream.feed();
+            stream.read(now_s() - start_s, (elapsed_s - kWarmUp_s) / measured_s);
+        }
+        usleep(1000);
+        if (elapsed_s < second + 1)
+            continue;
+        last = footprint();
+        if (++second <= kWarmUp_s)
+            first = last;
+    }
+    double worst_ppm = 0;
+    uint64_t datagrams = 0;
+    for (const Stream& stream : streams) {
+        datagrams += stream.received();
+        worst_ppm = std::max(worst_ppm, std::abs(stream.gain_s()) / (measured_s * 2 / 3) * 1e6);
+    }
+    const double share = static_cast<double>(datagrams) * kPeriod_s / kChannels / seconds;
+    std::printf(
+        "%d s: %llu datagrams, %.4f %% of the rate, none lost; drift up to %.2f ppm; memory %ld to "
+        "%ld KiB, descriptors %ld to %ld, threads %ld to %ld\n",
+        seconds, static_cast<unsigned long long>(datagrams), share * 100, worst_ppm,
+        first.memory_KiB, last.memory_KiB, first.descriptors, last.descriptors, first.threads,
+        last.threads);
+    return worst_ppm < kRate_ppm && last.memory_KiB - first.memory_KiB < kGrowth_KiB &&
+           last.descriptors == first.descriptors && last.threads <= first.threads + 1 &&
+           share > 0.99;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int seconds = argc == 2 ? std::atoi(argv[1]) : 0;
+    if (seconds < 2 * kWarmUp_s) {
+        std::fprintf(stderr, "qxvrtp-soak SECONDS: from %d on\n", 2 * kWarmUp_s);
+        return 2;
+    }
+    int status = 1;
+    try {
+        status = soak(seconds) ? 0 : 1;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "qxvrtp-soak: %s\n", error.what());
+    }
+    for (uint32_t channel = 0; channel < kChannels; ++channel) {
+        QXV_RTP_SendEnd(g_pContext, channel);
+        QXV_RTP_ReceiveEnd(g_pContext, channel);
+    }
+    return status;
+}
