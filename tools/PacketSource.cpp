@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Errors.h"
 
@@ -47,10 +48,6 @@ PacketSource::PacketSource(const std::string& path, bool loop)
         throw UsageError(fmt::format("--loop repeats a file; {} cannot be rewound", name_));
 }
 
-size_t PacketSource::wholeBytes() const {
-    return available() / layout_.packetSize * layout_.packetSize;
-}
-
 // Adds what is there to read. False: nothing came within the time.
 bool PacketSource::fill(std::chrono::milliseconds wait) {
     if (!regular_) {
@@ -59,7 +56,7 @@ bool PacketSource::fill(std::chrono::milliseconds wait) {
             return false;
     }
     pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(begin_));
-    begin_ = 0;
+    bufferBegin_ += std::exchange(begin_, 0);
     const size_t size = pending_.size();
     pending_.resize(size + kReadBytes);
     const ssize_t count = read(file_.get(), pending_.data() + size, kReadBytes);
@@ -75,10 +72,13 @@ bool PacketSource::fill(std::chrono::milliseconds wait) {
 bool PacketSource::rewind() {
     if (!loopable())
         return false;
-    if (lseek(file_.get(), static_cast<off_t>(layout_.offset), SEEK_SET) < 0)
+    if (lseek(file_.get(), static_cast<off_t>(loopBegin_), SEEK_SET) < 0)
         throw Failure(fmt::format("cannot rewind {}: {}", name_, std::strerror(errno)));
     pending_.clear();
     begin_ = 0;
+    bufferBegin_ = loopBegin_;
+    searching_ = false;
+    rewound_ = true;
     yielded_ = false;
     ended_ = false;
     return true;
@@ -93,7 +93,9 @@ bool PacketSource::findFirstPacket(StopSignal& stop) {
             const auto layout = findPackets(pending_);
             if (layout) {
                 layout_ = *layout;
-                begin_ = layout->offset;
+                skip(layout->offset);
+                startOfGap_ = true;
+                loopFromHere();
                 return true;
             }
             if (ended_ || pending_.size() >= kSearchBytes)
@@ -124,11 +126,65 @@ void PacketSource::open(bool measure, StopSignal& stop) {
     }
 }
 
+void PacketSource::skip(size_t count) {
+    begin_ += count;
+    if (count == 0 || rewound_)
+        return;
+    skippedBytes_ += count;
+    skippedPlaces_ += std::exchange(startOfGap_, false) ? 1 : 0;
+}
+
+// A packet counts when another one, or the end, follows it.
+size_t PacketSource::countPackets(size_t most) {
+    size_t count = 0;
+    for (size_t at = begin_; count < most && !searching_; ++count, at += packetSize()) {
+        const size_t next = at + packetSize();
+        if (next > pending_.size() || pending_[at] != kSyncByte)
+            break;
+        if (next == pending_.size() ? !ended_ : pending_[next] != kSyncByte)
+            break;
+    }
+    return count;
+}
+
+// The packet in front is not followed by another. It may have lost some bytes, so that the next one
+// begins within it; otherwise it is the last one before the gap and still counts.
+void PacketSource::leaveRun() {
+    const auto rest = std::span<const uint8_t>(pending_).subspan(begin_);
+    const auto next = findPackets(rest.subspan(1), packetSize(), !ended_);
+    const bool whole = rest.size() >= packetSize() && rest.front() == kSyncByte &&
+                       (!next || *next + 1 >= packetSize());
+    searching_ = true;
+    startOfGap_ = true;
+    if (!whole)
+        skip(1);
+    else
+        lastOfRun_ = true;
+}
+
+void PacketSource::search() {
+    const auto rest = std::span<const uint8_t>(pending_).subspan(begin_);
+    const auto found = findPackets(rest, packetSize(), !ended_);
+    const size_t kept = ended_ ? 0 : std::min(rest.size(), kFullRunBytes);
+    skip(found ? *found : rest.size() - kept);
+    searching_ = !found;
+}
+
 std::span<const uint8_t> PacketSource::take(size_t limit, std::chrono::milliseconds wait) {
-    if (wholeBytes() == 0 && (!ended_ || rewind()))
-        fill(wait);
-    const size_t most = limit / packetSize() * packetSize();
-    const std::span<const uint8_t> packets(pending_.data() + begin_, std::min(most, wholeBytes()));
+    const size_t most = limit / packetSize();
+    size_t count = countPackets(most);
+    if (count == 0 && most > 0) {
+        // What tells a packet that lost some bytes from one before a gap, and a run from chance.
+        const bool enough = ended_ || available() >= packetSize() + kFullRunBytes;
+        if (available() == 0 ? !ended_ || rewind() : !enough)
+            fill(wait);
+        else if (searching_)
+            search();
+        else if (available() > 0)
+            leaveRun();
+        count = std::exchange(lastOfRun_, false) ? 1 : countPackets(most);
+    }
+    const std::span<const uint8_t> packets(pending_.data() + begin_, count * packetSize());
     begin_ += packets.size();
     yielded_ = yielded_ || !packets.empty();
     return packets;

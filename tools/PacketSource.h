@@ -13,8 +13,9 @@
 #include "StopSignal.h"
 #include "TransportStream.h"
 
-// Yields whole packets only: bytes in front of the first packet and a part of a packet at the end
-// are left out. Bytes that are no packets in between are passed on as they are.
+// Yields whole packets only, all of the size of the first. Bytes that are no packets are skipped: in
+// front of the first one, in between, where the packets are then found again, and a part of one at
+// the end.
 class PacketSource {
   public:
     // Opens the file ("-": standard input). Throws Failure, or UsageError where a stream that
@@ -28,19 +29,33 @@ class PacketSource {
 
     size_t packetSize() const { return layout_.packetSize; }
     std::optional<uint64_t> bitrate() const { return rate_ ? rate_->bitrate() : std::nullopt; }
+    bool isFile() const { return regular_; }  // which is there to be read at once
     const std::string& name() const { return name_; }
 
     // Up to `limit` bytes of whole packets, valid until the next call. None: the stream has ended,
     // or nothing came within `wait`.
     std::span<const uint8_t> take(size_t limit, std::chrono::milliseconds wait);
-    bool ended() const { return ended_ && !loopable() && wholeBytes() == 0; }
+    bool ended() const { return ended_ && !loopable() && available() == 0; }
+
+    // Makes the last bytes of what was taken last come again.
+    void putBack(size_t bytes) { begin_ -= bytes; }
+
+    // What a loop repeats begins with the packet that is taken next.
+    void loopFromHere() { loopBegin_ = bufferBegin_ + begin_; }
+
+    // What was skipped; of a loop, the first time.
+    uint64_t skippedBytes() const { return skippedBytes_; }
+    uint64_t skippedPlaces() const { return skippedPlaces_; }
 
   private:
     size_t available() const { return pending_.size() - begin_; }
-    size_t wholeBytes() const;
     bool loopable() const { return loop_ && yielded_; }
     bool fill(std::chrono::milliseconds wait);
     bool rewind();
+    size_t countPackets(size_t most);
+    void leaveRun();
+    void search();
+    void skip(size_t count);
     bool findFirstPacket(StopSignal& stop);
 
     std::string name_;
@@ -52,7 +67,15 @@ class PacketSource {
     PacketLayout layout_{kPacketBytes, 0};
     std::optional<PcrBitrate> rate_;
     std::vector<uint8_t> pending_;
-    size_t begin_ = 0;  // of what is pending
+    size_t begin_ = 0;          // of what is pending
+    uint64_t bufferBegin_ = 0;  // where in a file pending_ begins
+    uint64_t loopBegin_ = 0;    // ... and what is repeated
+    bool searching_ = false;    // for packets, which are not where they should be
+    bool lastOfRun_ = false;    // one more packet counts before the search
+    bool startOfGap_ = true;
+    bool rewound_ = false;
+    uint64_t skippedBytes_ = 0;
+    uint64_t skippedPlaces_ = 0;
 };
 
 #endif

@@ -4,18 +4,19 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
 
 constexpr std::chrono::milliseconds kInterval{250};
 
-// A longer line would wrap, and the next one could not take its place.
-size_t terminalWidth() {
+// A longer line would wrap, and more lines would scroll: the next ones could not take their place.
+winsize terminalSize() {
     winsize size{};
-    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
-        return 80;
-    return size.ws_col;
+    if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+        size = {.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
+    return size;
 }
 
 // A terminal that has gone away is no reason to stop.
@@ -42,23 +43,44 @@ bool Progress::due() {
     return true;
 }
 
-void Progress::show(const std::string& line) {
+void Progress::show(const std::vector<std::string>& lines) {
     if (!terminal_)
         return;
-    print(fmt::format("\r\033[K{}", line.substr(0, terminalWidth() - 1)));
-    shown_ = true;
+    clear();
+    const winsize size = terminalSize();
+    for (const std::string& line : lines) {
+        if (shown_ == size.ws_row)
+            break;
+        if (shown_ > 0)
+            print("\n");
+        print(printable(line).substr(0, size.ws_col - 1));
+        ++shown_;
+    }
 }
 
 void Progress::summary(const std::string& line) {
     clear();
     if (terminal_)
-        print(line + "\n");
+        print(printable(line) + "\n");
+}
+
+void Progress::warn(const std::string& line) {
+    clear();
+    print(fmt::format("qxvrtp: {}\n", printable(line)));
 }
 
 void Progress::clear() {
-    if (shown_)
-        print("\r\033[K");
-    shown_ = false;
+    if (shown_ > 1)
+        print(fmt::format("\033[{}A", shown_ - 1));
+    if (shown_ > 0)
+        print("\r\033[J");
+    shown_ = 0;
+}
+
+std::string printable(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, ' ');
+    return text;
 }
 
 std::string formatTime(std::chrono::milliseconds time) {

@@ -4,14 +4,10 @@
 #include <cmath>
 #include <utility>
 
-#include "TransportStream.h"
-
 namespace {
 
 using Nanoseconds = std::chrono::nanoseconds;
 
-// Long enough to hold the large and the small pictures of a stream in about equal parts.
-constexpr uint64_t kWindowTicks = kPcrHz;
 // What receivers have to put up with anyway: about the distance of two PCRs.
 constexpr Nanoseconds kTolerance = std::chrono::milliseconds(40);
 // A window that is nearer than that to the rate in force shows that the stream has kept its rate,
@@ -29,29 +25,19 @@ Nanoseconds timeOf(uint64_t bytes, double bitrate_bps) {
 }  // namespace
 
 void RateFollower::add(const uint8_t* packet) {
-    const uint64_t position = position_;
-    position_ += packetSize_;
-    const auto pcr = readPcr(packet);
-    if (!pcr)
+    const uint64_t position = intervals_.bytes();
+    const auto interval = intervals_.add(packet);
+    if (!interval)
         return;
-    const auto [found, isNew] = clocks_.try_emplace(pcr->pid);
-    Clock& clock = found->second;
-    // A clock that stands still measures nothing.
-    const uint64_t step = isNew ? 0 : pcrStep(clock.lastPcr, *pcr).value_or(0);
-    if (step > 0)
-        measure(clock, step, position);
-    clock = {pcr->ticks, position};
+    windowTicks_ += interval->ticks;
+    windowBytes_ += interval->bytes;
+    if (windowTicks_ >= lengthTicks_)
+        closeWindow(position);
 }
 
-// Of several clocks the one is followed that is, until it falls silent.
-void RateFollower::measure(const Clock& from, uint64_t step, uint64_t position) {
-    if (from.lastPosition < measuredTo_)
-        return;
-    measuredTo_ = position;
-    windowTicks_ += step;
-    windowBytes_ += position - from.lastPosition;
-    if (windowTicks_ >= kWindowTicks)
-        closeWindow(position);
+void RateFollower::finish() {
+    if (windowTicks_ > 0)
+        closeWindow(intervals_.bytes());
 }
 
 void RateFollower::closeWindow(uint64_t position) {

@@ -6,17 +6,25 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <unordered_map>
 
-// Measures over windows of a second of the stream's own time, one after the other. What lies between
+#include "TransportStream.h"
+
+// Measures over windows of the stream's own time, one after the other. What lies between
 // the PCRs of two clocks (at a splice, or where they pass from one PID to another) is taken to flow
 // at the rate of the rest of its window, so no jump of a clock makes a rate.
 class RateFollower {
   public:
-    explicit RateFollower(size_t packetSize) : packetSize_(packetSize) {}
+    // A second is long enough to hold the large and the small pictures of a stream in equal parts.
+    explicit RateFollower(size_t packetSize,
+                          std::chrono::milliseconds window = std::chrono::seconds(1))
+        : intervals_(packetSize),
+          lengthTicks_(static_cast<uint64_t>(window.count()) * (kPcrHz / 1000)) {}
 
     // Packets are added in order, each of them.
     void add(const uint8_t* packet);
+
+    // Ends the window before its time, where the stream ends.
+    void finish();
 
     // Where the last window ended: bytes since the first packet, and the time they take.
     struct Point {
@@ -34,18 +42,10 @@ class RateFollower {
     std::optional<uint32_t> bitrate() const { return bitrate_; }
 
   private:
-    struct Clock {
-        uint64_t lastPcr;
-        uint64_t lastPosition;
-    };
-
-    void measure(const Clock& from, uint64_t step, uint64_t position);
     void closeWindow(uint64_t position);
 
-    size_t packetSize_;
-    uint64_t position_ = 0;
-    std::unordered_map<uint16_t, Clock> clocks_;
-    uint64_t measuredTo_ = 0;  // the position up to which a clock has been followed
+    PcrIntervals intervals_;
+    uint64_t lengthTicks_;
     uint64_t windowTicks_ = 0;
     uint64_t windowBytes_ = 0;  // those that took windowTicks_
     Point point_;

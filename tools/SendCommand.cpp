@@ -3,242 +3,296 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <chrono>
+#include <atomic>
+#include <exception>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "CommandLine.h"
 #include "Errors.h"
 #include "HostModule.h"
-#include "PacketSource.h"
+#include "PacedStream.h"
 #include "Progress.h"
-#include "Quantity.h"
+#include "Sending.h"
 #include "StopSignal.h"
 #include "StreamUrl.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
-constexpr uint32_t kChannel = 0;
-constexpr size_t kChunkPackets = 16 * kPacketsPerDatagram;
-constexpr auto kPollInterval = 2ms;
-constexpr auto kSourceWait = 20ms;
-constexpr auto kLastDatagram = 1s;  // for it to be counted
-constexpr auto kPatience = 3s;  // with a socket that does not open, or datagrams that do not leave
+constexpr auto kBoardInterval = 20ms;
 
-// A channel takes a look at this many bytes before it sends the first datagram.
-constexpr size_t kDetectionBytes = 2048;
-
-uint32_t chooseBitrate(const SendOptions& options, const PacketSource& source) {
-    if (options.bitrate_bps)
-        return *options.bitrate_bps;
-    const auto measured = source.bitrate();
-    if (!measured)
-        throw Failure(fmt::format("{} has no PCRs to tell its rate by; give it with --bitrate",
-                                  source.name()));
-    if (*measured == 0 || *measured > UINT32_MAX)
-        throw Failure(fmt::format("by its PCRs, {} has {} bit/s; give its rate with --bitrate",
-                                  source.name(), *measured));
-    return static_cast<uint32_t>(*measured);
-}
-
-class Sending {
+// The module, loaded when the first input has turned out to be a stream: an input that is none does
+// not replace the shared table of this machine's other users.
+//
+// Thread safety: any thread asks for it.
+class SharedModule {
   public:
-    Sending(PacketSource& source, HostModule& module, const StreamUrl& url, uint32_t bitrate_bps,
-            StopSignal& stop)
-        : source_(source),
-          url_(url),
-          bitrate_bps_(bitrate_bps),
-          stop_(stop),
-          payload_(kPacketsPerDatagram * source.packetSize()),
-          channel_(module, kChannel, sendConfig(url), bitrate_bps) {}
-
-    // False when stopped by a signal.
-    bool run() { return waitForSocket() && feed() && pad() && drain() && confirm(); }
-
-    void summarise() {
-        progress_.summary(fmt::format("sent {} in {} to {}: {} datagrams at {}",
-                                      formatBytes(channel_.datagrams() * payload_),
-                                      formatTime(progress_.elapsed()), url_.text,
-                                      channel_.datagrams(), formatBitrate(bitrate_bps_)));
+    HostModule& get() {
+        std::call_once(once_, [this] { module_.emplace(); });
+        return *module_;
     }
 
   private:
-    bool waitForSocket() {
-        while (!channel_.socketIsOpen()) {
-            if (!attend())
-                return false;
-            std::this_thread::sleep_for(kPollInterval);
-        }
-        return true;
-    }
-
-    bool feed() {
-        const size_t chunk = kChunkPackets * source_.packetSize();
-        while (!source_.ended()) {
-            if (!attend())
-                return false;
-            if (channel_.freeBytes() < chunk)
-                std::this_thread::sleep_for(kPollInterval);
-            else
-                hand(source_.take(chunk, kSourceWait));
-        }
-        return true;
-    }
-
-    // Only whole datagrams leave, and none before the channel has seen enough to tell the packet
-    // size: null packets make up for what is missing.
-    bool pad() {
-        std::vector<uint8_t> padding;
-        while ((handed_ + padding.size()) % payload_ != 0 ||
-               handed_ + padding.size() < kDetectionBytes)
-            appendNullPackets(padding, source_.packetSize(), 1);
-        while (channel_.freeBytes() < padding.size()) {
-            if (!attend())
-                return false;
-            std::this_thread::sleep_for(kPollInterval);
-        }
-        hand(padding);
-        return true;
-    }
-
-    bool drain() {
-        while (channel_.bufferedBytes() >= payload_) {
-            if (!attend())
-                return false;
-            std::this_thread::sleep_for(kPollInterval);
-        }
-        return true;
-    }
-
-    // The last datagram is counted a moment after it was taken from the buffer.
-    bool confirm() {
-        const uint64_t expected = handed_ / payload_;
-        const auto deadline = Clock::now() + kLastDatagram;
-        while (channel_.datagrams() < expected && Clock::now() < deadline)
-            std::this_thread::sleep_for(kPollInterval);
-        const uint64_t sent = channel_.datagrams();
-        if (sent < expected)
-            throw Failure(fmt::format("{} of {} datagrams could not be sent to {}", expected - sent,
-                                      expected, url_.text));
-        return true;
-    }
-
-    void hand(std::span<const uint8_t> data) {
-        // A refusal means that the channel is cancelled; attend() tells why.
-        if (channel_.send(data))
-            handed_ += data.size();
-    }
-
-    // What has to be looked after all the time. False when a signal asks for the end.
-    bool attend() {
-        if (channel_.isCancelled())
-            throw Failure(
-                fmt::format("{} is not a transport stream any more after about {} bytes: "
-                            "the channel stopped",
-                            source_.name(), channel_.datagrams() * payload_));
-        watchSocket();
-        watchDatagrams();
-        if (progress_.due())
-            progress_.show(fmt::format(
-                "{}  {}  asked {}  measured {}", formatTime(progress_.elapsed()),
-                formatBytes(channel_.datagrams() * payload_), formatBitrate(bitrate_bps_),
-                formatBitrate(channel_.measuredBitrate())));
-        return !stop_.requested();
-    }
-
-    void watchSocket() {
-        if (channel_.socketIsOpen())
-            socketSeen_ = Clock::now();
-        else if (Clock::now() - socketSeen_ > kPatience)
-            throw Failure(fmt::format(
-                "no socket could be opened to send to {}{}", url_.text,
-                url_.localAddress.empty()
-                    ? "; is there a route to it?"
-                    : fmt::format("; is {} an address of this machine?", url_.localAddress)));
-    }
-
-    // A datagram that could not be sent has left the buffer, but is not counted.
-    void watchDatagrams() {
-        const uint64_t taken =
-            (handed_ - std::min<uint64_t>(handed_, channel_.bufferedBytes())) / payload_;
-        const uint64_t sent = channel_.datagrams();
-        if (sent != sentSeen_) {
-            sentSeen_ = sent;
-            takenThen_ = taken;
-            sentTime_ = Clock::now();
-        } else if (taken <= takenThen_ + 1) {
-            sentTime_ = Clock::now();
-        } else if (Clock::now() - sentTime_ > kPatience) {
-            throw Failure(fmt::format("the datagrams cannot be sent to {}; is there a route to it?",
-                                      url_.text));
-        }
-    }
-
-    PacketSource& source_;
-    const StreamUrl& url_;
-    const uint32_t bitrate_bps_;
-    StopSignal& stop_;
-    const size_t payload_;
-    Progress progress_;
-    SendChannel channel_;
-    uint64_t handed_ = 0;
-    Clock::time_point socketSeen_ = Clock::now();
-    Clock::time_point sentTime_ = Clock::now();
-    uint64_t sentSeen_ = 0;
-    uint64_t takenThen_ = 0;
+    std::once_flag once_;
+    std::optional<HostModule> module_;
 };
+
+// One job, on a thread of its own, so that an input that is slow to come holds up no other one.
+//
+// Thread safety: one thread, the owner, calls the functions.
+class Task {
+  public:
+    Task(const SendJob& job, uint32_t channel, SharedModule& module, StopSignal& stop)
+        : job_(job),
+          url_(parseStreamUrl(job.url)),
+          channel_(channel),
+          module_(module),
+          stop_(stop) {
+        sendConfig(url_);  // refuses what cannot be sent to
+    }
+    Task(const Task&) = delete;
+    Task& operator=(const Task&) = delete;
+    ~Task() {
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+    void start() {
+        thread_ = std::thread([this] {
+            try {
+                run();
+            } catch (...) {
+                failure_ = std::current_exception();
+            }
+            ended_.store(true, std::memory_order_release);
+        });
+    }
+
+    // The release pairs with this: what the thread has written is there.
+    bool ended() const { return ended_.load(std::memory_order_acquire); }
+    std::string line() const {
+        const std::lock_guard lock(lineLock_);
+        return line_;
+    }
+
+    // When it has ended.
+    const std::exception_ptr& failure() const { return failure_; }
+    const std::string& summary() const { return summary_; }  // empty = nothing was sent
+    const std::string& warning() const { return warning_; }  // empty = none
+    const SendJob& job() const { return job_; }
+
+  private:
+    void run() {
+        report("opening");
+        // Under RTP a change of the bitrate would begin the sequence numbers anew.
+        const bool followed = !job_.bitrate_bps && !url_.rtp;
+        PacedStream stream(job_, followed);  // may wait for the writer of a FIFO
+        stream.open(stop_);
+        if (!stop_.requested()) {
+            Sending sending(stream, module_.get(), channel_, url_, followed, stop_,
+                            [this](const std::string& line) { report(line); });
+            sending.run();
+            summary_ = sending.summary();
+        }
+        const PacketSource& source = stream.source();
+        if (source.skippedBytes() > 0)
+            warning_ = fmt::format("{}: {} bytes in {} places are no packets and were skipped",
+                                   source.name(), source.skippedBytes(), source.skippedPlaces());
+        // A loop has no other end, unless it was given one.
+        if (stop_.requested() && !job_.loop)
+            throw Failure(
+                fmt::format("stopped by {} before the end of {}", stop_.name(), source.name()));
+    }
+
+    void report(const std::string& line) {
+        const std::lock_guard lock(lineLock_);
+        line_ = line;
+    }
+
+    const SendJob& job_;
+    const StreamUrl url_;
+    const uint32_t channel_;
+    SharedModule& module_;
+    StopSignal& stop_;
+    mutable std::mutex lineLock_;  // guards line_
+    std::string line_;
+    std::exception_ptr failure_;
+    std::string summary_;
+    std::string warning_;
+    std::atomic<bool> ended_{false};
+    std::thread thread_;  // last: it uses the rest
+};
+
+using Tasks = std::vector<std::unique_ptr<Task>>;
+
+std::string message(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+std::string shortName(const Task& task) {
+    return fmt::format("{} -> {}", task.job().input, task.job().url);
+}
+
+void showProgress(Progress& progress, const Tasks& tasks) {
+    if (!progress.due())
+        return;
+    std::vector<std::string> lines;
+    for (const auto& task : tasks) {
+        const std::string state = !task->ended()    ? task->line()
+                                  : task->failure() ? "failed"
+                                                    : task->summary();
+        lines.push_back(tasks.size() == 1 ? state : fmt::format("{}  {}", shortName(*task), state));
+    }
+    progress.show(lines);
+}
+
+// Shows how far the tasks are until all have ended, and says at once when one fails.
+void attend(Progress& progress, const Tasks& tasks) {
+    std::set<const Task*> done;
+    while (done.size() < tasks.size()) {
+        for (const auto& task : tasks) {
+            if (!task->ended() || !done.insert(task.get()).second)
+                continue;
+            if (task->failure() && tasks.size() > 1)
+                progress.warn(fmt::format("{}: {}", shortName(*task), message(task->failure())));
+        }
+        showProgress(progress, tasks);
+        std::this_thread::sleep_for(kBoardInterval);
+    }
+}
+
+void conclude(Progress& progress, const Tasks& tasks) {
+    size_t failed = 0;
+    for (const auto& task : tasks) {
+        if (!task->summary().empty())
+            progress.summary(task->summary());
+        if (!task->warning().empty())
+            progress.warn(task->warning());
+        failed += task->failure() ? 1 : 0;
+    }
+    if (failed > 0 && tasks.size() == 1)
+        std::rethrow_exception(tasks.front()->failure());
+    if (failed > 0)
+        throw Failure(
+            fmt::format("{} of {} streams were not sent to their end", failed, tasks.size()));
+}
+
+void checkJobs(const std::vector<SendJob>& jobs) {
+    std::set<std::string> inputs;
+    std::set<std::string> urls;
+    if (jobs.size() > QXV_RTP_CHANNELS)
+        throw UsageError(
+            fmt::format("{} streams; there are {} send channels", jobs.size(), QXV_RTP_CHANNELS));
+    for (const SendJob& job : jobs) {
+        if (job.input == "-" && !inputs.insert(job.input).second)
+            throw UsageError("standard input can be sent to one URL only");
+        if (job.input == "-" && job.loop)
+            throw UsageError("--loop repeats a file; standard input cannot be rewound");
+        if (!urls.insert(job.url).second)
+            throw UsageError(fmt::format("'{}' is given twice", job.url));
+    }
+}
+
+// What the command line gives: pairs of an input and a URL, and options for all of them.
+struct Arguments {
+    std::vector<std::string> pairs;
+    std::string bitrate;
+    std::string start;
+    std::string duration;
+    bool loop = false;
+};
+
+std::vector<SendJob> jobsOf(const Arguments& given) {
+    if (given.pairs.size() % 2 != 0)
+        throw UsageError(fmt::format("there is no URL for '{}': inputs and URLs come in pairs",
+                                     given.pairs.back()));
+    SendJob job;
+    job.loop = given.loop;
+    if (!given.bitrate.empty())
+        job.bitrate_bps = bitrate("--bitrate", given.bitrate);
+    if (!given.start.empty())
+        job.start = duration("--start", given.start, 0.0, 1e9);
+    if (!given.duration.empty())
+        job.duration = duration("--duration", given.duration, 0.001, 1e9);
+    std::vector<SendJob> jobs;
+    for (size_t i = 0; i < given.pairs.size(); i += 2) {
+        job.input = given.pairs[i];
+        job.url = given.pairs[i + 1];
+        jobs.push_back(job);
+    }
+    return jobs;
+}
+
+constexpr auto kHelp =
+    "Options apply to all pairs. Each pair is sent on a channel of its own, 16 at most; one that\n"
+    "fails does not stop the others. Done (0) when all have left or, with --loop, when SIGINT or\n"
+    "SIGTERM comes.\n"
+    "\n"
+    "  qxvrtp send film.ts rtp://239.1.1.1:5000\n"
+    "  qxvrtp send a.ts udp://239.1.1.1:5000 b.ts udp://239.1.1.2:5000 --loop\n"
+    "  qxvrtp send film.ts udp://192.0.2.7:5000 --start 600 --duration 30\n"
+    "  ffmpeg ... -f mpegts - | qxvrtp send - 'udp://239.1.1.1:5000?ttl=4'\n"
+    "\n"
+    "Rate: without --bitrate, a stream goes at the pace of its PCRs. udp:// follows a rate that\n"
+    "varies, up to four times a second, where it would otherwise be 20 ms early or late. rtp://\n"
+    "keeps the mean rate of the first 8 MB (of a pipe: of the first second): a change would begin\n"
+    "the sequence numbers anew, and receivers drop what seems to be late. Live input is delayed "
+    "by\n"
+    "the second that is measured.\n"
+    "Bytes: packets have 188 or 204 bytes, and the rate counts all of them. They are sent as they\n"
+    "are; null packets fill up the last datagram. Bytes that are no packets are skipped, which a\n"
+    "warning tells in the end.\n"
+    "Loop: the seam takes no time, keeps the rate, and changes no byte: PCRs and continuity\n"
+    "counters jump there, unannounced, as in any stream that is spliced without being remade.\n"
+    "Times count in the stream's own time, by its PCRs, or by --bitrate where it has none. "
+    "--start\n"
+    "holds for each turn of a loop, --duration for all turns together.\n";
 
 }  // namespace
 
-void runSend(const SendOptions& options) {
-    const StreamUrl url = parseStreamUrl(options.url);
-    sendConfig(url);  // refuses what cannot be sent to before anything is opened
-    PacketSource source(options.file, options.loop);  // may wait for the writer of a FIFO
+void runSend(const std::vector<SendJob>& jobs) {
+    checkJobs(jobs);
+    SharedModule module;
     StopSignal stop;
-    source.open(!options.bitrate_bps, stop);
-    if (!stop.requested()) {
-        const uint32_t bitrate_bps = chooseBitrate(options, source);
-        HostModule module;
-        Sending sending(source, module, url, bitrate_bps, stop);
-        sending.run();
-        sending.summarise();
-    }
-    // A loop has no other end.
-    if (stop.requested() && !options.loop)
-        throw Failure(
-            fmt::format("stopped by {} before the end of {}", stop.name(), source.name()));
+    Tasks tasks;
+    for (const SendJob& job : jobs)
+        tasks.push_back(
+            std::make_unique<Task>(job, static_cast<uint32_t>(tasks.size()), module, stop));
+    Progress progress;
+    for (const auto& task : tasks)
+        task->start();
+    attend(progress, tasks);
+    conclude(progress, tasks);
 }
 
 void addSendCommand(CLI::App& app) {
-    struct Arguments {
-        SendOptions options;
-        std::string bitrate;
-    };
-    auto* const command = app.add_subcommand("send", "Send a transport stream");
+    auto* const command = app.add_subcommand("send", "Send transport streams");
     const auto given = std::make_shared<Arguments>();
-    command->add_option("FILE", given->options.file, "Stream to send; - is standard input")
+    command
+        ->add_option("INPUT URL", given->pairs,
+                     "Stream to send (- is standard input), and where to send it")
         ->required()
-        ->type_name("");
-    command->add_option("URL", given->options.url, "Where to send it")->required()->type_name("");
+        ->type_name("...");
     command
         ->add_option("-b,--bitrate", given->bitrate,
-                     "Bits per second, like 2500000, 2500k or 2.5M; without it, the rate of the "
-                     "stream's PCRs")
+                     "Bits per second, like 2500000, 2500k or 2.5M, kept throughout; without it, "
+                     "the pace of the stream's PCRs")
         ->type_name("RATE");
-    command->add_flag("-l,--loop", given->options.loop, "Repeat the file until a signal comes");
-    command->footer(fmt::format(
-        "Packets have 188 or 204 bytes; the rate counts all of them. The last datagram is filled\n"
-        "up with null packets. Done (0) when all has left, or with --loop when SIGINT or SIGTERM\n"
-        "comes.\n{}",
-        urlHelp()));
-    command->callback([given] {
-        if (!given->bitrate.empty())
-            given->options.bitrate_bps = bitrate("--bitrate", given->bitrate);
-        runSend(given->options);
-    });
+    command->add_flag("-l,--loop", given->loop, "Repeat the input, a file, until a signal comes");
+    command->add_option("-s,--start", given->start, "Skip this much of the stream at the beginning")
+        ->type_name("SECONDS");
+    command->add_option("-d,--duration", given->duration, "Send this much of the stream, then end")
+        ->type_name("SECONDS");
+    command->footer(kHelp + urlHelp());
+    command->callback([given] { runSend(jobsOf(*given)); });
 }

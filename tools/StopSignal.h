@@ -2,13 +2,15 @@
 #ifndef TOOLS_STOPSIGNAL_H
 #define TOOLS_STOPSIGNAL_H
 
+#include <atomic>
+
 // Blocks both signals for the calling thread and all threads that it starts from then on, and lets
 // the commands ask in between whether one has come. Nothing runs in a signal handler, and no
 // blocking call is left half done.
 //
 // SIGPIPE is ignored, so that a reader that goes away is seen as an error of write().
 //
-// Thread safety: one thread asks.
+// Thread safety: any thread asks.
 class StopSignal {
   public:
     StopSignal();
@@ -20,7 +22,7 @@ class StopSignal {
     const char* name() const;
 
   private:
-    int signal_ = 0;
+    std::atomic<int> signal_{0};
 };
 
 #endif

@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace {
 
-constexpr uint8_t kSyncByte = 0x47;
 constexpr size_t kSyncRun = 5;
 constexpr size_t kSyncRunAtLeast = 3;
 
@@ -62,6 +62,16 @@ std::optional<PacketLayout> findPackets(std::span<const uint8_t> data) {
     return std::nullopt;
 }
 
+std::optional<size_t> findPackets(std::span<const uint8_t> data, size_t packetSize,
+                                  bool moreToCome) {
+    const size_t least = moreToCome ? (kSyncRun - 1) * packetSize + 1 : 1;
+    for (size_t offset = 0; offset + least <= data.size(); ++offset) {
+        if (data[offset] == kSyncByte && isRunOfPackets(data.subspan(offset), packetSize))
+            return offset;
+    }
+    return std::nullopt;
+}
+
 void appendNullPackets(std::vector<uint8_t>& data, size_t packetSize, size_t count) {
     for (size_t i = 0; i < count; ++i) {
         const size_t begin = data.size();
@@ -83,6 +93,37 @@ std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next) {
     if (next.discontinuous || step > kPcrStepLimit)
         return std::nullopt;
     return step;
+}
+
+std::optional<PcrIntervals::Interval> PcrIntervals::add(const uint8_t* packet) {
+    const uint64_t position = position_;
+    position_ += packetSize_;
+    const auto pcr = readPcr(packet);
+    if (!pcr)
+        return std::nullopt;
+    const auto [found, isNew] = clocks_.try_emplace(pcr->pid);
+    const Clock from = std::exchange(found->second, {pcr->ticks, position});
+    // A clock that stands still measures nothing.
+    const uint64_t ticks = isNew ? 0 : pcrStep(from.lastPcr, *pcr).value_or(0);
+    if (ticks == 0 || from.lastPosition < followedTo_)
+        return std::nullopt;
+    const uint64_t gapBytes = from.lastPosition - std::exchange(followedTo_, position);
+    return Interval{gapBytes, position - from.lastPosition, ticks};
+}
+
+std::chrono::nanoseconds StreamTime::add(const uint8_t* packet) {
+    const uint64_t bytes = intervals_.bytes();
+    if (const auto interval = intervals_.add(packet)) {
+        if (!std::exchange(clocked_, true))
+            seconds_ = 0.0;
+        // The gap is taken to flow as what follows it.
+        const double share = static_cast<double>(interval->gapBytes + interval->bytes) /
+                             static_cast<double>(interval->bytes);
+        seconds_ += share * static_cast<double>(interval->ticks) / double{kPcrHz};
+    } else if (!clocked_ && bitrate_bps_) {
+        seconds_ = static_cast<double>(bytes) * 8.0 / static_cast<double>(*bitrate_bps_);
+    }
+    return std::chrono::nanoseconds(std::llround(seconds_ * 1e9));
 }
 
 void PcrBitrate::add(const uint8_t* packet) {

@@ -4,6 +4,7 @@
 #define TOOLS_TRANSPORTSTREAM_H
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -15,6 +16,7 @@
 inline constexpr size_t kPacketBytes = 188;
 inline constexpr size_t kPacketWithParityBytes = 204;  // with 16 bytes of Reed-Solomon parity
 inline constexpr size_t kPacketsPerDatagram = 7;       // as many as fit an Ethernet frame
+inline constexpr uint8_t kSyncByte = 0x47;
 inline constexpr uint16_t kNullPid = 0x1FFF;
 
 struct PacketLayout {
@@ -25,6 +27,11 @@ struct PacketLayout {
 // Looks for the first place from which on the sync bytes stand one packet apart: five of them, or
 // as many as the data has room for, but three at least.
 std::optional<PacketLayout> findPackets(std::span<const uint8_t> data);
+
+// The same for packets of that size, as an offset. Where more data is to come, only a run of five
+// counts.
+std::optional<size_t> findPackets(std::span<const uint8_t> data, size_t packetSize,
+                                  bool moreToCome);
 
 // Appends `count` null packets of that size.
 void appendNullPackets(std::vector<uint8_t>& data, size_t packetSize, size_t count);
@@ -43,6 +50,50 @@ std::optional<Pcr> readPcr(const uint8_t* packet);
 // Ticks from one PCR of a PID to the next. None: a splice, where one clock ends and another begins;
 // a PCR that wraps is none.
 std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next);
+
+// Goes from PCR to PCR. Of several PIDs with PCRs the one is followed that is, until it falls silent.
+class PcrIntervals {
+  public:
+    explicit PcrIntervals(size_t packetSize) : packetSize_(packetSize) {}
+
+    struct Interval {
+        uint64_t gapBytes;  // in front of it, since the last one: what no clock covers
+        uint64_t bytes;
+        uint64_t ticks;  // never 0
+    };
+    // Packets are added in order, each of them. Tells the interval that ends with this packet.
+    std::optional<Interval> add(const uint8_t* packet);
+
+    uint64_t bytes() const { return position_; }  // of all packets added
+
+  private:
+    struct Clock {
+        uint64_t lastPcr;
+        uint64_t lastPosition;
+    };
+    size_t packetSize_;
+    uint64_t position_ = 0;
+    uint64_t followedTo_ = 0;
+    std::unordered_map<uint16_t, Clock> clocks_;
+};
+
+// The time that passes in a stream by its own clock, or at the given bitrate while it has none.
+class StreamTime {
+  public:
+    StreamTime(size_t packetSize, std::optional<uint32_t> bitrate_bps)
+        : intervals_(packetSize), bitrate_bps_(bitrate_bps) {}
+
+    // The time in front of the packet; where the stream has a clock, it moves with the PCRs only.
+    std::chrono::nanoseconds add(const uint8_t* packet);
+
+    bool isKnown() const { return clocked_ || bitrate_bps_; }
+
+  private:
+    PcrIntervals intervals_;
+    std::optional<uint32_t> bitrate_bps_;
+    bool clocked_ = false;
+    double seconds_ = 0.0;
+};
 
 // The rate of a stream by its own clock: bytes between the PCRs of one PID, over the time between
 // them. Of several PIDs with PCRs the one counts that covers the longest time.

@@ -1,0 +1,189 @@
+#include "Sending.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Errors.h"
+#include "Progress.h"
+#include "Quantity.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr size_t kChunkPackets = 16 * kPacketsPerDatagram;
+constexpr auto kPollInterval = 2ms;
+constexpr auto kSourceWait = 20ms;
+constexpr auto kReportInterval = 250ms;
+constexpr auto kLastDatagram = 1s;  // for it to be counted
+constexpr auto kPatience = 3s;  // with a socket that does not open, or datagrams that do not leave
+
+// A channel takes a look at this many bytes before it sends the first datagram.
+constexpr size_t kDetectionBytes = 2048;
+
+}  // namespace
+
+Sending::Sending(PacedStream& stream, HostModule& module, uint32_t channel, const StreamUrl& url,
+                 bool followsStream, StopSignal& stop, Report report)
+    : stream_(stream),
+      url_(url),
+      followsStream_(followsStream),
+      stop_(stop),
+      report_(std::move(report)),
+      payload_(kPacketsPerDatagram * stream.source().packetSize()),
+      channel_(module, channel, sendConfig(url), stream.bitrate()),
+      schedule_(stream.bitrate(), payload_) {}
+
+std::chrono::milliseconds Sending::elapsed() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started_);
+}
+
+uint64_t Sending::takenBytes() const {
+    return handed_ - std::min<uint64_t>(handed_, channel_.bufferedBytes());
+}
+
+uint64_t Sending::sentDatagrams() const {
+    return std::min(handed_ / payload_, sentBefore_ + channel_.datagrams());
+}
+
+std::string Sending::summary() const {
+    const uint64_t datagrams = sentDatagrams();
+    return fmt::format(
+        "sent {} in {} to {}: {} datagrams at {}", formatBytes(datagrams * payload_),
+        formatTime(elapsed()), url_.text, datagrams,
+        changes_ == 0 ? formatBitrate(stream_.bitrate())
+                      : fmt::format("the stream's own pace, {} changes of the rate", changes_));
+}
+
+bool Sending::waitForSocket() {
+    while (!channel_.socketIsOpen()) {
+        if (!attend())
+            return false;
+        std::this_thread::sleep_for(kPollInterval);
+    }
+    return true;
+}
+
+bool Sending::feed() {
+    const size_t chunk = kChunkPackets * stream_.source().packetSize();
+    while (!stream_.ended()) {
+        if (!attend())
+            return false;
+        if (channel_.freeBytes() < chunk)
+            std::this_thread::sleep_for(kPollInterval);
+        else
+            hand(stream_.take(chunk, kSourceWait));
+    }
+    return true;
+}
+
+// Only whole datagrams leave, and none before the channel has seen enough to tell the packet size:
+// null packets make up for what is missing.
+bool Sending::pad() {
+    std::vector<uint8_t> padding;
+    while ((handed_ + padding.size()) % payload_ != 0 || handed_ + padding.size() < kDetectionBytes)
+        appendNullPackets(padding, stream_.source().packetSize(), 1);
+    while (channel_.freeBytes() < padding.size()) {
+        if (!attend())
+            return false;
+        std::this_thread::sleep_for(kPollInterval);
+    }
+    hand(padding);
+    return true;
+}
+
+bool Sending::drain() {
+    while (channel_.bufferedBytes() >= payload_) {
+        if (!attend())
+            return false;
+        std::this_thread::sleep_for(kPollInterval);
+    }
+    return true;
+}
+
+// The last datagram is counted a moment after it was taken from the buffer.
+bool Sending::confirm() {
+    const uint64_t expected = handed_ / payload_;
+    const auto deadline = Clock::now() + kLastDatagram;
+    while (sentDatagrams() < expected && Clock::now() < deadline)
+        std::this_thread::sleep_for(kPollInterval);
+    const uint64_t sent = sentDatagrams();
+    if (sent < expected)
+        throw Failure(fmt::format("{} of {} datagrams could not be sent to {}", expected - sent,
+                                  expected, url_.text));
+    return true;
+}
+
+void Sending::hand(std::span<const uint8_t> data) {
+    // A refusal means that the channel is cancelled; attend() tells why.
+    if (channel_.send(data))
+        handed_ += data.size();
+}
+
+// What has to be looked after all the time. False when a signal asks for the end.
+bool Sending::attend() {
+    if (channel_.isCancelled())
+        throw Failure(fmt::format("the channel to {} stopped after about {} bytes of {}", url_.text,
+                                  sentDatagrams() * payload_, stream_.source().name()));
+    watchSocket();
+    watchDatagrams();
+    if (followsStream_)
+        followStream();
+    reportProgress();
+    return !stop_.requested();
+}
+
+void Sending::watchSocket() {
+    if (channel_.socketIsOpen())
+        socketSeen_ = Clock::now();
+    else if (Clock::now() - socketSeen_ > kPatience)
+        throw Failure(fmt::format(
+            "no socket could be opened to send to {}{}", url_.text,
+            url_.localAddress.empty()
+                ? "; is there a route to it?"
+                : fmt::format("; is {} an address of this machine?", url_.localAddress)));
+}
+
+// A datagram that could not be sent has left the buffer, but is not counted.
+void Sending::watchDatagrams() {
+    const uint64_t taken = takenBytes() / payload_;
+    const uint64_t sent = sentDatagrams();
+    if (sent != sentSeen_) {
+        sentSeen_ = sent;
+        takenThen_ = taken;
+        sentTime_ = Clock::now();
+    } else if (taken <= takenThen_ + 1) {
+        sentTime_ = Clock::now();
+    } else if (Clock::now() - sentTime_ > kPatience) {
+        throw Failure(
+            fmt::format("the datagrams cannot be sent to {}; is there a route to it?", url_.text));
+    }
+}
+
+void Sending::followStream() {
+    const uint64_t taken = takenBytes();
+    const auto stretch = stream_.stretch(taken);
+    const auto change = stretch ? schedule_.change(taken, *stretch, Clock::now()) : std::nullopt;
+    if (!change)
+        return;
+    // The count begins anew. A datagram that is on its way at this moment may be counted on either
+    // side; it must not look like one that could not be sent.
+    const uint64_t sent = sentDatagrams();
+    const uint64_t takenDatagrams = taken / payload_;
+    channel_.setBitrate(*change);
+    sentBefore_ = takenDatagrams <= sent + 1 ? std::max(sent, takenDatagrams) : sent;
+    ++changes_;
+}
+
+void Sending::reportProgress() {
+    if (Clock::now() < reportDue_)
+        return;
+    reportDue_ = Clock::now() + kReportInterval;
+    report_(fmt::format("{}  {}  asked {}  measured {}", formatTime(elapsed()),
+                        formatBytes(sentDatagrams() * payload_), formatBitrate(schedule_.bitrate()),
+                        formatBitrate(channel_.measuredBitrate())));
+}

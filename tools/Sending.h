@@ -1,0 +1,68 @@
+// One send channel, from the opening of its socket to its last datagram.
+#ifndef TOOLS_SENDING_H
+#define TOOLS_SENDING_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "HostModule.h"
+#include "PacedStream.h"
+#include "SendSchedule.h"
+#include "StopSignal.h"
+#include "StreamUrl.h"
+
+class Sending {
+  public:
+    using Report = std::function<void(const std::string& line)>;
+
+    // `report` gets a line of progress a few times a second.
+    Sending(PacedStream& stream, HostModule& module, uint32_t channel, const StreamUrl& url,
+            bool followsStream, StopSignal& stop, Report report);
+
+    // False when stopped by a signal. Throws Failure.
+    bool run() { return waitForSocket() && feed() && pad() && drain() && confirm(); }
+
+    std::string summary() const;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    bool waitForSocket();
+    bool feed();
+    bool pad();
+    bool drain();
+    bool confirm();
+
+    bool attend();
+    void watchSocket();
+    void watchDatagrams();
+    void followStream();
+    void reportProgress();
+
+    void hand(std::span<const uint8_t> data);
+    uint64_t takenBytes() const;  // by the channel, from its buffer
+    uint64_t sentDatagrams() const;
+    std::chrono::milliseconds elapsed() const;
+
+    PacedStream& stream_;
+    const StreamUrl& url_;
+    const bool followsStream_;
+    StopSignal& stop_;
+    const Report report_;
+    const size_t payload_;
+    SendChannel channel_;
+    SendSchedule schedule_;
+    uint64_t handed_ = 0;
+    uint64_t sentBefore_ = 0;  // datagrams, before the bitrate was changed last
+    uint64_t changes_ = 0;
+    const Clock::time_point started_ = Clock::now();
+    Clock::time_point reportDue_ = started_;
+    Clock::time_point socketSeen_ = started_;
+    Clock::time_point sentTime_ = started_;
+    uint64_t sentSeen_ = 0;
+    uint64_t takenThen_ = 0;
+};
+
+#endif
