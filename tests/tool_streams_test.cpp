@@ -80,6 +80,58 @@ TEST(Tool, ReceiveRecordsByteForByteWhatSendSendsWithItsTail) {
     }
 }
 
+TEST(Tool, SendSkipsWhatIsNoPacketAndGoesOnWhenAnotherInputFails) {
+    const std::string sample = Contents(kSample).substr(0, 400 * 188);
+    for (const size_t size : {188u, 204u}) {
+        std::string damaged = "in front", whole;
+        for (size_t i = 0; i < 400; ++i) {
+            std::string packet = sample.substr(i * 188, 188) + std::string(size - 188, 'p');
+            if (i != 100 && i != 200)
+                whole += packet;
+            for (size_t j = i == 50 || i == 300 ? i * 10 : 0; j > 0; --j)
+                packet += j % 7 == 0 ? "\x47" : "g";
+            if (i == 200)
+                packet[0] = 0;
+            damaged += i == 100 ? packet.substr(0, 150) : packet;
+        }
+        std::ofstream("/tmp/damaged") << damaged + "\x47 and a tail";
+        std::ofstream("/tmp/sound") << whole;
+        const size_t length = (398 + 6) / 7 * 7 * size;
+        Process first = Receive("udp://:7005", 7005, "-n " + std::to_string(length));
+        Process second = Receive("udp://:7006", 7006, "-n " + std::to_string(length));
+        EXPECT_EQ(Process::Tool("send /dev/fd/3 udp://127.0.0.1:7005 /nonexistent "
+                                "udp://127.0.0.1:7007 /dev/fd/4 rtp://127.0.0.1:7006 "
+                                "3< /tmp/damaged 4< /tmp/sound 2> /tmp/said")
+                      .Wait(),
+                  1);
+        EXPECT_EQ(first.Wait() + second.Wait(), 0) << size;
+        EXPECT_TRUE(Contents("/tmp/7005").substr(0, whole.size()) == whole) << size;
+        EXPECT_TRUE(Contents("/tmp/7006") == Contents("/tmp/7005")) << size;
+        const std::string said = Contents("/tmp/said");
+        for (const char* part : {"/nonexistent", "in 6 places", "1 of 3"})
+            EXPECT_NE(said.find(part), std::string::npos) << said;
+    }
+}
+
+TEST(Tool, SendKeepsToStartAndDurationInTheStreamsTimeAndThroughALoop) {
+    const std::string sample = Contents(kSample);
+    const auto sent = [](const std::string& options) {
+        Process receiver = Receive("udp://:7008", 7008);
+        EXPECT_EQ(Process::Tool("send " + kSample + " udp://127.0.0.1:7008 " + options).Wait(), 0);
+        EXPECT_EQ(receiver.End(SIGINT), 0);
+        const std::string all = Contents("/tmp/7008");
+        return all.substr(0, all.find("\x47\x1F\xFF\x10\xFF\xFF") / 188 * 188);
+    };
+    const std::string excerpt = sent("--start 0.3 --duration 0.4");
+    const double second = 100'000;  // in bytes of the sample
+    EXPECT_NEAR(excerpt.size(), 0.4 * second, 0.1 * second);
+    EXPECT_NEAR(sample.find(excerpt), 0.3 * second, 0.1 * second);
+    const std::string looped = sent("--loop --start 0.3 --duration 1.5 -b 20M");
+    const std::string turn = sample.substr(sample.find(excerpt));
+    EXPECT_NEAR(looped.size(), 1.5 * second, 0.1 * second);
+    EXPECT_TRUE(looped == (turn + turn).substr(0, looped.size()));
+}
+
 TEST(Tool, FfprobeFindsTheStreamsInWhatSendSends) {
     if (!HaveFfmpeg())
         GTEST_SKIP() << "ffmpeg and ffprobe are not installed";
@@ -132,9 +184,12 @@ TEST(Tool, WrongUsageIsTwoAndFailureOneWithOneLineThatSaysWhy) {
     const std::vector<std::string> cases[] = {
         {},
         {"send /nonexistent " + url, "send /dev/null " + url, "send /bin/sh " + url,
-         "send " + kSample + " udp://192.0.2.1:7030", "receive udp://192.0.2.1:7030 -",
-         "receive " + url + " /nonexistent/file", "receive " + url + " - -d 0.2"},
+         "send --start 99 " + kSample + ' ' + url, "send " + kSample + " udp://192.0.2.1:7030",
+         "receive udp://192.0.2.1:7030 -", "receive " + url + " /nonexistent/file",
+         "receive " + url + " - -d 0.2"},
         {"", "frobnicate", "send", "send --nonsense " + kSample + ' ' + url,
+         "send - " + url + " - udp://127.0.0.1:7031", "send " + kSample + ' ' + url + " x",
+         "send " + kSample + ' ' + url + " - " + url, "send - " + url + " --loop",
          "send " + kSample + " http://127.0.0.1:7030", "send " + kSample + " udp://localhost:7030",
          "send " + kSample + " udp://127.0.0.1:65536", "send " + kSample + ' ' + url + " -b 5x",
          "send " + kSample + ' ' + url + " -b 0", "receive " + url + "?ttl=256 -",
