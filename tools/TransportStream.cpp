@@ -43,11 +43,20 @@ bool hasAdaptation(const uint8_t* packet, uint8_t length) {
            ts_get_adaptation(packet) < kPacketBytes - TS_HEADER_SIZE;
 }
 
+// Whether the packet announces that its PID's counter and clock start anew.
 bool isDiscontinuous(const uint8_t* packet) {
     return hasAdaptation(packet, kFlagsOnly) && tsaf_has_discontinuity(packet);
 }
 
 }  // namespace
+
+std::span<const uint8_t> packetPayload(const uint8_t* packet) {
+    if (!ts_has_payload(packet))
+        return {};
+    const size_t begin =
+        TS_HEADER_SIZE + (ts_has_adaptation(packet) ? size_t{1} + ts_get_adaptation(packet) : 0);
+    return std::span(packet, kPacketBytes).subspan(std::min(begin, kPacketBytes));
+}
 
 std::optional<PacketLayout> findPackets(std::span<const uint8_t> data) {
     for (size_t offset = 0; offset < data.size(); ++offset) {
@@ -166,28 +175,32 @@ double PcrBitrate::seconds() const {
     return clock == nullptr ? 0.0 : static_cast<double>(clock->ticks) / static_cast<double>(kPcrHz);
 }
 
-void ContinuityCounter::add(const uint8_t* packet) {
+Continuity ContinuityCounter::add(const uint8_t* packet) {
     // The header of a packet that is marked as damaged cannot be trusted. In null packets the
     // counter means nothing.
     const uint16_t pid = ts_get_pid(packet);
     if (ts_get_transporterror(packet) || pid == kNullPid)
-        return;
+        return Continuity::kInOrder;
     uint8_t& last = last_[pid];
     if (isDiscontinuous(packet))
         last = kUnknown;
     if (!ts_has_payload(packet))
-        return;  // the counter stands still in packets without payload
+        return Continuity::kInOrder;  // the counter stands still in packets without payload
     const uint8_t counter = ts_get_cc(packet);
+    auto result = Continuity::kInOrder;
     if (last != kUnknown) {
         const uint8_t before = last & 0x0F;
         if (ts_check_duplicate(counter, before) && (last & kRepeated) == 0) {
             last |= kRepeated;
-            return;
+            return Continuity::kDuplicate;
         }
-        if (ts_check_discontinuity(counter, before))
+        if (ts_check_discontinuity(counter, before)) {
             ++errors_;
+            result = Continuity::kJump;
+        }
     }
     last = counter;
+    return result;
 }
 
 bool PacketSplitter::synchronise() {

@@ -33,6 +33,9 @@ std::optional<PacketLayout> findPackets(std::span<const uint8_t> data);
 std::optional<size_t> findPackets(std::span<const uint8_t> data, size_t packetSize,
                                   bool moreToCome);
 
+// What a packet carries behind its header and adaptation field; may be nothing.
+std::span<const uint8_t> packetPayload(const uint8_t* packet);
+
 // Appends `count` null packets of that size.
 void appendNullPackets(std::vector<uint8_t>& data, size_t packetSize, size_t count);
 
@@ -124,12 +127,15 @@ class PcrBitrate {
     std::unordered_map<uint16_t, Clock> clocks_;
 };
 
+enum class Continuity { kInOrder, kDuplicate, kJump };
+
 // Counts the places where the continuity counter of a PID jumps (ISO/IEC 13818-1, 2.4.3.3).
 class ContinuityCounter {
   public:
     ContinuityCounter() { last_.fill(kUnknown); }
 
-    void add(const uint8_t* packet);
+    // What the packet is to the one of its PID before it.
+    Continuity add(const uint8_t* packet);
     uint64_t errors() const { return errors_; }
 
   private:

@@ -1,4 +1,4 @@
-// qxvrtp: sends, receives and demonstrates transport streams over UDP and RTP.
+// qxvrtp: sends, receives, analyses and demonstrates transport streams over UDP and RTP.
 
 #include <fmt/format.h>
 
@@ -10,8 +10,11 @@
 
 #include "DemoCommand.h"
 #include "Errors.h"
+#include "ProbeCommand.h"
 #include "ReceiveCommand.h"
 #include "SendCommand.h"
+#include "StatusCommand.h"
+#include "TopCommand.h"
 
 namespace {
 
@@ -49,6 +52,9 @@ int run(int argc, char** argv) {
     app.footer("'qxvrtp COMMAND --help' tells more.");
     addSendCommand(app);
     addReceiveCommand(app);
+    addProbeCommand(app);
+    addStatusCommand(app);
+    addTopCommand(app);
     addDemoCommand(app);
     try {
         checkCommand(app, argc > 1 ? argv[1] : "");

@@ -1,0 +1,18 @@
+// Texts that come from a stream or from another process's memory, made fit to be shown: no control
+// characters, which a terminal would obey, and valid UTF-8.
+#ifndef TOOLS_SAFETEXT_H
+#define TOOLS_SAFETEXT_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+// A text of DVB service information (EN 300 468, annex A): ISO/IEC 6937 unless its first bytes
+// select another table. What cannot be read becomes U+FFFD.
+std::string dvbText(std::span<const uint8_t> text);
+
+// One word of ASCII: any other byte, the space and the backslash are written as \x20.
+std::string escapeBytes(std::string_view bytes);
+
+#endif
