@@ -6,7 +6,8 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 ffmpeg \
-    libcli11-dev libfmt-dev libbitstream-dev nlohmann-json3-dev libgtest-dev
+    libcli11-dev libfmt-dev libbitstream-dev nlohmann-json3-dev libgtest-dev \
+    dpkg-dev file pkgconf lintian doxygen
 [ $# -gt 0 ] || set -- release dev lint asan tsan
 
 find module common sockets tools bench tests examples -name '*.[ch]' -o -name '*.cpp' |
