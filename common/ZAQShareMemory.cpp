@@ -10,6 +10,24 @@ namespace {
 
 constexpr mode_t kFileMode = 0777;  // less the process's umask
 
+// What is added to the flags changes nothing about a file that this class has made. In a directory
+// that everybody writes to, it keeps others from leading the process elsewhere or holding it up:
+//   O_NOFOLLOW  a symbolic link would have some other file changed, or made
+//   O_NONBLOCK  a file lease holds up who opens it for 45 seconds, a serial line until it is connected
+//   O_NOCTTY    a terminal would become the process's own
+//   O_CLOEXEC   the programs that the host starts have no use for the table
+int OpenFile(const char* name, int flags) {
+    const int file =
+        open(name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags, kFileMode);
+    if (file < 0 || file > STDERR_FILENO)
+        return file;
+    // The host has closed a standard stream. As its input the file would count as none here, and as
+    // one of the others it would be written to by whoever prints something.
+    const int other = fcntl(file, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(file);
+    return other;
+}
+
 bool NameFits(const char* name) {
     return name != nullptr &&
            strnlen(name, sizeof(CZAQShareMemory::Name)) < sizeof(CZAQShareMemory::Name);
@@ -70,7 +88,7 @@ int CZAQShareMemory::Create(char* name, unsigned int size, int openExisting) {
         return 0;
     // An earlier process of this user keeps its mapping of the file, which loses its name here.
     unlink(name);
-    File = open(name, O_RDWR | O_CREAT | O_EXCL, kFileMode);
+    File = OpenFile(name, O_CREAT | O_EXCL);
     if (File >= 0) {
         Owner = 1;
         if (!FillWithZeros(File, size)) {
@@ -82,7 +100,7 @@ int CZAQShareMemory::Create(char* name, unsigned int size, int openExisting) {
     } else {
         if (openExisting == 0)
             return 0;
-        File = open(name, O_RDWR | O_CREAT, kFileMode);
+        File = OpenFile(name, O_CREAT);
         if (File < 0)
             return 0;
         Owner = 0;
@@ -101,7 +119,7 @@ int CZAQShareMemory::Open(char* name, unsigned int size) {
     if (Address != nullptr || File != 0 || !NameFits(name))
         return 0;
     unlink(name);
-    File = open(name, O_RDWR, kFileMode);
+    File = OpenFile(name, 0);
     if (File < 0 || !Map(*this, size))
         return 0;
     Size = size;

@@ -1,8 +1,11 @@
 // Load and unload, the handle, and what the module tells of itself.
 #include "QXV_RTP.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -73,11 +76,23 @@ void LayDownDefaults(RtpContext& context) {
     }
 }
 
-// A file shorter than the table, which another process may have left, would be mapped without
-// complaint and raise SIGBUS at the first access behind its end.
-bool HoldsTable(int file) {
+// A file that another process has left is mapped without complaint, and an access may raise SIGBUS
+// later: behind the file's end, or in a hole that a full disk can not fill. Every page is made writable
+// now, so that such a file is refused instead.
+//
+// The length must stay. Who may write to the file (its owner and root, or everybody where the umask
+// was 0) can cut it while it is mapped, and nothing short of a signal handler, which is the host's
+// own affair, keeps the next access from raising SIGBUS.
+bool HoldsTable(const CZAQShareMemory& segment) {
+    constexpr size_t kSize = sizeof(RtpContext);
     struct stat status {};
-    return fstat(file, &status) == 0 && status.st_size >= static_cast<off_t>(sizeof(RtpContext));
+    if (fstat(segment.File, &status) != 0 || status.st_size < static_cast<off_t>(kSize))
+        return false;
+    if (madvise(segment.Address, kSize, MADV_POPULATE_WRITE) == 0)
+        return true;
+    // Before Linux 5.14. Our own file has no holes.
+    return errno == EINVAL &&
+           (segment.Owner != 0 || fallocate(segment.File, FALLOC_FL_KEEP_SIZE, 0, kSize) == 0);
 }
 
 // The segment forgets its file and mapping, which stay for the life of the process: no exit handler
@@ -97,7 +112,7 @@ int QXV_RTP_Constructor() {
     char path[sizeof(kSharedMemoryPath)];
     memcpy(path, kSharedMemoryPath, sizeof(path));
     const bool created = g_ShareMemory.Create(path, sizeof(RtpContext), 1) != 0;
-    const bool usable = created && HoldsTable(g_ShareMemory.File);
+    const bool usable = created && HoldsTable(g_ShareMemory);
     if (usable) {
         g_pContext = reinterpret_cast<RtpContext*>(g_ShareMemory.Address);
         if (g_ShareMemory.Owner != 0)
