@@ -1,6 +1,7 @@
 #include "ZAQThread.h"
 
 #include <sched.h>
+#include <signal.h>
 #include <unistd.h>
 
 CZAQThread::CZAQThread() noexcept
@@ -35,6 +36,15 @@ int CZAQThread::StartThread(void (*routine)(void*), void* argument, int priority
         parameters.sched_priority = priority;
         failed = pthread_attr_setschedparam(&attributes, &parameters);
     }
+    // The host's signal handlers run on the host's threads, and cut short no sleep of this one. What a
+    // thread brings upon itself can not wait: blocked, it would end the process past any handler.
+    sigset_t blocked;
+    sigfillset(&blocked);
+    constexpr int kOwn[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
+    for (const int own : kOwn)
+        sigdelset(&blocked, own);
+    if (failed == 0)
+        failed = pthread_attr_setsigmask_np(&attributes, &blocked);
     if (failed == 0) {
         failed = pthread_create(&ThreadId, &attributes, &CZAQThread::ThreadRoutine, this);
         // POSIX leaves the identifier undefined when the thread could not be created.

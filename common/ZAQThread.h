@@ -12,7 +12,7 @@
 //
 // Thread safety: one owner at a time. The started thread touches only Routine and Argument, which
 // are set before it exists. In a child of fork() the thread is not there; closing or destroying the
-// object then forgets it without waiting.
+// object then forgets it without waiting. The host's signals are blocked in it.
 class ZAQ_EXPORT CZAQThread {
   public:
     CZAQThread() noexcept;
