@@ -1,6 +1,9 @@
 #include "Channel.h"
 
+#include <dlfcn.h>
+
 #include <cstring>
+#include <utility>
 
 #include "Module.h"
 #include "ZAQSockets.h"
@@ -77,6 +80,21 @@ Channel FindChannel(RtpChannelContext* record) {
             return {};
     }
     return {record, &g_ContextExt[0][direction][channel], &g_Locks[direction][channel]};
+}
+
+LibraryReference LibraryReference::ToThis() {
+    Dl_info self;
+    return LibraryReference(
+        dladdr(&g_Locks, &self) != 0 ? dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD) : nullptr);
+}
+
+LibraryReference::~LibraryReference() {
+    if (m_Handle != nullptr)
+        dlclose(m_Handle);
+}
+
+void LibraryReference::Exchange(const Channel& channel) {
+    std::swap(m_Handle, channel.Locks->Library);
 }
 
 // Four stores meet when a cancel and a start run at the same time: Cancel 1, Running 0 here, and

@@ -32,6 +32,8 @@ struct ChannelLocks {
     // socket is destroyed, and then nobody ever waits here; another library might let a callback
     // finish after Destroy, when the channel has been ended or has another socket.
     zaq::Mutex Intake;
+    // A reference to this library while the channel is started, see LibraryReference.
+    void* Library ZAQ_GUARDED_BY(Lifecycle) = nullptr;
 };
 
 // Record, runtime row and locks of one channel; all of them null when there is no such channel.
@@ -58,6 +60,27 @@ Channel FindChannel(RtpChannelContext* record);
 
 // Raises Cancel and clears Running. A cancel that meets a start comes before or after all of it.
 void CancelChannel(const Channel& channel);
+
+// Keeps this library loaded. Each started channel has a reference, since its threads run the library's
+// code: a host that unloads the module too early drops its own reference only, and gets the channels
+// back with the next load. Where there is none to be had, a host that ends its channels lacks nothing.
+//
+// Made before and dropped after the channel is locked, for both take the loader's lock, under which
+// other libraries' constructors may be calling the module.
+class LibraryReference {
+  public:
+    constexpr LibraryReference() = default;
+    static LibraryReference ToThis();
+    LibraryReference(const LibraryReference&) = delete;
+    LibraryReference& operator=(const LibraryReference&) = delete;
+    ~LibraryReference();
+    // The channel gets this one, and this its earlier one.
+    void Exchange(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lifecycle);
+
+  private:
+    constexpr explicit LibraryReference(void* handle) : m_Handle(handle) {}
+    void* m_Handle = nullptr;
+};
 
 // The last step of a start.
 void SetRunning(const Channel& channel);

@@ -23,6 +23,7 @@ uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel) {
     const Channel found = FindChannel(handle, kReceive, channel);
     if (!found)
         return 0;
+    LibraryReference library = LibraryReference::ToThis();
     const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
     Release(found);  // what a wrong host left by starting twice; mostly nothing
 
@@ -31,6 +32,7 @@ uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel) {
     found.Row->Socket.store(nullptr, std::memory_order_release);
     MakeObjects(found, kRingSize);
     SetRunning(found);  // last of all, since housekeeping goes by it
+    library.Exchange(found);
     return 1;
 }
 
@@ -57,8 +59,10 @@ uint32_t QXV_RTP_ReceiveEnd(void* handle, uint32_t channel) {
     if (!found)
         return 0;
     CancelChannel(found);  // at once, so that a Receive that waits lets go
+    LibraryReference none;
     const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
     CancelChannel(found);  // again: a start that held the lock has undone it
     Release(found);
+    none.Exchange(found);
     return 1;
 }

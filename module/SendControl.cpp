@@ -31,6 +31,7 @@ uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate, uin
     const Channel found = FindChannel(handle, kSend, channel);
     if (!found || bitrate == 0 || bufferUnits == 0)
         return 0;
+    LibraryReference library = LibraryReference::ToThis();
     const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
     ReleaseEarlierStart(found);
 
@@ -47,6 +48,7 @@ uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate, uin
     // would take what a Send stores, and it would wait for ever.
     if (thread->ThreadId == 0)
         found.Row->Cancel.store(1, std::memory_order_release);
+    library.Exchange(found);
     return 1;
 }
 
@@ -65,10 +67,12 @@ uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel) {
     if (!found)
         return 0;
     CancelChannel(found);  // at once, so that a Send that waits lets go
+    LibraryReference none;
     const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
     CancelChannel(found);  // again: a start that held the lock has undone it
     Release(found);
     ClearStatus(*found.Record);
+    none.Exchange(found);
     return 1;
 }
 
