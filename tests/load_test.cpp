@@ -5,20 +5,27 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/time.h>
+
+#include <atomic>
 
 #include "ModuleLibrary.h"
 
 namespace {
 
+constexpr const char* kPath = kSharedMemoryPath;
+
 // Children side by side, each with a network and a /tmp of its own, in which all goes as expected.
-void RunApart(int children, int seconds, const std::function<void()>& body) {
+void RunApart(int children, int seconds, const std::function<void(int)>& body) {
     std::vector<pid_t> running;
     while (children-- > 0)
-        running.push_back(Fork([&body] {
+        running.push_back(Fork([&body, children] {
             EXPECT_EQ(unshare(CLONE_NEWNS | CLONE_NEWNET), 0);
             EXPECT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0);
             EXPECT_EQ(system("ip link set lo up"), 0);
-            body();
+            body(children);
             return testing::Test::HasFailure() ? 1 : 0;
         }));
     for (const pid_t child : running)
@@ -35,7 +42,7 @@ std::pair<int, int> Mappings() {
 }
 
 TEST(Load, AThousandLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
-    RunApart(20, 90, [] {
+    RunApart(20, 90, [](int) {
         const auto before = Footprint();
         const int tables = Mappings().first;
         int others = 0;
@@ -67,48 +74,144 @@ TEST(Load, AThousandLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
     });
 }
 
-TEST(Load, WithoutATableOfItsOwnTheModuleRefusesOrWorksOnTheForeignOne) {
-    std::string ofThisInstance(17680, '\xFF');
-    memset(ofThisInstance.data(), 0, 4);
-    // A file that another user has left, or "" for a directory; can it be used, and its channels?
-    const std::tuple<std::string, uint32_t, uint32_t> cases[] = {{"", 0, 0},
-                                                                 {std::string(17679, '\xFF'), 0, 0},
-                                                                 {std::string(17680, '\xFF'), 1, 0},
-                                                                 {ofThisInstance, 1, 1}};
-    for (const auto& [content, usable, startable] : cases)
-        for (const uint32_t writable : {1, 0})
-            RunApart(
-                1, 20,
-                [content = content, writable, usable = usable * writable,
-                 startable = startable * writable] {
-                    SCOPED_TRACE(std::to_string(content.size()) + (writable ? "" : ", read-only"));
-                    umask(0);
-                    if (content.empty())
-                        std::filesystem::create_directory(kSharedMemoryPath);
-                    else
-                        std::ofstream(kSharedMemoryPath) << content;
-                    EXPECT_EQ(mount("", "/tmp", "", MS_REMOUNT | (writable ? 0 : MS_RDONLY), ""),
-                              0);
-                    // The other user may have no way into the folder where the libraries lie.
-                    EXPECT_NE(dlopen(SOCKETS_PATH, RTLD_NOW), nullptr);
-                    const int opened = open(MODULE_PATH, O_RDONLY);
-                    EXPECT_EQ(setgroups(0, nullptr) | setgid(65534) | setuid(65534), 0);
-                    EXPECT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);  // /proc/self is root's otherwise
-                    const ModuleLibrary module("/proc/self/fd/" + std::to_string(opened));
-                    EXPECT_EQ(module.Handle != nullptr, usable);
-                    RtpChannelConfig config = Loopback(0, 1);
-                    EXPECT_EQ(QXV(module, SetConfig)(module.Handle, kSend, 0, &config), usable);
-                    EXPECT_EQ(QXV(module, SendStart)(module.Handle, 0, 1000000, 100), startable);
-                    EXPECT_EQ(QXV(module, ReceiveStart)(module.Handle, 0), startable);
-                    usleep(usable *
-                           1200000);  // housekeeping looks once a second at what has no NUL
-                    EXPECT_EQ(QXV(module, SendEnd)(module.Handle, 0), startable);
-                    EXPECT_EQ(QXV(module, ReceiveEnd)(module.Handle, 0), startable);
-                });
+// What lies in the table's place, and what comes of a load by its owner, and by another user, who may
+// not remove it from /tmp.
+TEST(Load, WhateverLiesInTheTablesPlaceIsReplacedJoinedOrRefused) {
+    enum Outcome { kRefused, kUsable, kWorks };
+    static const auto put = [](off_t size, const char* path = kPath) {
+        std::ofstream(path) << std::string(4, '\0') << std::string(4092, '\xFF');
+        EXPECT_EQ(truncate(path, size), 0);  // with a hole
+    };
+    static const auto link = [](const char* aim) { std::filesystem::create_symlink(aim, kPath); };
+    static const auto remount = [](const char* path, unsigned long flags, const char* options) {
+        EXPECT_EQ(mount(path, path, "", MS_REMOUNT | flags, options), 0);
+    };
+    static const auto fill = [] {
+        remount("/tmp", 0, "size=128k");
+        std::ofstream("/tmp/filling") << std::string(200000, 'x');
+    };
+    static const auto lease = [] {
+        signal(SIGIO, SIG_IGN);
+        EXPECT_EQ(fcntl(open(kPath, O_RDWR), F_SETLEASE, F_WRLCK), 0);
+    };
+    static const auto bind = [] {
+        EXPECT_EQ(mount(kPath, kPath, "", MS_BIND, ""), 0);
+        remount(kPath, MS_BIND | MS_RDONLY, "");
+    };
+    static constexpr std::tuple<const char*, Outcome, Outcome, void (*)()> kCases[] = {
+        {"nothing", kWorks, kWorks, [] {}},
+        {"nothing, no space", kRefused, kRefused, [] { fill(); }},
+        {"a directory", kRefused, kRefused, [] { std::filesystem::create_directory(kPath); }},
+        {"a table", kWorks, kWorks, [] { put(17680); }},
+        {"a table, no space", kRefused, kRefused, [] { put(17680), fill(); }},
+        {"a table, no writing", kRefused, kRefused,
+         [] { put(17680), remount("/tmp", MS_RDONLY, ""); }},
+        {"a table, mounted", kRefused, kRefused, [] { put(17680), bind(); }},
+        {"a table, leased", kWorks, kRefused, [] { put(17680), lease(); }},
+        {"a short file", kWorks, kRefused, [] { put(17679); }},
+        {"nonsense", kWorks, kUsable, [] { std::ofstream(kPath) << std::string(17680, '\xFF'); }},
+        {"a link", kWorks, kRefused, [] { put(17680, "/tmp/aim"), link("/tmp/aim"); }},
+        {"a loose link", kWorks, kRefused, [] { link("/tmp/none"); }},
+        {"a pipe", kWorks, kRefused, [] { mknod(kPath, S_IFIFO | 0666, 0); }},
+        {"a socket", kWorks, kRefused, [] { mknod(kPath, S_IFSOCK | 0666, 0); }},
+        {"a device", kWorks, kRefused, [] { mknod(kPath, S_IFCHR | 0666, makedev(1, 5)); }}};
+    RunApart(2 * std::size(kCases), 20, [](int child) {
+        const auto& [what, own, others, arrange] = kCases[child / 2];
+        const Outcome outcome = child % 2 == 0 ? own : others;
+        SCOPED_TRACE(testing::Message() << what << ' ' << outcome);
+        umask(0);
+        arrange();
+        const std::string aim = Contents("/tmp/aim");
+        // The other user may have no way into the folder where the libraries lie.
+        EXPECT_NE(dlopen(SOCKETS_PATH, RTLD_NOW), nullptr);
+        const int opened = open(MODULE_PATH, O_RDONLY);
+        if (child % 2 == 1) {
+            EXPECT_EQ(setgroups(0, nullptr) | setgid(65534) | setuid(65534), 0);
+            EXPECT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);  // /proc/self is root's otherwise
+        }
+        const ModuleLibrary module("/proc/self/fd/" + std::to_string(opened));
+        EXPECT_EQ(module.Handle != nullptr, outcome != kRefused);
+        RtpChannelConfig config = Loopback(0, 1);
+        EXPECT_EQ(QXV(module, SetConfig)(module.Handle, kSend, 0, &config), outcome != kRefused);
+        const uint32_t works = outcome == kWorks;
+        EXPECT_EQ(QXV(module, SendStart)(module.Handle, 0, 1000000, 100), works);
+        EXPECT_EQ(QXV(module, ReceiveStart)(module.Handle, 0), works);
+        if (outcome == kUsable)
+            usleep(1200000);  // housekeeping looks once a second at what has no NUL
+        EXPECT_EQ(QXV(module, SendEnd)(module.Handle, 0), works);
+        EXPECT_EQ(QXV(module, ReceiveEnd)(module.Handle, 0), works);
+        EXPECT_TRUE(Contents("/tmp/aim") == aim && !std::filesystem::exists("/tmp/none"));
+    });
+}
+
+TEST(Load, TheTablesDescriptorIsNoStandardStreamAndNotInherited) {
+    RunApart(1, 10, [](int) {
+        { const ModuleLibrary module; }
+        close_range(0, 2, 0);
+        const ModuleLibrary module;
+        for (int file = 0; file < 3; ++file)
+            EXPECT_EQ(fcntl(file, F_GETFD), -1);
+        for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd"))
+            EXPECT_TRUE(!read_symlink(file).string().starts_with(kPath) ||
+                        fcntl(std::stoi(file.path().filename()), F_GETFD) == FD_CLOEXEC);
+    });
+}
+
+// The host gets its channels back with the next load.
+TEST(Unload, LeavesStartedChannelsAtWork) {
+    RunApart(1, 30, [](int) {
+        {
+            const ModuleLibrary module;
+            Session(module, 0).Exchange(1000, [&] {
+                EXPECT_EQ(dlclose(module.Library), 0);
+                usleep(1200000);  // housekeeping has a turn, too
+                EXPECT_EQ(dlopen(MODULE_PATH, RTLD_NOW), module.Library);
+            });
+        }
+        EXPECT_EQ(dlopen(MODULE_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
+    });
+}
+
+TEST(Exit, OfAnyKindInMidStreamDoesNotHinderTheNextHost) {
+    static const std::function<void()> kEnds[] = {[] { raise(SIGKILL); }, [] { _exit(137); },
+                                                  [] {}};
+    RunApart(1, 60, [](int) {
+        for (const auto& end : kEnds)
+            EXPECT_EQ(Reap(Fork([&end] {
+                          const ModuleLibrary module;
+                          Session(module, 0).Exchange(1000, end);
+                          return 0;
+                      })),
+                      &end == &kEnds[2] ? 0 : 128 + SIGKILL);
+    });
+}
+
+// The host's handlers interrupt what its threads wait for, and run on no thread of the library.
+TEST(Signal, StormsDoNotDisturbTheStream) {
+    static std::atomic<int> signals;
+    RunApart(1, 60, [](int) {
+        struct sigaction action {};  // without SA_RESTART
+        action.sa_handler = [](int) { ++signals; };
+        sigaction(SIGALRM, &action, nullptr);
+        const itimerval often{{0, 200}, {0, 200}};
+        const ModuleLibrary module;
+        Session session(module, 0);
+        sigset_t alarms;
+        sigemptyset(&alarms);
+        sigaddset(&alarms, SIGALRM);
+        sigprocmask(SIG_BLOCK, &alarms, nullptr);
+        setitimer(ITIMER_REAL, &often, nullptr);
+        session.Exchange(1000);
+        EXPECT_EQ(signals, 0);
+        sigprocmask(SIG_UNBLOCK, &alarms, nullptr);
+        for (int i = 0; i < 5; ++i)
+            session.Exchange(2000);
+        EXPECT_GT(signals, 100);
+    });
 }
 
 TEST(Exit, WithStartedChannelsIsPromptAndClean) {
-    RunApart(10, 10, [] {
+    RunApart(10, 10, [](int) {
         static const auto* const module = new ModuleLibrary;  // the host forgets both
         static auto* const session = new Session(*module, 0);
         session->Exchange(100);
@@ -118,11 +221,14 @@ TEST(Exit, WithStartedChannelsIsPromptAndClean) {
 }
 
 TEST(Fork, ChildThatExitsEndsPromptlyAndDisturbsNothing) {
-    RunApart(1, 60, [] {
+    RunApart(1, 60, [](int) {
         const ModuleLibrary module;
         Session session(module, 0);
         for (int i = 0; i < 10; ++i)
-            session.Exchange(1000, [] { EXPECT_EQ(Reap(Fork([] { return 7; }), 10), 7); });
+            session.Exchange(1000, [] {
+                EXPECT_EQ(Reap(Fork([] { return 7; }), 10), 7);
+                EXPECT_EQ(system("exit 7"), 7 << 8);
+            });
     });
 }
 
