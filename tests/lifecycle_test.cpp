@@ -1,5 +1,6 @@
 // Starting, cancelling and ending channels, and what housekeeping does for them.
 #include <future>
+#include <tuple>
 
 #include "ModuleFixture.h"
 
@@ -251,6 +252,48 @@ TEST_F(LifecycleTest, AConfigurationStoredMeanwhileIsNotLost) {
         AwaitSocket(kReceive, kChannel);
         EXPECT_EQ(Fake()->Calls[Kind::Create].back().Arguments, arguments);
         EXPECT_EQ(End(kReceive), 1u);
+    }
+}
+
+// The schedule follows the wall clock. A step forward makes due what lies between, a step back everything,
+// until the bitrate is set anew. The measured bitrate is wrong once.
+TEST_F(LifecycleTest, AStepOfTheClockLastsUntilTheBitrateIsSet) {
+    constexpr int64_t kDay_ms = 86400000, kNow_ms = 1700000000000, kWrap_ms = kNow_ms >> 32 << 32;
+    constexpr uint32_t kBlock = 7 * 188, kHundred_bps = kBlock * 8 * 100;
+    static const std::tuple<int64_t, int64_t, size_t, uint32_t> kCases[] = {
+        // When, step, datagrams sent of 300, rate measured over it
+        {kNow_ms, 1000, 102, 10528},        {kNow_ms, kDay_ms / 24, 300, 2},
+        {kNow_ms, kDay_ms, 300, 0},         {kNow_ms, -1000, 300, 0},
+        {kNow_ms, -kDay_ms / 24, 300, 0},   {kNow_ms, -kDay_ms, 300, 0},
+        {kWrap_ms - 500, 1000, 102, 10528}, {kWrap_ms, -1000, 300, 0}};  // 2^32 ms
+    const auto sent = [&] {
+        const uint64_t polls = testclock::Polls;
+        EXPECT_TRUE(Until([&] { return testclock::Polls >= polls + 3; }));
+        return Fake()->Calls[Kind::Send].size();
+    };
+    Bytes stream = Stream(7 * 300, 188);
+    for (const auto& [when_ms, step_ms, left, measured] : kCases) {
+        SCOPED_TRACE(testing::Message() << when_ms << ' ' << step_ms);
+        testclock::Now_us = when_ms * 1000;
+        Fake::Reset();
+        OpenReceiver(kChannel);
+        ASSERT_EQ(Start(kSend, kChannel, kHundred_bps, 4096), 1u);
+        ASSERT_EQ(Transfer(kSend, stream.data(), 300 * kBlock), 1u);
+        EXPECT_TRUE(Until([&] { return Row(kSend, kChannel).Timer.load()->GetBlockSize() != 0; }));
+        testclock::Now_us += 20000;
+        EXPECT_TRUE(Until([&] { return sent() == 2; }));
+        EXPECT_TRUE(Fake::Deliver(&Record(kReceive, kChannel), {&stream[0], &stream[kBlock]}));
+        Record(kReceive, kChannel).BitrateActual = 99;
+        testclock::Now_us += step_ms * 1000;
+        EXPECT_TRUE(Until(
+            [&, rate = measured] { return Record(kReceive, kChannel).BitrateActual == rate; }));
+        EXPECT_EQ(sent(), left);
+        EXPECT_EQ(QXV_RTP_SetBitrate(Handle, kChannel, kHundred_bps), 1u);
+        EXPECT_EQ(Transfer(kSend, stream.data(), 10 * kBlock), 1u);
+        EXPECT_EQ(sent(), left);
+        testclock::Now_us += 50000;
+        EXPECT_EQ(sent(), left + 5);
+        EXPECT_EQ(End(kSend) + End(kReceive), 2u);
     }
 }
 
