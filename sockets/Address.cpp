@@ -31,8 +31,7 @@ bool Address::Parse(const char* text) {
     m_Storage = {};
     if (text == nullptr)
         return false;
-    // The longest text that can be right, and one more character that tells a longer one.
-    char address[INET6_ADDRSTRLEN + 1 + IF_NAMESIZE];
+    char address[kTextBytes];
     const size_t length = strnlen(text, sizeof(address));
     if (length == sizeof(address))
         return false;
@@ -56,6 +55,11 @@ bool Address::Parse(const char* text) {
     return true;
 }
 
+bool Address::ReadFrom(int socket) {
+    socklen_t size = sizeof(m_Storage);
+    return getsockname(socket, &m_Storage.Any, &size) == 0;
+}
+
 bool Address::IsMulticast() const {
     return IsIPv6() ? IN6_IS_ADDR_MULTICAST(&IPv6()) : IN_MULTICAST(ntohl(IPv4().s_addr));
 }
@@ -66,6 +70,19 @@ bool Address::IsAny() const {
 
 bool Address::IsZoneLocalGroup() const {
     return IsIPv6() && (IN6_IS_ADDR_MC_NODELOCAL(&IPv6()) || IN6_IS_ADDR_MC_LINKLOCAL(&IPv6()));
+}
+
+bool Address::Assign(const sockaddr& address, int family) {
+    if (address.sa_family != family)
+        return false;
+    memcpy(&m_Storage, &address, family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+    return true;
+}
+
+bool Address::IsSameHost(const sockaddr& other) const {
+    Address copy;
+    return copy.Assign(other, Family()) && (IsIPv6() ? IN6_ARE_ADDR_EQUAL(&copy.IPv6(), &IPv6())
+                                                     : copy.IPv4().s_addr == IPv4().s_addr);
 }
 
 uint32_t Address::Port() const {

@@ -11,6 +11,8 @@
 #include <chrono>
 #include <new>
 
+#include "SocketOptions.h"
+
 namespace zaqsockets {
 
 namespace {
@@ -133,6 +135,11 @@ ReceiveLoop* ReceiveLoop::Start() {
     wakeup.events = EPOLLIN;
     if (epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_ADD, loop->m_Wakeup.Number(), &wakeup) != 0)
         return nullptr;
+    epoll_event news{};
+    news.events = EPOLLIN;
+    news.data.ptr = &loop->m_Interfaces;
+    if (loop->m_Interfaces.Number() >= 0)
+        epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_ADD, loop->m_Interfaces.Number(), &news);
     // The thread inherits the mask: the host's signal handlers run on the host's threads.
     sigset_t all;
     sigset_t previous;
@@ -384,7 +391,9 @@ void ReceiveLoop::Adapt(Load& load) {
     if (load.SaturatedWindows() == 1) {
         const std::lock_guard lock(g_Lock);
         ResetTaken();
-    } else if (load.SaturatedWindows() % (kPatience + 1) == kPatience)
+    } else if (m_Interfaces.IsPending())
+        return;  // a socket that moved now might be looked after by nobody
+    else if (load.SaturatedWindows() % (kPatience + 1) == kPatience)
         ShareLoad();
     else if (load.HasBeenQuiet())
         JoinQuietLoops();
@@ -428,6 +437,50 @@ void ReceiveLoop::JoinQuietLoops() {
     Wake();  // to leave
 }
 
+// After interfaces have changed. The lock keeps sockets from being destroyed meanwhile: who destroys one
+// marks it under the lock, and uses the descriptor after that.
+void ReceiveLoop::RenewMemberships() {
+    bool good = true;
+    const std::lock_guard lock(g_Lock);
+    for (ReceiveSocket* socket = m_Sockets; socket != nullptr; socket = socket->Next)
+        if (socket->Source.Group[0] != '\0' && !socket->Closed.load(std::memory_order_relaxed))
+            good = RenewMembership(*socket) && good;
+    if (!good)
+        m_Interfaces.Repeat();
+}
+
+// False when the socket is deaf, and has to be looked at again: its interface is not there yet. With the
+// lock held, by the own thread.
+bool ReceiveLoop::RenewMembership(ReceiveSocket& socket) {
+    const GroupSource& source = socket.Source;
+    Address local;
+    Address group;
+    if (!local.Parse(source.Local) || !group.Parse(source.Group))
+        return false;  // a zone whose interface is gone
+    group.SetPort(source.Port);
+    const Membership state =
+        zaqsockets::RenewMembership(socket.File, local, group, source.Everywhere);
+    if (state == Membership::Good)
+        return true;
+    Descriptor renewed = OpenGroupSocket(local, group, source.Everywhere);
+    if (!renewed)
+        return false;
+    // There may just be more interfaces than a socket can have memberships. And another interface may
+    // have been joined than is meant, as long as not all routes are there.
+    if (state == Membership::Full
+            ? CountMemberships(renewed, group) <= CountMemberships(socket.File, group)
+            : zaqsockets::RenewMembership(renewed, local, group, false) != Membership::Good)
+        return state == Membership::Full;
+    epoll_event readable{};
+    readable.events = EPOLLIN;
+    readable.data.ptr = &socket;
+    if (!renewed || epoll_ctl(m_Epoll.Number(), EPOLL_CTL_ADD, renewed.Number(), &readable) != 0)
+        return false;
+    epoll_ctl(m_Epoll.Number(), EPOLL_CTL_DEL, socket.File.Number(), nullptr);
+    socket.File = std::move(renewed);
+    return true;
+}
+
 // A loop that others measure themselves against looks at itself again even if nothing comes.
 int ReceiveLoop::Timeout_ms() const {
     return g_LoopCount.load(std::memory_order_relaxed) > 1 ? 100 : -1;
@@ -440,7 +493,8 @@ void* ReceiveLoop::Run(void* loop) {
     Load load;
     for (;;) {
         epoll_event events[kEvents];
-        const int count = epoll_wait(self.m_Epoll.Number(), events, kEvents, self.Timeout_ms());
+        const int count = epoll_wait(self.m_Epoll.Number(), events, kEvents,
+                                     self.m_Interfaces.Limit(self.Timeout_ms()));
         if (count < 0 && errno != EINTR)
             usleep(kErrorPause_us);
         bool woken = false;
@@ -451,10 +505,16 @@ void* ReceiveLoop::Run(void* loop) {
                 woken = true;
                 continue;
             }
+            if (events[i].data.ptr == &self.m_Interfaces) {
+                self.m_Interfaces.Take();
+                continue;
+            }
             const int taken = self.Serve(*static_cast<ReceiveSocket*>(events[i].data.ptr));
             messages += static_cast<uint32_t>(taken);
             more = more || taken == ReceiveBatch::kMessages;
         }
+        if (self.m_Interfaces.IsDue())
+            self.RenewMemberships();
         if (load.Count(messages))
             self.Adapt(load);
         if (woken) {

@@ -10,13 +10,24 @@
 #include <memory>
 #include <mutex>
 
+#include "Address.h"
 #include "Descriptor.h"
+#include "InterfaceWatch.h"
 #include "ReceiveBatch.h"
 #include "ZAQSockets.h"
 
 namespace zaqsockets {
 
 class ReceiveLoop;
+
+// What a group socket was made from; empty for others. As text, since a zone's name may come to mean
+// another interface.
+struct GroupSource {
+    char Local[Address::kTextBytes] = {};
+    char Group[Address::kTextBytes] = {};
+    uint32_t Port = 0;
+    bool Everywhere = false;
+};
 
 // A socket that receives. Made by the creator, then handed to a loop, which frees it.
 struct ReceiveSocket {
@@ -25,7 +36,11 @@ struct ReceiveSocket {
     ZAQReceiveCallback Callback = nullptr;
     const pid_t Process = getpid();
 
-    Descriptor File;                  // closed by the destroyer, when the loop is done with it
+    GroupSource Source;
+
+    // Closed by the destroyer, when the loop is done with it. The loop may put another one in its
+    // place before that, under the lock of all loops.
+    Descriptor File;
     std::atomic<bool> Closed{false};  // set once; no callback begins after it
     // Held by the loop while it serves the socket. The destroyer sets Closed and then locks once:
     // the loop has then left, and comes back only to find Closed. So nobody is starved.
@@ -88,6 +103,8 @@ class ReceiveLoop {
     void ShareLoad();
     void JoinQuietLoops();
     bool LeaveIfUnused();
+    void RenewMemberships();
+    bool RenewMembership(ReceiveSocket& socket);
     void FreeDead();
     int Serve(ReceiveSocket& socket);
     bool IsOwnThread() const { return pthread_equal(m_Thread, pthread_self()) != 0; }
@@ -98,6 +115,9 @@ class ReceiveLoop {
     Descriptor m_Epoll;
     Descriptor m_Wakeup;
     std::unique_ptr<ReceiveBatch> m_Batch;
+
+    // The thread's own.
+    InterfaceWatch m_Interfaces;
 
     // Share of a processor that the thread took lately, and when it last said so; written by it, read
     // by all who choose a loop.

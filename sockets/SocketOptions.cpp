@@ -47,14 +47,21 @@ Interfaces ListInterfaces() {
 uint32_t InterfaceOf(const Address& address) {
     const Interfaces list = ListInterfaces();
     for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET6)
-            continue;
-        sockaddr_in6 candidate{};
-        memcpy(&candidate, entry->ifa_addr, sizeof(candidate));
-        if (IN6_ARE_ADDR_EQUAL(&candidate.sin6_addr, &address.IPv6()))
+        if (entry->ifa_addr != nullptr && address.IsSameHost(*entry->ifa_addr))
             return if_nametoindex(entry->ifa_name);
     }
     return 0;
+}
+
+// The interface by which the system would send to the address, and on which it therefore joins a group
+// where none is named; 0 when there is no route.
+uint32_t ChoiceOfSystem(const Address& address) {
+    const Descriptor probe = OpenSocket(address, 0);
+    Address source;
+    return probe && connect(probe.Number(), address.Get(), address.Size()) == 0 &&
+                   source.ReadFrom(probe.Number())
+               ? InterfaceOf(source)
+               : 0;
 }
 
 // A link-local address is bound together with its interface, which is found where it is not named.
@@ -90,7 +97,9 @@ bool Join6(const Descriptor& socket, const Address& group, uint32_t interface) {
     return Set(socket, IPPROTO_IPV6, IPV6_JOIN_GROUP, membership);
 }
 
-bool JoinEverywhere(const Descriptor& socket, const Address& group) {
+// True when at least one interface was joined that was not before. `full` is set when a socket can not
+// have more memberships.
+bool JoinEverywhere(const Descriptor& socket, const Address& group, bool& full) {
     constexpr unsigned int kWanted = IFF_UP | IFF_MULTICAST;
     bool joined = false;
     const Interfaces list = ListInterfaces();
@@ -103,8 +112,18 @@ bool JoinEverywhere(const Descriptor& socket, const Address& group) {
         if (group.IsIPv6() ? Join6(socket, group, interface)
                            : Join4(socket, group, in_addr{}, interface))
             joined = true;
+        else if (errno == ENOBUFS)
+            full = true;
     }
     return joined;
+}
+
+bool IsMember(const Descriptor& socket, const Address& group, uint32_t interface) {
+    // Every membership has a filter of sources, which can be read (RFC 3678, 5.2.2).
+    uint32_t mode;
+    uint32_t sources = 0;
+    return getsourcefilter(socket.Number(), interface, group.Get(), group.Size(), &mode, &sources,
+                           nullptr) == 0;
 }
 
 // Linux otherwise delivers every group that any socket of the machine has joined to every socket
@@ -147,14 +166,20 @@ bool SetMulticastOutput(const Descriptor& socket, const Address& local, Address&
            Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 1);
 }
 
-// Does a unicast socket have the port already? Sockets bound to a group do not stand in the way of
-// the loopback address, others of any address do.
+// Does a unicast socket have the port already, on any of this machine's addresses? Sockets bound to a
+// group do not stand in the way of those.
 bool HasUnicastListener(const Address& any) {
-    Address loopback;
-    loopback.Parse(any.IsIPv6() ? "::1" : "127.0.0.1");
-    loopback.SetPort(any.Port());
-    const Descriptor probe = OpenSocket(loopback, 0);
-    return !probe || !Bind(probe, loopback);
+    const Interfaces list = ListInterfaces();
+    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+        Address own;
+        if (entry->ifa_addr == nullptr || !own.Assign(*entry->ifa_addr, any.Family()))
+            continue;
+        own.SetPort(any.Port());
+        const Descriptor probe = OpenSocket(own, 0);
+        if (!probe || (!Bind(probe, own) && errno == EADDRINUSE))
+            return true;
+    }
+    return list == nullptr;
 }
 
 // Two unicast sockets on one address and port would, with SO_REUSEADDR, silently take the datagrams
@@ -207,8 +232,9 @@ Descriptor OpenGroupSocket(const Address& local, const Address& group, bool ever
     if (!Set(socket, SOL_SOCKET, SO_REUSEADDR, 1) || !OwnGroupsOnly(socket, group) ||
         !Bind(socket, bound))
         return Descriptor();
+    bool full = false;
     if (everywhere)
-        return JoinEverywhere(socket, group) ? std::move(socket) : Descriptor();
+        return JoinEverywhere(socket, group, full) ? std::move(socket) : Descriptor();
     if (!group.IsIPv6())
         return Join4(socket, group, local.IPv4(), 0) ? std::move(socket) : Descriptor();
     // IPv6 membership does not look at the interface by which a datagram came (unlike IPv4, where
@@ -216,6 +242,34 @@ Descriptor OpenGroupSocket(const Address& local, const Address& group, bool ever
     if (interface != 0)
         Set(socket, SOL_SOCKET, SO_BINDTOIFINDEX, static_cast<int>(interface));
     return Join6(socket, group, interface) ? std::move(socket) : Descriptor();
+}
+
+// An interface that was deleted and made again has another number: the socket keeps a membership on the
+// old one, and gets nothing.
+Membership RenewMembership(const Descriptor& socket, const Address& local, const Address& group,
+                           bool everywhere) {
+    if (everywhere && !group.IsZoneLocalGroup()) {
+        bool full = false;
+        JoinEverywhere(socket, group, full);
+        return full ? Membership::Full : Membership::Good;
+    }
+    uint32_t named = group.Zone() != 0 ? group.Zone() : local.Zone();
+    if (named == 0 && !local.IsAny())
+        named = InterfaceOf(local);
+    if (named == 0 && local.IsAny())
+        named = ChoiceOfSystem(group);
+    return (named != 0 ? IsMember(socket, group, named) : CountMemberships(socket, group) != 0)
+               ? Membership::Good
+               : Membership::Broken;
+}
+
+int CountMemberships(const Descriptor& socket, const Address& group) {
+    const std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)> list(::if_nameindex(),
+                                                                                 &if_freenameindex);
+    int count = 0;
+    for (const auto* entry = list.get(); entry != nullptr && entry->if_index != 0; ++entry)
+        count += IsMember(socket, group, entry->if_index);
+    return count;
 }
 
 Descriptor OpenUnicastSocket(const Address& local) {

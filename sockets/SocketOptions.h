@@ -16,6 +16,18 @@ Descriptor OpenSendSocket(const Address& local, const Address& remote, int ttl);
 // zone or of the system's choice; or, with `everywhere`, on all that are up and can multicast.
 Descriptor OpenGroupSocket(const Address& local, const Address& group, bool everywhere);
 
+// What has become of a group socket when interfaces have come, gone or changed.
+enum class Membership {
+    Good,    // what was missing `everywhere` has been joined
+    Full,    // it can not join more; memberships on interfaces that are gone count, too
+    Broken,  // it is not joined where it is meant to be
+};
+Membership RenewMembership(const Descriptor& socket, const Address& local, const Address& group,
+                           bool everywhere);
+
+// On interfaces that exist.
+int CountMemberships(const Descriptor& socket, const Address& group);
+
 // Bound to `local`, which carries the port.
 Descriptor OpenUnicastSocket(const Address& local);
 

@@ -1,6 +1,7 @@
 #include "ZAQSockets.h"
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -12,6 +13,7 @@ namespace {
 
 using zaqsockets::Address;
 using zaqsockets::Descriptor;
+using zaqsockets::GroupSource;
 using zaqsockets::ReceiveLoop;
 using zaqsockets::ReceiveSocket;
 
@@ -55,7 +57,8 @@ Descriptor OpenReceiveSocket(Address local, Address remote, uint32_t port, int32
 }
 
 // The handle comes before the socket is attached, since the first callback needs it.
-UdpSocket* StartReceiving(Descriptor file, ZAQReceiveCallback callback, void* context) {
+UdpSocket* StartReceiving(Descriptor file, const GroupSource& source, ZAQReceiveCallback callback,
+                          void* context) {
     std::unique_ptr<ReceiveSocket> receiver(new (std::nothrow) ReceiveSocket);
     std::unique_ptr<UdpSocket> socket(new (std::nothrow)
                                           UdpSocket{context, Descriptor(), receiver.get()});
@@ -63,6 +66,7 @@ UdpSocket* StartReceiving(Descriptor file, ZAQReceiveCallback callback, void* co
         return nullptr;
     receiver->Handle = socket.get();
     receiver->Callback = callback;
+    receiver->Source = source;
     receiver->File = std::move(file);
     if (!ReceiveLoop::Attach(*receiver))
         return nullptr;
@@ -84,8 +88,16 @@ void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, u
         return nullptr;
     if (send == 0) {
         Descriptor file = OpenReceiveSocket(local, remote, localPort, multicastOption);
-        return file && callback != nullptr ? StartReceiving(std::move(file), callback, context)
-                                           : nullptr;
+        if (!file || callback == nullptr)
+            return nullptr;
+        GroupSource source;
+        if (remote.IsMulticast()) {
+            strcpy(source.Local, localAddress);  // both have been parsed, and so have room
+            strcpy(source.Group, remoteAddress);
+            source.Port = localPort;
+            source.Everywhere = multicastOption == 1;
+        }
+        return StartReceiving(std::move(file), source, callback, context);
     }
     remote.SetPort(remotePort);
     Descriptor file = zaqsockets::OpenSendSocket(local, remote, ttl);

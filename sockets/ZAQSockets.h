@@ -51,9 +51,12 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * A receive socket of a group gets the datagrams to that group only, from the interfaces on which
  * it was joined (an IPv6 group for which no interface is named also from those on which other sockets
  * have joined it). Any number of sockets, also of other processes, may listen to one group and port.
- * A unicast receive socket never shares its address and port with another one; groups on the same
- * port are kept apart from it. An IPv6 socket does not take the IPv4 port. The receive buffer is
- * 8 MiB, or the most that the system grants.
+ * Where its interface is deleted and made again, or its local address moves to another one, the group is
+ * joined there within about a second, and so is the system's choice by the routes that there are then;
+ * not where the system refuses to tell of its interfaces (rtnetlink(7)).
+ * A unicast receive socket never shares its address and port with another one, and the any-address
+ * never with a named one; groups on the same port are kept apart from it. An IPv6 socket does not
+ * take the IPv4 port. The receive buffer is 8 MiB, or the most that the system grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
  * @param localAddress     address of the interface to use, "0.0.0.0" or "::" = the system's choice
@@ -66,7 +69,7 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * @param multicast        1 = remoteAddress is a multicast group; must then agree with the address
  * @param send             1 = send socket, 0 = receive socket
  * @param multicastOption  receive from a group: 0 = join on the interface of localAddress (or of the
- *                         group's zone), 1 = join on every multicast-capable interface that is up now;
+ *                         group's zone), 1 = join on every multicast-capable interface that is up, also later;
  *                         a group of interface or link scope (ff01::, ff02::) has one zone, named by it
  *                         or by localAddress, and is joined there in either case
  * @param ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast datagrams,

@@ -40,6 +40,10 @@ const Scene kScenes[] = {
      "  fd77:1::1 ff15::1",
      "10.77.0.1 239.1.1.1 2  10.77.1.1 239.1.1.1 3  fd77:0::1 ff15::1 4  fd77:1::1 ff15::1 5"
      "  0.0.0.0 10.77.0.1 0  :: fd77:0::1 1"},
+    // Any address beside a named one, whichever comes first.
+    {"10.77.0.1 0.0.0.0  fd77:1::1 ::  !0.0.0.0 0.0.0.0  !:: ::  10.77.1.1 0.0.0.0",
+     "0.0.0.0 10.77.0.1 0  :: fd77:1::1 1  0.0.0.0 10.77.1.1 2"},
+    {"0.0.0.0 0.0.0.0  !10.77.0.1 0.0.0.0", "0.0.0.0 10.77.0.1 0"},
     // On all interfaces.
     {"10.77.1.1 239.1.1.1  :: ff15::1",
      "10.77.0.1 239.1.1.1 0  10.77.1.1 239.1.1.1 0  fd77:0::1 ff15::1 1  fd77:1::1 ff15::1 1", 1},
@@ -89,6 +93,38 @@ TEST(Receive, EverySocketGetsItsOwnDatagramsOnly) {
         for (size_t i = 0; i < expected.size(); ++i)
             EXPECT_EQ(receivers[i]->Data(), expected[i]) << i;
     }
+    EXPECT_TRUE(Await([&] { return Footprint() == before; }));
+}
+
+// Of all kinds: on a named interface, with a zone, on all of them, of the system's choice by a route.
+TEST(Receive, GroupsAreJoinedAgainWhenTheirInterfaceWasMadeAnew) {
+    const auto before = Footprint();
+    auto interfaces = std::make_unique<Interfaces>();
+    ASSERT_EQ(system("ip route add 239.1.1.4 dev a0"), 0);
+    const std::pair<const char*, const char*> groups[] = {
+        {"10.77.0.1", "239.1.1.1"}, {"0.0.0.0", "239.1.1.2"}, {"fd77:0::1", "ff15::1"},
+        {"::", "ff15::2"},          {"::", "ff02::1:5%a0"},   {"0.0.0.0", "239.1.1.4"}};
+    std::vector<std::unique_ptr<Receiver>> receivers;
+    for (const auto& [local, group] : groups) {
+        const int32_t everywhere = group[strlen(group) - 1] == '2';
+        receivers.push_back(std::make_unique<Receiver>(local, group, kPort, everywhere));
+        ASSERT_TRUE(*receivers.back()) << group;
+    }
+    for (int round = 0; round < 3; ++round) {
+        for (size_t i = 0; i < receivers.size(); ++i) {
+            const size_t count = receivers[i]->Count();
+            EXPECT_TRUE(Await([&] {
+                const bool six = strchr(groups[i].second, ':') != nullptr;
+                Sender(six ? "fd77:0::1" : "10.77.0.1", groups[i].second).Send("x");
+                return receivers[i]->Count() > count;
+            })) << round
+                << groups[i].second;
+        }
+        interfaces.reset();
+        interfaces = std::make_unique<Interfaces>();
+        ASSERT_EQ(system("ip route add 239.1.1.4 dev a0"), 0);
+    }
+    receivers.clear();
     EXPECT_TRUE(Await([&] { return Footprint() == before; }));
 }
 

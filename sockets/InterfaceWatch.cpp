@@ -1,0 +1,64 @@
+#include "InterfaceWatch.h"
+
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace zaqsockets {
+
+namespace {
+
+constexpr std::chrono::milliseconds kSettle{200};
+constexpr std::chrono::milliseconds kPause{1000};
+constexpr int kLooks = 5;
+
+}  // namespace
+
+InterfaceWatch::InterfaceWatch()
+    : m_Messages(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)) {
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+    if (bind(m_Messages.Number(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
+        m_Messages.Close();
+    m_Due = Clock::now();  // something may have changed since the first socket was opened
+}
+
+void InterfaceWatch::Take() {
+    // What the messages say does not matter, and the kernel drops what has no room: but every one, and
+    // ENOBUFS for the dropped ones, says that something has changed. The rest waits for the next time.
+    constexpr int kMost = 1000;
+    char message;
+    for (int count = 0; count < kMost; ++count)
+        if (recv(m_Messages.Number(), &message, sizeof(message), 0) < 0 && errno != ENOBUFS)
+            break;
+    if (m_Looks != kLooks)
+        m_Due = Clock::now() + kSettle;
+    m_Looks = kLooks;
+}
+
+bool InterfaceWatch::IsDue() {
+    if (!m_Due || Clock::now() < *m_Due)
+        return false;
+    m_Due.reset();
+    if (--m_Looks > 0)
+        m_Due = Clock::now() + kPause;
+    return true;
+}
+
+void InterfaceWatch::Repeat() {
+    m_Looks = std::max(m_Looks, 1);
+    m_Due = Clock::now() + kPause;
+}
+
+int InterfaceWatch::Limit(int timeout_ms) const {
+    if (!m_Due)
+        return timeout_ms;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_Due - Clock::now());
+    const int left_ms = std::max(static_cast<int>(left.count()), 0);
+    return timeout_ms < 0 ? left_ms : std::min(left_ms, timeout_ms);
+}
+
+}  // namespace zaqsockets
