@@ -12,7 +12,7 @@ namespace {
 
 // 0 = none.
 uint32_t ZoneOf(const std::string& text) {
-    if (text.size() >= IF_NAMESIZE)
+    if (text.size() > IF_NAMESIZE)
         return 0;
     const bool digits = text.find_first_not_of("0123456789") == std::string::npos;
     const uint32_t named = if_nametoindex(text.c_str());

@@ -5,12 +5,12 @@
 # build). Needs root: every test has a network and a /tmp of its own.
 set -eu
 cd "$(dirname "$0")/.."
-scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 ffmpeg \
+scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 python3 ffmpeg \
     libcli11-dev libfmt-dev libbitstream-dev nlohmann-json3-dev libgtest-dev \
     dpkg-dev file pkgconf lintian doxygen
 [ $# -gt 0 ] || set -- release dev lint asan tsan
 
-find module common sockets tools bench tests examples -name '*.[ch]' -o -name '*.cpp' |
+find module common sockets tools bench tests fuzz examples -name '*.[ch]' -o -name '*.cpp' |
     xargs clang-format --dry-run --Werror
 
 for configuration in "$@"; do
