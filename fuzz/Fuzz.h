@@ -5,30 +5,24 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <span>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-// Also in builds without assertions.
-#define FUZZ_CHECK(condition)                                                    \
-    do {                                                                         \
-        if (!(condition)) {                                                      \
-            std::fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition); \
-            std::abort();                                                        \
-        }                                                                        \
-    } while (false)
+// Also in builds without assertions; the stack tells which it was.
+inline void Check(bool condition) {
+    if (!condition)
+        std::abort();
+}
 
 // Reads an input from its beginning; behind its end there are zeros.
-class Input {
-  public:
-    Input(const uint8_t* data, size_t size) : m_Rest(data, size) {}
+struct Input {
+    std::span<const uint8_t> Rest;
 
-    bool Empty() const { return m_Rest.empty(); }
     std::span<const uint8_t> Bytes(size_t count) {
-        const auto bytes = m_Rest.first(std::min(count, m_Rest.size()));
-        m_Rest = m_Rest.subspan(bytes.size());
+        const auto bytes = Rest.first(std::min(count, Rest.size()));
+        Rest = Rest.subspan(bytes.size());
         return bytes;
     }
     uint8_t Byte() {
@@ -39,9 +33,6 @@ class Input {
         const uint32_t high = Byte();
         return high << 8 | Byte();
     }
-
-  private:
-    std::span<const uint8_t> m_Rest;
 };
 
 #endif

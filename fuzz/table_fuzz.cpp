@@ -5,21 +5,17 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <vector>
-
 #include "Fuzz.h"
 #include "Module.h"
 
-namespace {
-
-constexpr uint32_t kRunning = 3;  // of each direction: the rest must stay as it is
+static constexpr uint32_t kRunning = 3;  // of each direction: the rest must stay as it is
 
 // As another process has it.
-std::span<uint8_t> Table() {
+static std::span<uint8_t> Table() {
     const int file = open(kSharedMemoryPath, O_RDWR | O_CLOEXEC);
     void* const table =
         mmap(nullptr, sizeof(RtpContext), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    FUZZ_CHECK(table != MAP_FAILED);
+    Check(table != MAP_FAILED);
     for (uint32_t channel = 0; channel < kRunning; ++channel) {
         QXV_RTP_SendStart(g_pContext, channel, 8000000, 256);
         QXV_RTP_ReceiveStart(g_pContext, channel);
@@ -27,7 +23,7 @@ std::span<uint8_t> Table() {
     return {static_cast<uint8_t*>(table), sizeof(RtpContext)};
 }
 
-void Restart(uint32_t channel) {
+static void Restart(uint32_t channel) {
     QXV_RTP_ReceiveEnd(g_pContext, channel);
     QXV_RTP_ReceiveStart(g_pContext, channel);
     if (g_ContextExt[0][kSend][channel].Cancel == 0)  // ending one may take a second
@@ -36,39 +32,35 @@ void Restart(uint32_t channel) {
     QXV_RTP_SendStart(g_pContext, channel, 1000000000, 256);
 }
 
-void Feed(uint32_t channel, std::span<const uint8_t> bytes) {
-    std::vector<uint8_t> packets(7 * 188, 0x47);
-    std::copy(bytes.begin(), bytes.end(), packets.begin() + 1);
-    const CZAQSimpleBuffer* const ring = g_ContextExt[0][kSend][channel].Buffer;
-    if (const_cast<CZAQSimpleBuffer*>(ring)->GetFreeSize() >= packets.size())
-        QXV_RTP_Send(g_pContext, channel, packets.data(), 7 * 188);
-    uint8_t byte;
+static void Feed(uint32_t channel, std::span<const uint8_t> bytes) {
+    uint8_t packets[7 * 188];
+    std::fill_n(packets, sizeof(packets), uint8_t{0x47});
+    std::ranges::copy(bytes, packets + 1);
+    if (g_ContextExt[0][kSend][channel].Buffer.load()->GetFreeSize() >= sizeof(packets))
+        QXV_RTP_Send(g_pContext, channel, packets, sizeof(packets));
     if (g_ContextExt[0][kReceive][channel].Buffer.load()->GetDataSize() > 0)
-        QXV_RTP_Receive(g_pContext, channel, &byte, 1);
+        QXV_RTP_Receive(g_pContext, channel, packets, 1);
+    usleep(100);
 }
-
-}  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::span<uint8_t> table = Table();
-    Input input(data, size);
-    while (!input.Empty()) {
+    Input input{{data, size}};
+    while (!input.Rest.empty()) {
         const uint32_t step = input.Byte();
         const uint32_t where = input.Byte();
         const uint32_t channel = where % kRunning;
-        auto bytes = input.Bytes(step / 4);
+        const auto bytes = input.Bytes(step / 4);
         RtpChannelConfig config;
         if (step % 4 == 0) {
             Feed(channel, bytes);
-            usleep(100);
         } else if (step % 4 == 1) {
-            const size_t record =
-                16 + (where / 128 * kChannels + channel) * sizeof(RtpChannelContext);
-            const size_t place = where % 64 == 0
-                                     ? input.Word() % table.size()
-                                     : record + input.Word() % sizeof(RtpChannelContext);
-            std::copy_n(bytes.begin(), std::min(bytes.size(), table.size() - place),
-                        table.begin() + static_cast<long>(place));
+            const size_t record = where / 128 * kChannels + channel;
+            const size_t place = where % 64 == 0 ? input.Word() % table.size()
+                                                 : 16 + record * sizeof(RtpChannelContext) +
+                                                       input.Word() % sizeof(RtpChannelContext);
+            std::ranges::copy(bytes.first(std::min(bytes.size(), table.size() - place)),
+                              table.begin() + static_cast<long>(place));
         } else if (step % 4 == 2) {
             Restart(channel);
         } else {
@@ -79,7 +71,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     for (const auto& rows : g_ContextExt[0])
         for (uint32_t channel = kRunning; channel < kChannels; ++channel)
-            FUZZ_CHECK(rows[channel].Running == 0 && rows[channel].Socket == nullptr &&
-                       rows[channel].Buffer == nullptr);
+            Check(rows[channel].Running == 0 && rows[channel].Buffer == nullptr);
     return 0;
 }

@@ -344,6 +344,9 @@ void ReceiveLoop::FreeDead() {
 bool ReceiveLoop::LeaveIfUnused() {
     const std::lock_guard lock(g_Lock);
     m_InCallback = false;
+    if (m_MustLook)
+        m_Interfaces.Take();
+    m_MustLook = false;
     if (m_Stop)
         return true;
     if (m_SocketCount != 0)
@@ -363,6 +366,11 @@ bool ReceiveLoop::LeaveIfUnused() {
 // Moves sockets that together have brought no more than so many messages lately. With the lock held,
 // by the own thread, which serves none of them at the time.
 void ReceiveLoop::MoveTo(ReceiveLoop& other, uint64_t messages) {
+    // What this loop has still to look at, the other one may have looked at already.
+    if (m_Interfaces.IsPending()) {
+        other.m_MustLook = true;
+        other.Wake();
+    }
     for (ReceiveSocket* socket = m_Sockets; socket != nullptr;) {
         ReceiveSocket* const next = socket->Next;
         const uint32_t taken = socket->Taken.load(std::memory_order_relaxed);        // own thread's
@@ -391,9 +399,7 @@ void ReceiveLoop::Adapt(Load& load) {
     if (load.SaturatedWindows() == 1) {
         const std::lock_guard lock(g_Lock);
         ResetTaken();
-    } else if (m_Interfaces.IsPending())
-        return;  // a socket that moved now might be looked after by nobody
-    else if (load.SaturatedWindows() % (kPatience + 1) == kPatience)
+    } else if (load.SaturatedWindows() % (kPatience + 1) == kPatience)
         ShareLoad();
     else if (load.HasBeenQuiet())
         JoinQuietLoops();

@@ -128,6 +128,7 @@ class ReceiveLoop {
     ReceiveSocket* m_Sockets = nullptr;  // list
     uint32_t m_SocketCount = 0;
     bool m_Stop = false;
+    bool m_MustLook = false;          // after its interfaces: sockets have come
     bool m_InCallback = false;        // in one that has destroyed a socket, maybe the last
     ReceiveSocket* m_Dead = nullptr;  // list
     ReceiveLoop* m_Next = nullptr;    // in the list of those in service, then of the ended
