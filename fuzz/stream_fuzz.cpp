@@ -2,7 +2,7 @@
 //
 // Input: the length of the pieces in two bytes, then the stream.
 #include "Fuzz.h"
-#include "TransportStream.h"
+#include "StreamAnalyzer.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input input{{data, size}};
@@ -17,8 +17,11 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     PcrBitrate longRate(kPacketWithParityBytes);
     auto next = stream.begin();  // packets come in the stream's order and do not overlap
     uint64_t packets = 0;
-    while (!input.Rest.empty())
-        splitter.feed(input.Bytes(piece), [&](const uint8_t* packet) {
+    StreamAnalyzer analyzer;
+    while (!input.Rest.empty()) {
+        const auto bytes = input.Bytes(piece);
+        analyzer.feed(bytes, std::chrono::microseconds(bytes.size() * analyzer.bytes()));
+        splitter.feed(bytes, [&](const uint8_t* packet) {
             const size_t length = splitter.packetSize();
             next = std::search(next, stream.end(), packet, packet + length);
             Check(packet[0] == 0x47 && next != stream.end());
@@ -28,6 +31,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             shortRate.add(packet);
             longRate.add(packet);
         });
+    }
+    const StreamReport report = analyzer.report();
+    Check(report.packets == packets && report.bytes == stream.size());
     Check(splitter.packets() == packets && continuity.errors() <= packets);
     Check(shortRate.bitrate() <= longRate.bitrate());
     return 0;
