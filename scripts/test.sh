@@ -5,7 +5,7 @@
 # build). Needs root: every test has a network and a /tmp of its own.
 set -eu
 cd "$(dirname "$0")/.."
-scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 python3 ffmpeg \
+scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 python3 \
     libcli11-dev libfmt-dev libbitstream-dev nlohmann-json3-dev libgtest-dev \
     dpkg-dev file pkgconf lintian doxygen
 [ $# -gt 0 ] || set -- release dev lint asan tsan
@@ -21,6 +21,15 @@ for configuration in "$@"; do
     fi
     build=build
     [ "$configuration" = release ] || build=build-$configuration
+    if [ "$configuration" = release ]; then
+        scripts/install.sh python3 mypy
+        # The other programs: those that cannot be installed are skipped, by name.
+        for packages in ffmpeg multicat "gstreamer1.0-tools gstreamer1.0-plugins-base \
+            gstreamer1.0-plugins-good gstreamer1.0-plugins-bad" tshark "vlc-bin vlc-plugin-base"; do
+            # shellcheck disable=SC2086 # a list of words
+            scripts/install.sh $packages || echo "cannot be installed: $packages"
+        done
+    fi
     cmake --preset "$configuration" >/dev/null
     cmake --build "$build" -- --quiet
     [ "$configuration" != dev ] || continue

@@ -1,4 +1,4 @@
-"""The Python package, against the real module: python_test.py SAMPLE."""
+# The Python package, against the real module: python_test.py SAMPLE
 import os, pathlib, signal, sys, unittest
 from qxv_rtp import *
 

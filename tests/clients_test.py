@@ -1,0 +1,134 @@
+# Other programs as our receivers and our senders: clients_test.py TOOL SAMPLE PROGRAM. Exits 77 where the
+# program is not installed.
+import concurrent.futures, os, pathlib, shlex, shutil, signal, subprocess, sys, time, unittest
+
+TOOL, SAMPLE, PROGRAM = sys.argv[1:]
+NEEDS = {"ffmpeg": ["ffprobe"], "gstreamer": ["gst-launch-1.0"], "multicat": ["multicat", "ingests"],
+         "vlc": ["vlc"], "tshark": ["tshark", "dumpcap"]}
+FFMPEG = "ffmpeg -v fatal -y -analyzeduration 1000000 "
+GST = "gst-launch-1.0 -q -e "
+DEPAY = "caps=application/x-rtp,media=video,encoding-name=MP2T,clock-rate=90000,payload=33 ! rtpmp2tdepay ! "
+# It does not run as root. Of what it sends it keeps the end, more than half of the sample, to itself.
+VLC = "setpriv --reuid 65534 --regid 65534 --clear-groups env HOME=/tmp/out vlc -I dummy -q "
+# Where the stream goes, what the other program runs, and what has to be the same: all bytes, or, where it
+# takes the stream apart, at least so much of the elementary streams, in one piece.
+RECEIVERS = {
+    "ffmpeg": [("udp://[::1]:7000", FFMPEG + "-f data -i {url}?timeout=2000000 -map 0 -c copy -f data {out}", "bytes"),
+               ("udp://127.0.0.1:7002", FFMPEG + "-i {url}?timeout=2000000 -map 0 -c copy -f nut {out}", 1.0),
+               ("rtp://239.1.1.1:7004", FFMPEG + "-i {url}?localaddr=127.0.0.1 -map 0 -c copy -t 2.8 -f nut {out}", 0.35)],
+    "gstreamer": [
+        ("rtp://127.0.0.1:7010", GST + "udpsrc port=7010 " + DEPAY + "filesink location={out}", "bytes"),
+        ("udp://239.1.1.1:7012", GST + "udpsrc address=239.1.1.1 multicast-iface=lo port=7012 ! filesink location={out}", "bytes"),
+        ("rtp://[ff15::1]:7014", GST + "udpsrc address=ff15::1 multicast-iface=lo port=7014 " + DEPAY +
+         "tsdemux name=d matroskamux name=m ! filesink location={out} d. ! queue ! mpegvideoparse ! m. d. ! queue ! mpegaudioparse ! m.", 0.9)],
+    "multicat": [("rtp://127.0.0.1:7020", "multicat -U @127.0.0.1:7020 {out}", "bytes"),
+                 ("udp://239.1.1.1:7022", "multicat -u -U @239.1.1.1:7022/ifaddr=127.0.0.1 {out}", "bytes")],
+    "vlc": [("udp://127.0.0.1:7030", VLC + "--demux dump --demuxdump-file {out} udp://@127.0.0.1:7030", "bytes"),
+            ("rtp://239.1.1.1:7032", VLC + "rtp://@239.1.1.1:7032 --miface lo --sout '#std{{access=file,mux=ts,dst={out}}}'", 0.8)]}
+SENDERS = {
+    "ffmpeg": [("udp://127.0.0.1:7040", FFMPEG + "-re -i {sample} -map 0 -c copy -f mpegts {url}?pkt_size=1316", 1.0),
+               ("rtp://[ff15::1]:7042", FFMPEG + "-re -i {sample} -map 0 -c copy -f rtp_mpegts {url}?localaddr=::1", 0.9)],
+    "gstreamer": [
+        ("udp://[::1]:7050", GST + "filesrc location={sample} blocksize=1316 ! udpsink host=::1 port=7050", "bytes"),
+        ("rtp://239.1.1.1:7052", GST + "filesrc location={sample} ! tsparse set-timestamps=true ! rtpmp2tpay ! "
+         "udpsink host=239.1.1.1 multicast-iface=lo port=7052", "bytes")],
+    "multicat": [("udp://127.0.0.1:7060", "multicat -U /tmp/sample.ts 127.0.0.1:7060", "bytes"),
+                 ("rtp://239.1.1.1:7062", "multicat /tmp/sample.ts 239.1.1.1:7062/ifaddr=127.0.0.1", "bytes")],
+    "vlc": [("udp://127.0.0.1:7070", VLC + "{sample} vlc://quit --sout '#std{{access=udp,mux=ts,dst=127.0.0.1:7070}}'", 0.25),
+            ("rtp://127.0.0.1:7072", VLC + "{sample} vlc://quit --sout '#rtp{{dst=127.0.0.1,port=7072,mux=ts}}'", 0.25)]}
+
+
+def start(command, **options):
+    return subprocess.Popen(shlex.split(command), stdin=subprocess.DEVNULL, **options)
+
+
+def ours(arguments, **options):  # with a table of its own
+    return start(f"unshare --mount sh -c 'mount -t tmpfs tmpfs /tmp && exec \"$@\"' sh {TOOL} {arguments}", **options)
+
+
+def await_(condition):
+    end = time.monotonic() + 15
+    while not condition():
+        assert time.monotonic() < end, "it takes too long"
+        time.sleep(0.01)
+
+
+def sockets(port):  # the bytes that wait in each
+    rows = [line.split() for name in ("udp", "udp6") for line in pathlib.Path("/proc/net", name).read_text().splitlines()]
+    return [int(row[4][9:], 16) for row in rows if row[1].endswith(f":{port:04X}")]
+
+
+def transmit(url, command, receives):
+    port = int(url[-4:])
+    out = f"/tmp/out/{port}"
+    local = {"2": "localaddr=127.0.0.1", "[": "localaddr=::1"}[url[6]] if "239" in url or "ff15" in url else ""
+    command = command.format(url=url, out=out, sample=SAMPLE)
+    processes = [start(command) if receives else ours(f"receive '{url}?{local}' -", stdout=open(out, "wb"))]
+    try:
+        await_(lambda: sockets(port))
+        processes += [ours(f"send {SAMPLE} '{url}?{local}'") if receives else start(command)]
+        processes[1].wait(20)
+        await_(lambda: sum(sockets(port)) == 0)
+        time.sleep(0.5)  # what it has taken and not yet worked on would be lost with the signal
+        if not receives or PROGRAM != "ffmpeg":  # which ends by itself
+            processes[0].send_signal(signal.SIGINT)
+        processes[0].wait(20)
+    finally:
+        for process in processes:
+            process.kill()
+    return out
+
+
+def elementary(path, kind):
+    return subprocess.run(["ffmpeg", "-v", "fatal", "-i", path, "-map", "0:" + kind, "-c", "copy", "-f", "data", "-"], capture_output=True).stdout
+
+
+class ClientsTest(unittest.TestCase):
+    def test_a_stream_is_the_same_at_the_other_end(self):
+        cases = [(*case, True) for case in RECEIVERS.get(PROGRAM, [])] + [(*case, False) for case in SENDERS.get(PROGRAM, [])]
+        with concurrent.futures.ThreadPoolExecutor(len(cases) or 1) as pool:
+            outs = [pool.submit(transmit, url, command, receives) for url, command, _, receives in cases]
+        for (url, _, same, receives), out in zip(cases, outs):
+            with self.subTest(url, receives=receives):
+                if same == "bytes":
+                    self.assertTrue(pathlib.Path(out.result()).read_bytes() == pathlib.Path(SAMPLE).read_bytes())
+                    continue
+                for kind in "va":
+                    sent, got = (elementary(path, kind) for path in (SAMPLE, out.result()))
+                    self.assertTrue(got in sent, kind)
+                    self.assertGreaterEqual(len(got), same * len(sent), kind)
+
+    @unittest.skipUnless(PROGRAM == "ffmpeg", "")
+    def test_ffprobe_joins_a_stream_that_is_under_way(self):
+        probe = "ffprobe -v fatal -show_entries program_stream=codec_name,width,sample_rate -of csv "
+        sender = ours(f"send --loop {SAMPLE} rtp://127.0.0.1:7008")
+        found = [subprocess.run((probe + source).split(), capture_output=True, timeout=30).stdout for source in (SAMPLE, "rtp://127.0.0.1:7008")]
+        sender.send_signal(signal.SIGINT)
+        self.assertEqual((sender.wait(10), found[0]), (0, found[1]))
+        self.assertIn(b"mpeg2video", found[0])
+
+    @unittest.skipUnless(PROGRAM == "tshark", "")
+    def test_tshark_dissects_every_datagram_and_finds_no_fault(self):
+        capture = start("dumpcap -q -i lo -f udp -c 538 -a duration:20 -w /tmp/out/pcap", stderr=subprocess.PIPE)
+        capture.stderr.readline()
+        for url in ("rtp://239.1.1.1:7080?ttl=9&localaddr=127.0.0.1", "udp://239.1.1.1:7082?ttl=9&localaddr=127.0.0.1"):
+            self.assertEqual(ours(f"send {SAMPLE} '{url}' -b 20M").wait(10), 0)
+        capture.wait(25)
+        names = "udp.dstport ip.ttl rtp.version rtp.p_type rtp.seq rtp.timestamp mp2t.sync_byte _ws.expert.message"
+        read = "tshark -r /tmp/out/pcap -d udp.port==7080,rtp -d udp.port==7082,mp2t -T fields -e " + names.replace(" ", " -e ")
+        rows = [line.split("\t") for line in subprocess.run(read.split(), capture_output=True, text=True).stdout.splitlines()]
+        for i, row in enumerate(rows):
+            rtp = ["2", "33", str(i), str(i * 1316 * 8 * 90000 // 20_000_000)] if i < 269 else [""] * 4
+            self.assertEqual(row, ["7080" if i < 269 else "7082", "9", *rtp, ",".join(["0x00000047"] * 7), ""], i)
+        self.assertEqual(len(rows), 2 * 269)
+
+
+if any(shutil.which(name) is None for name in NEEDS[PROGRAM]):
+    print(PROGRAM, "is not installed")
+    sys.exit(77)
+os.mkdir("/tmp/out")
+os.chmod("/tmp/out", 0o777)
+if PROGRAM == "multicat":  # a file that it sends has the times of its packets beside it
+    shutil.copy(SAMPLE, "/tmp/sample.ts")
+    subprocess.run("ingests -p 256 /tmp/sample.ts".split(), check=True)
+unittest.main(argv=sys.argv[:1], warnings="ignore")
