@@ -11,7 +11,7 @@ from typing import Any
 from .errors import LibraryError
 from .table import CHANNELS
 
-_PLAIN_NAME = "libQXV_RTP.so"
+_NAMES = ("libQXV_RTP.so.0", "libQXV_RTP.so")  # as installed, and as built for development
 _u32 = ctypes.c_uint32
 _ARGUMENTS: dict[str, list[Any]] = {
     "SetConfig": [_u32, _u32, ctypes.c_char_p],
@@ -53,13 +53,21 @@ def _call_virtual(instance: int | None, place: int, result: Any) -> int:
     return int(ctypes.CFUNCTYPE(result, ctypes.c_void_p)(functions[place] or 0)(instance))
 
 
+def _open(names: tuple[str, ...]) -> ctypes.CDLL:
+    for name in names[:-1]:
+        try:
+            return ctypes.CDLL(name)
+        except OSError:
+            pass
+    return ctypes.CDLL(names[-1])
+
+
 class Library:
     """The loaded module. `call("Send", ...)` calls QXV_RTP_Send with the handle in front."""
 
-    def __init__(self, name: str) -> None:
+    def __init__(self, names: tuple[str, ...]) -> None:
         try:
-            # A CDLL's functions run without the interpreter's lock.
-            self._library = ctypes.CDLL(name)
+            self._library = _open(names)
             self._library.QXV_RTP_Create.restype = ctypes.c_void_p
             self._library.QXV_RTP_Destroy.argtypes = [ctypes.c_void_p]
             for function, arguments in _ARGUMENTS.items():
@@ -124,4 +132,5 @@ def datagrams(row: Row) -> int:
 def load() -> Library:
     """Loads the module with the first call. That replaces the shared table, so that who watches
     it sees this process's channels from then on."""
-    return Library(os.environ.get("QXV_RTP_LIBRARY") or _PLAIN_NAME)
+    chosen = os.environ.get("QXV_RTP_LIBRARY")
+    return Library((chosen,) if chosen else _NAMES)
