@@ -6,6 +6,7 @@
 
 Importing the package does not load the module; the first Module() does, and with that replaces
 the shared table, so that who watches it sees this process from then on. Table.read() never does.
+The library is the one that QXV_RTP_LIBRARY names, else the one that is installed.
 Bitrates are in bits per second of transport stream, sizes in bytes, times in seconds. In a child of
 os.fork() nothing of this may be used.
 """
