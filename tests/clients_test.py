@@ -123,7 +123,8 @@ class ClientsTest(unittest.TestCase):
         self.assertEqual(len(rows), 2 * 269)
 
 
-if any(shutil.which(name) is None for name in NEEDS[PROGRAM]):
+if any(shutil.which(name) is None for name in ["ffmpeg"] + NEEDS[PROGRAM]) or (
+        PROGRAM == "gstreamer" and subprocess.call("gst-inspect-1.0 --exists tsdemux".split()) != 0):
     print(PROGRAM, "is not installed")
     sys.exit(77)
 os.mkdir("/tmp/out")
