@@ -131,12 +131,12 @@ class Watch {
 
 void showOnTerminal(const TopOptions& options, StopSignal& stop, Watch& watch) {
     const bool utf8 = localeIsUtf8();
-    Terminal terminal;
+    Terminal terminal;  // the last column stays free: a full line would wrap on some
     auto next = Clock::now();
     for (uint64_t pass = 0; !options.count || pass < *options.count; ++pass) {
         watch.look();
-        terminal.show(watch.screen(terminal.size().columns, utf8));
         TerminalSize size = terminal.size();
+        terminal.show(watch.screen(size.columns - 1, utf8));
         next += options.interval;
         while (Clock::now() < next) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
@@ -145,7 +145,7 @@ void showOnTerminal(const TopOptions& options, StopSignal& stop, Watch& watch) {
                 return;
             if (size != terminal.size()) {
                 size = terminal.size();
-                terminal.show(watch.screen(size.columns, utf8));
+                terminal.show(watch.screen(size.columns - 1, utf8));
             }
         }
         next = std::max(next, Clock::now() - options.interval);
