@@ -12,6 +12,7 @@
 #include "Errors.h"
 #include "ProbeCommand.h"
 #include "ReceiveCommand.h"
+#include "RelayCommand.h"
 #include "SendCommand.h"
 #include "StatusCommand.h"
 #include "TopCommand.h"
@@ -52,6 +53,7 @@ int run(int argc, char** argv) {
     app.footer("'qxvrtp COMMAND --help' tells more.");
     addSendCommand(app);
     addReceiveCommand(app);
+    addRelayCommand(app);
     addProbeCommand(app);
     addStatusCommand(app);
     addTopCommand(app);

@@ -1,0 +1,39 @@
+// What goes wrong in a command with several channels, each of which goes on without the others.
+#ifndef TOOLS_FAILURES_H
+#define TOOLS_FAILURES_H
+
+#include <fmt/format.h>
+
+#include <string>
+
+#include "Errors.h"
+
+// The only channel's failure is the command's. Of several, each is told when it happens.
+//
+// Thread safety: one thread uses it.
+class Failures {
+  public:
+    explicit Failures(size_t channels) : channels_(channels) {}
+
+    void add(const std::string& text) {
+        ++count_;
+        last_ = text;
+        if (channels_ > 1)
+            fmt::print(stderr, "qxvrtp: {}\n", text);
+    }
+
+    // Throws Failure if there was one; `things` is the plural of what has failed.
+    void conclude(const std::string& things) const {
+        if (count_ > 0)
+            throw Failure(channels_ > 1
+                              ? fmt::format("{} of {} {} failed", count_, channels_, things)
+                              : last_);
+    }
+
+  private:
+    const size_t channels_;
+    size_t count_ = 0;
+    std::string last_;
+};
+
+#endif

@@ -1,0 +1,174 @@
+#include "PacedQueue.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+// PIDs without a PCR for so long do not count any more.
+constexpr double kClockSilence_s = 1.0;
+// PCRs come every 100 ms at least; with laxer ones, the packets behind the last are due before the
+// next one has come.
+constexpr double kPcrPatience_s = 0.150;
+
+// The rate of a stream without PCRs: a first guess, then by the second.
+constexpr double kFirstWindow_s = 0.25;
+constexpr double kWindow_s = 1.0;
+constexpr double kWindowGap_s = 0.5;  // a pause is not the rate
+constexpr double kWindowWeight = 0.25;
+
+constexpr double kRateMemory_s = 4.0;
+
+constexpr double kSteerTime_s = 30.0;
+constexpr double kMeanTime_s = 2.0;  // longer than the jitter of most networks
+constexpr double kLeastMean_s = 0.25 * PacedQueue::kDelay;
+constexpr double kMostMean_s = 3.0 * PacedQueue::kDelay;
+
+}  // namespace
+
+void PacedQueue::add(const uint8_t* packet, size_t size, double now) {
+    packetSize_ = size;
+    if (given_bps_)
+        secondsPerPacket_ = static_cast<double>(size) * 8.0 / static_cast<double>(*given_bps_);
+    else if (const auto pcr = readPcr(packet))
+        follow(*pcr, now);
+    measureArrival(now);
+    Packet& added = packets_.emplace_back();
+    std::copy_n(packet, size, added.bytes.begin());
+    added.arrival = now;
+    ++sinceClock_;
+}
+
+// The packet with the PCR is about to be added.
+void PacedQueue::follow(const Pcr& pcr, double now) {
+    const bool silent = now - clockSeen_ > kClockSilence_s;
+    if (clock_ && clock_->pid != pcr.pid && !silent)
+        return;
+    const auto step = clock_ && clock_->pid == pcr.pid ? pcrStep(clock_->ticks, pcr) : std::nullopt;
+    if (step && *step == 0)
+        return;
+    if (step) {
+        const double seconds = static_cast<double>(*step) / static_cast<double>(kPcrHz);
+        secondsPerPacket_ = seconds / static_cast<double>(sinceClock_);
+        ratePackets_ += static_cast<double>(sinceClock_);
+        rateSeconds_ += seconds;
+        if (rateSeconds_ > kRateMemory_s) {
+            ratePackets_ /= 2.0;
+            rateSeconds_ /= 2.0;
+        }
+        clockTime_ += seconds;
+        // What came before the first PCR of all flows as what follows it.
+        if (!everTimed_ && untimed() > sinceClock_)
+            next_ -= static_cast<double>(untimed() - sinceClock_) * secondsPerPacket_;
+        spread(clockTime_);
+    } else {
+        ratePackets_ = rateSeconds_ = 0.0;
+        if (everTimed_)
+            spread(next_ + static_cast<double>(untimed()) * secondsPerPacket_);
+        clockTime_ = next_;
+    }
+    clock_ = pcr;
+    clockSeen_ = now;
+    sinceClock_ = 0;
+    observe(clockTime_, now);
+}
+
+// Stands in while there is no PCR.
+void PacedQueue::measureArrival(double now) {
+    const bool paused = now - lastArrival_ > kWindowGap_s;
+    lastArrival_ = now;
+    if (given_bps_ || (clock_ && now - clockSeen_ <= kClockSilence_s) || paused) {
+        windowBegin_ = now;
+        windowPackets_ = 0;
+        return;
+    }
+    ++windowPackets_;
+    const double length = now - windowBegin_;
+    if (length < (secondsPerPacket_ == 0.0 ? kFirstWindow_s : kWindow_s))
+        return;
+    const double measured = length / static_cast<double>(windowPackets_);
+    const double weight = secondsPerPacket_ == 0.0 ? 1.0 : kWindowWeight;
+    secondsPerPacket_ += (measured - secondsPerPacket_) * weight;
+    ratePackets_ = 1.0 / secondsPerPacket_;
+    rateSeconds_ = 1.0;
+    windowBegin_ = now;
+    windowPackets_ = 0;
+}
+
+// Gives the packets that have no time yet theirs, evenly up to `end`.
+void PacedQueue::spread(double end) {
+    const size_t count = untimed();
+    // Packets that were timed by guess may have gone beyond.
+    const double length = std::max(end - next_, 0.0);
+    for (size_t i = 0; i < count; ++i)
+        packets_[timed_ + i].time =
+            next_ + length * static_cast<double>(i) / static_cast<double>(count);
+    timed_ += count;
+    next_ += length;
+    everTimed_ = true;
+}
+
+void PacedQueue::timeOverdue(double now) {
+    if (untimed() == 0 || secondsPerPacket_ == 0.0)
+        return;
+    const bool clocked = clock_ && now - clockSeen_ <= kClockSilence_s;
+    if (clocked && now - packets_[timed_].arrival <= kPcrPatience_s)
+        return;
+    spread(next_ + static_cast<double>(untimed()) * secondsPerPacket_);
+    if (!clocked)
+        observe(next_, packets_.back().arrival);
+}
+
+// Steers the offset by what a packet that came at `now` will have to wait.
+void PacedQueue::observe(double streamTime, double now) {
+    const double elapsed = std::clamp(now - observed_, 0.0, 1.0);
+    observed_ = std::max(observed_, now);
+    const double delay = offset_ ? *offset_ + streamTime - now : 0.0;
+    if (offset_)
+        meanDelay_ += (delay - meanDelay_) * std::min(elapsed / kMeanTime_s, 1.0);
+    if (!offset_ || delay < -kDelay || delay > kMostDelay || meanDelay_ < kLeastMean_s ||
+        meanDelay_ > kMostMean_s) {
+        offset_ = now + kDelay - streamTime;
+        meanDelay_ = kDelay;
+        ++offsets_;
+        return;
+    }
+    *offset_ += std::clamp((kDelay - meanDelay_) / kSteerTime_s, -kSteering, kSteering) * elapsed;
+}
+
+std::span<const uint8_t> PacedQueue::takeDatagram(double now) {
+    timeOverdue(now);
+    if (timed_ < kPacketsPerDatagram || !offset_ || *offset_ + packets_.front().time > now)
+        return {};
+    return take(kPacketsPerDatagram);
+}
+
+std::span<const uint8_t> PacedQueue::takeRest() {
+    if (packets_.empty())
+        return {};
+    const auto taken = take(std::min(packets_.size(), kPacketsPerDatagram));
+    appendNullPackets(datagram_, packetSize_, kPacketsPerDatagram - taken.size() / packetSize_);
+    return datagram_;
+}
+
+std::span<const uint8_t> PacedQueue::take(size_t count) {
+    datagram_.clear();
+    for (size_t i = 0; i < count; ++i) {
+        const auto& bytes = packets_.front().bytes;
+        datagram_.insert(datagram_.end(), bytes.begin(),
+                         bytes.begin() + static_cast<std::ptrdiff_t>(packetSize_));
+        packets_.pop_front();
+    }
+    // The rest may be taken without having been timed.
+    timed_ -= std::min(timed_, count);
+    return datagram_;
+}
+
+std::optional<uint32_t> PacedQueue::bitrate() const {
+    if (given_bps_)
+        return given_bps_;
+    if (rateSeconds_ <= 0.0)
+        return std::nullopt;
+    const double bits = ratePackets_ * static_cast<double>(packetSize_) * 8.0;
+    return static_cast<uint32_t>(std::clamp(bits / rateSeconds_, 1.0, 4294967295.0));
+}
