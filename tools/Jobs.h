@@ -22,7 +22,7 @@ struct ReceiveJob {
     std::string output;                                 // "-" = standard output; strftime's % signs
     std::optional<std::chrono::milliseconds> duration;  // from the opening of the socket
     std::optional<uint64_t> bytes;
-    std::optional<std::chrono::milliseconds> idleTimeout;  // without data for this long: fails
+    std::optional<std::chrono::milliseconds> idleTimeout;  // ends without data for so long
     std::optional<uint64_t> rotateBytes;                   // a new file after so many bytes
     std::optional<std::chrono::milliseconds> rotateTime;   // and after so long
 };

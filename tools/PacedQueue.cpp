@@ -21,8 +21,7 @@ constexpr double kRateMemory_s = 4.0;
 
 constexpr double kSteerTime_s = 30.0;
 constexpr double kMeanTime_s = 2.0;  // longer than the jitter of most networks
-constexpr double kLeastMean_s = 0.25 * PacedQueue::kDelay;
-constexpr double kMostMean_s = 3.0 * PacedQueue::kDelay;
+constexpr double kMostMean_s = 4.0 * PacedQueue::kDelay;
 
 }  // namespace
 
@@ -126,7 +125,7 @@ void PacedQueue::observe(double streamTime, double now) {
     const double delay = offset_ ? *offset_ + streamTime - now : 0.0;
     if (offset_)
         meanDelay_ += (delay - meanDelay_) * std::min(elapsed / kMeanTime_s, 1.0);
-    if (!offset_ || delay < -kDelay || delay > kMostDelay || meanDelay_ < kLeastMean_s ||
+    if (!offset_ || delay < -kDelay || delay > kMostDelay || meanDelay_ < 0.0 ||
         meanDelay_ > kMostMean_s) {
         offset_ = now + kDelay - streamTime;
         meanDelay_ = kDelay;

@@ -18,17 +18,18 @@
 //
 // The stream's clock is not this machine's. The offset is therefore steered, so that the mean delay
 // between arrival and departure stays at kDelay: by a thirtieth of the deviation per second, at most
-// kSteering. A source that is 100 ppm fast or slow shifts the delay by 3 ms, and one that is off by
-// less than kSteering neither drains the queue nor fills it, however long it runs. What steering
-// cannot mend in time (the source has paused, its PCRs jump, it sends faster than its PCRs) begins a
-// new offset, which brings the delay back to kDelay at once; no packet stays longer than kMostDelay.
+// kSteering. A source that is 100 ppm fast or slow shifts the delay by 3 ms, and no such source drains
+// the queue or fills it, however long it runs; the limit is reached only after a hold-up of most of a
+// second. What steering cannot mend in time (the source has paused, its PCRs jump, it sends faster
+// than its PCRs) begins a new offset, which brings the delay back to kDelay at once; no packet is put
+// off by more than kMostDelay.
 //
 // Times are seconds since any fixed moment, and never go backwards. One thread uses it.
 class PacedQueue {
   public:
     static constexpr double kDelay = 0.200;  // PCRs come every 100 ms, and networks hold up
     static constexpr double kMostDelay = 1.000;
-    static constexpr double kSteering = 0.002;
+    static constexpr double kSteering = 0.020;
 
     explicit PacedQueue(std::optional<uint32_t> bitrate_bps = std::nullopt)
         : given_bps_(bitrate_bps) {}

@@ -1,140 +1,101 @@
 #include "ReceiveCommand.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
+#include <atomic>
 #include <climits>
-#include <cstring>
+#include <future>
 #include <memory>
+#include <set>
 #include <thread>
-#include <vector>
 
 #include "CommandLine.h"
 #include "Errors.h"
-#include "FileDescriptor.h"
+#include "Failures.h"
 #include "HostModule.h"
 #include "Progress.h"
 #include "Quantity.h"
+#include "ReceiveStatistics.h"
+#include "Recording.h"
 #include "StopSignal.h"
+#include "StreamMeter.h"
 #include "StreamUrl.h"
-#include "TransportStream.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr uint32_t kChannel = 0;
 constexpr size_t kChunkBytes = size_t{256} * 1024;
 constexpr auto kPollInterval = 2ms;
+constexpr auto kLookInterval = 20ms;
 constexpr auto kPatience = 3s;  // the module tries once a second to open the socket
 
-int openOutput(const std::string& path) {
-    if (path == "-")
-        return STDOUT_FILENO;
-    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (descriptor < 0)
-        throw Failure(fmt::format("cannot write '{}': {}", path, std::strerror(errno)));
-    return descriptor;
+double seconds(Clock::duration time) {
+    return std::chrono::duration<double>(time).count();
 }
 
-// Where the recording goes.
-class Output {
-  public:
-    explicit Output(const std::string& path)
-        : name_(path == "-" ? "standard output" : fmt::format("'{}'", path)),
-          file_(openOutput(path)) {
-        struct stat status {};
-        regular_ = fstat(file_.get(), &status) == 0 && S_ISREG(status.st_mode);
-    }
-
-    // False when the reader of a pipe does not go on reading after a signal has come.
-    bool write(std::span<const uint8_t> data, StopSignal& stop) {
-        int waitedAfterStop = 0;
-        while (!data.empty()) {
-            if (!isReady()) {
-                if (stop.requested() && ++waitedAfterStop > kWaitsAfterStop)
-                    return false;
-                continue;
-            }
-            // A pipe that is ready takes this much without blocking.
-            const size_t most = regular_ ? data.size() : std::min<size_t>(data.size(), PIPE_BUF);
-            const ssize_t count = ::write(file_.get(), data.data(), most);
-            if (count >= 0)
-                data = data.subspan(static_cast<size_t>(count));
-            else if (errno != EINTR && errno != EAGAIN)
-                throw Failure(fmt::format("cannot write {}: {}", name_, std::strerror(errno)));
-        }
-        return true;
-    }
-
-    const std::string& name() const { return name_; }
-
-  private:
-    static constexpr int kWait_ms = 50;
-    static constexpr int kWaitsAfterStop = 20;
-
-    bool isReady() const {
-        pollfd writable{file_.get(), POLLOUT, 0};
-        return regular_ || poll(&writable, 1, kWait_ms) > 0;
-    }
-
-    std::string name_;
-    FileDescriptor file_;
-    bool regular_ = false;
-};
-
+// One channel. A thread of its own runs it, so that a disk or a reader that is slow holds up no other
+// channel; the figures for the line of progress are read by another one meanwhile.
 class Receiving {
   public:
-    Receiving(const ReceiveOptions& options, const StreamUrl& url, HostModule& module,
-              Output& output, StopSignal& stop)
-        : options_(options),
+    Receiving(const ReceiveJob& job, const StreamUrl& url, HostModule& module, uint32_t channel,
+              Recording& recording, const StopFlag& stop)
+        : job_(job),
           url_(url),
-          output_(output),
+          recording_(recording),
           stop_(stop),
-          channel_(module, kChannel, receiveConfig(url)),
+          channel_(module, channel, receiveConfig(url)),
           chunk_(kChunkBytes) {}
 
+    // Throws Failure when the job has not been done.
     void run() {
-        if (!waitForSocket())
-            return;
-        const auto opened = Clock::now();
-        while (!isComplete()) {
-            if (stop_.requested() ||
-                (options_.duration && Clock::now() - opened >= *options_.duration)) {
-                recordRest();
-                return;
+        if (waitForSocket()) {
+            opened_ = lastData_ = Clock::now();
+            while (!isOver()) {
+                if (record() == 0)
+                    std::this_thread::sleep_for(kPollInterval);
+                count();
             }
-            if (record() == 0)
-                std::this_thread::sleep_for(kPollInterval);
-            showProgress();
+            if (!isComplete())
+                recordRest();
+            closed_ = Clock::now();
         }
+        conclude();
     }
 
-    // Throws Failure when the job has not been done.
-    void conclude() {
-        progress_.summary(fmt::format("received {} in {} from {} ({}): {} continuity errors",
-                                      formatBytes(recorded_), formatTime(progress_.elapsed()),
-                                      url_.text, channel_.isRtp() ? "rtp" : "raw",
-                                      continuity_.errors()));
-        if (options_.bytes && recorded_ < *options_.bytes)
-            throw Failure(fmt::format("only {} of {} bytes came from {}", recorded_,
-                                      *options_.bytes, url_.text));
-        if (recorded_ == 0 && !isComplete())
-            throw Failure(fmt::format("nothing came from {}", url_.text));
+    uint64_t recorded() const { return recorded_; }
+    uint64_t continuityErrors() const { return errors_; }
+    uint32_t bitrate_bps() const { return channel_.measuredBitrate(); }
+    const char* mode() const { return channel_.isRtp() ? "rtp" : "raw"; }
+
+    // Only when run() has returned.
+    ReceiveStatistics statistics(const std::string& error) const {
+        ReceiveStatistics result;
+        result.url = url_.text;
+        result.output = job_.output;
+        result.files = recording_.files();
+        result.datagrams = datagrams_;
+        result.bytes = recorded_;
+        result.packets = meter_.packets();
+        result.packetSize = meter_.packetSize();
+        result.continuityErrors = meter_.continuityErrors();
+        result.syncLosses = meter_.syncLosses();
+        if (recorded_ > 0)
+            result.rtp = channel_.isRtp();
+        result.seconds = seconds(closed_ - opened_);
+        result.dataSeconds = recorded_ > 0 ? seconds(lastData_ - firstData_) : 0.0;
+        result.error = error;
+        return result;
     }
 
   private:
     bool waitForSocket() {
         const auto deadline = Clock::now() + kPatience;
         while (!channel_.socketIsOpen()) {
-            if (stop_.requested())
+            if (stop_.load() != nullptr)
                 return false;
             if (Clock::now() > deadline)
                 throw Failure(fmt::format(
@@ -146,20 +107,31 @@ class Receiving {
         return true;
     }
 
-    bool isComplete() const { return options_.bytes && recorded_ >= *options_.bytes; }
+    bool isComplete() const { return job_.bytes && recorded_ >= *job_.bytes; }
 
-    // Moves what the buffer holds, up to a chunk, to the output; returns the number of bytes.
+    bool isOver() const {
+        const auto now = Clock::now();
+        return isComplete() || stop_.load() != nullptr ||
+               (job_.duration && now - opened_ >= *job_.duration) ||
+               (job_.idleTimeout && now - lastData_ >= *job_.idleTimeout);
+    }
+
+    // Moves what the buffer holds, up to a chunk, to the recording; returns the number of bytes.
     size_t record() {
         size_t most = chunk_.size();
-        if (options_.bytes)
-            most = static_cast<size_t>(std::min<uint64_t>(most, *options_.bytes - recorded_));
+        if (job_.bytes)
+            most = static_cast<size_t>(std::min<uint64_t>(most, *job_.bytes - recorded_));
         const size_t taken = channel_.receive(std::span(chunk_).first(most));
-        const auto data = std::span<const uint8_t>(chunk_).first(taken);
-        splitter_.feed(data, [this](const uint8_t* packet) { continuity_.add(packet); });
-        if (!output_.write(data, stop_))
+        if (taken == 0)
+            return 0;
+        lastData_ = Clock::now();
+        if (recorded_ == 0)
+            firstData_ = lastData_;
+        if (!recording_.write(std::span<const uint8_t>(chunk_).first(taken), meter_, stop_))
             throw Failure(
-                fmt::format("stopped by {} while nobody read {}", stop_.name(), output_.name()));
+                fmt::format("stopped by {} while nobody read {}", stop_.load(), recording_.name()));
         recorded_ += taken;
+        errors_ = meter_.continuityErrors();
         return taken;
     }
 
@@ -173,75 +145,265 @@ class Receiving {
                 return;
             rest -= std::min(taken, rest);
         }
+        count();
     }
 
-    void showProgress() {
-        if (progress_.due())
-            progress_.show(fmt::format(
-                "{}  {}  {}  measured {}  {} continuity errors", formatTime(progress_.elapsed()),
-                formatBytes(recorded_), channel_.isRtp() ? "rtp" : "raw",
-                formatBitrate(channel_.measuredBitrate()), continuity_.errors()));
+    // The channel counts anew where datagrams of another size come.
+    void count() {
+        const uint64_t now = channel_.datagrams();
+        datagrams_ += now >= counted_ ? now - counted_ : now;
+        counted_ = now;
     }
 
-    const ReceiveOptions& options_;
+    void conclude() const {
+        if (job_.bytes && recorded_ < *job_.bytes)
+            throw Failure(fmt::format("only {} of {} bytes came from {}", recorded_.load(),
+                                      *job_.bytes, url_.text));
+        if (recorded_ == 0)
+            throw Failure(fmt::format("nothing came from {}", url_.text));
+    }
+
+    const ReceiveJob& job_;
     const StreamUrl& url_;
-    Output& output_;
-    StopSignal& stop_;
-    Progress progress_;
+    Recording& recording_;
+    const StopFlag& stop_;
     ReceiveChannel channel_;
     std::vector<uint8_t> chunk_;
-    PacketSplitter splitter_;
-    ContinuityCounter continuity_;
-    uint64_t recorded_ = 0;
+    StreamMeter meter_;
+    Clock::time_point opened_;
+    Clock::time_point closed_;
+    Clock::time_point firstData_;
+    Clock::time_point lastData_;
+    uint64_t datagrams_ = 0;
+    uint64_t counted_ = 0;
+    std::atomic<uint64_t> recorded_{0};  // written by the channel's thread
+    std::atomic<uint64_t> errors_{0};    // ... and this
 };
+
+// A job, from the opening of its output to its end.
+struct Task {
+    const ReceiveJob* job;
+    StreamUrl url;
+    std::unique_ptr<Recording> recording;
+    std::unique_ptr<Receiving> receiving;
+    std::future<void> end;  // while it runs
+    std::string error;
+};
+
+std::vector<Task> makeTasks(const std::vector<ReceiveJob>& jobs) {
+    if (jobs.size() > kChannels)
+        throw UsageError(
+            fmt::format("{} streams: at most {} can be received", jobs.size(), kChannels));
+    std::vector<Task> tasks;
+    std::set<std::string> outputs;
+    for (const ReceiveJob& job : jobs) {
+        tasks.push_back({&job, parseStreamUrl(job.url), nullptr, nullptr, {}, {}});
+        receiveConfig(tasks.back().url);  // refuses what cannot be received from
+        if (!outputs.insert(job.output).second && job.output != "/dev/null")
+            throw UsageError(fmt::format("two streams cannot both go to '{}'", job.output));
+        if (job.output == "-" && (job.rotateBytes || job.rotateTime))
+            throw UsageError("standard output cannot be rotated; name a file");
+    }
+    return tasks;
+}
+
+class Session {
+  public:
+    explicit Session(std::vector<Task> tasks)
+        : tasks_(std::move(tasks)), failures_(tasks_.size()) {}
+
+    // May wait for the reader of a FIFO.
+    bool openOutputs() {
+        for (Task& task : tasks_)
+            guard(task, [&task] {
+                const Rotation rotation{task.job->rotateBytes, task.job->rotateTime};
+                task.recording = std::make_unique<Recording>(task.job->output, rotation);
+            });
+        return std::any_of(tasks_.begin(), tasks_.end(),
+                           [](const Task& task) { return task.recording != nullptr; });
+    }
+
+    void run(StopSignal& signal, HostModule& module) {
+        for (uint32_t channel = 0; channel < tasks_.size(); ++channel)
+            guard(tasks_[channel], [&] { start(tasks_[channel], module, channel); });
+        while (collect() > 0) {
+            if (signal.requested() && stop_.load() == nullptr)
+                stop_ = signal.name();
+            if (progress_.due())
+                progress_.show(describeProgress());
+            std::this_thread::sleep_for(kLookInterval);
+        }
+    }
+
+    void conclude(bool statistics) {
+        for (const Task& task : tasks_) {
+            ReceiveStatistics result;
+            result.url = task.url.text;
+            result.output = task.job->output;
+            result.error = task.error;
+            if (task.receiving)
+                result = task.receiving->statistics(task.error);
+            progress_.summary(describe(result));
+            if (statistics)
+                fmt::print(stderr, "{}\n", toJson(result));
+        }
+        failures_.conclude("streams");
+    }
+
+  private:
+    template <typename Work>
+    void guard(Task& task, const Work& work) {
+        try {
+            work();
+        } catch (const Failure& failure) {
+            task.error = failure.what();
+            progress_.show("");
+            failures_.add(task.error);
+        }
+    }
+
+    void start(Task& task, HostModule& module, uint32_t channel) {
+        if (!task.recording)
+            return;
+        task.receiving = std::make_unique<Receiving>(*task.job, task.url, module, channel,
+                                                     *task.recording, stop_);
+        task.end = std::async(std::launch::async,
+                              [receiving = task.receiving.get()] { receiving->run(); });
+    }
+
+    // Takes what has ended; returns how many still run.
+    size_t collect() {
+        size_t running = 0;
+        for (Task& task : tasks_) {
+            if (!task.end.valid())
+                continue;
+            if (task.end.wait_for(0s) == std::future_status::ready)
+                guard(task, [&task] { task.end.get(); });
+            else
+                ++running;
+        }
+        return running;
+    }
+
+    std::string describeProgress() const {
+        uint64_t bytes = 0;
+        uint64_t bitrate_bps = 0;
+        uint64_t errors = 0;
+        size_t running = 0;
+        const Receiving* last = nullptr;
+        for (const Task& task : tasks_) {
+            if (!task.receiving)
+                continue;
+            last = task.receiving.get();
+            bytes += last->recorded();
+            bitrate_bps += last->bitrate_bps();
+            errors += last->continuityErrors();
+            running += task.end.valid() ? 1 : 0;
+        }
+        const auto what = tasks_.size() > 1 || last == nullptr
+                              ? fmt::format("{} of {} streams", running, tasks_.size())
+                              : std::string(last->mode());
+        return fmt::format("{}  {}  {}  measured {}  {} continuity errors",
+                           formatTime(progress_.elapsed()), formatBytes(bytes), what,
+                           formatBitrate(bitrate_bps), errors);
+    }
+
+    StopFlag stop_{nullptr};
+    Progress progress_;
+    std::vector<Task> tasks_;
+    Failures failures_;
+};
+
+struct Arguments {
+    std::vector<std::string> streams;
+    std::string bytes;
+    std::string duration;
+    std::string idleTimeout;
+    std::string rotateSize;
+    std::string rotateTime;
+    bool statistics = false;
+};
+
+std::vector<ReceiveJob> makeJobs(const Arguments& given) {
+    if (given.streams.size() % 2 != 0)
+        throw UsageError(
+            fmt::format("a FILE is missing for {}; - is standard output", given.streams.back()));
+    const auto time = [](const char* option, const std::string& text) {
+        return text.empty() ? std::nullopt : std::optional(duration(option, text, 0.001, 1e9));
+    };
+    const auto size = [](const char* option, const std::string& text) {
+        return text.empty() ? std::nullopt : std::optional(quantity(option, text, 1, INT64_MAX));
+    };
+    std::vector<ReceiveJob> jobs;
+    for (size_t i = 0; i < given.streams.size(); i += 2)
+        jobs.push_back({given.streams[i], given.streams[i + 1], time("--duration", given.duration),
+                        size("--bytes", given.bytes), time("--idle-timeout", given.idleTimeout),
+                        size("--rotate-size", given.rotateSize),
+                        time("--rotate-time", given.rotateTime)});
+    return jobs;
+}
+
+void addArguments(CLI::App& command, Arguments& given) {
+    command
+        .add_option("URL FILE", given.streams,
+                    "Group to join, or local address to listen on (udp://@:5000 = any), and where "
+                    "to record; - is standard output. Up to 16 such pairs; the options are for all")
+        ->required()
+        ->type_name("...");
+    const auto add = [&command](const char* name, std::string& value, const char* type,
+                                const char* help) {
+        command.add_option(name, value, help)->type_name(type);
+    };
+    add("-d,--duration", given.duration, "SECONDS",
+        "End this many seconds after the socket was opened");
+    add("-n,--bytes", given.bytes, "NUMBER",
+        "End after exactly this many bytes (also with k, M, G)");
+    add("-i,--idle-timeout", given.idleTimeout, "SECONDS", "End when nothing has come for so long");
+    add("--rotate-size", given.rotateSize, "NUMBER",
+        "Begin a new file after so many bytes (also with k, M, G)");
+    add("--rotate-time", given.rotateTime, "SECONDS", "Begin a new file after so long");
+    command.add_flag("--statistics", given.statistics,
+                     "In the end, print one line of JSON per stream to standard error");
+}
 
 }  // namespace
 
-void runReceive(const ReceiveOptions& options) {
-    const StreamUrl url = parseStreamUrl(options.url);
-    receiveConfig(url);           // refuses what cannot be received from before anything is opened
-    Output output(options.file);  // may wait for the reader of a FIFO
-    StopSignal stop;
-    HostModule module;
-    Receiving receiving(options, url, module, output, stop);
-    receiving.run();
-    receiving.conclude();
+void runReceive(const std::vector<ReceiveJob>& jobs, bool statistics) {
+    Session session(makeTasks(jobs));
+    if (session.openOutputs()) {
+        StopSignal signal;
+        HostModule module;
+        session.run(signal, module);
+        session.conclude(statistics);
+        return;
+    }
+    session.conclude(statistics);
 }
 
 void addReceiveCommand(CLI::App& app) {
-    struct Arguments {
-        ReceiveOptions options;
-        std::string bytes;
-        std::string duration;
-    };
-    auto* const command = app.add_subcommand("receive", "Record a transport stream");
+    auto* const command = app.add_subcommand("receive", "Record transport streams");
     const auto given = std::make_shared<Arguments>();
-    command
-        ->add_option("URL", given->options.url,
-                     "Group to join, or local address to listen on (udp://@:5000 = any)")
-        ->required()
-        ->type_name("");
-    command->add_option("FILE", given->options.file, "Where to record; - is standard output")
-        ->required()
-        ->type_name("");
-    command
-        ->add_option("-d,--duration", given->duration,
-                     "End this many seconds after the socket was opened")
-        ->type_name("SECONDS");
-    command
-        ->add_option("-n,--bytes", given->bytes,
-                     "End after exactly this many bytes (also with k, M, G)")
-        ->type_name("NUMBER");
+    addArguments(*command, *given);
     command->footer(fmt::format(
-        "Raw and RTP streams are told apart by themselves, whatever the scheme.\n"
-        "Done (0) when --bytes have come; without it when the time is up, or SIGINT or SIGTERM\n"
-        "comes, and anything was received.\n{}",
+        "Raw and RTP streams are told apart by themselves, whatever the scheme. Done (0) when\n"
+        "--bytes have come; without it when the time is up, nothing comes any more, or SIGINT or\n"
+        "SIGTERM comes, and anything was received. Several streams do not wait for each other; if\n"
+        "one fails (1), the others go on.\n"
+        "\n"
+        "FILE is a pattern of strftime: %Y-%m-%d_%H%M%S is the time at which the file begins, %% "
+        "a\n"
+        "percent sign. A file that is there is overwritten, but not when files are rotated: "
+        "without\n"
+        "a '%', and where the name is taken, a number comes in front of the suffix "
+        "(name-0001.ts).\n"
+        "Each file begins with a packet.\n"
+        "\n"
+        "Examples:\n"
+        "  qxvrtp receive rtp://239.1.1.1:5000 film.ts --duration 3600\n"
+        "  qxvrtp receive udp://@:5000 - | ffplay -\n"
+        "  qxvrtp receive udp://239.1.1.1:5000 one-%H%M.ts udp://239.1.1.2:5000 two-%H%M.ts \\\n"
+        "      --rotate-time 600 --idle-timeout 30 --statistics\n"
+        "\n{}",
         urlHelp()));
-    command->callback([given] {
-        if (!given->bytes.empty())
-            given->options.bytes = quantity("--bytes", given->bytes, 1, INT64_MAX);
-        if (!given->duration.empty())
-            given->options.duration = duration("--duration", given->duration, 0.001, 1e9);
-        runReceive(given->options);
-    });
+    command->callback([given] { runReceive(makeJobs(*given), given->statistics); });
 }

@@ -1,25 +1,18 @@
 #ifndef TOOLS_RECEIVECOMMAND_H
 #define TOOLS_RECEIVECOMMAND_H
 
-#include <chrono>
-#include <cstdint>
-#include <optional>
-#include <string>
+#include <vector>
+
+#include "Jobs.h"
 
 namespace CLI {
 class App;
 }
 
-struct ReceiveOptions {
-    std::string url;
-    std::string file;                                   // "-" = standard output
-    std::optional<std::chrono::milliseconds> duration;  // from the opening of the socket
-    std::optional<uint64_t> bytes;
-};
-
-// Records until a limit is reached or a signal comes. Throws UsageError or Failure, the latter also
-// when nothing, or less than was asked for, has come.
-void runReceive(const ReceiveOptions& options);
+// Records each job on the channel of its number, until its limit is reached or SIGINT or SIGTERM
+// comes. `statistics` prints one line of JSON per job to standard error in the end. Throws UsageError,
+// or Failure when one of the jobs has received nothing or less than was asked for; the others go on.
+void runReceive(const std::vector<ReceiveJob>& jobs, bool statistics);
 
 // Adds the command to the command line.
 void addReceiveCommand(CLI::App& app);

@@ -13,13 +13,13 @@ using namespace std::chrono_literals;
 
 // A ring that is large enough for any rate: what may wait in it is limited by time.
 constexpr uint32_t kRingBitrate_bps = 200'000'000;
-constexpr auto kMostBuffered = 500ms;
+constexpr auto kMostBuffered = 1500ms;
 constexpr uint64_t kLeastBytes = uint64_t{16} * kPacketsPerDatagram * kPacketWithParityBytes;
 
 constexpr double kHeadroom = 1.01;  // clocks, steering, and a rate measured over a moment
 constexpr double kSameRate = 0.02;  // less is not worth a new schedule
 constexpr double kRaise = 1.25;     // a rate that varies should not make a raise of every peak
-constexpr auto kBacklog = 100ms;
+constexpr auto kBacklog = 250ms;
 
 constexpr auto kLook = 1s;
 constexpr auto kReport = 10s;
