@@ -20,6 +20,8 @@ constexpr double kWindowWeight = 0.25;
 constexpr double kRateMemory_s = 4.0;
 
 constexpr double kSteerTime_s = 30.0;
+constexpr double kCoarseSteerTime_s = 5.0;
+constexpr double kCoarseSteering = 0.1;
 constexpr double kMeanTime_s = 2.0;  // longer than the jitter of most networks
 constexpr double kMostMean_s = 4.0 * PacedQueue::kDelay;
 
@@ -36,6 +38,10 @@ void PacedQueue::add(const uint8_t* packet, size_t size, double now) {
     std::copy_n(packet, size, added.bytes.begin());
     added.arrival = now;
     ++sinceClock_;
+}
+
+bool PacedQueue::isClocked(double now) const {
+    return clock_ && now - clockSeen_ <= kClockSilence_s;
 }
 
 // The packet with the PCR is about to be added.
@@ -69,14 +75,14 @@ void PacedQueue::follow(const Pcr& pcr, double now) {
     clock_ = pcr;
     clockSeen_ = now;
     sinceClock_ = 0;
-    observe(clockTime_, now);
+    observation_ = {clockTime_, now};
 }
 
 // Stands in while there is no PCR.
 void PacedQueue::measureArrival(double now) {
     const bool paused = now - lastArrival_ > kWindowGap_s;
     lastArrival_ = now;
-    if (given_bps_ || (clock_ && now - clockSeen_ <= kClockSilence_s) || paused) {
+    if (given_bps_ || isClocked(now) || paused) {
         windowBegin_ = now;
         windowPackets_ = 0;
         return;
@@ -86,7 +92,9 @@ void PacedQueue::measureArrival(double now) {
     if (length < (secondsPerPacket_ == 0.0 ? kFirstWindow_s : kWindow_s))
         return;
     const double measured = length / static_cast<double>(windowPackets_);
-    const double weight = secondsPerPacket_ == 0.0 ? 1.0 : kWindowWeight;
+    // The first guess is replaced by the first whole window.
+    const double weight = windows_ < 2 ? 1.0 : std::max(kWindowWeight, 1.0 / windows_);
+    ++windows_;
     secondsPerPacket_ += (measured - secondsPerPacket_) * weight;
     ratePackets_ = 1.0 / secondsPerPacket_;
     rateSeconds_ = 1.0;
@@ -110,18 +118,21 @@ void PacedQueue::spread(double end) {
 void PacedQueue::timeOverdue(double now) {
     if (untimed() == 0 || secondsPerPacket_ == 0.0)
         return;
-    const bool clocked = clock_ && now - clockSeen_ <= kClockSilence_s;
+    const bool clocked = isClocked(now);
     if (clocked && now - packets_[timed_].arrival <= kPcrPatience_s)
         return;
     spread(next_ + static_cast<double>(untimed()) * secondsPerPacket_);
     if (!clocked)
-        observe(next_, packets_.back().arrival);
+        observation_ = {next_, packets_.back().arrival};
 }
 
-// Steers the offset by what a packet that came at `now` will have to wait.
-void PacedQueue::observe(double streamTime, double now) {
-    const double elapsed = std::clamp(now - observed_, 0.0, 1.0);
-    observed_ = std::max(observed_, now);
+// Steers the offset by what the packet that came last will have to wait. After a hold-up many come at
+// once, and only the last of them tells how things stand.
+void PacedQueue::steer() {
+    const auto [streamTime, now] = *observation_;
+    observation_.reset();
+    const double elapsed = std::clamp(now - steered_, 0.0, 1.0);
+    steered_ = std::max(steered_, now);
     const double delay = offset_ ? *offset_ + streamTime - now : 0.0;
     if (offset_)
         meanDelay_ += (delay - meanDelay_) * std::min(elapsed / kMeanTime_s, 1.0);
@@ -132,11 +143,17 @@ void PacedQueue::observe(double streamTime, double now) {
         ++offsets_;
         return;
     }
-    *offset_ += std::clamp((kDelay - meanDelay_) / kSteerTime_s, -kSteering, kSteering) * elapsed;
+    // Where the rate is no more than an estimate, there is no exact pace to be kept.
+    const bool exact = given_bps_ || isClocked(now);
+    const double most = exact ? kSteering : kCoarseSteering;
+    const double wanted = (kDelay - meanDelay_) / (exact ? kSteerTime_s : kCoarseSteerTime_s);
+    *offset_ += std::clamp(wanted, -most, most) * elapsed;
 }
 
 std::span<const uint8_t> PacedQueue::takeDatagram(double now) {
     timeOverdue(now);
+    if (observation_)
+        steer();
     if (timed_ < kPacketsPerDatagram || !offset_ || *offset_ + packets_.front().time > now)
         return {};
     return take(kPacketsPerDatagram);

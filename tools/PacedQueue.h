@@ -8,6 +8,7 @@
 #include <deque>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "TransportStream.h"
@@ -44,12 +45,8 @@ class PacedQueue {
     // empty: nothing is left.
     std::span<const uint8_t> takeRest();
 
-    bool empty() const { return packets_.empty(); }
-    size_t packets() const { return packets_.size(); }
-
     // The rate at which the packets flow, in bits per second, all bytes of them; none: not known yet.
     std::optional<uint32_t> bitrate() const;
-    bool followsPcrs() const { return clock_.has_value(); }
 
     // The mean time between arrival and departure of late, and how often a new offset began.
     double delay() const { return meanDelay_; }
@@ -66,7 +63,8 @@ class PacedQueue {
     void measureArrival(double now);
     void spread(double end);
     void timeOverdue(double now);
-    void observe(double streamTime, double now);
+    void steer();
+    bool isClocked(double now) const;
     size_t untimed() const { return packets_.size() - timed_; }
     std::span<const uint8_t> take(size_t count);
 
@@ -91,10 +89,12 @@ class PacedQueue {
     double lastArrival_ = 0.0;
     double windowBegin_ = 0.0;  // of the measurement by arrival
     size_t windowPackets_ = 0;
+    uint32_t windows_ = 0;
 
     std::optional<double> offset_;
     double meanDelay_ = kDelay;
-    double observed_ = 0.0;
+    double steered_ = 0.0;                                  // when last
+    std::optional<std::pair<double, double>> observation_;  // stream time, and when it came
     uint64_t offsets_ = 0;
 };
 

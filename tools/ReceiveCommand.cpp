@@ -223,7 +223,9 @@ class Session {
                            [](const Task& task) { return task.recording != nullptr; });
     }
 
-    void run(StopSignal& signal, HostModule& module) {
+    void run() {
+        StopSignal signal;
+        HostModule& module = module_.emplace();
         for (uint32_t channel = 0; channel < tasks_.size(); ++channel)
             guard(tasks_[channel], [&] { start(tasks_[channel], module, channel); });
         while (collect() > 0) {
@@ -308,6 +310,7 @@ class Session {
                            formatBitrate(bitrate_bps), errors);
     }
 
+    std::optional<HostModule> module_;  // outlives the channels of the tasks
     StopFlag stop_{nullptr};
     Progress progress_;
     std::vector<Task> tasks_;
@@ -370,13 +373,8 @@ void addArguments(CLI::App& command, Arguments& given) {
 
 void runReceive(const std::vector<ReceiveJob>& jobs, bool statistics) {
     Session session(makeTasks(jobs));
-    if (session.openOutputs()) {
-        StopSignal signal;
-        HostModule module;
-        session.run(signal, module);
-        session.conclude(statistics);
-        return;
-    }
+    if (session.openOutputs())
+        session.run();
     session.conclude(statistics);
 }
 

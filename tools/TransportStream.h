@@ -155,7 +155,7 @@ class PacketSplitter {
 
     void feed(std::span<const uint8_t> bytes, const Sink& sink);
 
-    size_t packetSize() const { return packetSize_; }  // 0 = not found (any more)
+    size_t packetSize() const { return packetSize_; }        // 0 = not found (any more)
     size_t pendingBytes() const { return pending_.size(); }  // of which no packet was made yet
     uint64_t packets() const { return packets_; }
     uint64_t syncLosses() const { return syncLosses_; }

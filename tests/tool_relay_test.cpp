@@ -1,0 +1,106 @@
+// Recording several streams to several files, and relaying.
+#include <cmath>
+
+#include "PacedQueue.h"
+#include "ToolSupport.h"
+
+namespace {
+
+// Twenty minutes of a stream of 600 packets a second with a PCR in every 20th.
+TEST(PacedQueue, DelayStaysWhateverTheSourcesClockAndPcrs) {
+    constexpr double kPacketSeconds = 1.0 / 600.0;
+    const std::tuple<double, bool> cases[] = {{300e-6, true}, {-300e-6, true}, {-100e-6, false}};
+    for (const auto& [drift, pcrs] : cases) {
+        PacedQueue queue;
+        uint64_t taken = 0;
+        double latest = 0.0;
+        for (uint32_t n = 0; n < 600 * 1200; ++n) {
+            const bool pcr = pcrs && n % 20 == 0;
+            // A base of 45 kHz, in 33 bits, of which the upper 32 stand in four bytes of their own.
+            const auto base = static_cast<uint32_t>(n * kPacketSeconds * 45000.0);
+            std::array<uint8_t, 188> packet{0x47, 1, 0, uint8_t{0x30}, 7, uint8_t(pcr ? 0x10 : 0)};
+            for (int i = 0; i < 4; ++i)
+                packet[6 + i] = static_cast<uint8_t>(base >> (24 - 8 * i));
+            packet[10] = 0x7E;
+            memcpy(&packet[12], &n, sizeof(n));
+            const double now = n * kPacketSeconds / (1.0 + drift) + 0.02 * (1.0 + std::sin(n));
+            latest = std::max(latest, now);
+            queue.add(packet.data(), packet.size(), latest);
+            for (auto out = queue.takeDatagram(latest); !out.empty();
+                 out = queue.takeDatagram(latest))
+                for (size_t at = 0; at < out.size(); at += 188, ++taken)
+                    ASSERT_EQ(memcmp(&out[at + 12], &taken, sizeof(n)), 0) << taken;
+            const double delay = static_cast<double>(n - taken) * kPacketSeconds;
+            ASSERT_NEAR(n < 600 * 10 ? 0.2 : delay, 0.2, 0.1) << drift;
+        }
+        EXPECT_EQ(queue.offsets(), 1u) << drift;
+        EXPECT_NEAR(*queue.bitrate(), 600 * 188 * 8, 5000) << drift;
+    }
+}
+
+TEST(Tool, ReceiveRotatesFilesAtPacketsAndCountsAndEndsWhenIdle) {
+    const std::string all = Contents(kSample);
+    const std::string input = all.substr(0, 188 * 700) + all.substr(188 * 701);
+    std::ofstream("/tmp/input") << input;
+    std::ofstream("/tmp/part-0002.ts") << "kept";
+    const std::string url = "udp://127.0.0.1:7100";
+    Process idle = Process::Tool("receive udp://127.0.0.1:7104 /dev/null -i 0.3 2> /dev/null");
+    // The files lie outside the mount namespace of Process::Tool.
+    Process receiver(TOOL_PATH " receive " + url + " /tmp/part.ts rtp://127.0.0.1:7102 /no/file " +
+                     "--rotate-size 100k -i 2 --statistics 2> /tmp/statistics");
+    ASSERT_TRUE(
+        Await([] { return Contents("/proc/net/udp").find(":1BBC ") != std::string::npos; }));
+    EXPECT_EQ(Process::Tool("send - " + url + " -b 5M < /tmp/input").Wait(), 0);
+    EXPECT_EQ(receiver.Wait(), 1) << "one of two has failed";
+    EXPECT_EQ(idle.Wait(), 1) << "nothing came";
+    std::string recording;
+    for (const char* number : {"1", "3", "4", "5"}) {
+        const std::string part = Contents(std::string("/tmp/part-000") + number + ".ts");
+        EXPECT_EQ(part.substr(0, 1), "\x47");
+        EXPECT_TRUE(*number == '5' || part.size() == 532 * 188) << part.size();
+        recording += part;
+    }
+    EXPECT_TRUE(recording.substr(0, input.size()) == input);
+    EXPECT_EQ(Contents("/tmp/part-0002.ts"), "kept");
+    const std::string statistics = Contents("/tmp/statistics");
+    for (const char* part : {"\"files\":4,\"mode\":\"raw\"", "\"datagrams\":269,\"bytes\":354004",
+                             "\"continuity_errors\":1,\"sync_losses\":0,\"error\":null",
+                             "cannot write '/no/file-0001'", "qxvrtp: 1 of 2 streams failed\n"})
+        EXPECT_NE(statistics.find(part), std::string::npos) << part << '\n' << statistics;
+}
+
+TEST(Tool, RelaySendsToAllThroughPausesAndChangesOfModeAndPacketSize) {
+    std::string all = Contents(kSample);
+    std::string parity;
+    for (size_t at = 0; at < all.size(); at += 188)
+        parity += all.substr(at, 188) + std::string(16, '\1');
+    std::ofstream("/tmp/parity") << parity;
+    all += all;
+    // The first of the longer packets is taken for one of the old size, null packets fill its datagram.
+    const size_t length = all.size() + 1316 + 269 * 1428;
+    const std::string to[] = {"udp://127.0.0.1:7112", "rtp://[::1]:7114", "rtp://239.1.1.1:7116"};
+    std::vector<Process> receivers;
+    std::string command = "relay udp://127.0.0.1:7110";
+    for (const std::string& url : to) {
+        receivers.push_back(
+            Receive(url, std::stoi(url.substr(url.size() - 4)), "-n " + std::to_string(length)));
+        command += ' ' + url;
+    }
+    Process relay = Process::Tool(command);
+    ASSERT_TRUE(
+        Await([] { return Contents("/proc/net/udp").find(":1BC6 ") != std::string::npos; }));
+    for (const std::string& input : {kSample + " udp", kSample + " rtp", std::string("- rtp")}) {
+        EXPECT_EQ(Process::Tool("send " + input + "://127.0.0.1:7110 < /tmp/parity").Wait(), 0);
+        sleep(1);  // a pause
+    }
+    for (Process& receiver : receivers)
+        EXPECT_EQ(receiver.Wait(), 0);
+    for (const char* port : {"7112", "7114", "7116"}) {
+        const std::string recording = Contents(std::string("/tmp/") + port);
+        EXPECT_TRUE(recording.substr(0, all.size()) == all) << port;
+        EXPECT_EQ(recording.find(parity.substr(204)), all.size() + 1316) << port;
+    }
+    EXPECT_EQ(relay.End(SIGTERM), 0);
+}
+
+}  // namespace
