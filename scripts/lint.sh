@@ -4,7 +4,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build clang clang-tidy cppcheck libcli11-dev libfmt-dev \
-    libbitstream-dev libbenchmark-dev libboost-dev nlohmann-json3-dev
+    libbitstream-dev libtomlplusplus-dev libbenchmark-dev libboost-dev nlohmann-json3-dev
 
 # Nothing is built: the tools only need to know how each file would be compiled, by clang, since
 # clang-tidy does not know g++'s warnings.

@@ -7,7 +7,8 @@ set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 python3 \
     libcli11-dev libfmt-dev libbitstream-dev nlohmann-json3-dev libgtest-dev \
-    dpkg-dev file pkgconf lintian doxygen
+    dpkg-dev file pkgconf lintian doxygen libtomlplusplus-dev \
+    systemd mandoc zsh fish
 [ $# -gt 0 ] || set -- release dev lint asan tsan
 
 find module common sockets tools bench tests fuzz examples -name '*.[ch]' -o -name '*.cpp' |

@@ -13,8 +13,9 @@ struct SendJob {
     std::string url;
     std::optional<uint32_t> bitrate_bps;  // none = by the stream's PCRs
     bool loop = false;
-    std::optional<std::chrono::milliseconds> start;     // where in the stream to begin
-    std::optional<std::chrono::milliseconds> duration;  // none = up to the end
+    // Both in the stream's own time: what is skipped at the beginning, and what is sent.
+    std::optional<std::chrono::milliseconds> start = std::nullopt;
+    std::optional<std::chrono::milliseconds> duration = std::nullopt;
 };
 
 struct ReceiveJob {

@@ -13,6 +13,8 @@
 #include <utility>
 
 #include "CommandLine.h"
+#include "ConfigCommand.h"
+#include "ConfigFile.h"
 #include "Errors.h"
 #include "HostModule.h"
 #include "PacedStream.h"
@@ -209,10 +211,13 @@ struct Arguments {
     std::string bitrate;
     std::string start;
     std::string duration;
+    std::string config;
     bool loop = false;
 };
 
 std::vector<SendJob> jobsOf(const Arguments& given) {
+    if (!given.config.empty())
+        return readSendJobs(given.config);
     if (given.pairs.size() % 2 != 0)
         throw UsageError(fmt::format("there is no URL for '{}': inputs and URLs come in pairs",
                                      given.pairs.back()));
@@ -238,6 +243,7 @@ constexpr auto kHelp =
     "fails does not stop the others. Done (0) when all have left or, with --loop, when SIGINT or\n"
     "SIGTERM comes.\n"
     "\n"
+    "Examples:\n"
     "  qxvrtp send film.ts rtp://239.1.1.1:5000\n"
     "  qxvrtp send a.ts udp://239.1.1.1:5000 b.ts udp://239.1.1.2:5000 --loop\n"
     "  qxvrtp send film.ts udp://192.0.2.7:5000 --start 600 --duration 30\n"
@@ -293,6 +299,7 @@ void addSendCommand(CLI::App& app) {
         ->type_name("SECONDS");
     command->add_option("-d,--duration", given->duration, "Send this much of the stream, then end")
         ->type_name("SECONDS");
+    addConfigOption(*command, given->config);
     command->footer(kHelp + urlHelp());
     command->callback([given] { runSend(jobsOf(*given)); });
 }

@@ -8,8 +8,12 @@
 #include <exception>
 #include <string>
 
+#include "Completion.h"
+#include "ConfigCommand.h"
+#include "ConfigFile.h"
 #include "DemoCommand.h"
 #include "Errors.h"
+#include "Manual.h"
 #include "ProbeCommand.h"
 #include "ReceiveCommand.h"
 #include "RelayCommand.h"
@@ -58,6 +62,9 @@ int run(int argc, char** argv) {
     addStatusCommand(app);
     addTopCommand(app);
     addDemoCommand(app);
+    addConfigCommand(app);
+    addCompletionCommand(app);
+    addManualCommand(app);
     try {
         checkCommand(app, argc > 1 ? argv[1] : "");
         app.parse(argc, argv);
@@ -74,6 +81,9 @@ int run(int argc, char** argv) {
     } catch (const UsageError& error) {
         complain(error.what());
         return kMisused;
+    } catch (const ConfigErrors& errors) {
+        fmt::print(stderr, "{}\n", errors.what());  // lines that begin with the file's name
+        return kFailed;
     } catch (const std::exception& error) {
         complain(error.what());
         return kFailed;
