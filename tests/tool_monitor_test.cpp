@@ -45,8 +45,7 @@ TEST(ToolAnalyzer, FindsProgrammesClocksAndErrorsAndSurvivesDamage) {
     // H.264 and, behind a descriptor that fills a packet, Polish AC-3, which lacks a packet.
     std::string pmt = "\0\5\1\0\0\1\1\0\0\x1B\1\1\0\xCA\x80\xC8"s + std::string(200, 'f');
     pmt += "\6\1\2\0\x09\x6A\1\0\x0A\4pol\0"s;
-    std::string sdt =
-        "\0\1\1\0\0\0\1\xFF\0\5\0\0\x11\x48\x0F\1\6\xC8u\xA4\x1B?\xC8\6\1\xBF\x86"s;
+    std::string sdt = "\0\1\1\0\0\0\1\xFF\0\5\0\0\x11\x48\x0F\1\6\xC8u\xA4\x1B?\xC8\6\1\xBF\x86"s;
     sdt += "\x1B[!";  // ISO/IEC 6937 and 8859-5
     std::string stream = pat + Packets("\1\0"s, "\2", pmt) + Packets("\0\x11"s, "\x42", sdt);
     for (int i = 0; i < 10; ++i)

@@ -24,7 +24,7 @@ class Converter {
     }
 
     // False where this machine does not know the encoding.
-    bool isOpen() const { return descriptor_ != reinterpret_cast<iconv_t>(-1); }
+    bool isOpen() const { return reinterpret_cast<intptr_t>(descriptor_) != -1; }
 
     std::u32string convert(std::span<const uint8_t> text, size_t unit) const {
         std::u32string result;
