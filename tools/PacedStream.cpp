@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "Errors.h"
-#include "SendCommand.h"
 
 namespace {
 
@@ -62,8 +61,6 @@ void PacedStream::measure(StopSignal& stop) {
         throw Failure(fmt::format("by its PCRs, {} has {:.0f} bit/s; give its rate with --bitrate",
                                   source_.name(), rate_bps));
     bitrate_bps_ = std::max(1u, static_cast<uint32_t>(std::llround(rate_bps)));
-    if (!followed_)
-        follower_.reset();
 }
 
 // A rate that is kept throughout has to be a good one.
@@ -100,7 +97,7 @@ void PacedStream::goToStart(StopSignal& stop) {
 
 // With a point behind all that was handed out, the pace is known when the wire comes to any of it.
 bool PacedStream::knowsPaceOf(uint64_t bytes) const {
-    return !follower_ || follower_->point().bytes >= bytes;
+    return !follower_ || (!followed_ && bitrate_bps_ != 0) || follower_->point().bytes >= bytes;
 }
 
 void PacedStream::readAhead(size_t limit, std::chrono::milliseconds wait) {
@@ -138,6 +135,14 @@ void PacedStream::add(std::span<const uint8_t> packets) {
 
 void PacedStream::notePoint() {
     const auto& point = follower_->point();
+    if (!followed_) {
+        const double asked = static_cast<double>(point.bytes) * 8.0 / std::max(1u, bitrate_bps_);
+        const std::chrono::duration<double> off(std::abs(asked - seconds(point.time)));
+        if (bitrate_bps_ != 0)
+            offPace_ =
+                std::max(offPace_, std::chrono::duration_cast<std::chrono::nanoseconds>(off));
+        return;
+    }
     if (point.bytes > (points_.empty() ? passed_ : points_.back()).bytes)
         points_.push_back(point);
 }

@@ -10,12 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "Jobs.h"
 #include "PacketSource.h"
 #include "RateFollower.h"
 #include "StopSignal.h"
 #include "TransportStream.h"
-
-struct SendJob;
 
 // The packets from the job's start on, for its duration. Without a bitrate given, they are read ahead:
 // a second or more, to know the rate to begin with; and a stream that is to be followed is read ahead
@@ -44,6 +43,9 @@ class PacedStream {
     // The one in which the byte lies; none where that is not known (yet).
     std::optional<Stretch> stretch(uint64_t byte);
 
+    // By how much a stream that is not followed has been early or late by its own clock, at most.
+    std::chrono::nanoseconds offPace() const { return offPace_; }
+
   private:
     size_t available() const { return ahead_.size() - begin_; }
     bool inputEnded() const { return complete_ || source_.ended(); }
@@ -68,6 +70,7 @@ class PacedStream {
     std::vector<uint8_t> ahead_;
     size_t begin_ = 0;  // of what is ahead
     uint64_t taken_ = 0;
+    std::chrono::nanoseconds offPace_{0};
     RateFollower::Point passed_;
     std::deque<RateFollower::Point> points_;
 };

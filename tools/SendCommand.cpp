@@ -28,6 +28,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kBoardInterval = 20ms;
+constexpr auto kOffPace = 500ms;  // more than receivers hold in their buffers
 
 // The module, loaded when the first input has turned out to be a stream: an input that is none does
 // not replace the shared table of this machine's other users.
@@ -86,7 +87,7 @@ class Task {
     // When it has ended.
     const std::exception_ptr& failure() const { return failure_; }
     const std::string& summary() const { return summary_; }  // empty = nothing was sent
-    const std::string& warning() const { return warning_; }  // empty = none
+    const std::vector<std::string>& warnings() const { return warnings_; }
     const SendJob& job() const { return job_; }
 
   private:
@@ -104,8 +105,13 @@ class Task {
         }
         const PacketSource& source = stream.source();
         if (source.skippedBytes() > 0)
-            warning_ = fmt::format("{}: {} bytes in {} places are no packets and were skipped",
-                                   source.name(), source.skippedBytes(), source.skippedPlaces());
+            warnings_.push_back(fmt::format("{}: {} bytes in {} places are no packets: skipped",
+                                            source.name(), source.skippedBytes(),
+                                            source.skippedPlaces()));
+        if (stream.offPace() > kOffPace)
+            warnings_.push_back(fmt::format(
+                "{}: its rate varies, which rtp:// does not follow: up to {:.1f} s off its time",
+                source.name(), std::chrono::duration<double>(stream.offPace()).count()));
         // A loop has no other end, unless it was given one.
         if (stop_.requested() && !job_.loop)
             throw Failure(
@@ -126,7 +132,7 @@ class Task {
     std::string line_;
     std::exception_ptr failure_;
     std::string summary_;
-    std::string warning_;
+    std::vector<std::string> warnings_;
     std::atomic<bool> ended_{false};
     std::thread thread_;  // last: it uses the rest
 };
@@ -178,8 +184,8 @@ void conclude(Progress& progress, const Tasks& tasks) {
     for (const auto& task : tasks) {
         if (!task->summary().empty())
             progress.summary(task->summary());
-        if (!task->warning().empty())
-            progress.warn(task->warning());
+        for (const std::string& warning : task->warnings())
+            progress.warn(warning);
         failed += task->failure() ? 1 : 0;
     }
     if (failed > 0 && tasks.size() == 1)
@@ -252,9 +258,8 @@ constexpr auto kHelp =
     "Rate: without --bitrate, a stream goes at the pace of its PCRs. udp:// follows a rate that\n"
     "varies, up to four times a second, where it would otherwise be 20 ms early or late. rtp://\n"
     "keeps the mean rate of the first 8 MB (of a pipe: of the first second): a change would begin\n"
-    "the sequence numbers anew, and receivers drop what seems to be late. Live input is delayed "
-    "by\n"
-    "the second that is measured.\n"
+    "the sequence numbers anew, and receivers drop what seems to be late. A warning tells when\n"
+    "that was not the stream's pace. Live input is delayed by the second that is measured.\n"
     "Bytes: packets have 188 or 204 bytes, and the rate counts all of them. They are sent as they\n"
     "are; null packets fill up the last datagram. Bytes that are no packets are skipped, which a\n"
     "warning tells in the end.\n"
