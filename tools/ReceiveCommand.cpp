@@ -12,6 +12,8 @@
 #include <thread>
 
 #include "CommandLine.h"
+#include "ConfigCommand.h"
+#include "ConfigFile.h"
 #include "Errors.h"
 #include "Failures.h"
 #include "HostModule.h"
@@ -324,6 +326,7 @@ struct Arguments {
     std::string idleTimeout;
     std::string rotateSize;
     std::string rotateTime;
+    std::string config;
     bool statistics = false;
 };
 
@@ -382,6 +385,7 @@ void addReceiveCommand(CLI::App& app) {
     auto* const command = app.add_subcommand("receive", "Record transport streams");
     const auto given = std::make_shared<Arguments>();
     addArguments(*command, *given);
+    addConfigOption(*command, given->config, "--statistics");
     command->footer(fmt::format(
         "Raw and RTP streams are told apart by themselves, whatever the scheme. Done (0) when\n"
         "--bytes have come; without it when the time is up, nothing comes any more, or SIGINT or\n"
@@ -403,5 +407,8 @@ void addReceiveCommand(CLI::App& app) {
         "      --rotate-time 600 --idle-timeout 30 --statistics\n"
         "\n{}",
         urlHelp()));
-    command->callback([given] { runReceive(makeJobs(*given), given->statistics); });
+    command->callback([given] {
+        runReceive(given->config.empty() ? makeJobs(*given) : readReceiveJobs(given->config),
+                   given->statistics);
+    });
 }

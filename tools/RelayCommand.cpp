@@ -10,6 +10,8 @@
 #include <thread>
 
 #include "CommandLine.h"
+#include "ConfigCommand.h"
+#include "ConfigFile.h"
 #include "Errors.h"
 #include "Failures.h"
 #include "HostModule.h"
@@ -270,6 +272,7 @@ void addRelayCommand(CLI::App& app) {
     struct Arguments {
         RelayJob job;
         std::string bitrate;
+        std::string config;
     };
     auto* const command = app.add_subcommand("relay", "Send on what arrives");
     const auto given = std::make_shared<Arguments>();
@@ -286,6 +289,7 @@ void addRelayCommand(CLI::App& app) {
                      "Rate of the stream in bits per second, like 2500000, 2500k or 2.5M; without "
                      "it, the stream flows by its PCRs, or as it arrives where it has none")
         ->type_name("RATE");
+    addConfigOption(*command, given->config);
     command->footer(fmt::format(
         "Raw and RTP streams are told apart by themselves; each is sent as its URL says. The "
         "input\n"
@@ -310,6 +314,7 @@ void addRelayCommand(CLI::App& app) {
     command->callback([given] {
         if (!given->bitrate.empty())
             given->job.bitrate_bps = bitrate("--bitrate", given->bitrate);
-        runRelay({given->job});
+        runRelay(given->config.empty() ? std::vector<RelayJob>{given->job}
+                                       : readRelayJobs(given->config));
     });
 }
