@@ -2,6 +2,7 @@
 #   runtime      the two libraries, under the names that hosts link and load
 #   development  headers, CMake package, pkg-config files, examples, documents
 #   tools        the tool, and what belongs to it: manual pages, completions, units
+#   python       the package qxv_rtp (python/CMakeLists.txt)
 # Every install rule names one of them.
 
 include(CMakePackageConfigHelpers)

@@ -7,13 +7,15 @@ set(CPACK_PACKAGE_CONTACT "QXV_RTP maintainers <qxv-rtp@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime development python)
 if(TARGET qxvrtp)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
-# The tool reads the module's runtime table, and headers and library must match: one version for all.
+# The tool and the Python package read the module's runtime table, and headers and library must match:
+# one version for all.
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+set(CPACK_COMPONENT_PYTHON_DEPENDS runtime)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -29,6 +31,10 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qxvrtp)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-qxv-rtp)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.11)")
 
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "streaming module for MPEG transport streams - libraries
 QXV_RTP carries MPEG transport streams over IP networks: 16 send and 16
@@ -47,6 +53,10 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "sends and receives MPEG transport streams ov
 qxvrtp sends transport streams from files to UDP or RTP addresses, paced by
 their own clock references, and receives them into files and pipes. It is a
 host of the QXV_RTP streaming module.")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "streaming module for MPEG transport streams - Python package
+QXV_RTP carries MPEG transport streams over IP networks, UDP raw or under
+RTP. This package, qxv_rtp, has its channels and its table for scripts and
+tests in Python.")
 
 # What programs that link the module depend on, and who tells the linker's cache.
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/debian/shlibs

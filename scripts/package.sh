@@ -1,6 +1,6 @@
 #!/bin/sh
 # package.sh: installs what is missing, and builds the Debian packages into out/packages: libqxv-rtp0,
-# libqxv-rtp-dev and qxvrtp. The same commit in the same directory gives the same bytes.
+# libqxv-rtp-dev, qxvrtp and python3-qxv-rtp. The same commit in the same directory gives the same bytes.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build g++ dpkg-dev file libcli11-dev libfmt-dev libbitstream-dev \
@@ -39,7 +39,8 @@ libqxv-rtp ($version) unstable; urgency=medium
 
  -- $(sed -n 's/^Maintainer: //p' "$root/DEBIAN/control")  $(date -uRd "@$SOURCE_DATE_EPOCH")
 END
-    case $name in *[0-9])
+    find "$root/usr" -path '*/man/*' -type f -exec gzip -9n {} +
+    case $name in *rtp[0-9])
         install -D -m 644 cmake/libqxv-rtp.lintian-overrides "$root/usr/share/lintian/overrides/$name"
         ;;
     esac

@@ -52,7 +52,8 @@ if [ "$1" = inside ]; then
     for plugin in pkgconfig cmake; do # which loads the module by its plain name
         [ "$("$plugin/example_plugin_c" | grep -c '^send .* 224\.1\.0\.')" = 16 ]
     done
-    dpkg -P qxvrtp libqxv-rtp0 >/dev/null
+    /usr/bin/python3 -Bc 'import qxv_rtp; qxv_rtp.Module().close()'
+    dpkg -P qxvrtp python3-qxv-rtp libqxv-rtp0 >/dev/null
     [ -z "$(ldconfig -p | grep -E 'QXV|ZAQ')" ]
     exit
 fi
