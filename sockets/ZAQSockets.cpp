@@ -1,7 +1,7 @@
 #include "ZAQSockets.h"
 
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
 #include <memory>
 #include <new>
 
@@ -92,8 +92,9 @@ void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, u
             return nullptr;
         GroupSource source;
         if (remote.IsMulticast()) {
-            strcpy(source.Local, localAddress);  // both have been parsed, and so have room
-            strcpy(source.Group, remoteAddress);
+            // Both have been parsed, and so have room.
+            snprintf(source.Local, sizeof(source.Local), "%s", localAddress);
+            snprintf(source.Group, sizeof(source.Group), "%s", remoteAddress);
             source.Port = localPort;
             source.Everywhere = multicastOption == 1;
         }

@@ -29,6 +29,7 @@ std::vector<const CommandModel*> flatten(const CommandModel& root) {
 
 std::vector<std::string> names(const std::vector<CommandModel>& commands) {
     std::vector<std::string> all;
+    all.reserve(commands.size());
     for (const CommandModel& command : commands)
         all.push_back(command.name);
     return all;
