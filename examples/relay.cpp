@@ -99,11 +99,11 @@ class Sender {
     const Module& m_Module;
 };
 
-const Module* g_Module;
+void* g_Handle;
 
 // Makes the waiting Receive, or Send, return 0.
 extern "C" void OnSignal(int) {
-    QXV_RTP_Cancel(g_Module->Handle());
+    QXV_RTP_Cancel(g_Handle);
 }
 
 }  // namespace
@@ -115,7 +115,7 @@ int main(int argc, char** argv) {
     }
     try {
         const Module module;
-        g_Module = &module;
+        g_Handle = module.Handle();
         Sender sender(module, argv[3], argv[4],
                       static_cast<uint32_t>(std::strtoul(argv[5], nullptr, 10)));
         Receiver receiver(module, argv[1], argv[2]);

@@ -480,7 +480,7 @@ bool ReceiveLoop::RenewMembership(ReceiveSocket& socket) {
     epoll_event readable{};
     readable.events = EPOLLIN;
     readable.data.ptr = &socket;
-    if (!renewed || epoll_ctl(m_Epoll.Number(), EPOLL_CTL_ADD, renewed.Number(), &readable) != 0)
+    if (epoll_ctl(m_Epoll.Number(), EPOLL_CTL_ADD, renewed.Number(), &readable) != 0)
         return false;
     epoll_ctl(m_Epoll.Number(), EPOLL_CTL_DEL, socket.File.Number(), nullptr);
     socket.File = std::move(renewed);
