@@ -43,7 +43,8 @@ std::optional<uint32_t> SendSchedule::change(uint64_t sent, const PacedStream::S
         return std::nullopt;
     const double slowest = own_bps * (1.0 - kMostHaste);
     const double fastest = std::min(own_bps * (1.0 + kMostHaste), double{UINT32_MAX});
-    const double wanted = left.count() > 0 ? static_cast<double>(rest) * 8.0 / left.count() : fastest;
+    const double wanted =
+        left.count() > 0 ? static_cast<double>(rest) * 8.0 / left.count() : fastest;
     bitrate_bps_ =
         static_cast<uint32_t>(std::llround(std::max(1.0, std::clamp(wanted, slowest, fastest))));
     return bitrate_bps_;
