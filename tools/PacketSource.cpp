@@ -25,7 +25,8 @@ constexpr std::chrono::milliseconds kStopLatency{50};
 int openInput(const std::string& path) {
     if (path == "-")
         return STDIN_FILENO;
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Nobody waits here for the writer of a FIFO: a signal has to get through meanwhile.
+    const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         throw Failure(fmt::format("cannot read '{}': {}", path, std::strerror(errno)));
     return descriptor;

@@ -95,8 +95,8 @@ class Task {
         report("opening");
         // Under RTP a change of the bitrate would begin the sequence numbers anew.
         const bool followed = !job_.bitrate_bps && !url_.rtp;
-        PacedStream stream(job_, followed);  // may wait for the writer of a FIFO
-        stream.open(stop_);
+        PacedStream stream(job_, followed);
+        stream.open(stop_);  // may wait for the writer of a FIFO
         if (!stop_.requested()) {
             Sending sending(stream, module_.get(), channel_, url_, followed, stop_,
                             [this](const std::string& line) { report(line); });
