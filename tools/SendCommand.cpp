@@ -97,10 +97,11 @@ class Task {
         const bool followed = !job_.bitrate_bps && !url_.rtp;
         PacedStream stream(job_, followed);
         stream.open(stop_);  // may wait for the writer of a FIFO
+        bool complete = false;
         if (!stop_.requested()) {
             Sending sending(stream, module_.get(), channel_, url_, followed, stop_,
                             [this](const std::string& line) { report(line); });
-            sending.run();
+            complete = sending.run();
             summary_ = sending.summary();
         }
         const PacketSource& source = stream.source();
@@ -113,7 +114,7 @@ class Task {
                 "{}: its rate varies, which rtp:// does not follow: up to {:.1f} s off its time",
                 source.name(), std::chrono::duration<double>(stream.offPace()).count()));
         // A loop has no other end, unless it was given one.
-        if (stop_.requested() && !job_.loop)
+        if (!complete && !job_.loop)
             throw Failure(
                 fmt::format("stopped by {} before the end of {}", stop_.name(), source.name()));
     }
