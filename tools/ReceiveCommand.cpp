@@ -55,7 +55,7 @@ class Receiving {
     // Throws Failure when the job has not been done.
     void run() {
         if (waitForSocket()) {
-            opened_ = lastData_ = Clock::now();
+            opened_ = lastData_ = closed_ = Clock::now();
             while (!isOver()) {
                 if (record() == 0)
                     std::this_thread::sleep_for(kPollInterval);
@@ -126,7 +126,7 @@ class Receiving {
         const size_t taken = channel_.receive(std::span(chunk_).first(most));
         if (taken == 0)
             return 0;
-        lastData_ = Clock::now();
+        lastData_ = closed_ = Clock::now();  // closed then, should it not be possible to write
         if (recorded_ == 0)
             firstData_ = lastData_;
         if (!recording_.write(std::span<const uint8_t>(chunk_).first(taken), meter_, stop_))
