@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <exception>
 #include <future>
 #include <memory>
 #include <set>
@@ -259,7 +260,7 @@ class Session {
     void guard(Task& task, const Work& work) {
         try {
             work();
-        } catch (const Failure& failure) {
+        } catch (const std::exception& failure) {
             task.error = failure.what();
             progress_.show("");
             failures_.add(task.error);
