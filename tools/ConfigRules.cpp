@@ -107,7 +107,7 @@ void ConfigRules::addInput(const std::string& path, const ConfigPlace& place) {
 }
 
 void ConfigRules::addOutput(const std::string& path, const ConfigPlace& place) {
-    if (path.empty())
+    if (path.empty() || path == "/dev/null")
         return;
     const auto [first, isNew] = outputs_.emplace(path, place.field);
     if (!isNew)
