@@ -48,8 +48,8 @@ bool collide(const StreamUrl& a, const StreamUrl& b) {
     return x == y || isAny(x) || isAny(y);
 }
 
-// Does what is sent to `to` come in from `from`? Between two interfaces that are both named, a group
-// may well keep its address.
+}  // namespace
+
 bool feeds(const StreamUrl& to, const StreamUrl& from) {
     if (!samePort(to, from))
         return false;
@@ -61,8 +61,6 @@ bool feeds(const StreamUrl& to, const StreamUrl& from) {
            (to.localAddress.empty() || from.localAddress.empty() ||
             canonical(to.localAddress) == canonical(from.localAddress));
 }
-
-}  // namespace
 
 void ConfigProblems::add(const ConfigPlace& place, std::string_view what) {
     found_.emplace_back(place, what);

@@ -34,6 +34,10 @@ class ConfigProblems {
 // The URL in one form: addresses as short as can be, and with the TTL where it is sent to a group.
 std::string fullUrl(const StreamUrl& url, bool destination);
 
+// Does what is sent to `to` come in from `from`? Between two interfaces that are both named, a group
+// may well keep its address.
+bool feeds(const StreamUrl& to, const StreamUrl& from);
+
 // Collects the ends of all streams, and complains where two exclude each other.
 class ConfigRules {
   public:

@@ -12,6 +12,7 @@
 #include "CommandLine.h"
 #include "ConfigCommand.h"
 #include "ConfigFile.h"
+#include "ConfigRules.h"
 #include "Errors.h"
 #include "Failures.h"
 #include "HostModule.h"
@@ -51,7 +52,7 @@ Route makeRoute(const RelayJob& job) {
     for (const std::string& to : job.to) {
         const StreamUrl& url = route.to.emplace_back(parseStreamUrl(to));
         sendConfig(url);
-        if (url.host == route.from.host && url.port == route.from.port)
+        if (feeds(url, route.from))
             throw UsageError(fmt::format("{} would be sent to itself", to));
     }
     return route;
