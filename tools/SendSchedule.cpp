@@ -41,8 +41,8 @@ std::optional<uint32_t> SendSchedule::change(uint64_t sent, const PacedStream::S
     if (std::chrono::abs(timeOf(rest, bitrate_bps_) - left) <=
         kTolerance + timeOf(2 * datagramBytes_, own_bps))
         return std::nullopt;
-    const double slowest = own_bps * (1.0 - kMostHaste);
     const double fastest = std::min(own_bps * (1.0 + kMostHaste), double{UINT32_MAX});
+    const double slowest = std::min(own_bps * (1.0 - kMostHaste), fastest);
     const double wanted =
         left.count() > 0 ? static_cast<double>(rest) * 8.0 / left.count() : fastest;
     bitrate_bps_ =
