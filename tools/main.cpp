@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <iostream>
 #include <string>
 
 #include "Completion.h"
@@ -72,8 +73,13 @@ int run(int argc, char** argv) {
             throw Failure("standard output cannot be written");
         return kDone;
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error);  // help or version, printed
+        if (error.get_exit_code() == 0) {
+            app.exit(error);  // help or version, printed
+            if (std::cout.flush())
+                return kDone;
+            complain("standard output cannot be written");
+            return kFailed;
+        }
         const auto chosen = app.get_subcommands();
         complain(fmt::format("{}; see 'qxvrtp {}--help'", error.what(),
                              chosen.empty() ? "" : chosen.front()->get_name() + " "));
