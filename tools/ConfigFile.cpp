@@ -236,10 +236,10 @@ class FileReader {
         job.duration = entry.seconds("duration", 0.001);
         job.bytes = entry.quantity<uint64_t>("bytes", INT64_MAX);
         job.idleTimeout = entry.seconds("idle_timeout", 0.001);
-        job.rotateBytes = entry.quantity<uint64_t>("rotate_bytes", INT64_MAX);
+        job.rotateBytes = entry.quantity<uint64_t>("rotate_size", INT64_MAX);
         job.rotateTime = entry.seconds("rotate_time", 0.001);
         rules_.addOutput(job.output, entry.place("output"));
-        for (const char* const key : {"rotate_bytes", "rotate_time"})
+        for (const char* const key : {"rotate_size", "rotate_time"})
             if (job.output == "-" && entry.find(key) != nullptr)
                 problems_.add(entry.place(key), "standard output cannot be followed by a new file");
         if (const auto source = url(job.url, entry.place("url"), receiveConfig))
@@ -318,7 +318,7 @@ toml::table tableOf(const ReceiveJob& job) {
     writer.seconds("duration", job.duration);
     writer.number("bytes", job.bytes);
     writer.seconds("idle_timeout", job.idleTimeout);
-    writer.number("rotate_bytes", job.rotateBytes);
+    writer.number("rotate_size", job.rotateBytes);
     writer.seconds("rotate_time", job.rotateTime);
     return std::move(writer.table);
 }
