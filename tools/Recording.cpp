@@ -64,7 +64,7 @@ void Recording::open() {
         name_ = fmt::format("'{}'", path);
         const int descriptor =
             rotation_ ? openNew(path, numbered)
-                      : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+                      : ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
         if (descriptor < 0)
             throw Failure(fmt::format("cannot write {}: {}", name_, std::strerror(errno)));
         file_ = std::make_unique<FileDescriptor>(descriptor);
@@ -114,6 +114,9 @@ size_t Recording::lengthUpToCut(size_t length, const StreamMeter& meter) const {
 }
 
 bool Recording::write(std::span<const uint8_t> data, StreamMeter& meter, const StopFlag& stop) {
+    if (regular_ && !rotation_ && output_ != "-" && written_ == 0 && !data.empty() &&
+        ftruncate(file_->get(), 0) != 0)
+        throw Failure(fmt::format("cannot write {}: {}", name_, std::strerror(errno)));
     while (!data.empty()) {
         if (rotation_ && isDue() &&
             (unsynchronised_ >= kMostUnsynchronised || meter.isPacket(data.front())))

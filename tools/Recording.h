@@ -24,7 +24,7 @@ struct Rotation {
 };
 
 // The name of a file is a pattern of strftime for the local time at which the file is begun. Without
-// rotation, a file that is there is overwritten. With it, none ever is: where the pattern has no '%',
+// rotation, a file that is there is overwritten when the first bytes come. With it, none ever is: where the pattern has no '%',
 // and where there already is a file of the name, a number is put in front of the suffix
 // ("name-0001.ts"), the next that is free.
 //
