@@ -31,7 +31,7 @@ std::string tableHelp() {
     return fmt::format(
         "The table is {}; it is only read, and the\n"
         "host is not disturbed. It belongs to the process that loaded the module last: each that\n"
-        "does so replaces it, also 'qxvrtp send', 'receive', 'probe' and 'demo'.\n"
+        "does so replaces it, also 'qxvrtp send', 'receive', 'relay', 'probe', 'demo'.\n"
         "The file stays there after its host has ended, and does not show that by itself. A host\n"
         "lives if a process has the file in its memory: these are shown as far as this user may\n"
         "look into /proc. Root sees all of them, but for those outside its PID namespace.\n",
