@@ -21,6 +21,28 @@ namespace {
 
 constexpr size_t kLargestFile = size_t{1} << 20;
 constexpr double kLongestSeconds = 1e9;
+// The parser takes keys of any depth, "a.b.c", and its stack has an end. No key of ours has a dot.
+constexpr size_t kMostDots = 1000;
+
+// Outside of strings and comments; numbers have some.
+size_t countDots(std::string_view text) {
+    size_t dots = 0;
+    char quote = '\0';
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (quote == '"' && c == '\\')
+            ++i;
+        else if (quote != '\0')
+            quote = c == quote || c == '\n' ? '\0' : quote;
+        else if (c == '"' || c == '\'')
+            quote = c;
+        else if (c == '#')
+            i = std::min(text.find('\n', i), text.size());
+        else
+            dots += c == '.' ? 1 : 0;
+    }
+    return dots;
+}
 
 ConfigPlace placeOf(const toml::source_region& region, std::string field) {
     return {region.begin.line, region.begin.column, std::move(field)};
@@ -356,7 +378,10 @@ ServiceConfig parseConfig(std::string_view text, const std::string& file) {
     ConfigProblems problems(file);
     ServiceConfig config;
     try {
-        config = FileReader(problems).read(toml::parse(text));
+        if (countDots(text) > kMostDots)
+            problems.add({1, 1, ""}, "there are too many dots outside of strings");
+        else
+            config = FileReader(problems).read(toml::parse(text));
     } catch (const toml::parse_error& error) {
         problems.add(placeOf(error.source(), ""), std::string(error.description()));
     }
