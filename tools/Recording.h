@@ -24,9 +24,9 @@ struct Rotation {
 };
 
 // The name of a file is a pattern of strftime for the local time at which the file is begun. Without
-// rotation, a file that is there is overwritten when the first bytes come. With it, none ever is: where the pattern has no '%',
-// and where there already is a file of the name, a number is put in front of the suffix
-// ("name-0001.ts"), the next that is free.
+// rotation, a file that is there is overwritten when the first bytes come. With it, none ever is:
+// where the pattern has no '%', and where there already is a file of the name, a number is put in
+// front of the suffix ("name-0001.ts"), the next that is free.
 //
 // A new file begins with a packet, so that each can be played: the one before is up to a packet longer
 // than asked for. Bytes that are no packets wait for the next packet, up to a megabyte of them.
