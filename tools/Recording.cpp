@@ -62,9 +62,9 @@ void Recording::open() {
         const std::string path = expandTime(output_);
         const bool numbered = output_.find('%') == std::string::npos;
         name_ = fmt::format("'{}'", path);
-        const int descriptor =
-            rotation_ ? openNew(path, numbered)
-                      : ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+        const int descriptor = rotation_
+                                   ? openNew(path, numbered)
+                                   : ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
         if (descriptor < 0)
             throw Failure(fmt::format("cannot write {}: {}", name_, std::strerror(errno)));
         file_ = std::make_unique<FileDescriptor>(descriptor);
