@@ -4,10 +4,12 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <future>
 #include <list>
 #include <memory>
 #include <numeric>
 #include <thread>
+#include <utility>
 
 #include "CommandLine.h"
 #include "ConfigCommand.h"
@@ -206,7 +208,8 @@ class Relay {
     bool everOpen_ = false;
 };
 
-// One thread for all relays: nothing in a tick waits.
+// One thread for all relays: nothing in a tick waits. Thread safety: relays that have failed are ended
+// by other threads, which nothing else is shared with but the module.
 class Relays {
   public:
     Relays(HostModule& module, const std::vector<Route>& routes) : failures_(routes.size()) {
@@ -224,7 +227,12 @@ class Relays {
         auto next = Clock::now();
         while (!relays_.empty() && !stop.requested()) {
             const auto now = Clock::now();
-            std::erase_if(relays_, [&](auto& relay) { return !guard([&] { relay->tick(now); }); });
+            std::erase_if(relays_, [&](auto& relay) {
+                if (guard([&] { relay->tick(now); }))
+                    return false;
+                end(std::move(relay));
+                return true;
+            });
             if (progress_.due())
                 progress_.show(fmt::format("{}  {}", formatTime(progress_.elapsed()), describe()));
             // After a hold-up, ticks that were missed do not come.
@@ -250,6 +258,13 @@ class Relays {
         }
     }
 
+    // Each channel whose socket does not open takes up to a second to end, for which the other relays
+    // do not wait.
+    void end(std::unique_ptr<Relay> relay) {
+        ending_.push_back(std::async(std::launch::async,
+                                     [relay = std::move(relay)]() mutable { relay.reset(); }));
+    }
+
     std::string describe() const {
         return relays_.size() == 1 ? relays_.front()->describe()
                                    : fmt::format("{} relays", relays_.size());
@@ -258,6 +273,7 @@ class Relays {
     Failures failures_;
     Progress progress_;
     std::vector<std::unique_ptr<Relay>> relays_;
+    std::vector<std::future<void>> ending_;
 };
 
 }  // namespace
