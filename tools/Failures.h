@@ -7,19 +7,20 @@
 #include <string>
 
 #include "Errors.h"
+#include "Progress.h"
 
 // The only channel's failure is the command's. Of several, each is told when it happens.
 //
 // Thread safety: one thread uses it.
 class Failures {
   public:
-    explicit Failures(size_t channels) : channels_(channels) {}
+    Failures(size_t channels, Progress& progress) : channels_(channels), progress_(progress) {}
 
     void add(const std::string& text) {
         ++count_;
         last_ = text;
         if (channels_ > 1)
-            fmt::print(stderr, "qxvrtp: {}\n", text);
+            progress_.warn(text);
     }
 
     // Throws Failure if there was one; `things` is the plural of what has failed.
@@ -32,6 +33,7 @@ class Failures {
 
   private:
     const size_t channels_;
+    Progress& progress_;
     size_t count_ = 0;
     std::string last_;
 };

@@ -213,7 +213,7 @@ std::vector<Task> makeTasks(const std::vector<ReceiveJob>& jobs) {
 class Session {
   public:
     explicit Session(std::vector<Task> tasks)
-        : tasks_(std::move(tasks)), failures_(tasks_.size()) {}
+        : tasks_(std::move(tasks)), failures_(tasks_.size(), progress_) {}
 
     // May wait for the reader of a FIFO.
     bool openOutputs() {
@@ -262,7 +262,6 @@ class Session {
             work();
         } catch (const std::exception& failure) {
             task.error = failure.what();
-            progress_.show("");
             failures_.add(task.error);
         }
     }

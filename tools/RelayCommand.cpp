@@ -74,13 +74,15 @@ std::vector<Route> makeRoutes(const std::vector<RelayJob>& jobs) {
 // One input and its outputs.
 class Relay {
   public:
-    Relay(HostModule& module, const Route& route, uint32_t input, uint32_t firstOutput)
+    Relay(HostModule& module, const Route& route, uint32_t input, uint32_t firstOutput,
+          Progress& progress)
         : route_(route),
           channel_(module, input, receiveConfig(route.from)),
           chunk_(kChunkBytes),
           queue_(route.bitrate_bps) {
         for (const StreamUrl& url : route.to)
-            outputs_.emplace_back(module, firstOutput++, url, route.bitrate_bps.has_value());
+            outputs_.emplace_back(module, firstOutput++, url, route.bitrate_bps.has_value(),
+                                  progress);
     }
 
     void tick(Clock::time_point now) {
@@ -212,12 +214,14 @@ class Relay {
 // by other threads, which nothing else is shared with but the module.
 class Relays {
   public:
-    Relays(HostModule& module, const std::vector<Route>& routes) : failures_(routes.size()) {
+    Relays(HostModule& module, const std::vector<Route>& routes)
+        : failures_(routes.size(), progress_) {
         uint32_t output = 0;
         uint32_t input = 0;
         for (const Route& route : routes) {
-            guard(
-                [&] { relays_.push_back(std::make_unique<Relay>(module, route, input, output)); });
+            guard([&] {
+                relays_.push_back(std::make_unique<Relay>(module, route, input, output, progress_));
+            });
             ++input;
             output += static_cast<uint32_t>(route.to.size());
         }
@@ -252,7 +256,6 @@ class Relays {
             work();
             return true;
         } catch (const Failure& failure) {
-            progress_.show("");
             failures_.add(failure.what());
             return false;
         }
@@ -270,8 +273,8 @@ class Relays {
                                    : fmt::format("{} relays", relays_.size());
     }
 
-    Failures failures_;
     Progress progress_;
+    Failures failures_;
     std::vector<std::unique_ptr<Relay>> relays_;
     std::vector<std::future<void>> ending_;
 };

@@ -27,8 +27,9 @@ constexpr auto kPatience = 3s;
 
 }  // namespace
 
-RelayOutput::RelayOutput(HostModule& module, uint32_t number, const StreamUrl& url, bool fixedRate)
-    : module_(module), number_(number), url_(url), fixedRate_(fixedRate) {
+RelayOutput::RelayOutput(HostModule& module, uint32_t number, const StreamUrl& url, bool fixedRate,
+                         Progress& progress)
+    : module_(module), number_(number), url_(url), fixedRate_(fixedRate), progress_(progress) {
     restart();
 }
 
@@ -84,7 +85,7 @@ void RelayOutput::attend(Clock::time_point now) {
 void RelayOutput::watchSocket(Clock::time_point now) {
     if (channel_->socketIsOpen()) {
         if (lossReported_)
-            fmt::print(stderr, "qxvrtp: there is a socket to send to {} again\n", url_.text);
+            progress_.warn(fmt::format("there is a socket to send to {} again", url_.text));
         socketSeen_ = now;
         everOpen_ = true;
         lossReported_ = false;
@@ -93,7 +94,7 @@ void RelayOutput::watchSocket(Clock::time_point now) {
         if (!everOpen_)
             throw Failure(text +
                           "; is there a route to it, or the local address not this machine's?");
-        fmt::print(stderr, "qxvrtp: {}; trying on\n", text);
+        progress_.warn(text + "; trying on");
         lossReported_ = true;
     }
 }
@@ -102,7 +103,7 @@ void RelayOutput::watchSocket(Clock::time_point now) {
 // set back. A new rate mends both. A channel that has cancelled itself has to be started again.
 void RelayOutput::watchBacklog() {
     if (channel_->isCancelled()) {
-        fmt::print(stderr, "qxvrtp: the channel to {} has stopped; starting it again\n", url_.text);
+        progress_.warn(fmt::format("the channel to {} has stopped; starting it again", url_.text));
         restart();
     } else if (ceiling_bps_ != 0 && everOpen_ && !lossReported_ &&
                leastBuffered_ > bytesIn(kBacklog)) {
@@ -113,8 +114,8 @@ void RelayOutput::watchBacklog() {
 }
 
 void RelayOutput::reportDrops() {
-    fmt::print(stderr, "qxvrtp: {} datagrams to {} were dropped, {} in all\n",
-               dropped_ - droppedReported_, url_.text, dropped_);
+    progress_.warn(fmt::format("{} datagrams to {} were dropped, {} in all",
+                               dropped_ - droppedReported_, url_.text, dropped_));
     droppedReported_ = dropped_;
 }
 

@@ -8,6 +8,7 @@
 #include <span>
 
 #include "HostModule.h"
+#include "Progress.h"
 #include "StreamUrl.h"
 
 // The channel's own rate is only a ceiling, a little above the stream's: the channel sends what it is
@@ -22,7 +23,8 @@ class RelayOutput {
     using Clock = std::chrono::steady_clock;
 
     // Throws Failure where the channel cannot be started. A fixed rate is never raised.
-    RelayOutput(HostModule& module, uint32_t number, const StreamUrl& url, bool fixedRate);
+    RelayOutput(HostModule& module, uint32_t number, const StreamUrl& url, bool fixedRate,
+                Progress& progress);
 
     const StreamUrl& url() const { return url_; }
 
@@ -56,6 +58,7 @@ class RelayOutput {
     const uint32_t number_;
     const StreamUrl& url_;
     const bool fixedRate_;
+    Progress& progress_;  // above which warnings stand
     std::optional<SendChannel> channel_;
     uint32_t ceiling_bps_ = 0;  // 0: not known yet
     uint64_t handed_ = 0;       // datagrams, since the last start
