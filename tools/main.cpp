@@ -41,7 +41,8 @@ void checkCommand(const CLI::App& app, const std::string& first) {
     for (const CLI::App* command : app.get_subcommands({})) {
         if (command->get_name() == first)
             return;
-        names += (names.empty() ? "" : ", ") + command->get_name();
+        if (!command->get_group().empty())  // else it is hidden
+            names += (names.empty() ? "" : ", ") + command->get_name();
     }
     if (first.empty())
         throw UsageError(fmt::format("a command is missing; commands are {}", names));
