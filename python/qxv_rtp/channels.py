@@ -182,7 +182,9 @@ class SendChannel(_Channel):
     def finish(self) -> None:
         """Fills the last datagram up with null packets and waits until all has left. Raises
         ChannelError when datagrams cannot be sent."""
-        size = 188 if self._head[188:189] == self._head[376:377] == b"\x47" else 204
+        self._check()
+        few = self._written <= 2 * 188 and self._written % 188 == 0  # too short to tell
+        size = 188 if few or self._head[188:189] == self._head[376:377] == b"\x47" else 204
         if self._written and self._written % size == 0:
             packets = max(self._written // size, -(-_DETECTION // size))
             packets = -(-packets // _PACKETS) * _PACKETS
