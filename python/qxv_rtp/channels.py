@@ -64,6 +64,7 @@ class _Channel:
         if not library.reserve(self._direction, number):
             raise ChannelError(f"{self._name.lower()} channel {number} is in use")
         self._closed = False
+        self._stopped = False  # by cancel()
         try:
             self.configure(config)
             if not library.call(self._name + "Start", number, *start):
@@ -116,6 +117,7 @@ class _Channel:
     def cancel(self) -> None:
         """Makes a write or read that waits in another thread raise ChannelCancelled. Works in a
         signal handler, too. The channel must still be closed."""
+        self._stopped = True
         self._library.call(self._name + "Cancel", self.number)
 
     def _check(self) -> None:
@@ -143,7 +145,8 @@ class _Channel:
 
 class SendChannel(_Channel):
     """A started send channel. As a context manager it finishes, when all went well, what was
-    written, and ends at once on an exception."""
+    written, and ends at once on an exception, or when cancel() was called. Raises ChannelCancelled
+    when the stream has lost its sync byte."""
 
     def __init__(self, library: _library.Library, number: int, config: Config, bitrate: int,
                  buffer_size: int | None, open_timeout: float | None) -> None:
@@ -217,7 +220,7 @@ class SendChannel(_Channel):
     def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
                  trace: TracebackType | None) -> None:
         try:
-            if kind is None and not self.cancelled:
+            if kind is None and not self._closed and not self._stopped:
                 self.finish()
         finally:
             self.close()
