@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 namespace zaqsockets {
 
@@ -14,15 +15,23 @@ constexpr std::chrono::milliseconds kSettle{200};
 constexpr std::chrono::milliseconds kPause{1000};
 constexpr int kLooks = 5;
 
-}  // namespace
-
-InterfaceWatch::InterfaceWatch()
-    : m_Messages(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)) {
+Descriptor OpenNetlink(uint32_t groups) {
+    Descriptor opened(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
-    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
-    if (bind(m_Messages.Number(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
-        m_Messages.Close();
+    address.nl_groups = groups;
+    const bool bound =
+        bind(opened.Number(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    return bound ? std::move(opened) : Descriptor();
+}
+
+}  // namespace
+
+InterfaceWatch::InterfaceWatch() {
+    // The kernel gives a process's first netlink socket the process's number (netlink(7)), which other
+    // code of the host may ask for by itself. So ours is never the first one.
+    const Descriptor first = OpenNetlink(0);
+    m_Messages = OpenNetlink(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR);
     m_Due = Clock::now();  // something may have changed since the first socket was opened
 }
 
