@@ -140,11 +140,15 @@ ReceiveLoop* ReceiveLoop::Start() {
     news.data.ptr = &loop->m_Interfaces;
     if (loop->m_Interfaces.Number() >= 0)
         epoll_ctl(loop->m_Epoll.Number(), EPOLL_CTL_ADD, loop->m_Interfaces.Number(), &news);
-    // The thread inherits the mask: the host's signal handlers run on the host's threads.
-    sigset_t all;
+    // The thread inherits the mask: the host's signal handlers run on the host's threads. What a
+    // thread brings upon itself can not wait: blocked, it would end the process past any handler.
+    sigset_t blocked;
     sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    sigfillset(&blocked);
+    constexpr int kOwn[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
+    for (const int own : kOwn)
+        sigdelset(&blocked, own);
+    pthread_sigmask(SIG_SETMASK, &blocked, &previous);
     const bool started =
         pthread_create(&loop->m_Thread, nullptr, &ReceiveLoop::Run, loop.get()) == 0;
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);

@@ -8,7 +8,7 @@
  * - Threads: any thread may call any function, for the same socket or different ones; but a
  *   socket must not be destroyed while another thread sends on it.
  * - Callbacks: run on threads of the library, which exist only while receive sockets exist and
- *   block all signals. Never two at a time for one socket. All sockets share one thread
+ *   block all signals but those that a thread brings upon itself. Never two at a time for one socket. All sockets share one thread
  *   until it has more to do than a processor can; then there are more threads, at most one
  *   for each processor. Where datagrams would wake a thread up more than 2500 times a
  *   second, callbacks may come a millisecond after the datagram. A callback that waits
