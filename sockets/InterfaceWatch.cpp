@@ -35,14 +35,30 @@ InterfaceWatch::InterfaceWatch() {
     m_Due = Clock::now();  // something may have changed since the first socket was opened
 }
 
-void InterfaceWatch::Take() {
-    // What the messages say does not matter, and the kernel drops what has no room: but every one, and
-    // ENOBUFS for the dropped ones, says that something has changed. The rest waits for the next time.
+uint32_t InterfaceWatch::Take() {
+    // Else it does not matter what the messages say, and the kernel drops what has no room: but every
+    // one, and ENOBUFS for the dropped ones, says that something has changed. The rest waits for the
+    // next time.
     constexpr int kMost = 1000;
-    char message;
-    for (int count = 0; count < kMost; ++count)
-        if (recv(m_Messages.Number(), &message, sizeof(message), 0) < 0 && errno != ENOBUFS)
+    struct {
+        nlmsghdr Header;
+        ifinfomsg Interface;
+    } message;
+    int gone = 0;
+    for (int count = 0; count < kMost && gone == 0; ++count) {
+        const ssize_t size = recv(m_Messages.Number(), &message, sizeof(message), 0);
+        if (size < 0 && errno != ENOBUFS)
             break;
+        // One that leaves a bridge is reported with a family.
+        if (size == sizeof(message) && message.Header.nlmsg_type == RTM_DELLINK &&
+            message.Interface.ifi_family == AF_UNSPEC)
+            gone = message.Interface.ifi_index;
+    }
+    Notice();
+    return static_cast<uint32_t>(gone);
+}
+
+void InterfaceWatch::Notice() {
     if (m_Looks != kLooks)
         m_Due = Clock::now() + kSettle;
     m_Looks = kLooks;

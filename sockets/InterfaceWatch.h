@@ -3,6 +3,7 @@
 #define SOCKETS_INTERFACEWATCH_H
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 
 #include "Descriptor.h"
@@ -17,9 +18,14 @@ class InterfaceWatch {
 
     int Number() const { return m_Messages.Number(); }  // readable when there is news; or -1
 
-    // Takes the news. Changes come in groups, like a link and its addresses, and are looked at
-    // together, a moment after the first; and then a few times more, since the routes follow later.
-    void Take();
+    // Takes the news, up to an interface that is gone from this network: its number, or 0 when there is
+    // none.
+    uint32_t Take();
+
+    // There is something to look at. Changes come in groups, like a link and its addresses, and are
+    // looked at together, a moment after the first; and then a few times more, since the routes follow
+    // later.
+    void Notice();
 
     // Has the moment come to look at them? True once for each.
     bool IsDue();

@@ -349,7 +349,7 @@ bool ReceiveLoop::LeaveIfUnused() {
     const std::lock_guard lock(g_Lock);
     m_InCallback = false;
     if (m_MustLook)
-        m_Interfaces.Take();
+        m_Interfaces.Notice();
     m_MustLook = false;
     if (m_Stop)
         return true;
@@ -447,6 +447,15 @@ void ReceiveLoop::JoinQuietLoops() {
     Wake();  // to leave
 }
 
+// The memberships on an interface that is gone count to the limit; and where it comes back with its
+// number, as from another network namespace, they would pass for good ones and prevent new ones.
+void ReceiveLoop::LeaveGroups(uint32_t interface) {
+    const std::lock_guard lock(g_Lock);
+    for (const ReceiveSocket* socket = m_Sockets; socket != nullptr; socket = socket->Next)
+        if (socket->Source.Group[0] != '\0' && !socket->Closed.load(std::memory_order_relaxed))
+            LeaveGroup(socket->File, interface);
+}
+
 // After interfaces have changed. The lock keeps sockets from being destroyed meanwhile: who destroys one
 // marks it under the lock, and uses the descriptor after that.
 void ReceiveLoop::RenewMemberships() {
@@ -516,7 +525,8 @@ void* ReceiveLoop::Run(void* loop) {
                 continue;
             }
             if (events[i].data.ptr == &self.m_Interfaces) {
-                self.m_Interfaces.Take();
+                if (const uint32_t gone = self.m_Interfaces.Take(); gone != 0)
+                    self.LeaveGroups(gone);
                 continue;
             }
             const int taken = self.Serve(*static_cast<ReceiveSocket*>(events[i].data.ptr));

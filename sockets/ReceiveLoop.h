@@ -103,6 +103,7 @@ class ReceiveLoop {
     void ShareLoad();
     void JoinQuietLoops();
     bool LeaveIfUnused();
+    void LeaveGroups(uint32_t interface);
     void RenewMemberships();
     bool RenewMembership(ReceiveSocket& socket);
     void FreeDead();

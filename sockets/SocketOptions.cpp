@@ -263,6 +263,16 @@ Membership RenewMembership(const Descriptor& socket, const Address& local, const
                : Membership::Broken;
 }
 
+void LeaveGroup(const Descriptor& socket, uint32_t interface) {
+    Address group;  // as which it is bound
+    if (!group.ReadFrom(socket.Number()))
+        return;
+    group_req membership{};
+    membership.gr_interface = interface;
+    memcpy(&membership.gr_group, group.Get(), group.Size());
+    Set(socket, group.IsIPv6() ? IPPROTO_IPV6 : IPPROTO_IP, MCAST_LEAVE_GROUP, membership);
+}
+
 int CountMemberships(const Descriptor& socket, const Address& group) {
     const std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)> list(::if_nameindex(),
                                                                                  &if_freenameindex);

@@ -25,6 +25,9 @@ enum class Membership {
 Membership RenewMembership(const Descriptor& socket, const Address& local, const Address& group,
                            bool everywhere);
 
+// Ends the membership of a group socket on one interface, which may be gone.
+void LeaveGroup(const Descriptor& socket, uint32_t interface);
+
 // On interfaces that exist.
 int CountMemberships(const Descriptor& socket, const Address& group);
 
