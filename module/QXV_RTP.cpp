@@ -102,6 +102,26 @@ void ForgetSegment() {
     new (&g_ShareMemory) CZAQShareMemory;
 }
 
+// True when the segment object has the table. A file that another process makes at the same moment is
+// joined half made; the next attempt removes its name and makes one of our own, as if this process had
+// been loaded a moment later. Another user's short file is refused in the end.
+bool OpenTable() {
+    constexpr int kAttempts = 10;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        char path[sizeof(kSharedMemoryPath)];
+        memcpy(path, kSharedMemoryPath, sizeof(path));
+        if (g_ShareMemory.Create(path, sizeof(RtpContext), 1) == 0)
+            return false;
+        if (HoldsTable(g_ShareMemory))
+            return true;
+        const bool owner = g_ShareMemory.Owner != 0;
+        g_ShareMemory.Close();
+        if (owner)
+            return false;
+    }
+    return false;
+}
+
 }  // namespace
 
 int QXV_RTP_Constructor() {
@@ -109,16 +129,11 @@ int QXV_RTP_Constructor() {
         for (RtpChannelContextExt& row : direction)
             ResetRow(row, 0);
     }
-    char path[sizeof(kSharedMemoryPath)];
-    memcpy(path, kSharedMemoryPath, sizeof(path));
-    const bool created = g_ShareMemory.Create(path, sizeof(RtpContext), 1) != 0;
-    const bool usable = created && HoldsTable(g_ShareMemory);
+    const bool usable = OpenTable();
     if (usable) {
         g_pContext = reinterpret_cast<RtpContext*>(g_ShareMemory.Address);
         if (g_ShareMemory.Owner != 0)
             LayDownDefaults(*g_pContext);
-    } else if (created) {
-        g_ShareMemory.Close();
     }
     ForgetSegment();
     if (!usable)
