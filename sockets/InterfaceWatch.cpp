@@ -60,22 +60,29 @@ uint32_t InterfaceWatch::Take() {
 
 void InterfaceWatch::Notice() {
     if (m_Looks != kLooks)
-        m_Due = Clock::now() + kSettle;
+        m_Due = Clock::now() + std::max<Clock::duration>(kSettle, m_Rest);
     m_Looks = kLooks;
 }
 
 bool InterfaceWatch::IsDue() {
     if (!m_Due || Clock::now() < *m_Due)
         return false;
+    m_Began = Clock::now();
     m_Due.reset();
-    if (--m_Looks > 0)
-        m_Due = Clock::now() + kPause;
+    --m_Looks;
     return true;
+}
+
+void InterfaceWatch::Finish() {
+    constexpr int kShare = 10;  // one part of the time
+    const Clock::time_point now = Clock::now();
+    m_Rest = (now - m_Began) * kShare;
+    if (m_Looks > 0)
+        m_Due = now + std::max<Clock::duration>(kPause, m_Rest);
 }
 
 void InterfaceWatch::Repeat() {
     m_Looks = std::max(m_Looks, 1);
-    m_Due = Clock::now() + kPause;
 }
 
 int InterfaceWatch::Limit(int timeout_ms) const {

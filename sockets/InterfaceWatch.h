@@ -27,10 +27,12 @@ class InterfaceWatch {
     // later.
     void Notice();
 
-    // Has the moment come to look at them? True once for each.
+    // Has the moment come to look at them? True once for each; Finish follows.
     bool IsDue();
+    // They have been looked at. Where that takes long, it is done less often.
+    void Finish();
     bool IsPending() const { return m_Due.has_value(); }
-    // To look once more than that.
+    // To look once more than that; before Finish.
     void Repeat();
 
     // How long to wait for other things that may take `timeout_ms`, or -1 for ever.
@@ -41,7 +43,9 @@ class InterfaceWatch {
 
     Descriptor m_Messages;
     std::optional<Clock::time_point> m_Due;
-    int m_Looks = 1;  // left
+    Clock::time_point m_Began{};  // the latest look
+    Clock::duration m_Rest{};     // at least, before the next one
+    int m_Looks = 1;              // left
 };
 
 }  // namespace zaqsockets

@@ -466,6 +466,7 @@ void ReceiveLoop::RenewMemberships() {
             good = RenewMembership(*socket) && good;
     if (!good)
         m_Interfaces.Repeat();
+    m_Interfaces.Finish();
 }
 
 // False when the socket is deaf, and has to be looked at again: its interface is not there yet. With the

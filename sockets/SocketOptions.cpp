@@ -104,10 +104,10 @@ bool JoinEverywhere(const Descriptor& socket, const Address& group, bool& full) 
     bool joined = false;
     const Interfaces list = ListInterfaces();
     for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
-        if ((entry->ifa_flags & kWanted) != kWanted)
+        // An interface stands here once for itself, and once for each of its addresses.
+        const bool itself = entry->ifa_addr == nullptr || entry->ifa_addr->sa_family == AF_PACKET;
+        if (!itself || (entry->ifa_flags & kWanted) != kWanted)
             continue;
-        // An interface stands here once for each of its addresses; joining it again is refused by
-        // the kernel and changes nothing.
         const uint32_t interface = if_nametoindex(entry->ifa_name);
         if (group.IsIPv6() ? Join6(socket, group, interface)
                            : Join4(socket, group, in_addr{}, interface))
