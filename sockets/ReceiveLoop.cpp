@@ -488,7 +488,7 @@ bool ReceiveLoop::RenewMembership(ReceiveSocket& socket) {
     // There may just be more interfaces than a socket can have memberships. And another interface may
     // have been joined than is meant, as long as not all routes are there.
     if (state == Membership::Full
-            ? CountMemberships(renewed, group) <= CountMemberships(socket.File, group)
+            ? !HasMoreMemberships(renewed, socket.File, group)
             : zaqsockets::RenewMembership(renewed, local, group, false) != Membership::Good)
         return state == Membership::Full;
     epoll_event readable{};

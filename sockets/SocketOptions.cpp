@@ -126,6 +126,21 @@ bool IsMember(const Descriptor& socket, const Address& group, uint32_t interface
                            nullptr) == 0;
 }
 
+using InterfaceNames = std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)>;
+
+InterfaceNames ListNames() {
+    return {::if_nameindex(), &if_freenameindex};
+}
+
+// On an interface that exists.
+bool IsMemberAnywhere(const Descriptor& socket, const Address& group) {
+    const InterfaceNames list = ListNames();
+    for (const auto* entry = list.get(); entry != nullptr && entry->if_index != 0; ++entry)
+        if (IsMember(socket, group, entry->if_index))
+            return true;
+    return false;
+}
+
 // Linux otherwise delivers every group that any socket of the machine has joined to every socket
 // that is bound to the port and not to another address (ip(7), IP_MULTICAST_ALL).
 bool OwnGroupsOnly(const Descriptor& socket, const Address& address) {
@@ -258,7 +273,7 @@ Membership RenewMembership(const Descriptor& socket, const Address& local, const
         named = InterfaceOf(local);
     if (named == 0 && local.IsAny())
         named = ChoiceOfSystem(group);
-    return (named != 0 ? IsMember(socket, group, named) : CountMemberships(socket, group) != 0)
+    return (named != 0 ? IsMember(socket, group, named) : IsMemberAnywhere(socket, group))
                ? Membership::Good
                : Membership::Broken;
 }
@@ -273,13 +288,16 @@ void LeaveGroup(const Descriptor& socket, uint32_t interface) {
     Set(socket, group.IsIPv6() ? IPPROTO_IPV6 : IPPROTO_IP, MCAST_LEAVE_GROUP, membership);
 }
 
-int CountMemberships(const Descriptor& socket, const Address& group) {
-    const std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)> list(::if_nameindex(),
-                                                                                 &if_freenameindex);
-    int count = 0;
-    for (const auto* entry = list.get(); entry != nullptr && entry->if_index != 0; ++entry)
-        count += IsMember(socket, group, entry->if_index);
-    return count;
+bool HasMoreMemberships(const Descriptor& socket, const Descriptor& other, const Address& group) {
+    const InterfaceNames list = ListNames();
+    bool more = false;
+    for (const auto* entry = list.get(); entry != nullptr && entry->if_index != 0; ++entry) {
+        const bool has = IsMember(socket, group, entry->if_index);
+        if (!has && IsMember(other, group, entry->if_index))
+            return false;
+        more = more || (has && !IsMember(other, group, entry->if_index));
+    }
+    return more;
 }
 
 Descriptor OpenUnicastSocket(const Address& local) {

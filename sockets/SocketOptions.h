@@ -28,8 +28,8 @@ Membership RenewMembership(const Descriptor& socket, const Address& local, const
 // Ends the membership of a group socket on one interface, which may be gone.
 void LeaveGroup(const Descriptor& socket, uint32_t interface);
 
-// On interfaces that exist.
-int CountMemberships(const Descriptor& socket, const Address& group);
+// On interfaces that exist: all that the other one has, and more?
+bool HasMoreMemberships(const Descriptor& socket, const Descriptor& other, const Address& group);
 
 // Bound to `local`, which carries the port.
 Descriptor OpenUnicastSocket(const Address& local);
