@@ -53,17 +53,6 @@ uint32_t InterfaceOf(const Address& address) {
     return 0;
 }
 
-// The interface by which the system would send to the address, and on which it therefore joins a group
-// where none is named; 0 when there is no route.
-uint32_t ChoiceOfSystem(const Address& address) {
-    const Descriptor probe = OpenSocket(address, 0);
-    Address source;
-    return probe && connect(probe.Number(), address.Get(), address.Size()) == 0 &&
-                   source.ReadFrom(probe.Number())
-               ? InterfaceOf(source)
-               : 0;
-}
-
 // A link-local address is bound together with its interface, which is found where it is not named.
 bool Bind(const Descriptor& socket, Address address) {
     if (address.IsLinkLocal() && address.Zone() == 0)
@@ -139,6 +128,20 @@ bool IsMemberAnywhere(const Descriptor& socket, const Address& group) {
         if (IsMember(socket, group, entry->if_index))
             return true;
     return false;
+}
+
+// The interface on which the kernel joins the group now, where its number is not given: for IPv4 the one
+// that has the local address. Who has the source address of a route may be another one. 0 when there is
+// none.
+uint32_t ChoiceOfSystem(const Address& local, const Address& group) {
+    const Descriptor probe = OpenSocket(group, 0);
+    if (!probe || !(group.IsIPv6() ? Join6(probe, group, 0) : Join4(probe, group, local.IPv4(), 0)))
+        return 0;
+    const InterfaceNames list = ListNames();
+    for (const auto* entry = list.get(); entry != nullptr && entry->if_index != 0; ++entry)
+        if (IsMember(probe, group, entry->if_index))
+            return entry->if_index;
+    return 0;
 }
 
 // Linux otherwise delivers every group that any socket of the machine has joined to every socket
@@ -269,10 +272,10 @@ Membership RenewMembership(const Descriptor& socket, const Address& local, const
         return full ? Membership::Full : Membership::Good;
     }
     uint32_t named = group.Zone() != 0 ? group.Zone() : local.Zone();
-    if (named == 0 && !local.IsAny())
+    if (named == 0 && group.IsIPv6() && !local.IsAny())
         named = InterfaceOf(local);
-    if (named == 0 && local.IsAny())
-        named = ChoiceOfSystem(group);
+    else if (named == 0)
+        named = ChoiceOfSystem(local, group);
     return (named != 0 ? IsMember(socket, group, named) : IsMemberAnywhere(socket, group))
                ? Membership::Good
                : Membership::Broken;
