@@ -14,6 +14,7 @@ namespace {
 constexpr std::chrono::milliseconds kSettle{200};
 constexpr std::chrono::milliseconds kPause{1000};
 constexpr int kLooks = 5;
+constexpr std::chrono::milliseconds kLongestRest{2000};
 
 Descriptor OpenNetlink(uint32_t groups) {
     Descriptor opened(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
@@ -76,7 +77,7 @@ bool InterfaceWatch::IsDue() {
 void InterfaceWatch::Finish() {
     constexpr int kShare = 10;  // one part of the time
     const Clock::time_point now = Clock::now();
-    m_Rest = (now - m_Began) * kShare;
+    m_Rest = std::min<Clock::duration>((now - m_Began) * kShare, kLongestRest);
     if (m_Looks > 0)
         m_Due = now + std::max<Clock::duration>(kPause, m_Rest);
 }

@@ -467,6 +467,9 @@ void ReceiveLoop::RenewMemberships() {
     if (!good)
         m_Interfaces.Repeat();
     m_Interfaces.Finish();
+    if (!m_Interfaces.IsPending())
+        for (ReceiveSocket* socket = m_Sockets; socket != nullptr; socket = socket->Next)
+            socket->Renewed = false;
 }
 
 // False when the socket is deaf, and has to be looked at again: its interface is not there yet. With the
@@ -479,7 +482,7 @@ bool ReceiveLoop::RenewMembership(ReceiveSocket& socket) {
         return false;  // a zone whose interface is gone
     group.SetPort(source.Port);
     const Membership state =
-        zaqsockets::RenewMembership(socket.File, local, group, source.Everywhere);
+        zaqsockets::RenewMembership(socket.File, local, group, source.Everywhere, !socket.Renewed);
     if (state == Membership::Good)
         return true;
     Descriptor renewed = OpenGroupSocket(local, group, source.Everywhere);
@@ -489,7 +492,7 @@ bool ReceiveLoop::RenewMembership(ReceiveSocket& socket) {
     // have been joined than is meant, as long as not all routes are there.
     if (state == Membership::Full
             ? !HasMoreMemberships(renewed, socket.File, group)
-            : zaqsockets::RenewMembership(renewed, local, group, false) != Membership::Good)
+            : zaqsockets::RenewMembership(renewed, local, group, false, false) != Membership::Good)
         return state == Membership::Full;
     epoll_event readable{};
     readable.events = EPOLLIN;
@@ -498,6 +501,7 @@ bool ReceiveLoop::RenewMembership(ReceiveSocket& socket) {
         return false;
     epoll_ctl(m_Epoll.Number(), EPOLL_CTL_DEL, socket.File.Number(), nullptr);
     socket.File = std::move(renewed);
+    socket.Renewed = true;
     return true;
 }
 

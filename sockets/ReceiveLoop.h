@@ -48,6 +48,9 @@ struct ReceiveSocket {
     // Messages since its loop began to look at what fills it. Of the loop's thread; another one takes
     // over under the lock of all loops.
     std::atomic<uint32_t> Taken{0};
+    // Its membership was lost and made anew a moment ago, when maybe not all routes were there: so it
+    // still goes where the routes go. Of the loop's thread, as Taken.
+    bool Renewed = false;
 
     // Guarded by the lock of all loops.
     ReceiveLoop* Loop = nullptr;

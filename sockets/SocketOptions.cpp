@@ -265,7 +265,7 @@ Descriptor OpenGroupSocket(const Address& local, const Address& group, bool ever
 // An interface that was deleted and made again has another number: the socket keeps a membership on the
 // old one, and gets nothing.
 Membership RenewMembership(const Descriptor& socket, const Address& local, const Address& group,
-                           bool everywhere) {
+                           bool everywhere, bool anywhere) {
     if (everywhere && !group.IsZoneLocalGroup()) {
         bool full = false;
         JoinEverywhere(socket, group, full);
@@ -274,7 +274,7 @@ Membership RenewMembership(const Descriptor& socket, const Address& local, const
     uint32_t named = group.Zone() != 0 ? group.Zone() : local.Zone();
     if (named == 0 && group.IsIPv6() && !local.IsAny())
         named = InterfaceOf(local);
-    else if (named == 0)
+    else if (named == 0 && (!local.IsAny() || !anywhere))
         named = ChoiceOfSystem(local, group);
     return (named != 0 ? IsMember(socket, group, named) : IsMemberAnywhere(socket, group))
                ? Membership::Good

@@ -22,8 +22,10 @@ enum class Membership {
     Full,    // it can not join more; memberships on interfaces that are gone count, too
     Broken,  // it is not joined where it is meant to be
 };
+// With `anywhere`, a socket of the system's choice is good where it is joined on any interface: another
+// choice, now that another interface has the route, is no reason to leave a stream that comes in.
 Membership RenewMembership(const Descriptor& socket, const Address& local, const Address& group,
-                           bool everywhere);
+                           bool everywhere, bool anywhere);
 
 // Ends the membership of a group socket on one interface, which may be gone.
 void LeaveGroup(const Descriptor& socket, uint32_t interface);

@@ -52,10 +52,10 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * it was joined (an IPv6 group for which no interface is named also from those on which other sockets
  * have joined it). Any number of sockets, also of other processes, may listen to one group and port.
  * Where its interface is deleted and made again, or its local address moves to another one, the group is
- * joined there within about a second, and so is the system's choice by the routes that there are then;
- * not where the system refuses to tell of its interfaces (rtnetlink(7)).
+ * joined there within about a second; where none is named, the system chooses again when the one that
+ * it chose is gone. Not so where the system refuses to tell of its interfaces (rtnetlink(7)).
  * A unicast receive socket never shares its address and port with another one, and the any-address
- * never with a named one; groups on the same port are kept apart from it. An IPv6 socket does not
+ * not with one that is named and on an interface; groups on the same port are kept apart from it. An IPv6 socket does not
  * take the IPv4 port. The receive buffer is 8 MiB, or the most that the system grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.

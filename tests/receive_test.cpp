@@ -110,6 +110,14 @@ TEST(Receive, GroupsAreJoinedAgainWhenTheirInterfaceWasMadeAnew) {
         receivers.push_back(std::make_unique<Receiver>(local, group, kPort, everywhere));
         ASSERT_TRUE(*receivers.back()) << group;
     }
+    // Another interface that has the route from now on is no reason to leave one that is there.
+    ASSERT_EQ(system("ip route replace 239.1.1.4 dev a1 && ip link set a1 mtu 1400"), 0);
+    for (int i = 0; i < 200; ++i) {  // for as long as two looks take
+        Sender("10.77.0.1", "239.1.1.4").Send("x");
+        usleep(10000);
+    }
+    EXPECT_TRUE(Await([&] { return receivers.back()->Count() == 200; }));
+    ASSERT_EQ(system("ip route replace 239.1.1.4 dev a0"), 0);
     for (int round = 0; round < 3; ++round) {
         for (size_t i = 0; i < receivers.size(); ++i) {
             const size_t count = receivers[i]->Count();
