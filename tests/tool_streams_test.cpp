@@ -29,6 +29,21 @@ TEST(Tool, ReceiveRecordsByteForByteWhatSendSendsWithItsTail) {
     }
 }
 
+TEST(Tool, SendKeepsToThePaceOfAVariableRateUnderRtp) {
+    std::string stream = Contents(kSample);
+    for (size_t i = 942; i < 1883 * 5 - 942 * 4; i += 5)  // five times the rate in the second half
+        for (int n = 0; n < 4; ++n)
+            stream.insert(i * 188, "\x47\x1F\xFF\x10" + std::string(184, 'n'));
+    std::ofstream("/tmp/variable") << stream;
+    Process half = Receive("rtp://:7009", 7009, "-n 177000");
+    const auto begin = std::chrono::steady_clock::now();
+    Process sender = Process::Tool("send /dev/fd/3 rtp://127.0.0.1:7009 3< /tmp/variable");
+    EXPECT_EQ(half.Wait(), 0);
+    const auto middle = std::chrono::steady_clock::now();
+    EXPECT_EQ(sender.Wait(), 0);  // at the mean rate, the first half would take a sixth of the time
+    EXPECT_GT((middle - begin) * 5, (std::chrono::steady_clock::now() - middle) * 2);
+}
+
 TEST(Tool, SendSkipsWhatIsNoPacketAndGoesOnWhenAnotherInputFails) {
     const std::string sample = Contents(kSample).substr(0, 400 * 188);
     for (const size_t size : {188u, 204u}) {

@@ -15,7 +15,12 @@ using namespace std::chrono_literals;
 constexpr size_t kChunkBytes = size_t{64} * 1024;
 constexpr size_t kMostAhead = size_t{64} * 1024 * 1024;  // where PCRs are rare, or the rate is high
 constexpr auto kStopLatency = 50ms;
-constexpr auto kStretch = 250ms;  // shorter, and the largest pictures would each be one
+constexpr auto kStretch = 250ms;    // shorter, and the largest pictures would each be one
+constexpr auto kFineStretch = 1ms;  // from one PCR to the next
+constexpr auto kTolerance = 40ms;   // no constant rate is that far off
+constexpr double kSameRate = 0.002;
+constexpr double kHeadroom = 1.25;
+constexpr double kHeadroomOfPipe = 2.0;
 constexpr auto kMeasureTime = 1s;
 constexpr size_t kMeasureBytes = size_t{8} * 1024 * 1024;
 
@@ -25,9 +30,9 @@ double seconds(std::chrono::nanoseconds time) {
 
 }  // namespace
 
-PacedStream::PacedStream(const SendJob& job, bool followed)
+PacedStream::PacedStream(const SendJob& job, bool keepsRate)
     : given_bps_(job.bitrate_bps),
-      followed_(followed && !given_bps_),
+      keepsRate_(keepsRate),
       start_(job.start.value_or(0ms)),
       duration_(job.duration),
       source_(job.input, job.loop) {}
@@ -44,7 +49,9 @@ void PacedStream::open(StopSignal& stop) {
 }
 
 void PacedStream::measure(StopSignal& stop) {
-    follower_.emplace(source_.packetSize(), kStretch);
+    follower_.emplace(source_.packetSize(), keepsRate_ ? kFineStretch : kStretch);
+    if (keepsRate_)
+        steady_.emplace(source_.packetSize());
     while (!stop.requested() && !knowsRate() && !inputEnded() && available() < kMostAhead)
         readAhead(available() + kChunkBytes, kStopLatency);
     if (stop.requested())
@@ -61,12 +68,35 @@ void PacedStream::measure(StopSignal& stop) {
         throw Failure(fmt::format("by its PCRs, {} has {:.0f} bit/s; give its rate with --bitrate",
                                   source_.name(), rate_bps));
     bitrate_bps_ = std::max(1u, static_cast<uint32_t>(std::llround(rate_bps)));
+    if (!keepsRate_)
+        return;
+    varies_ = std::any_of(points_.begin(), points_.end(), [&](const RateFollower::Point& at) {
+        const std::chrono::duration<double> even(static_cast<double>(at.bytes) * 8.0 / rate_bps);
+        return std::chrono::abs(even - at.time) > kTolerance;
+    });
+    if (varies_)
+        raise();
+}
+
+// By the second: the buffer absorbs shorter peaks, and a channel that was fed less than its rate makes
+// up for it later. Of a pipe, little has been seen.
+uint32_t PacedStream::raise() {
+    double most_bps = bitrate_bps_;
+    auto begin = points_.begin();
+    for (const RateFollower::Point& end : points_) {
+        for (; end.time - begin->time >= kMeasureTime; ++begin)
+            most_bps = std::max(most_bps, static_cast<double>(end.bytes - begin->bytes) * 8.0 /
+                                              seconds(end.time - begin->time));
+    }
+    most_bps *= source_.isFile() ? kHeadroom : kHeadroomOfPipe;
+    bitrate_bps_ = static_cast<uint32_t>(std::min(most_bps, double{UINT32_MAX}));
+    return bitrate_bps_;
 }
 
 // A rate that is kept throughout has to be a good one.
 bool PacedStream::knowsRate() const {
     return follower_->point().time >= kMeasureTime &&
-           (followed_ || !source_.isFile() || available() >= kMeasureBytes);
+           (!keepsRate_ || !source_.isFile() || available() >= kMeasureBytes);
 }
 
 // Reads all that is skipped, since only the clock in it tells how much that is.
@@ -97,7 +127,7 @@ void PacedStream::goToStart(StopSignal& stop) {
 
 // With a point behind all that was handed out, the pace is known when the wire comes to any of it.
 bool PacedStream::knowsPaceOf(uint64_t bytes) const {
-    return !follower_ || (!followed_ && bitrate_bps_ != 0) || follower_->point().bytes >= bytes;
+    return !follower_ || follower_->point().bytes >= bytes;
 }
 
 void PacedStream::readAhead(size_t limit, std::chrono::milliseconds wait) {
@@ -105,6 +135,10 @@ void PacedStream::readAhead(size_t limit, std::chrono::milliseconds wait) {
         ahead_.erase(ahead_.begin(), ahead_.begin() + static_cast<std::ptrdiff_t>(begin_));
         begin_ = 0;
     }
+    // A rate that is about to rise or fall is to be known before the channel is handed too much; but
+    // reading much at a time would let the channel run dry.
+    if (steady_)
+        limit = std::max(limit, std::min(kMeasureBytes, available() + 1));
     while (!inputEnded() &&
            (available() < limit || (!knowsPaceOf(taken_ + limit) && available() < kMostAhead))) {
         const auto packets = source_.take(kChunkBytes, available() == 0 ? wait : 0ms);
@@ -128,6 +162,13 @@ void PacedStream::add(std::span<const uint8_t> packets) {
             follower_->add(packets.data());
             notePoint();
         }
+        if (steady_) {
+            steady_->add(packets.data());
+            const auto told = steady_->change();
+            varies_ =
+                varies_ || (told && bitrate_bps_ != 0 &&
+                            std::abs(*told / static_cast<double>(bitrate_bps_) - 1.0) > kSameRate);
+        }
         ahead_.insert(ahead_.end(), packets.begin(),
                       packets.begin() + static_cast<std::ptrdiff_t>(source_.packetSize()));
     }
@@ -135,14 +176,6 @@ void PacedStream::add(std::span<const uint8_t> packets) {
 
 void PacedStream::notePoint() {
     const auto& point = follower_->point();
-    if (!followed_) {
-        const double asked = static_cast<double>(point.bytes) * 8.0 / std::max(1u, bitrate_bps_);
-        const std::chrono::duration<double> off(std::abs(asked - seconds(point.time)));
-        if (bitrate_bps_ != 0)
-            offPace_ =
-                std::max(offPace_, std::chrono::duration_cast<std::chrono::nanoseconds>(off));
-        return;
-    }
     if (point.bytes > (points_.empty() ? passed_ : points_.back()).bytes)
         points_.push_back(point);
 }

@@ -17,19 +17,24 @@
 #include "TransportStream.h"
 
 // The packets from the job's start on, for its duration. Without a bitrate given, they are read ahead:
-// a second or more, to know the rate to begin with; and a stream that is to be followed is read ahead
-// all the time, to know the pace of what is handed out.
+// a second or more, to know the rate to begin with, and all the time, to know the pace of what is
+// handed out. What a channel sends whose rate must not change is read ahead by more.
 class PacedStream {
   public:
     // Opens the input; throws as PacketSource does.
-    PacedStream(const SendJob& job, bool followed);
+    PacedStream(const SendJob& job, bool keepsRate);
 
     // Finds the packets, goes to the start and reads ahead. Throws Failure where that cannot be
     // done; returns early when a stop is requested.
     void open(StopSignal& stop);
 
     const PacketSource& source() const { return source_; }
-    uint32_t bitrate() const { return bitrate_bps_; }  // to begin with
+    // To begin with: the stream's rate or, where it varies and the channel keeps its rate, a ceiling.
+    uint32_t bitrate() const { return bitrate_bps_; }
+
+    // What has been read so far does not have the rate that was measured to begin with. Told only
+    // where the channel keeps its rate.
+    bool varies() const { return varies_; }
 
     // As PacketSource's.
     std::span<const uint8_t> take(size_t limit, std::chrono::milliseconds wait);
@@ -43,8 +48,8 @@ class PacedStream {
     // The one in which the byte lies; none where that is not known (yet).
     std::optional<Stretch> stretch(uint64_t byte);
 
-    // By how much a stream that is not followed has been early or late by its own clock, at most.
-    std::chrono::nanoseconds offPace() const { return offPace_; }
+    // A higher ceiling, which lets pass what is read ahead behind the last stretch that was asked for.
+    uint32_t raise();
 
   private:
     size_t available() const { return ahead_.size() - begin_; }
@@ -58,19 +63,20 @@ class PacedStream {
     void notePoint();
 
     const std::optional<uint32_t> given_bps_;
-    const bool followed_;
+    const bool keepsRate_;
     const std::chrono::nanoseconds start_;
     const std::optional<std::chrono::nanoseconds> duration_;
     PacketSource source_;
     uint32_t bitrate_bps_ = 0;
     std::optional<StreamTime> time_;        // of the input, where start or duration ask for it
     std::optional<RateFollower> follower_;  // of what is handed out
-    bool complete_ = false;                 // the duration is over
-    bool finished_ = false;                 // the last point was noted
+    std::optional<RateFollower> steady_;    // by the second, where the channel keeps its rate
+    bool varies_ = false;
+    bool complete_ = false;  // the duration is over
+    bool finished_ = false;  // the last point was noted
     std::vector<uint8_t> ahead_;
     size_t begin_ = 0;  // of what is ahead
     uint64_t taken_ = 0;
-    std::chrono::nanoseconds offPace_{0};
     RateFollower::Point passed_;
     std::deque<RateFollower::Point> points_;
 };

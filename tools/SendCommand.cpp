@@ -28,7 +28,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kBoardInterval = 20ms;
-constexpr auto kOffPace = 500ms;  // more than receivers hold in their buffers
 
 // The module, loaded when the first input has turned out to be a stream: an input that is none does
 // not replace the shared table of this machine's other users.
@@ -94,25 +93,24 @@ class Task {
     void run() {
         report("opening");
         // Under RTP a change of the bitrate would begin the sequence numbers anew.
-        const bool followed = !job_.bitrate_bps && !url_.rtp;
-        PacedStream stream(job_, followed);
+        PacedStream stream(job_, url_.rtp);
         stream.open(stop_);  // may wait for the writer of a FIFO
         bool complete = false;
         if (!stop_.requested()) {
-            Sending sending(stream, module_.get(), channel_, url_, followed, stop_,
+            Sending sending(stream, module_.get(), channel_, url_, !job_.bitrate_bps, stop_,
                             [this](const std::string& line) { report(line); });
             complete = sending.run();
             summary_ = sending.summary();
+            if (sending.raises() > 0)
+                warnings_.push_back(fmt::format(
+                    "{}: its rate rose too far: sequence numbers to {} began anew, {} in all",
+                    stream.source().name(), url_.text, sending.raises()));
         }
         const PacketSource& source = stream.source();
         if (source.skippedBytes() > 0)
             warnings_.push_back(fmt::format("{}: {} bytes in {} places are no packets: skipped",
                                             source.name(), source.skippedBytes(),
                                             source.skippedPlaces()));
-        if (stream.offPace() > kOffPace)
-            warnings_.push_back(fmt::format(
-                "{}: its rate varies, which rtp:// does not follow: up to {:.1f} s off its time",
-                source.name(), std::chrono::duration<double>(stream.offPace()).count()));
         // A loop has no other end, unless it was given one.
         if (!complete && !job_.loop)
             throw Failure(
@@ -258,9 +256,12 @@ constexpr auto kHelp =
     "\n"
     "Rate: without --bitrate, a stream goes at the pace of its PCRs. udp:// follows a rate that\n"
     "varies, up to four times a second, where it would otherwise be 20 ms early or late. rtp://\n"
-    "keeps the mean rate of the first 8 MB (of a pipe: of the first second): a change would begin\n"
-    "the sequence numbers anew, and receivers drop what seems to be late. A warning tells when\n"
-    "that was not the stream's pace. Live input is delayed by the second that is measured.\n"
+    "follows it from PCR to PCR by what it hands to the channel, whose own rate lies above: a\n"
+    "change of that would begin the sequence numbers anew, and receivers drop what seems to be\n"
+    "late. It is told by the first 8 MB (of a pipe: by the first second). Where the stream stays\n"
+    "faster later on, it falls 2 s behind before the change is made, which a warning tells. RTP\n"
+    "timestamps count datagrams at the channel's rate. Live input is delayed by the second that\n"
+    "is measured.\n"
     "Bytes: packets have 188 or 204 bytes, and the rate counts all of them. They are sent as they\n"
     "are; null packets fill up the last datagram. Bytes that are no packets are skipped, which a\n"
     "warning tells in the end.\n"

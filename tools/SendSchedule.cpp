@@ -19,6 +19,15 @@ Seconds timeOf(uint64_t bytes, double bitrate_bps) {
     return Seconds(static_cast<double>(bytes) * 8.0 / bitrate_bps);
 }
 
+SendSchedule::Clock::duration toClock(Seconds time) {
+    return std::chrono::duration_cast<SendSchedule::Clock::duration>(time);
+}
+
+double rateOf(const PacedStream::Stretch& stretch) {
+    const Seconds length = stretch.end.time - stretch.begin.time;
+    return static_cast<double>(stretch.end.bytes - stretch.begin.bytes) * 8.0 / length.count();
+}
+
 }  // namespace
 
 std::optional<uint32_t> SendSchedule::change(uint64_t sent, const PacedStream::Stretch& stretch,
@@ -26,12 +35,7 @@ std::optional<uint32_t> SendSchedule::change(uint64_t sent, const PacedStream::S
     if (sent == 0 || stretch.end.bytes == settled_)
         return std::nullopt;
     settled_ = stretch.end.bytes;
-    const auto toClock = [](Seconds time) {
-        return std::chrono::duration_cast<Clock::duration>(time);
-    };
-    const Seconds length = stretch.end.time - stretch.begin.time;
-    const uint64_t bytes = stretch.end.bytes - stretch.begin.bytes;
-    const double own_bps = static_cast<double>(bytes) * 8.0 / length.count();
+    const double own_bps = rateOf(stretch);
     const uint64_t rest = stretch.end.bytes - sent;
     // Where the stream itself says that we should be at this moment.
     const Seconds here = Seconds(stretch.end.time) - timeOf(rest, own_bps);
@@ -48,4 +52,13 @@ std::optional<uint32_t> SendSchedule::change(uint64_t sent, const PacedStream::S
     bitrate_bps_ =
         static_cast<uint32_t>(std::llround(std::max(1.0, std::clamp(wanted, slowest, fastest))));
     return bitrate_bps_;
+}
+
+// Behind the stretch, its rate goes on.
+Seconds SendSchedule::lateness(uint64_t byte, const PacedStream::Stretch& stretch,
+                               Clock::time_point now) {
+    const Seconds here = stretch.begin.time + timeOf(byte - stretch.begin.bytes, rateOf(stretch));
+    if (!origin_)
+        origin_ = now - toClock(here);
+    return now - *origin_ - here;
 }

@@ -23,6 +23,12 @@ class SendSchedule {
     std::optional<uint32_t> change(uint64_t sent, const PacedStream::Stretch& stretch,
                                    Clock::time_point now);
 
+    // For a channel that is fed at the stream's pace: how late the byte is at this moment, below 0 if
+    // early. The first that is asked about is in time, and so is the first after restart().
+    std::chrono::duration<double> lateness(uint64_t byte, const PacedStream::Stretch& stretch,
+                                           Clock::time_point now);
+    void restart() { origin_.reset(); }
+
     uint32_t bitrate() const { return bitrate_bps_; }
 
   private:

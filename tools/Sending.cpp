@@ -18,8 +18,12 @@ using namespace std::chrono_literals;
 constexpr size_t kChunkPackets = 16 * kPacketsPerDatagram;
 constexpr auto kPollInterval = 2ms;
 constexpr auto kSourceWait = 20ms;
+constexpr auto kFeedInterval = 1ms;
 constexpr auto kReportInterval = 250ms;
 constexpr auto kLastDatagram = 1s;  // for it to be counted
+// With an empty buffer, the input is late, and the pace begins anew; with data in it for as long, the
+// channel needs a higher rate.
+constexpr auto kMostLate = 1s;
 constexpr auto kPatience = 3s;  // with a socket that does not open, or datagrams that do not leave
 
 // A channel takes a look at this many bytes before it sends the first datagram.
@@ -55,8 +59,9 @@ std::string Sending::summary() const {
     return fmt::format(
         "sent {} in {} to {}: {} datagrams at {}", formatBytes(datagrams * payload_),
         formatTime(elapsed()), url_.text, datagrams,
-        changes_ == 0 ? formatBitrate(stream_.bitrate())
-                      : fmt::format("the stream's own pace, {} changes of the rate", changes_));
+        changes_ == 0 && !pace_
+            ? formatBitrate(stream_.bitrate())
+            : fmt::format("the stream's own pace, {} changes of the rate", changes_));
 }
 
 bool Sending::waitForSocket() {
@@ -73,12 +78,44 @@ bool Sending::feed() {
     while (!stream_.ended()) {
         if (!attend())
             return false;
-        if (channel_.freeBytes() < chunk)
-            std::this_thread::sleep_for(kPollInterval);
+        const bool paced = followsStream_ && url_.rtp && stream_.varies();
+        const size_t wanted = paced ? due(chunk) : chunk;
+        if (wanted == 0 || channel_.freeBytes() < wanted)
+            std::this_thread::sleep_for(paced ? kFeedInterval : kPollInterval);
         else
-            hand(stream_.take(chunk, kSourceWait));
+            hand(stream_.take(wanted, kSourceWait));
     }
     return true;
+}
+
+// The channel's rate is a ceiling only, and what it is handed leaves at once: the pace is that of the
+// feeding. What lies in the buffer when that begins is still to leave.
+size_t Sending::due(size_t chunk) {
+    const auto now = Clock::now();
+    if (!pace_) {
+        pace_ = stream_.stretch(takenBytes());
+        if (!pace_)
+            return chunk;
+        schedule_.lateness(takenBytes(), *pace_, now);
+    }
+    if (const auto next = stream_.stretch(handed_))
+        pace_ = next;
+    const auto late = schedule_.lateness(handed_, *pace_, now);
+    const bool empty = channel_.bufferedBytes() < payload_;
+    // What held us up, or the socket, is not the channel's rate.
+    if (late <= kMostLate || empty || !channel_.socketIsOpen() || now - looked_ > kMostLate)
+        keptUp_ = now;
+    looked_ = now;
+    if (empty && late > kMostLate) {
+        schedule_.restart();
+    } else if (now - keptUp_ > kMostLate) {
+        changeBitrate(stream_.raise());
+        schedule_.restart();
+        keptUp_ = now;
+    }
+    if (late < 0s)
+        return 0;
+    return payload_ - handed_ % payload_;
 }
 
 // Only whole datagrams leave, and none before the channel has seen enough to tell the packet size:
@@ -167,14 +204,19 @@ void Sending::watchDatagrams() {
 void Sending::followStream() {
     const uint64_t taken = takenBytes();
     const auto stretch = stream_.stretch(taken);
+    if (url_.rtp)
+        return;  // feeding follows it; what has left is only to be forgotten
     const auto change = stretch ? schedule_.change(taken, *stretch, Clock::now()) : std::nullopt;
-    if (!change)
-        return;
+    if (change)
+        changeBitrate(*change);
+}
+
+void Sending::changeBitrate(uint32_t bitrate_bps) {
     // The count begins anew. A datagram that is on its way at this moment may be counted on either
     // side; it must not look like one that could not be sent.
+    const uint64_t takenDatagrams = takenBytes() / payload_;
     const uint64_t sent = sentDatagrams();
-    const uint64_t takenDatagrams = taken / payload_;
-    channel_.setBitrate(*change);
+    channel_.setBitrate(bitrate_bps);
     sentBefore_ = takenDatagrams <= sent + 1 ? std::max(sent, takenDatagrams) : sent;
     ++changes_;
 }
@@ -184,6 +226,7 @@ void Sending::reportProgress() {
         return;
     reportDue_ = Clock::now() + kReportInterval;
     report_(fmt::format("{}  {}  asked {}  measured {}", formatTime(elapsed()),
-                        formatBytes(sentDatagrams() * payload_), formatBitrate(schedule_.bitrate()),
+                        formatBytes(sentDatagrams() * payload_),
+                        pace_ ? "its own pace" : formatBitrate(schedule_.bitrate()),
                         formatBitrate(channel_.measuredBitrate())));
 }

@@ -25,6 +25,8 @@ class Sending {
     bool run() { return waitForSocket() && feed() && pad() && drain() && confirm(); }
 
     std::string summary() const;
+    // How often a channel that keeps its rate turned out to be too slow for the stream.
+    uint64_t raises() const { return url_.rtp ? changes_ : 0; }
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -39,6 +41,8 @@ class Sending {
     void watchSocket();
     void watchDatagrams();
     void followStream();
+    size_t due(size_t chunk);
+    void changeBitrate(uint32_t bitrate_bps);
     void reportProgress();
 
     void hand(std::span<const uint8_t> data);
@@ -48,12 +52,16 @@ class Sending {
 
     PacedStream& stream_;
     const StreamUrl& url_;
-    const bool followsStream_;
+    const bool followsStream_;  // by changes of the rate, or by feeding where the channel keeps it
     StopSignal& stop_;
     const Report report_;
     const size_t payload_;
     SendChannel channel_;
     SendSchedule schedule_;
+    // Where feeding sets the pace: that of what is handed next, and when that was kept last.
+    std::optional<PacedStream::Stretch> pace_;
+    Clock::time_point looked_;
+    Clock::time_point keptUp_;
     uint64_t handed_ = 0;
     uint64_t sentBefore_ = 0;  // datagrams, before the bitrate was changed last
     uint64_t changes_ = 0;
