@@ -22,14 +22,15 @@ struct Stream {
 constexpr Stream kStreams[] = {{"127.0.0.1", "127.0.0.1", 0, 0},
                                {"::1", "::1", 0, 0},
                                {"127.0.0.1", "239.7.7.7", 1, 1},
-                               {"::1", "ff15::7", 1, 0}};
+                               {"::", "ff15::7", 1, 0}};
 constexpr uint32_t kCount = std::size(kStreams);
 constexpr uint32_t kDatagram = 7 * 188;
 
 // A host with a connected send and receive channel for each stream.
 class Host {
   public:
-    Host(const ModuleLibrary& module, bool receives) : m_Module(module), m_Receives(receives) {}
+    Host(const ModuleLibrary& module, bool receives, bool looks)
+        : m_Module(module), m_Receives(receives), m_Looks(receives && looks) {}
 
     void Run(uint16_t port) {
         Configure(port);
@@ -48,6 +49,17 @@ class Host {
         Exchange('a');
         Configure(static_cast<uint16_t>(port + kCount));  // as they run
         Exchange('b');
+        if (m_Looks) {  // an interface comes and goes, and what groups are joined is looked at
+            const std::string name = " f" + std::to_string(port);
+            EXPECT_EQ(system(("ip link add" + name +
+                              " type dummy 2> /dev/null ||"
+                              " ip link add" +
+                              name + " type ifb; ip link del" + name)
+                                 .c_str()),
+                      0);
+            EXPECT_TRUE(Await([] { return faults::Uses("getsourcefilter") > 0; }));
+            Exchange('c');
+        }
         for (uint32_t channel = 0; channel < kCount; ++channel)
             End(kSend, channel), End(kReceive, channel);
     }
@@ -109,7 +121,7 @@ class Host {
     }
 
     const ModuleLibrary& m_Module;
-    const bool m_Receives;
+    const bool m_Receives, m_Looks;
 };
 
 // Loads the module, lets one use of one function fail in a session, and then runs another one, in which
@@ -121,6 +133,8 @@ int RunSessions(const std::string& function, int use, uint16_t port) {
     const auto before = Footprint();
     const int held = faults::Held();
     int loads = 0;
+    constexpr const char* kOfLooks[] = {"recv", "getsockname", "getsourcefilter", "if_nameindex"};
+    const bool looks = std::ranges::find(kOfLooks, function) != std::end(kOfLooks);
     for (const bool faulty : {true, false}) {
         faults::Arm(function, faulty ? use : 0);
         {
@@ -131,7 +145,7 @@ int RunSessions(const std::string& function, int use, uint16_t port) {
             const bool receives = Footprint().second > before.second;
             EXPECT_TRUE(receives || faulty);
             if (module.Handle != nullptr)
-                Host(module, receives).Run(port);
+                Host(module, receives, looks).Run(port);
         }
         EXPECT_EQ(dlopen(MODULE_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
         EXPECT_TRUE(Await([&] { return Footprint().second == before.second; }, 5));
@@ -147,7 +161,7 @@ TEST(Fault, InAnySystemCallIsOvercome) {
     constexpr size_t kAtOnce = 12;
     constexpr int kMany = 24;
     uint16_t port = 3000;
-    ASSERT_EQ(RunSessions("open", 0, port), 0);  // the uses are counted
+    ASSERT_EQ(RunSessions("recv", 0, port), 0);  // the uses are counted
     std::deque<std::pair<pid_t, std::string>> running;
     std::string bad;  // looked at in the end: children would inherit the failure
     const auto reap = [&](size_t left) {
