@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "ConfigFile.h"
+#include "SafeText.h"
 
 namespace {
 
@@ -74,12 +75,11 @@ void ConfigProblems::throwIfAny() {
     });
     std::string all;
     for (const auto& [place, what] : found_) {
-        std::string line = fmt::format("{}:{}:{}: {}{}{}", file_, place.line, place.column,
-                                       place.field, place.field.empty() ? "" : ": ", what);
         // Strings of the file may contain anything, by escape sequences.
-        std::replace_if(
-            line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, ' ');
-        all += (all.empty() ? "" : "\n") + line;
+        if (!all.empty())
+            all += '\n';
+        all += printable(fmt::format("{}:{}:{}: {}{}{}", file_, place.line, place.column,
+                                     place.field, place.field.empty() ? "" : ": ", what));
     }
     throw ConfigErrors(all);
 }

@@ -4,8 +4,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
+
+#include "SafeText.h"
 
 namespace {
 
@@ -53,7 +54,7 @@ void Progress::show(const std::vector<std::string>& lines) {
             break;
         if (shown_ > 0)
             print("\n");
-        print(printable(line).substr(0, size.ws_col - 1));
+        print(cutLines(printable(line), size.ws_col - size_t{1}));
         ++shown_;
     }
 }
@@ -75,12 +76,6 @@ void Progress::clear() {
     if (shown_ > 0)
         print("\r\033[J");
     shown_ = 0;
-}
-
-std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, ' ');
-    return text;
 }
 
 std::string formatTime(std::chrono::milliseconds time) {

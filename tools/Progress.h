@@ -39,9 +39,6 @@ class Progress {
     Clock::time_point next_ = start_;
 };
 
-// Without control characters: a name may hold any.
-std::string printable(std::string text);
-
 // "0:07", "1:02:03".
 std::string formatTime(std::chrono::milliseconds time);
 

@@ -1,5 +1,6 @@
-// Texts that come from a stream or from another process's memory, made fit to be shown: no control
-// characters, which a terminal would obey, and valid UTF-8.
+// Texts made fit to be shown: those that come from a stream or from another process's memory hold
+// control characters, which a terminal would obey, and bytes that are no UTF-8; and a line may be too
+// long.
 #ifndef TOOLS_SAFETEXT_H
 #define TOOLS_SAFETEXT_H
 
@@ -14,5 +15,11 @@ std::string dvbText(std::span<const uint8_t> text);
 
 // One word of ASCII: any other byte, the space and the backslash are written as \x20.
 std::string escapeBytes(std::string_view bytes);
+
+// One line, with blanks for ASCII's control characters: a file's name or an argument may hold any.
+std::string printable(std::string text);
+
+// The lines, each without what is beyond `width` characters.
+std::string cutLines(const std::string& text, size_t width);
 
 #endif

@@ -111,21 +111,6 @@ std::string hostsText(const TableHosts& hosts) {
     return text;
 }
 
-std::string cutLines(const std::string& text, size_t width) {
-    std::string result;
-    size_t column = 0;
-    for (const char c : text) {
-        const bool continues = (static_cast<uint8_t>(c) & 0xC0) == 0x80;  // of a UTF-8 character
-        if (c == '\n')
-            column = 0;
-        else if (!continues)
-            ++column;
-        if (column <= width)
-            result += c;
-    }
-    return result;
-}
-
 std::string tableText(const ChannelTable& table, const TableHosts& hosts, bool all,
                       std::optional<size_t> width) {
     std::string text;

@@ -26,7 +26,4 @@ const char* directionName(const ChannelState& channel);
 // The processes that have the table, for people.
 std::string hostsText(const TableHosts& hosts);
 
-// The lines, each without what is beyond `width` characters.
-std::string cutLines(const std::string& text, size_t width);
-
 #endif

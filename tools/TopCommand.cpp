@@ -17,6 +17,7 @@
 #include "CommandLine.h"
 #include "Errors.h"
 #include "RtpContext.h"
+#include "SafeText.h"
 #include "StatusCommand.h"
 #include "StopSignal.h"
 #include "TableReader.h"

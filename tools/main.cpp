@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -18,6 +17,7 @@
 #include "ProbeCommand.h"
 #include "ReceiveCommand.h"
 #include "RelayCommand.h"
+#include "SafeText.h"
 #include "SendCommand.h"
 #include "StatusCommand.h"
 #include "TopCommand.h"
@@ -29,10 +29,8 @@ constexpr int kFailed = 1;
 constexpr int kMisused = 2;
 
 // An error is one line, whatever names and texts went into it.
-void complain(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, ' ');
-    fmt::print(stderr, "qxvrtp: {}\n", text);
+void complain(const std::string& text) {
+    fmt::print(stderr, "qxvrtp: {}\n", printable(text));
 }
 
 // The parser would complain of a missing command where there is a wrong one.
