@@ -46,7 +46,7 @@ if [ "$1" = inside ]; then
         kill $started
         wait
     done
-    qxvrtp demo --seconds 1 >demo.log || { cat demo.log && exit 1; }
+    qxvrtp demo --duration 1 >demo.log || { cat demo.log && exit 1; }
 
     dpkg -P libqxv-rtp-dev >/dev/null
     for plugin in pkgconfig cmake; do # which loads the module by its plain name

@@ -97,7 +97,7 @@ TEST(Tool, SendKeepsToStartAndDurationInTheStreamsTimeAndThroughALoop) {
 }
 
 TEST(Tool, DemoShowsSixteenChannelsThatDeliver) {
-    const std::string shown = Output(TOOL_PATH " demo -s 2 " + kSample);
+    const std::string shown = Output(TOOL_PATH " demo -d 2 " + kSample);
     size_t delivering = 0;
     for (size_t at = 0; (at = shown.find("  ok\n", at)) != std::string::npos; ++at)
         ++delivering;
@@ -118,7 +118,7 @@ TEST(Tool, WrongUsageIsTwoAndFailureOneWithOneLineThatSaysWhy) {
          "send " + kSample + " http://127.0.0.1:7030", "send " + kSample + " udp://localhost:7030",
          "send " + kSample + " udp://127.0.0.1:65536", "send " + kSample + ' ' + url + " -b 5x",
          "send " + kSample + ' ' + url + " -b 0", "receive " + url + "?ttl=256 -",
-         "receive " + url + " - -d -1", "demo --seconds 0"}};
+         "receive " + url + " - -d -1", "demo --duration 0"}};
     for (const int code : {1, 2}) {
         std::vector<Process> commands;
         const auto errors = [code](size_t i) { return "/tmp/" + std::to_string(code * 100 + i); };

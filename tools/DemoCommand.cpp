@@ -352,7 +352,7 @@ void addDemoCommand(CLI::App& app) {
                      "Stream to send; without it, one that ffmpeg makes, or else a sample")
         ->type_name("");
     command
-        ->add_option("-s,--seconds", given->duration,
+        ->add_option("-d,--duration", given->duration,
                      fmt::format("Length of the stream, {} if not given", given->options.seconds))
         ->type_name("SECONDS");
     command
@@ -363,7 +363,7 @@ void addDemoCommand(CLI::App& app) {
     command->callback([given] {
         if (!given->duration.empty())
             given->options.seconds =
-                std::chrono::duration<double>(duration("--seconds", given->duration, 0.1, 3600.0))
+                std::chrono::duration<double>(duration("--duration", given->duration, 0.1, 3600.0))
                     .count();
         runDemo(given->options);
     });
