@@ -5,8 +5,7 @@
 
 #include <algorithm>
 #include <string>
-
-#include "Errors.h"
+#include <thread>
 
 // Calls of virtual functions of the module's classes need no symbol of the module, but the check of
 // the dynamic type that sanitizers add does.
@@ -32,10 +31,10 @@ void* HostModule::Library::symbol(const char* name) const {
     reinterpret_cast<decltype(&QXV_RTP_##name)>(library_.symbol("QXV_RTP_" #name))
 
 HostModule::HostModule()
-    : functions_{TOOLS_RESOLVE(Create),    TOOLS_RESOLVE(Destroy),      TOOLS_RESOLVE(SetConfig),
-                 TOOLS_RESOLVE(SendStart), TOOLS_RESOLVE(Send),         TOOLS_RESOLVE(SetBitrate),
-                 TOOLS_RESOLVE(SendEnd),   TOOLS_RESOLVE(ReceiveStart), TOOLS_RESOLVE(Receive),
-                 TOOLS_RESOLVE(ReceiveEnd)},
+    : functions_{TOOLS_RESOLVE(Create),     TOOLS_RESOLVE(Destroy),   TOOLS_RESOLVE(SetConfig),
+                 TOOLS_RESOLVE(SendStart),  TOOLS_RESOLVE(Send),      TOOLS_RESOLVE(SetBitrate),
+                 TOOLS_RESOLVE(SendCancel), TOOLS_RESOLVE(SendEnd),   TOOLS_RESOLVE(ReceiveStart),
+                 TOOLS_RESOLVE(Receive),    TOOLS_RESOLVE(ReceiveEnd)},
       rows_(static_cast<RtpChannelContextExt (*)[kDirections][kChannels]>(
           library_.symbol("g_ContextExt"))),
       handle_(functions_.Create(0)) {
@@ -127,6 +126,10 @@ void SendChannel::setBitrate(uint32_t bitrate_bps) {
     module_.call().SetBitrate(module_.handle(), channel_, bitrate_bps);
 }
 
+void SendChannel::cancel() {
+    module_.call().SendCancel(module_.handle(), channel_);
+}
+
 ReceiveChannel::ReceiveChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config)
     : HostChannel(module, kReceive, channel, config) {
     if (module_.call().ReceiveStart(module_.handle(), channel_) == 0)
@@ -142,4 +145,25 @@ size_t ReceiveChannel::receive(std::span<uint8_t> space) {
     const bool taken = module_.call().Receive(module_.handle(), channel_, space.data(),
                                               static_cast<uint32_t>(length)) == 1;
     return taken ? length : 0;
+}
+
+bool ReceiveChannel::awaitSocket(const StreamUrl& url,
+                                 const std::function<bool()>& endIsAskedFor) const {
+    constexpr std::chrono::milliseconds kLookInterval{1};
+    const auto deadline = std::chrono::steady_clock::now() + kSocketPatience;
+    while (!socketIsOpen()) {
+        if (endIsAskedFor())
+            return false;
+        if (std::chrono::steady_clock::now() > deadline)
+            throw noSocket(url);
+        std::this_thread::sleep_for(kLookInterval);
+    }
+    return true;
+}
+
+Failure ReceiveChannel::noSocket(const StreamUrl& url) {
+    return Failure(fmt::format("no socket could be opened for {}; {}", url.text,
+                               url.multicast
+                                   ? "is there an interface for the group? localaddr= names one"
+                                   : "is the port in use, or the address not this machine's?"));
 }

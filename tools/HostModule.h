@@ -2,11 +2,15 @@
 #ifndef TOOLS_HOSTMODULE_H
 #define TOOLS_HOSTMODULE_H
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <span>
 
+#include "Errors.h"
 #include "QXV_RTP.h"
 #include "RtpContextExt.h"
+#include "StreamUrl.h"
 
 // The tool does not link with the module: loading it replaces the shared table of this machine's
 // other users, which neither a help text nor a usage error may do. While the object lives, the
@@ -36,6 +40,7 @@ class HostModule {
         decltype(&QXV_RTP_SendStart) SendStart;
         decltype(&QXV_RTP_Send) Send;
         decltype(&QXV_RTP_SetBitrate) SetBitrate;
+        decltype(&QXV_RTP_SendCancel) SendCancel;
         decltype(&QXV_RTP_SendEnd) SendEnd;
         decltype(&QXV_RTP_ReceiveStart) ReceiveStart;
         decltype(&QXV_RTP_Receive) Receive;
@@ -106,6 +111,10 @@ class SendChannel : public HostChannel {
     // datagrams and, under RTP, the sequence numbers and timestamps, at 0: receivers that put
     // datagrams in order may drop what follows as late.
     void setBitrate(uint32_t bitrate_bps);
+
+    // Stops sending. While no socket can be opened, a channel takes up to a second to end from then on:
+    // who ends several of them cancels all of them first.
+    void cancel();
 };
 
 // A started receive channel.
@@ -116,6 +125,13 @@ class ReceiveChannel : public HostChannel {
 
     // Takes what is there, as far as it fits, without waiting; returns the number of bytes.
     size_t receive(std::span<uint8_t> space);
+
+    // False when the end is asked for before the socket is open. Throws what noSocket() returns.
+    bool awaitSocket(const StreamUrl& url, const std::function<bool()>& endIsAskedFor) const;
+    static Failure noSocket(const StreamUrl& url);
 };
+
+// How long a socket may take to open: the module tries once a second.
+inline constexpr std::chrono::seconds kSocketPatience{3};
 
 #endif

@@ -26,23 +26,6 @@ using Clock = std::chrono::steady_clock;
 constexpr uint32_t kChannel = 0;
 constexpr size_t kChunkBytes = size_t{64} * 1024;
 constexpr auto kPollInterval = 1ms;  // the resolution of all arrival times
-constexpr auto kPatience = 3s;       // the module tries once a second to open the socket
-
-// False when a signal asks for the end.
-bool waitForSocket(const ReceiveChannel& channel, const StreamUrl& url, StopSignal& stop) {
-    const auto deadline = Clock::now() + kPatience;
-    while (!channel.socketIsOpen()) {
-        if (stop.requested())
-            return false;
-        if (Clock::now() > deadline)
-            throw Failure(fmt::format(
-                "no socket could be opened for {}; {}", url.text,
-                url.multicast ? "is there an interface for the group? localaddr= names one"
-                              : "is the port in use, or the address not this machine's?"));
-        std::this_thread::sleep_for(kPollInterval);
-    }
-    return true;
-}
 
 void analyze(ReceiveChannel& channel, std::chrono::milliseconds duration, StopSignal& stop,
              StreamAnalyzer& analyzer) {
@@ -76,7 +59,7 @@ void runProbe(const ProbeOptions& options) {
     {
         HostModule module;
         ReceiveChannel channel(module, kChannel, config);
-        if (waitForSocket(channel, url, stop))
+        if (channel.awaitSocket(url, [&stop] { return stop.requested(); }))
             analyze(channel, options.duration, stop, analyzer);
         arrival.rtp = channel.isRtp();
         arrival.datagrams = channel.datagrams();

@@ -34,7 +34,6 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kChunkBytes = size_t{256} * 1024;
 constexpr auto kPollInterval = 2ms;
 constexpr auto kLookInterval = 20ms;
-constexpr auto kPatience = 3s;  // the module tries once a second to open the socket
 
 double seconds(Clock::duration time) {
     return std::chrono::duration<double>(time).count();
@@ -55,7 +54,7 @@ class Receiving {
 
     // Throws Failure when the job has not been done.
     void run() {
-        if (waitForSocket()) {
+        if (channel_.awaitSocket(url_, [this] { return stop_.load() != nullptr; })) {
             opened_ = lastData_ = closed_ = Clock::now();
             while (!isOver()) {
                 if (record() == 0)
@@ -95,21 +94,6 @@ class Receiving {
     }
 
   private:
-    bool waitForSocket() {
-        const auto deadline = Clock::now() + kPatience;
-        while (!channel_.socketIsOpen()) {
-            if (stop_.load() != nullptr)
-                return false;
-            if (Clock::now() > deadline)
-                throw Failure(fmt::format(
-                    "no socket could be opened for {}; {}", url_.text,
-                    url_.multicast ? "is there an interface for the group? localaddr= names one"
-                                   : "is the port in use, or the address not this machine's?"));
-            std::this_thread::sleep_for(kPollInterval);
-        }
-        return true;
-    }
-
     bool isComplete() const { return job_.bytes && recorded_ >= *job_.bytes; }
 
     bool isOver() const {

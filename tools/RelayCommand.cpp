@@ -33,7 +33,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kTick = 1ms;
 constexpr size_t kChunkBytes = size_t{256} * 1024;
-constexpr auto kPatience = 3s;  // the module tries once a second to open the socket
 constexpr auto kPause = 500ms;  // what is left of a datagram then leaves
 constexpr auto kDraining = 1s;  // for what is to leave before a channel is started again
 // A channel takes a look at this many bytes before it sends the first datagram.
@@ -85,6 +84,16 @@ class Relay {
                                   progress);
     }
 
+    // The outputs are cancelled before the first of them is ended.
+    ~Relay() { cancel(); }
+    Relay(const Relay&) = delete;
+    Relay& operator=(const Relay&) = delete;
+
+    void cancel() {
+        for (RelayOutput& output : outputs_)
+            output.cancel();
+    }
+
     void tick(Clock::time_point now) {
         watchSocket(now);
         const double seconds = std::chrono::duration<double>(now - start_).count();
@@ -122,11 +131,8 @@ class Relay {
   private:
     void watchSocket(Clock::time_point now) {
         everOpen_ = everOpen_ || channel_.socketIsOpen();
-        if (!everOpen_ && now - start_ > kPatience)
-            throw Failure(fmt::format(
-                "no socket could be opened for {}; {}", route_.from.text,
-                route_.from.multicast ? "is there an interface for the group? localaddr= names one"
-                                      : "is the port in use, or the address not this machine's?"));
+        if (!everOpen_ && now - start_ > kSocketPatience)
+            throw ReceiveChannel::noSocket(route_.from);
     }
 
     // Whole packets only: a channel under RTP cancels itself where one does not begin where it should.
@@ -227,6 +233,13 @@ class Relays {
         }
     }
 
+    ~Relays() {
+        for (const auto& relay : relays_)
+            relay->cancel();
+    }
+    Relays(const Relays&) = delete;
+    Relays& operator=(const Relays&) = delete;
+
     void run(StopSignal& stop) {
         auto next = Clock::now();
         while (!relays_.empty() && !stop.requested()) {
@@ -261,8 +274,8 @@ class Relays {
         }
     }
 
-    // Each channel whose socket does not open takes up to a second to end, for which the other relays
-    // do not wait.
+    // Channels whose sockets do not open take up to a second to end, for which the other relays do not
+    // wait.
     void end(std::unique_ptr<Relay> relay) {
         ending_.push_back(std::async(std::launch::async,
                                      [relay = std::move(relay)]() mutable { relay.reset(); }));

@@ -23,24 +23,42 @@ constexpr auto kBacklog = 250ms;
 
 constexpr auto kLook = 1s;
 constexpr auto kReport = 10s;
-constexpr auto kPatience = 3s;
 
 }  // namespace
 
 RelayOutput::RelayOutput(HostModule& module, uint32_t number, const StreamUrl& url, bool fixedRate,
                          Progress& progress)
     : module_(module), number_(number), url_(url), fixedRate_(fixedRate), progress_(progress) {
-    restart();
+    start();
 }
 
-void RelayOutput::restart() {
-    channel_.reset();
-    channel_.emplace(module_, number_, sendConfig(url_), kRingBitrate_bps);
+void RelayOutput::start() {
+    channel_ = std::make_unique<SendChannel>(module_, number_, sendConfig(url_), kRingBitrate_bps);
     handed_ = 0;
     ceiling_bps_ = 0;
 }
 
+void RelayOutput::restart() {
+    if (channel_ == nullptr)
+        return;
+    // The thread of a channel that has cancelled itself sleeps for no socket.
+    if (channel_->socketIsOpen() || channel_->isCancelled()) {
+        channel_.reset();
+        start();
+        return;
+    }
+    ending_ = std::async(std::launch::async,
+                         [channel = std::move(channel_)]() mutable { channel.reset(); });
+}
+
+void RelayOutput::cancel() {
+    if (channel_ != nullptr)
+        channel_->cancel();
+}
+
 void RelayOutput::setStreamRate(uint32_t bitrate_bps) {
+    if (channel_ == nullptr)
+        return;
     const double wanted = bitrate_bps * kHeadroom;
     if (ceiling_bps_ == 0 || wanted > ceiling_bps_ * (1.0 + kSameRate) ||
         wanted < ceiling_bps_ * (1.0 - kSameRate))
@@ -60,7 +78,8 @@ uint64_t RelayOutput::bytesIn(std::chrono::milliseconds time) const {
 
 void RelayOutput::hand(std::span<const uint8_t> datagram) {
     handedBytes_ += datagram.size();
-    if (channel_->bufferedBytes() + datagram.size() > bytesIn(kMostBuffered) ||
+    if (channel_ == nullptr ||
+        channel_->bufferedBytes() + datagram.size() > bytesIn(kMostBuffered) ||
         channel_->freeBytes() < datagram.size() || !channel_->send(datagram))
         ++dropped_;
     else
@@ -68,6 +87,10 @@ void RelayOutput::hand(std::span<const uint8_t> datagram) {
 }
 
 void RelayOutput::attend(Clock::time_point now) {
+    if (channel_ == nullptr && ending_.wait_for(0s) == std::future_status::ready)
+        start();
+    if (channel_ == nullptr)
+        return;
     watchSocket(now);
     leastBuffered_ = std::min<uint64_t>(leastBuffered_, channel_->bufferedBytes());
     if (now >= nextLook_) {
@@ -89,7 +112,7 @@ void RelayOutput::watchSocket(Clock::time_point now) {
         socketSeen_ = now;
         everOpen_ = true;
         lossReported_ = false;
-    } else if (now - socketSeen_ > kPatience && !lossReported_) {
+    } else if (now - socketSeen_ > kSocketPatience && !lossReported_) {
         const auto text = fmt::format("no socket could be opened to send to {}", url_.text);
         if (!everOpen_)
             throw Failure(text +
@@ -121,11 +144,11 @@ void RelayOutput::reportDrops() {
 }
 
 bool RelayOutput::drained() const {
-    return channel_->bufferedBytes() < kPacketsPerDatagram * kPacketBytes;
+    return channel_ == nullptr || channel_->bufferedBytes() < kPacketsPerDatagram * kPacketBytes;
 }
 
 uint32_t RelayOutput::buffered_ms() const {
-    if (ceiling_bps_ == 0)
+    if (ceiling_bps_ == 0 || channel_ == nullptr)
         return 0;
     return static_cast<uint32_t>(uint64_t{channel_->bufferedBytes()} * 8000 / ceiling_bps_);
 }

@@ -4,7 +4,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
+#include <future>
+#include <memory>
 #include <span>
 
 #include "HostModule.h"
@@ -34,8 +35,12 @@ class RelayOutput {
     // Takes one datagram of whole packets, or drops it.
     void hand(std::span<const uint8_t> datagram);
 
-    // Ends the channel and starts it again, which finds out the size of the packets anew.
+    // Ends the channel and starts it again, which finds out the size of the packets anew. Datagrams are
+    // dropped while a channel ends whose socket could not be opened: that takes up to a second.
     void restart();
+
+    // Stops sending, for good.
+    void cancel();
 
     // To be called every few milliseconds. Throws Failure when no socket could be opened to begin with;
     // later on, a socket that is lost is only reported.
@@ -48,6 +53,7 @@ class RelayOutput {
     uint64_t rateChanges() const { return rateChanges_; }
 
   private:
+    void start();
     void setCeiling(uint64_t bitrate_bps);
     void watchSocket(Clock::time_point now);
     void watchBacklog();
@@ -58,8 +64,9 @@ class RelayOutput {
     const uint32_t number_;
     const StreamUrl& url_;
     const bool fixedRate_;
-    Progress& progress_;  // above which warnings stand
-    std::optional<SendChannel> channel_;
+    Progress& progress_;                    // above which warnings stand
+    std::unique_ptr<SendChannel> channel_;  // none while one ends
+    std::future<void> ending_;
     uint32_t ceiling_bps_ = 0;  // 0: not known yet
     uint64_t handed_ = 0;       // datagrams, since the last start
     uint64_t dropped_ = 0;
