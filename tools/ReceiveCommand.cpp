@@ -65,6 +65,7 @@ class Receiving {
                 recordRest();
             closed_ = Clock::now();
         }
+        recording_.close();
         conclude();
     }
 
@@ -202,10 +203,7 @@ class Session {
     // May wait for the reader of a FIFO.
     bool openOutputs() {
         for (Task& task : tasks_)
-            guard(task, [&task] {
-                const Rotation rotation{task.job->rotateBytes, task.job->rotateTime};
-                task.recording = std::make_unique<Recording>(task.job->output, rotation);
-            });
+            guard(task, [&] { openOutput(task); });
         return std::any_of(tasks_.begin(), tasks_.end(),
                            [](const Task& task) { return task.recording != nullptr; });
     }
@@ -248,6 +246,17 @@ class Session {
             task.error = failure.what();
             failures_.add(task.error);
         }
+    }
+
+    // Names that differ may be those of one file.
+    void openOutput(Task& task) {
+        const Rotation rotation{task.job->rotateBytes, task.job->rotateTime};
+        auto recording = std::make_unique<Recording>(task.job->output, rotation);
+        for (const Task& other : tasks_)
+            if (other.recording && other.recording->sharesFileWith(*recording))
+                throw Failure(fmt::format("{} is the file that {} is recorded to",
+                                          recording->name(), other.url.text));
+        task.recording = std::move(recording);
     }
 
     void start(Task& task, HostModule& module, uint32_t channel) {

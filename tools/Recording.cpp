@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,8 +46,6 @@ std::string withNumber(const std::string& path, uint32_t number) {
 
 Recording::Recording(std::string output, const Rotation& rotation)
     : output_(std::move(output)), rotation_(rotation) {
-    if (rotation_ && output_ == "-")
-        throw UsageError("standard output cannot be rotated; name a file");
     if (rotation_.time)
         timeUp_ = Clock::now() + *rotation_.time;
     open();
@@ -62,6 +59,9 @@ void Recording::open() {
         const std::string path = expandTime(output_);
         const bool numbered = output_.find('%') == std::string::npos;
         name_ = fmt::format("'{}'", path);
+        struct stat there {};
+        if (rotation_ && stat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode))
+            throw Failure(fmt::format("{} is no file that others could follow", name_));
         const int descriptor = rotation_
                                    ? openNew(path, numbered)
                                    : ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
@@ -69,8 +69,7 @@ void Recording::open() {
             throw Failure(fmt::format("cannot write {}: {}", name_, std::strerror(errno)));
         file_ = std::make_unique<FileDescriptor>(descriptor);
     }
-    struct stat status {};
-    regular_ = fstat(file_->get(), &status) == 0 && S_ISREG(status.st_mode);
+    regular_ = fstat(file_->get(), &status_) == 0 && S_ISREG(status_.st_mode);
     written_ = 0;
     unsynchronised_ = 0;
     ++files_;
@@ -91,7 +90,18 @@ int Recording::openNew(const std::string& path, bool numbered) {
     return -1;  // errno says that the last one exists
 }
 
+void Recording::close() {
+    if (!file_->close())
+        throw Failure(fmt::format("cannot write {}: {}", name_, std::strerror(errno)));
+}
+
+bool Recording::sharesFileWith(const Recording& other) const {
+    return regular_ && other.regular_ && status_.st_dev == other.status_.st_dev &&
+           status_.st_ino == other.status_.st_ino;
+}
+
 void Recording::openNext() {
+    close();
     open();
     // By the schedule, so that the times at which files begin do not drift.
     while (rotation_.time && timeUp_ <= Clock::now())

@@ -2,6 +2,8 @@
 #ifndef TOOLS_RECORDING_H
 #define TOOLS_RECORDING_H
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -34,12 +36,17 @@ struct Rotation {
 // One thread uses it.
 class Recording {
   public:
-    // Opens the first file; waits for the reader of a FIFO. Throws Failure, or UsageError where
-    // standard output is to be rotated.
+    // Opens the first file; waits for the reader of a FIFO. Throws Failure.
     Recording(std::string output, const Rotation& rotation);
 
     // False when the reader of a pipe does not go on reading after a signal has come. Throws Failure.
     bool write(std::span<const uint8_t> data, StreamMeter& meter, const StopFlag& stop);
+
+    // In the end. Throws Failure when not all that was written has arrived.
+    void close();
+
+    // Do both write one regular file at this moment, by whatever names?
+    bool sharesFileWith(const Recording& other) const;
 
     const std::string& name() const { return name_; }  // of the present file, for messages
     uint64_t files() const { return files_; }
@@ -59,6 +66,7 @@ class Recording {
     const Rotation rotation_;
     std::string name_;
     std::unique_ptr<FileDescriptor> file_;
+    struct stat status_ {};  // of the present file, when it was opened
     bool regular_ = false;
     uint64_t files_ = 0;
     uint32_t number_ = 0;   // of the last file that has one
