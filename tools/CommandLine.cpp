@@ -41,3 +41,8 @@ std::chrono::milliseconds duration(const std::string& option, const std::string&
                                      option, text, smallest, largest));
     return std::chrono::milliseconds(std::llround(value * 1000.0));
 }
+
+void checkPairs(const std::vector<std::string>& given, const std::string& second) {
+    if (given.size() % 2 != 0)
+        throw UsageError(fmt::format("a {} is missing for '{}'", second, given.back()));
+}

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 inline constexpr auto kExitCodes = "Exit code: 0 done, 1 failed, 2 wrong usage.";
 
@@ -22,5 +23,8 @@ uint32_t bitrate(const std::string& option, const std::string& text);
 // The same for a time in seconds, fractions included.
 std::chrono::milliseconds duration(const std::string& option, const std::string& text,
                                    double smallest, double largest);
+
+// For arguments in pairs. Throws UsageError where the last one lacks its second part.
+void checkPairs(const std::vector<std::string>& given, const std::string& second);
 
 #endif

@@ -244,8 +244,8 @@ class FileReader {
         job.start = entry.seconds("start", 0.0);
         job.duration = entry.seconds("duration", 0.001);
         rules_.addInput(job.input, entry.place("input"));
-        if (job.input == "-" && job.loop)
-            problems_.add(entry.place("loop"), "standard input cannot be repeated");
+        if (job.loop)
+            rules_.repeatInput(job.input, entry.place("loop"));
         if (const auto destination = url(job.url, entry.place("url"), sendConfig))
             rules_.addDestination(*destination, entry.place("url"));
         return job;
@@ -262,8 +262,8 @@ class FileReader {
         job.rotateTime = entry.seconds("rotate_time", 0.001);
         rules_.addOutput(job.output, entry.place("output"));
         for (const char* const key : {"rotate_size", "rotate_time"})
-            if (job.output == "-" && entry.find(key) != nullptr)
-                problems_.add(entry.place(key), "standard output cannot be followed by a new file");
+            if (entry.find(key) != nullptr)
+                rules_.rotateOutput(job.output, entry.place(key));
         if (const auto source = url(job.url, entry.place("url"), receiveConfig))
             rules_.addSource(*source, entry.place("url"));
         return job;

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "ConfigFile.h"
+#include "Errors.h"
 #include "SafeText.h"
 
 namespace {
@@ -36,6 +37,16 @@ bool isLoopback(const std::string& address) {
     return address.starts_with("127.") || address == "::1";
 }
 
+// A '%' without the rest of its conversion, which would vanish.
+bool endsInConversion(const std::string& pattern) {
+    for (size_t at = 0; (at = pattern.find('%', at)) != std::string::npos; ++at) {
+        at = pattern.find_first_not_of("EO", at + 1);
+        if (at == std::string::npos)
+            return true;
+    }
+    return false;
+}
+
 bool samePort(const StreamUrl& a, const StreamUrl& b) {
     return a.port == b.port && a.ipv6 == b.ipv6 && a.multicast == b.multicast;
 }
@@ -49,8 +60,8 @@ bool collide(const StreamUrl& a, const StreamUrl& b) {
     return x == y || isAny(x) || isAny(y);
 }
 
-}  // namespace
-
+// Does what is sent to `to` come in from `from`? Between two interfaces that are both named, a group
+// may well keep its address.
 bool feeds(const StreamUrl& to, const StreamUrl& from) {
     if (!samePort(to, from))
         return false;
@@ -62,6 +73,18 @@ bool feeds(const StreamUrl& to, const StreamUrl& from) {
            (to.localAddress.empty() || from.localAddress.empty() ||
             canonical(to.localAddress) == canonical(from.localAddress));
 }
+
+ConfigPlace argument(const char* name, size_t index) {
+    return {0, 0, fmt::format("{} {}", name, index + 1)};
+}
+
+StreamUrl checkedUrl(const std::string& text, RtpChannelConfig (*convert)(const StreamUrl&)) {
+    StreamUrl url = parseStreamUrl(text);
+    convert(url);
+    return url;
+}
+
+}  // namespace
 
 void ConfigProblems::add(const ConfigPlace& place, std::string_view what) {
     found_.emplace_back(place, what);
@@ -82,6 +105,11 @@ void ConfigProblems::throwIfAny() {
                                      place.field, place.field.empty() ? "" : ": ", what));
     }
     throw ConfigErrors(all);
+}
+
+void ConfigProblems::throwFirst() const {
+    if (!found_.empty())
+        throw UsageError(fmt::format("{}: {}", found_.front().first.field, found_.front().second));
 }
 
 std::string fullUrl(const StreamUrl& url, bool destination) {
@@ -105,6 +133,9 @@ void ConfigRules::addInput(const std::string& path, const ConfigPlace& place) {
 }
 
 void ConfigRules::addOutput(const std::string& path, const ConfigPlace& place) {
+    if (endsInConversion(path))
+        problems_.add(place,
+                      fmt::format("'{}' ends within a conversion; %% is a percent sign", path));
     if (path.empty() || path == "/dev/null")
         return;
     const auto [first, isNew] = outputs_.emplace(path, place.field);
@@ -115,9 +146,19 @@ void ConfigRules::addOutput(const std::string& path, const ConfigPlace& place) {
                                   first->second));
 }
 
-// A service is one process, which has so many channels in a direction.
+void ConfigRules::repeatInput(const std::string& path, const ConfigPlace& place) {
+    if (path == "-")
+        problems_.add(place, "standard input cannot be repeated");
+}
+
+void ConfigRules::rotateOutput(const std::string& path, const ConfigPlace& place) {
+    if (path == "-")
+        problems_.add(place, "standard output cannot be followed by a new file");
+}
+
+// A service, or a command, is one process, which has so many channels in a direction.
 bool ConfigRules::haveChannel(const ConfigPlace& place, std::string_view direction) {
-    const std::string section = place.field.substr(0, place.field.find('['));
+    const std::string section = place.field.substr(0, place.field.find_first_of("[ "));
     const size_t count = ++channels_[fmt::format("{} {}", section, direction)];
     if (count == QXV_RTP_CHANNELS + 1)
         problems_.add(place,
@@ -184,8 +225,45 @@ void ConfigRules::finish() {
             continue;
         std::vector<bool> seen(relays_.size());
         if (feedsOneThatReaches(to, *to.relay, seen))
-            problems_.add(to.place, fmt::format("'{}': what is sent there comes back to "
-                                                "relay[{}].from, without end",
-                                                to.url.text, *to.relay));
+            problems_.add(to.place,
+                          fmt::format("'{}': what is sent there comes back to "
+                                      "{}, without end",
+                                      to.url.text, sources_[*relays_[*to.relay]].place.field));
     }
+}
+
+void checkArguments(const std::vector<SendJob>& jobs) {
+    ConfigProblems problems;
+    ConfigRules rules(problems);
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        rules.addInput(jobs[i].input, argument("INPUT", i));
+        if (jobs[i].loop)
+            rules.repeatInput(jobs[i].input, {0, 0, "--loop"});
+        rules.addDestination(checkedUrl(jobs[i].url, sendConfig), argument("URL", i));
+    }
+    problems.throwFirst();
+}
+
+void checkArguments(const std::vector<ReceiveJob>& jobs) {
+    ConfigProblems problems;
+    ConfigRules rules(problems);
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        rules.addSource(checkedUrl(jobs[i].url, receiveConfig), argument("URL", i));
+        rules.addOutput(jobs[i].output, argument("FILE", i));
+        if (jobs[i].rotateBytes || jobs[i].rotateTime)
+            rules.rotateOutput(jobs[i].output,
+                               {0, 0, jobs[i].rotateBytes ? "--rotate-size" : "--rotate-time"});
+    }
+    problems.throwFirst();
+}
+
+void checkArguments(const RelayJob& job) {
+    ConfigProblems problems;
+    ConfigRules rules(problems);
+    const auto source = rules.addSource(checkedUrl(job.from, receiveConfig), {0, 0, "FROM"});
+    const size_t relay = rules.addRelay(source);
+    for (size_t i = 0; i < job.to.size(); ++i)
+        rules.addDestination(checkedUrl(job.to[i], sendConfig), argument("TO", i), relay);
+    rules.finish();
+    problems.throwFirst();
 }

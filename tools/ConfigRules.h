@@ -1,4 +1,5 @@
-// What the entries of a configuration file must not be to each other, and the list of complaints.
+// What the entries of a configuration file, or the arguments of a command, must not be to each other,
+// and the list of complaints.
 #ifndef TOOLS_CONFIGRULES_H
 #define TOOLS_CONFIGRULES_H
 
@@ -10,21 +11,25 @@
 #include <utility>
 #include <vector>
 
+#include "Jobs.h"
 #include "StreamUrl.h"
 
 struct ConfigPlace {
     uint32_t line;
     uint32_t column;
-    std::string field;  // "send[1].url"; empty = none in particular
+    std::string field;  // "send[1].url", or "URL 2" of a command line; empty = none in particular
 };
 
 class ConfigProblems {
   public:
-    explicit ConfigProblems(std::string file) : file_(std::move(file)) {}
+    explicit ConfigProblems(std::string file = {}) : file_(std::move(file)) {}
     void add(const ConfigPlace& place, std::string_view what);
 
     // Throws ConfigErrors.
     void throwIfAny();
+
+    // Throws the first as UsageError, for a command line.
+    void throwFirst() const;
 
   private:
     std::string file_;
@@ -34,10 +39,6 @@ class ConfigProblems {
 // The URL in one form: addresses as short as can be, and with the TTL where it is sent to a group.
 std::string fullUrl(const StreamUrl& url, bool destination);
 
-// Does what is sent to `to` come in from `from`? Between two interfaces that are both named, a group
-// may well keep its address.
-bool feeds(const StreamUrl& to, const StreamUrl& from);
-
 // Collects the ends of all streams, and complains where two exclude each other.
 class ConfigRules {
   public:
@@ -45,6 +46,10 @@ class ConfigRules {
 
     void addInput(const std::string& path, const ConfigPlace& place);
     void addOutput(const std::string& path, const ConfigPlace& place);
+
+    // The places are those of the wish.
+    void repeatInput(const std::string& path, const ConfigPlace& place);
+    void rotateOutput(const std::string& path, const ConfigPlace& place);
 
     // Returns the number of the source, or none where there are too many.
     std::optional<size_t> addSource(const StreamUrl& url, const ConfigPlace& place);
@@ -79,5 +84,11 @@ class ConfigRules {
     std::vector<Destination> destinations_;
     std::vector<std::optional<size_t>> relays_;  // their sources
 };
+
+// Applies the rules to a command line: of pairs, or of one source and its destinations. Throws
+// UsageError.
+void checkArguments(const std::vector<SendJob>& jobs);
+void checkArguments(const std::vector<ReceiveJob>& jobs);
+void checkArguments(const RelayJob& job);
 
 #endif

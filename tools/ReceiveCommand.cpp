@@ -9,12 +9,12 @@
 #include <exception>
 #include <future>
 #include <memory>
-#include <set>
 #include <thread>
 
 #include "CommandLine.h"
 #include "ConfigCommand.h"
 #include "ConfigFile.h"
+#include "ConfigRules.h"
 #include "Errors.h"
 #include "Failures.h"
 #include "HostModule.h"
@@ -179,19 +179,9 @@ struct Task {
 };
 
 std::vector<Task> makeTasks(const std::vector<ReceiveJob>& jobs) {
-    if (jobs.size() > kChannels)
-        throw UsageError(
-            fmt::format("{} streams: at most {} can be received", jobs.size(), kChannels));
     std::vector<Task> tasks;
-    std::set<std::string> outputs;
-    for (const ReceiveJob& job : jobs) {
+    for (const ReceiveJob& job : jobs)
         tasks.push_back({&job, parseStreamUrl(job.url), nullptr, nullptr, {}, {}});
-        receiveConfig(tasks.back().url);  // refuses what cannot be received from
-        if (!outputs.insert(job.output).second && job.output != "/dev/null")
-            throw UsageError(fmt::format("two streams cannot both go to '{}'", job.output));
-        if (job.output == "-" && (job.rotateBytes || job.rotateTime))
-            throw UsageError("standard output cannot be rotated; name a file");
-    }
     return tasks;
 }
 
@@ -324,9 +314,7 @@ struct Arguments {
 };
 
 std::vector<ReceiveJob> makeJobs(const Arguments& given) {
-    if (given.streams.size() % 2 != 0)
-        throw UsageError(
-            fmt::format("a FILE is missing for {}; - is standard output", given.streams.back()));
+    checkPairs(given.streams, "FILE");
     const auto time = [](const char* option, const std::string& text) {
         return text.empty() ? std::nullopt : std::optional(duration(option, text, 0.001, 1e9));
     };
@@ -339,6 +327,7 @@ std::vector<ReceiveJob> makeJobs(const Arguments& given) {
                         size("--bytes", given.bytes), time("--idle-timeout", given.idleTimeout),
                         size("--rotate-size", given.rotateSize),
                         time("--rotate-time", given.rotateTime)});
+    checkArguments(jobs);
     return jobs;
 }
 

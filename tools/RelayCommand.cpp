@@ -45,28 +45,13 @@ struct Route {
     std::optional<uint32_t> bitrate_bps;
 };
 
-Route makeRoute(const RelayJob& job) {
-    Route route{parseStreamUrl(job.from), {}, job.bitrate_bps};
-    receiveConfig(route.from);
-    if (job.to.empty())
-        throw UsageError(fmt::format("a destination is missing for {}", job.from));
-    for (const std::string& to : job.to) {
-        const StreamUrl& url = route.to.emplace_back(parseStreamUrl(to));
-        sendConfig(url);
-        if (feeds(url, route.from))
-            throw UsageError(fmt::format("{} would be sent to itself", to));
-    }
-    return route;
-}
-
 std::vector<Route> makeRoutes(const std::vector<RelayJob>& jobs) {
     std::vector<Route> routes;
-    size_t outputs = 0;
-    for (const RelayJob& job : jobs)
-        outputs += routes.emplace_back(makeRoute(job)).to.size();
-    if (routes.size() > kChannels || outputs > kChannels)
-        throw UsageError(fmt::format("{} inputs and {} outputs: at most {} of each can be relayed",
-                                     routes.size(), outputs, kChannels));
+    for (const RelayJob& job : jobs) {
+        Route& route = routes.emplace_back(Route{parseStreamUrl(job.from), {}, job.bitrate_bps});
+        for (const std::string& to : job.to)
+            route.to.push_back(parseStreamUrl(to));
+    }
     return routes;
 }
 
@@ -347,6 +332,8 @@ void addRelayCommand(CLI::App& app) {
     command->callback([given] {
         if (!given->bitrate.empty())
             given->job.bitrate_bps = bitrate("--bitrate", given->bitrate);
+        if (given->config.empty())
+            checkArguments(given->job);
         runRelay(given->config.empty() ? std::vector<RelayJob>{given->job}
                                        : readRelayJobs(given->config));
     });

@@ -15,6 +15,7 @@
 #include "CommandLine.h"
 #include "ConfigCommand.h"
 #include "ConfigFile.h"
+#include "ConfigRules.h"
 #include "Errors.h"
 #include "HostModule.h"
 #include "PacedStream.h"
@@ -194,22 +195,6 @@ void conclude(Progress& progress, const Tasks& tasks) {
             fmt::format("{} of {} streams were not sent to their end", failed, tasks.size()));
 }
 
-void checkJobs(const std::vector<SendJob>& jobs) {
-    std::set<std::string> inputs;
-    std::set<std::string> urls;
-    if (jobs.size() > QXV_RTP_CHANNELS)
-        throw UsageError(
-            fmt::format("{} streams; there are {} send channels", jobs.size(), QXV_RTP_CHANNELS));
-    for (const SendJob& job : jobs) {
-        if (job.input == "-" && !inputs.insert(job.input).second)
-            throw UsageError("standard input can be sent to one URL only");
-        if (job.input == "-" && job.loop)
-            throw UsageError("--loop repeats a file; standard input cannot be rewound");
-        if (!urls.insert(job.url).second)
-            throw UsageError(fmt::format("'{}' is given twice", job.url));
-    }
-}
-
 // What the command line gives: pairs of an input and a URL, and options for all of them.
 struct Arguments {
     std::vector<std::string> pairs;
@@ -223,9 +208,7 @@ struct Arguments {
 std::vector<SendJob> jobsOf(const Arguments& given) {
     if (!given.config.empty())
         return readSendJobs(given.config);
-    if (given.pairs.size() % 2 != 0)
-        throw UsageError(fmt::format("there is no URL for '{}': inputs and URLs come in pairs",
-                                     given.pairs.back()));
+    checkPairs(given.pairs, "URL");
     SendJob job;
     job.loop = given.loop;
     if (!given.bitrate.empty())
@@ -240,6 +223,7 @@ std::vector<SendJob> jobsOf(const Arguments& given) {
         job.url = given.pairs[i + 1];
         jobs.push_back(job);
     }
+    checkArguments(jobs);
     return jobs;
 }
 
@@ -274,7 +258,6 @@ constexpr auto kHelp =
 }  // namespace
 
 void runSend(const std::vector<SendJob>& jobs) {
-    checkJobs(jobs);
     SharedModule module;
     StopSignal stop;
     Tasks tasks;
