@@ -15,7 +15,7 @@ class PythonTest(unittest.TestCase):
 
     def test_what_is_written_is_read_with_the_last_datagram_filled_up(self):
         parity = b"".join(SAMPLE[at : at + 188] + bytes(16) for at in range(0, 188 * 20, 188))
-        for url, data, fill in (("rtp://127.0.0.1:5000", SAMPLE, 0), ("udp://[::1]:5001", SAMPLE[: 188 * 3], 188 * 11),
+        for url, data, fill in (("rtp://127.0.0.1:5000", SAMPLE, 0), ("udp://[::1]:5001", SAMPLE[:188], 188 * 13),
                                 ("rtp://239.1.1.1:5002?localaddr=127.0.0.1", parity, 204)):
             with self.subTest(url), Module() as module, module.receive(0, url) as source:
                 with module.send(15, url, 20_000_000) as channel:
@@ -44,6 +44,8 @@ class PythonTest(unittest.TestCase):
                 self.assertRaises(ChannelError, module.receive, number, url, open_timeout=1.5)
             with self.assertRaises(ChannelCancelled), module.send(0, "udp://127.0.0.1:5007", 10_000_000) as channel:
                 channel.write(bytes(1 << 20), 5)
+            with self.assertRaises(ChannelError), module.send(0, "udp://127.0.0.1:5007", 10_000_000) as channel:
+                channel.write(b"garbage" * 500)
 
 
 unittest.main()

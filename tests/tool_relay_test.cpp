@@ -1,5 +1,6 @@
 // Recording several streams to several files, and relaying.
 #include <cmath>
+#include <regex>
 
 #include "PacedQueue.h"
 #include "ToolSupport.h"
@@ -89,9 +90,13 @@ TEST(Tool, RelaySendsToAllThroughPausesAndChangesOfModeAndPacketSize) {
     Process relay = Process::Tool(command);
     ASSERT_TRUE(
         Await([] { return Contents("/proc/net/udp").find(":1BC6 ") != std::string::npos; }));
+    size_t sent = 0;
     for (const std::string& input : {kSample + " udp", kSample + " rtp", std::string("- rtp")}) {
         EXPECT_EQ(Process::Tool("send " + input + "://127.0.0.1:7110 < /tmp/parity").Wait(), 0);
-        sleep(1);  // a pause
+        sent += all.size() / 2;
+        for (const char* file : {"/tmp/7112", "/tmp/7114", "/tmp/7116"})
+            EXPECT_TRUE(Await([&] { return std::filesystem::file_size(file) >= sent; })) << sent;
+        usleep(600'000);  // a pause, longer than what the relay takes for one
     }
     for (Process& receiver : receivers)
         EXPECT_EQ(receiver.Wait(), 0);
@@ -101,6 +106,38 @@ TEST(Tool, RelaySendsToAllThroughPausesAndChangesOfModeAndPacketSize) {
         EXPECT_EQ(recording.find(parity.substr(204)), all.size() + 1316) << port;
     }
     EXPECT_EQ(relay.End(SIGTERM), 0);
+}
+
+// What is sent to the group on one interface must not come in from the other one again.
+TEST(Tool, RelayTakesAGroupFromOneInterfaceToAnother) {
+    const std::string link = "ip link add v0 type veth peer name v1 && ip link set v1 up";
+    Process(link + " && ip addr add 198.51.100.1/24 dev v0 && ip link set v0 up").Wait();
+    const std::string group = "'udp://239.1.1.9:7118?localaddr=";
+    const std::string from = group + "127.0.0.1' ", to = group + "198.51.100.1' ";
+    Process relay = Process::Tool("relay " + from + to);
+    Process receiver = Process::Tool("receive " + to + "- -n 354004 > /tmp/group");
+    for (const char* joined : {"ip maddr show lo", "ip maddr show v0"})
+        EXPECT_TRUE(Await([&] { return Output(joined).find("239.1.1.9") != std::string::npos; }));
+    EXPECT_EQ(Process::Tool("send " + kSample + ' ' + from).Wait(), 0);
+    EXPECT_EQ(receiver.Wait(), 0);
+    EXPECT_TRUE(Contents("/tmp/group") == Contents(kSample));
+    EXPECT_EQ(relay.End(SIGTERM) + Process("ip link del v0").Wait(), 0);
+}
+
+TEST(Tool, ReceiveKeepsAFileWhenThePortIsInUseAndTellsOfAFullDisk) {
+    Process(
+        "mkdir /tmp/full && mount -t tmpfs -o size=64k tmpfs /tmp/full && printf kept > /tmp/kept")
+        .Wait();
+    const std::string receive = TOOL_PATH " receive udp://127.0.0.1:7120 ";
+    Process full(receive + "/tmp/full/it udp://:7122 /tmp/./full/it --statistics 2> /tmp/figures");
+    EXPECT_TRUE(
+        Await([] { return Contents("/proc/net/udp").find(":1BD0 ") != std::string::npos; }));
+    EXPECT_EQ(Process(receive + "/tmp/kept 2> /dev/null").Wait(), 1);
+    EXPECT_EQ(Process::Tool("send " + kSample + " udp://127.0.0.1:7120 -b 20M").Wait(), 0);
+    EXPECT_EQ(full.Wait(), 1);
+    EXPECT_EQ(Contents("/tmp/kept"), "kept");
+    const std::regex told("is the file that[^]*\"seconds\":[0-9].*\"error\":\"cannot write");
+    EXPECT_TRUE(std::regex_search(Contents("/tmp/figures"), told)) << Contents("/tmp/figures");
 }
 
 }  // namespace

@@ -96,6 +96,17 @@ TEST(Tool, SendKeepsToStartAndDurationInTheStreamsTimeAndThroughALoop) {
     EXPECT_TRUE(looped == (turn + turn).substr(0, looped.size()));
 }
 
+TEST(Tool, SendWaitsForTheWriterOfAFifoAndForASignal) {
+    EXPECT_EQ(mkfifo("/tmp/silent", 0600), 0);
+    Process receiver = Receive("udp://:7009", 7009, "-n 1316");
+    Process sender("exec " TOOL_PATH " send /tmp/silent udp://127.0.0.1:7010 " + kSample +
+                   " udp://127.0.0.1:7009 2> /tmp/said");
+    EXPECT_EQ(receiver.Wait(), 0);
+    EXPECT_EQ(sender.End(SIGTERM), 1);
+    EXPECT_NE(Contents("/tmp/said").find("SIGTERM before the end of '/tmp/silent'"),
+              std::string::npos);
+}
+
 TEST(Tool, DemoShowsSixteenChannelsThatDeliver) {
     const std::string shown = Output(TOOL_PATH " demo -d 2 " + kSample);
     size_t delivering = 0;
@@ -111,14 +122,18 @@ TEST(Tool, WrongUsageIsTwoAndFailureOneWithOneLineThatSaysWhy) {
         {"send /nonexistent " + url, "send /dev/null " + url, "send /bin/sh " + url,
          "send --start 99 " + kSample + ' ' + url, "send " + kSample + " udp://192.0.2.1:7030",
          "receive udp://192.0.2.1:7030 -", "receive " + url + " /nonexistent/file",
-         "receive " + url + " - -d 0.2"},
+         "receive " + url + " - -d 0.2", "receive " + url + " /dev/null --rotate-size 1M"},
         {"", "frobnicate", "send", "send --nonsense " + kSample + ' ' + url,
          "send - " + url + " - udp://127.0.0.1:7031", "send " + kSample + ' ' + url + " x",
          "send " + kSample + ' ' + url + " - " + url, "send - " + url + " --loop",
          "send " + kSample + " http://127.0.0.1:7030", "send " + kSample + " udp://localhost:7030",
          "send " + kSample + " udp://127.0.0.1:65536", "send " + kSample + ' ' + url + " -b 5x",
          "send " + kSample + ' ' + url + " -b 0", "receive " + url + "?ttl=256 -",
-         "receive " + url + " - -d -1", "demo --duration 0"}};
+         "receive " + url + " - -d -1", "demo --duration 0",
+         // the rules of configuration files
+         "send a udp://[::1]:1 b rtp://[0::1]:1", "receive " + url + " /tmp/x%",
+         "receive " + url + " a udp://:7030 b", "relay " + url + " udp://[::1]:1 rtp://[0::1]:1",
+         "receive " + url + " - --rotate-time 1", "relay " + url + ' ' + url}};
     for (const int code : {1, 2}) {
         std::vector<Process> commands;
         const auto errors = [code](size_t i) { return "/tmp/" + std::to_string(code * 100 + i); };
