@@ -1,6 +1,6 @@
 # Other programs as our receivers and our senders: clients_test.py TOOL SAMPLE PROGRAM. Exits 77 where the
 # program is not installed.
-import concurrent.futures, os, pathlib, shlex, shutil, signal, subprocess, sys, time, unittest
+import concurrent.futures, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, time, unittest
 
 TOOL, SAMPLE, PROGRAM = sys.argv[1:]
 NEEDS = {"ffmpeg": ["ffprobe"], "gstreamer": ["gst-launch-1.0"], "multicat": ["multicat", "ingests"],
@@ -109,14 +109,22 @@ class ClientsTest(unittest.TestCase):
 
     @unittest.skipUnless(PROGRAM == "tshark", "")
     def test_tshark_dissects_every_datagram_and_finds_no_fault(self):
-        capture = start("dumpcap -q -i lo -f udp -c 538 -a duration:20 -w /tmp/out/pcap", stderr=subprocess.PIPE)
-        capture.stderr.readline()
+        capture = start("dumpcap -q -i lo -f udp -a duration:60 -w /tmp/out/pcap", stderr=subprocess.DEVNULL)
+        pcap, probe = pathlib.Path("/tmp/out/pcap"), socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        # It says that it captures before it does.
+        await_(lambda: probe.sendto(bytes(200), ("127.0.0.1", 7099)) and pcap.exists() and pcap.stat().st_size > 4000)
         for url in ("rtp://239.1.1.1:7080?ttl=9&localaddr=127.0.0.1", "udp://239.1.1.1:7082?ttl=9&localaddr=127.0.0.1"):
             self.assertEqual(ours(f"send {SAMPLE} '{url}' -b 20M").wait(10), 0)
-        capture.wait(25)
         names = "udp.dstport ip.ttl rtp.version rtp.p_type rtp.seq rtp.timestamp mp2t.sync_byte _ws.expert.message"
-        read = "tshark -r /tmp/out/pcap -d udp.port==7080,rtp -d udp.port==7082,mp2t -T fields -e " + names.replace(" ", " -e ")
-        rows = [line.split("\t") for line in subprocess.run(read.split(), capture_output=True, text=True).stdout.splitlines()]
+        read = ["tshark", "-r", pcap, "-Y", "udp.dstport != 7099"] + (
+            "-d udp.port==7080,rtp -d udp.port==7082,mp2t -T fields -e " + names.replace(" ", " -e ")).split()
+        rows = []
+
+        def complete():
+            rows[:] = [line.split("\t") for line in subprocess.run(read, capture_output=True, text=True).stdout.splitlines()]
+            return len(rows) >= 2 * 269
+        await_(complete)
+        capture.send_signal(signal.SIGINT)
         for i, row in enumerate(rows):
             rtp = ["2", "33", str(i), str(i * 1316 * 8 * 90000 // 20_000_000)] if i < 269 else [""] * 4
             self.assertEqual(row, ["7080" if i < 269 else "7082", "9", *rtp, ",".join(["0x00000047"] * 7), ""], i)
