@@ -180,6 +180,7 @@ struct Task {
 
 std::vector<Task> makeTasks(const std::vector<ReceiveJob>& jobs) {
     std::vector<Task> tasks;
+    tasks.reserve(jobs.size());
     for (const ReceiveJob& job : jobs)
         tasks.push_back({&job, parseStreamUrl(job.url), nullptr, nullptr, {}, {}});
     return tasks;
