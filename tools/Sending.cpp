@@ -113,7 +113,7 @@ size_t Sending::due(size_t chunk) {
         schedule_.restart();
         keptUp_ = now;
     }
-    if (late < 0s)
+    if (late.count() < 0)
         return 0;
     return payload_ - handed_ % payload_;
 }
