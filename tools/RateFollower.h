@@ -38,9 +38,6 @@ class RateFollower {
     // one told before. A stream of constant rate stays well within that, whatever noise its PCRs have.
     std::optional<uint32_t> change();
 
-    // The rate told last.
-    std::optional<uint32_t> bitrate() const { return bitrate_; }
-
   private:
     void closeWindow(uint64_t position);
 
