@@ -19,9 +19,7 @@ CZAQSimpleBuffer::CZAQSimpleBuffer() noexcept
       ReadPos(nullptr),
       WritePos(nullptr),
       SamplePos(nullptr),
-      Held(0),
-      TotalWritten(0),
-      Room(0) {}
+      TotalWritten(0) {}
 
 CZAQSimpleBuffer::CZAQSimpleBuffer(unsigned int size) : CZAQSimpleBuffer() {
     CZAQSimpleBuffer::Initialize(size);
@@ -73,7 +71,6 @@ int CZAQSimpleBuffer::Reset() {
     WritePos.store(Data, std::memory_order_relaxed);
     SamplePos.store(Data, std::memory_order_relaxed);
     TotalWritten.store(0, std::memory_order_relaxed);
-    Held = Room = 0;
     return 1;
 }
 
@@ -105,15 +102,8 @@ uint32_t CZAQSimpleBuffer::GetSampleSize() {
 }
 
 int CZAQSimpleBuffer::Write(unsigned char* source, unsigned int count) {
-    if (Data == nullptr)
+    if (Data == nullptr || GetFreeSize() < count)
         return 0;
-    // The reader only makes room, so what was free when it was last asked for is still free, less
-    // what was written since. Asking takes the reader's cache line away from it.
-    if (Room < count) {
-        Room = GetFreeSize();
-        if (Room < count)
-            return 0;
-    }
     if (count == 0)
         return 1;
     unsigned char* position = WritePos.load(std::memory_order_relaxed);  // the writer's own
@@ -130,7 +120,6 @@ int CZAQSimpleBuffer::Write(unsigned char* source, unsigned int count) {
     }
     // Release: the bytes are in place before the reader's acquire of the position can see it.
     WritePos.store(position, std::memory_order_release);
-    Room -= count;
     // Only the writer adds, so a plain read-modify-write loses nothing.
     TotalWritten.store(TotalWritten.load(std::memory_order_relaxed) + count,
                        std::memory_order_relaxed);
@@ -138,16 +127,6 @@ int CZAQSimpleBuffer::Write(unsigned char* source, unsigned int count) {
 }
 
 namespace {
-
-// The next block of a stream lies in the writer's cache. A reader that sends the one it has got finds
-// the next one in its own when it comes back. Longer reads have the processor's own prefetching.
-void PrefetchBlock(const unsigned char* block, uint32_t size) {
-    constexpr uint32_t kLargest = 2048;
-    constexpr uint32_t kCacheLine = 64;
-    if (size <= kLargest)
-        for (uint32_t line = 0; line < size; line += kCacheLine)
-            __builtin_prefetch(block + line);
-}
 
 // Copies `count` held bytes from `position` on and returns the position behind them.
 unsigned char* CopyOut(const CZAQSimpleBuffer& ring, unsigned char* position,
@@ -166,13 +145,8 @@ unsigned char* CopyOut(const CZAQSimpleBuffer& ring, unsigned char* position,
 }  // namespace
 
 int CZAQSimpleBuffer::Read(unsigned char* destination, unsigned int count) {
-    if (Data == nullptr)
+    if (Data == nullptr || GetDataSize() < count)
         return 0;
-    if (Held < count) {  // as with Room
-        Held = GetDataSize();
-        if (Held < count)
-            return 0;
-    }
     if (count == 0)
         return 1;
     unsigned char* const position =
@@ -180,9 +154,6 @@ int CZAQSimpleBuffer::Read(unsigned char* destination, unsigned int count) {
     // Release: the bytes are copied out before the writer's acquire can see their room as free.
     ReadPos.store(position, std::memory_order_release);
     SamplePos.store(position, std::memory_order_relaxed);  // the reader's own
-    Held -= count;
-    if (Held >= count && static_cast<uint32_t>(DataEnd - position) >= count)
-        PrefetchBlock(position, count);
     return 1;
 }
 

@@ -14,9 +14,6 @@
 //     Data          ReadPos      SamplePos       WritePos           DataEnd
 //      |  (free)       |  sampled   |  not sampled   |    (free)       |
 //
-// Only the operations move the positions: Write and Read remember what GetFreeSize and GetDataSize
-// told them, and ask again when that does not suffice.
-//
 // Thread safety: one thread calls Write, one thread calls Read, Sample and ResetSample; the size
 // queries may be called from either. Initialize, Reset, Cleanup and destruction need both sides
 // quiet. Sizes are in bytes. Transfers return 1 when done, and 0, with nothing changed, when the
@@ -52,14 +49,11 @@ class ZAQ_EXPORT CZAQSimpleBuffer {
     unsigned char* DataEnd;
     uint32_t Length;
 
-    // Written by the reader (ReadPos, SamplePos, Held) and by the writer (WritePos, TotalWritten,
-    // Room).
+    // Written by the reader (ReadPos, SamplePos) and by the writer (WritePos, TotalWritten).
     alignas(128) std::atomic<unsigned char*> ReadPos;
     alignas(128) std::atomic<unsigned char*> WritePos;
     alignas(128) std::atomic<unsigned char*> SamplePos;
-    uint32_t Held;  // what Read may take before it must look at WritePos again
     alignas(128) std::atomic<uint64_t> TotalWritten;
-    uint32_t Room;  // what Write may store before it must look at ReadPos again
 };
 
 #endif
