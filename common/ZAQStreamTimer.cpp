@@ -1,14 +1,13 @@
 #include "ZAQStreamTimer.h"
 
+#include "StreamFormat.h"
+
 namespace {
 
 using zaq::MutexLock;
 
 constexpr double kRtpClock_Hz = 90000.0;
-constexpr unsigned char kRtpVersion2 = 0x80;
-constexpr unsigned char kPayloadTypeMp2t = 33;
 constexpr uint32_t kSsrc = 0x0000AA55;
-constexpr uint32_t kRtpHeaderBytes = 12;
 
 // Useful rate of a 64-QAM DVB-C channel at 6.875 Mbaud, the assumption while no rate is known.
 constexpr uint32_t kDefaultBitrate_bps = 38014706;
@@ -166,8 +165,8 @@ int CZAQStreamTimer::FillRTPHeader(unsigned char* header) {
     const MutexLock lock(Lock);
     const uint32_t timestamp =
         TimeStamp(BlocksTransfered.load(std::memory_order_relaxed), TicksPerBlock, TimestampBase);
-    header[0] = kRtpVersion2;
-    header[1] = kPayloadTypeMp2t;
+    header[0] = kRtpVersion << 6;
+    header[1] = kRtpPayloadTypeMp2t;
     header[2] = static_cast<unsigned char>(SequenceNumber >> 8);
     header[3] = static_cast<unsigned char>(SequenceNumber);
     for (int byte = 0; byte < 4; ++byte) {
@@ -175,7 +174,7 @@ int CZAQStreamTimer::FillRTPHeader(unsigned char* header) {
         header[8 + byte] = static_cast<unsigned char>(kSsrc >> (24 - 8 * byte));
     }
     ++SequenceNumber;
-    return kRtpHeaderBytes;
+    return kRtpHeaderSize;
 }
 
 uint32_t CZAQStreamTimer::ExtractRTPHeader(unsigned char* packet, unsigned int* version,
@@ -192,7 +191,7 @@ uint32_t CZAQStreamTimer::ExtractRTPHeader(unsigned char* packet, unsigned int* 
     Store(sequence, packet[2] * 256u + packet[3]);
     Store(timestamp, uint32_t{packet[4]} << 24 | uint32_t{packet[5]} << 16 |
                          uint32_t{packet[6]} << 8 | packet[7]);
-    return kRtpHeaderBytes + 4 * (packet[0] & 0x0Fu);
+    return kRtpHeaderSize + 4 * (packet[0] & 0x0Fu);
 }
 
 uint32_t CZAQStreamTimer::ExtractRTCPHeader(unsigned char* packet, unsigned int* version,
