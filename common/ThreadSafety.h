@@ -1,10 +1,13 @@
-// A mutex that clang's thread-safety analysis understands, and the annotations that go with it.
+// A mutex that clang's thread-safety analysis understands, the annotations that go with it, and
+// protection against the cancellation of threads.
 //
 // libstdc++'s std::mutex carries no capability attributes, so the analysis cannot follow it. The
 // wrapper is constant-initialised and trivially destructible: it may stand in static storage and
 // stays usable while the process's exit handlers run and other threads still work.
 #ifndef COMMON_THREADSAFETY_H
 #define COMMON_THREADSAFETY_H
+
+#include <pthread.h>
 
 #include <mutex>
 
@@ -47,6 +50,20 @@ class ZAQ_SCOPED_CAPABILITY MutexLock {
 
   private:
     Mutex& m_Mutex;
+};
+
+// Puts off a pthread_cancel() for as long as the object lives. The C library ends a cancelled thread
+// by unwinding its stack from within functions such as close() and pthread_join(), and a destructor
+// that has called one of them would end the process.
+class NoCancellation {
+  public:
+    NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_Previous); }
+    ~NoCancellation() { pthread_setcancelstate(m_Previous, nullptr); }
+    NoCancellation(const NoCancellation&) = delete;
+    NoCancellation& operator=(const NoCancellation&) = delete;
+
+  private:
+    int m_Previous = PTHREAD_CANCEL_ENABLE;
 };
 
 }  // namespace zaq

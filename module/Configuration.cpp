@@ -1,7 +1,7 @@
 // Reading and writing a channel's configuration.
 #include <cstring>
 
-#include "Channel.h"
+#include "ChannelSocket.h"
 #include "QXV_RTP.h"
 #include "ZAQSockets.h"
 
@@ -49,26 +49,34 @@ void Normalise(RtpChannelConfig& config, uint32_t direction, uint32_t family) {
 
 uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_t channel,
                            RtpChannelConfig* config) {
-    RtpChannelContext* const record = FindRecord(handle, direction, channel);
-    if (record == nullptr || config == nullptr)
+    const Channel found = FindRecord(handle, direction, channel);
+    if (!found || config == nullptr)
         return 0;
-    const zaq::MutexLock lock(StateLock(direction, channel));
-    LoadConfig(*record, *config);
+    // The host's memory is written without the lock: its page may be long in coming.
+    RtpChannelConfig copy;
+    {
+        const zaq::MutexLock lock(found.Internals->State);
+        LoadConfig(*found.Record, copy);
+    }
+    *config = copy;
     return 1;
 }
 
 uint32_t QXV_RTP_SetConfig(void* handle, uint32_t direction, uint32_t channel,
                            RtpChannelConfig* config) {
-    RtpChannelContext* const record = FindRecord(handle, direction, channel);
-    if (record == nullptr || config == nullptr)
+    const Channel found = FindRecord(handle, direction, channel);
+    if (!found || config == nullptr)
         return 0;
-    const uint32_t family = ValidFamily(*config);
+    const zaq::NoCancellation noCancellation;
+    RtpChannelConfig copy = *config;  // as above
+    const uint32_t family = ValidFamily(copy);
     if (family == 0)
         return 0;
-    Normalise(*config, direction, family);
-    const zaq::MutexLock lock(StateLock(direction, channel));
-    StoreConfig(*record, *config);
+    Normalise(copy, direction, family);
+    *config = copy;
+    const zaq::MutexLock lock(found.Internals->State);
+    StoreConfig(*found.Record, copy);
     // Release: whoever sees the flag sees the record.
-    record->Reopen.store(1, std::memory_order_release);
+    found.Record->Reopen.store(1, std::memory_order_release);
     return 1;
 }

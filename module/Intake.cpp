@@ -1,14 +1,11 @@
 // The intake of one datagram: finds out whether the channel carries RTP, and stores the payload.
 #include "Channel.h"
 #include "Module.h"
+#include "StreamFormat.h"
 #include "ZAQSockets.h"
 
 namespace {
 
-constexpr unsigned char kSyncByte = 0x47;
-constexpr uint32_t kRtpHeaderSize = 12;
-constexpr uint32_t kRtpVersion = 2;
-constexpr uint32_t kPayloadTypeMp2t = 33;  // RFC 3551, 6
 // So many datagrams of the other form in a row switch the channel's mode.
 constexpr uint32_t kSwitchAfter = 4;
 
@@ -29,7 +26,7 @@ Detection Detect(CZAQStreamTimer& timer, unsigned char* data, uint32_t length) {
     // A CSRC list as long as the datagram or longer: no RTP, but the length is kept.
     if (length <= header)
         return {0, header};
-    if (data[header] == kSyncByte && version == kRtpVersion && payloadType == kPayloadTypeMp2t)
+    if (data[header] == kSyncByte && version == kRtpVersion && payloadType == kRtpPayloadTypeMp2t)
         return {1, header};
     return {0, 0};
 }
@@ -37,7 +34,8 @@ Detection Detect(CZAQStreamTimer& timer, unsigned char* data, uint32_t length) {
 // Switches the mode with a hysteresis and returns the one in force. The test is for equality: after
 // a switch the counter stays at its limit, and one datagram of the mode in force must set it back
 // before the next switch.
-uint8_t UpdateMode(RtpChannelContext& record, uint8_t detected) {
+uint8_t UpdateMode(const Channel& channel, uint8_t detected) {
+    RtpChannelContext& record = *channel.Record;
     // Relaxed: only this thread counts; other threads and processes just look.
     const std::atomic_ref mode(record.Config.Rtp);
     if (mode.load(std::memory_order_relaxed) == detected) {
@@ -47,9 +45,11 @@ uint8_t UpdateMode(RtpChannelContext& record, uint8_t detected) {
     }
     const uint32_t count = record.RtpSwitchCount.load(std::memory_order_relaxed) + 1;
     record.RtpSwitchCount.store(count, std::memory_order_relaxed);
-    if (count == kSwitchAfter)
-        mode.store(detected, std::memory_order_relaxed);
-    return mode.load(std::memory_order_relaxed);
+    if (count != kSwitchAfter)
+        return mode.load(std::memory_order_relaxed);
+    mode.store(detected, std::memory_order_relaxed);
+    Add(channel.Internals->Counters.ModeChanges, 1u);
+    return detected;
 }
 
 }  // namespace
@@ -61,20 +61,26 @@ void RxProcess(void* socket, void* /*reserved*/, sockaddr* /*source*/, unsigned 
     if (!channel)
         return;
     // Nobody waits here but for an end of the channel.
-    const zaq::MutexLock lock(channel.Locks->Intake);
+    const zaq::MutexLock lock(channel.Internals->Intake);
     CZAQStreamTimer* const timer = channel.Row->Timer.load(std::memory_order_acquire);
     CZAQSimpleBuffer* const buffer = channel.Row->Buffer.load(std::memory_order_acquire);
     if (timer == nullptr || buffer == nullptr)
         return;
 
     const Detection detection = Detect(*timer, data, length);
-    const uint32_t offset =
-        UpdateMode(*channel.Record, detection.Rtp) == 1 ? detection.HeaderSize : 0;
+    const uint32_t offset = UpdateMode(channel, detection.Rtp) == 1 ? detection.HeaderSize : 0;
     // Wraps to nearly 2^32 when the CSRC list is longer than the datagram; the ring then refuses
     // it.
     const uint32_t payload = length - offset;
     if (timer->GetBlockSize() != payload)
         timer->RxInitialize(payload);
-    buffer->Write(data + offset, payload);
+    ChannelCounters& counters = channel.Internals->Counters;
+    if (buffer->Write(data + offset, payload) != 0) {
+        Add<uint64_t>(counters.Datagrams, 1);
+        Add<uint64_t>(counters.Bytes, payload);
+        Add<uint64_t>(counters.NetworkBytes, payload);
+    } else {
+        Add<uint64_t>(counters.Dropped, 1);
+    }
     timer->IncreaseBlocksTransfered();  // counts what arrived, not what was stored
 }

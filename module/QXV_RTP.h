@@ -228,6 +228,56 @@ QXV_RTP_API uint32_t QXV_RTP_ReceiveEnd(void* handle, uint32_t channel);
  */
 QXV_RTP_API uint32_t QXV_RTP_ReceiveCancel(void* handle, uint32_t channel);
 
+/**
+ * What has happened to a channel, and how it stands. The counters begin at 0 with every start and
+ * stay as they are after the end, until the next start.
+ *
+ * The structure may grow in later versions, at its end: the caller sets Size, and the library fills
+ * what both know.
+ */
+typedef struct QXV_RTP_Statistics {
+    /** offset 0: in: sizeof(QXV_RTP_Statistics); out: the number of bytes that were filled */
+    uint32_t Size;
+    /** 4: 1 = started and not ended */
+    uint32_t Started;
+    /** 8: 1 = Send and Receive return 0: cancelled by the host, or by the channel itself because its
+        stream has lost the sync byte; also 1 while the channel is not started */
+    uint32_t Cancelled;
+    /** 12: 1 = the channel's socket is open */
+    uint32_t SocketOpen;
+    /** 16: bytes in the buffer: what Receive can take without waiting, or what is still to be sent */
+    uint32_t BufferedBytes;
+    /** 20: bytes for which the buffer has room: what Send can store without waiting */
+    uint32_t FreeBytes;
+    /** 24: sockets opened; above 1 after a new configuration, or after sending has failed */
+    uint32_t SocketsOpened;
+    /** 28: receive: changes between raw and RTP */
+    uint32_t ModeChanges;
+    /** 32: datagrams sent, or received and stored in the buffer */
+    uint64_t Datagrams;
+    /** 40: bytes of their payload, without RTP headers */
+    uint64_t Bytes;
+    /** 48: receive: datagrams lost because the buffer had no room for them */
+    uint64_t DatagramsDropped;
+    /** 56: send: datagrams lost because the system refused them */
+    uint64_t SendFailures;
+} QXV_RTP_Statistics;
+
+/**
+ * Gives the state and the counters of a channel, started or not. Takes no lock, waits for nobody,
+ * and may be called from any thread as often as wanted; each number is exact, but they are not all
+ * of the same instant. BufferedBytes and FreeBytes never promise too much to the thread that
+ * receives or sends: it moves so many bytes without waiting.
+ *
+ * Returns 0 also where `statistics` is null or its Size is less than 64.
+ * @param[in]     handle      of QXV_RTP_Create()
+ * @param[in]     direction   QXV_RTP_SEND or QXV_RTP_RECEIVE
+ * @param[in]     channel     0 to 15
+ * @param[in,out] statistics  Size must be set
+ */
+QXV_RTP_API uint32_t QXV_RTP_GetStatistics(void* handle, uint32_t direction, uint32_t channel,
+                                           QXV_RTP_Statistics* statistics);
+
 #ifdef __cplusplus
 }
 #endif

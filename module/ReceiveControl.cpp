@@ -1,7 +1,8 @@
-// Starting, draining and ending receive channels. Their sockets are opened by housekeeping.
+// Starting, draining and ending receive channels. Housekeeping opens their sockets.
 #include <algorithm>
 
-#include "Channel.h"
+#include "ChannelObjects.h"
+#include "ChannelSocket.h"
 #include "QXV_RTP.h"
 #include "Transfer.h"
 
@@ -9,30 +10,24 @@ namespace {
 
 constexpr uint32_t kRingSize = 0x400000;
 
-// Frees what the channel has. A datagram that arrives before the socket is closed finds no objects.
-void Release(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lifecycle) {
-    JoinThread(channel);
-    FreeObjects(channel);
-    ClearStatus(*channel.Record);
-    CloseSocket(channel);
-}
-
 }  // namespace
 
 uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel) {
     const Channel found = FindChannel(handle, kReceive, channel);
     if (!found)
         return 0;
-    LibraryReference library = LibraryReference::ToThis();
-    const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
-    Release(found);  // what a wrong host left by starting twice; mostly nothing
+    const zaq::NoCancellation noCancellation;
+    const zaq::MutexLock lifecycle(found.Internals->Lifecycle);
+    // What a host left that starts twice; mostly nothing.
+    JoinThread(found);
+    CloseSocket(found);
 
     InitStatus(*found.Record, 0, kRingSize);
     found.Row->Cancel.store(0);
-    found.Row->Socket.store(nullptr, std::memory_order_release);
+    StartGuard guard(found);
     MakeObjects(found, kRingSize);
     SetRunning(found);  // last of all, since housekeeping goes by it
-    library.Exchange(found);
+    guard.Complete();
     return 1;
 }
 
@@ -58,11 +53,13 @@ uint32_t QXV_RTP_ReceiveEnd(void* handle, uint32_t channel) {
     const Channel found = FindChannel(handle, kReceive, channel);
     if (!found)
         return 0;
+    const zaq::NoCancellation noCancellation;
     CancelChannel(found);  // at once, so that a Receive that waits lets go
-    LibraryReference none;
-    const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
+    const zaq::MutexLock lifecycle(found.Internals->Lifecycle);
     CancelChannel(found);  // again: a start that held the lock has undone it
-    Release(found);
-    none.Exchange(found);
+    JoinThread(found);
+    FreeObjects(found);  // a datagram that arrives before the socket is closed finds no objects
+    ClearStatus(*found.Record);
+    CloseSocket(found);
     return 1;
 }

@@ -1,7 +1,7 @@
 // Starting, feeding, re-pacing and ending send channels.
 #include <algorithm>
 
-#include "Channel.h"
+#include "ChannelObjects.h"
 #include "Module.h"
 #include "QXV_RTP.h"
 #include "Transfer.h"
@@ -11,44 +11,34 @@ namespace {
 constexpr int kUnitShift = 8;
 static_assert(1u << kUnitShift == QXV_RTP_BUFFER_UNIT);
 
-// Stops the channel's thread, which closes its socket as it ends, and frees the channel's objects.
-void Release(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lifecycle) {
-    JoinThread(channel);
-    FreeObjects(channel);
-    channel.Row->Socket.store(nullptr, std::memory_order_release);
-}
-
-// What a wrong host left by starting twice. The old thread ends only when it sees Cancel.
-void ReleaseEarlierStart(const Channel& channel) ZAQ_REQUIRES(channel.Locks->Lifecycle) {
-    if (channel.Row->Thread.load(std::memory_order_acquire) != nullptr)
-        CancelChannel(channel);
-    Release(channel);
-}
-
 }  // namespace
 
 uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate, uint32_t bufferUnits) {
     const Channel found = FindChannel(handle, kSend, channel);
     if (!found || bitrate == 0 || bufferUnits == 0)
         return 0;
-    LibraryReference library = LibraryReference::ToThis();
-    const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
-    ReleaseEarlierStart(found);
+    const zaq::NoCancellation noCancellation;
+    const zaq::MutexLock lifecycle(found.Internals->Lifecycle);
+    // The thread of a host that starts twice. It closes its socket as it ends.
+    found.Internals->StopThread.store(true, std::memory_order_release);
+    JoinThread(found);
+    found.Internals->StopThread.store(false, std::memory_order_relaxed);  // no thread to see it
 
     const uint32_t bufferSize = bufferUnits << kUnitShift;
     InitStatus(*found.Record, bitrate, bufferSize);
     found.Row->Cancel.store(0);
     found.Row->Socket.store(nullptr, std::memory_order_release);
+    StartGuard guard(found);
     MakeObjects(found, bufferSize);
-    // The thread runs from here on and finds timer and buffer in place.
+    // The thread runs from here on and finds timer and ring in place.
     auto* const thread = new CZAQThread(&ThreadTx, found.Record, 0);
     found.Row->Thread.store(thread, std::memory_order_release);
     SetRunning(found);
+    guard.Complete();
     // Where the system refuses a thread, the channel is as if its thread had given up at once: nobody
     // would take what a Send stores, and it would wait for ever.
     if (thread->ThreadId == 0)
         found.Row->Cancel.store(1, std::memory_order_release);
-    library.Exchange(found);
     return 1;
 }
 
@@ -66,13 +56,14 @@ uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel) {
     const Channel found = FindChannel(handle, kSend, channel);
     if (!found)
         return 0;
+    const zaq::NoCancellation noCancellation;
     CancelChannel(found);  // at once, so that a Send that waits lets go
-    LibraryReference none;
-    const zaq::MutexLock lifecycle(found.Locks->Lifecycle);
+    const zaq::MutexLock lifecycle(found.Internals->Lifecycle);
     CancelChannel(found);  // again: a start that held the lock has undone it
-    Release(found);
+    JoinThread(found);
+    FreeObjects(found);
+    found.Row->Socket.store(nullptr, std::memory_order_release);
     ClearStatus(*found.Record);
-    none.Exchange(found);
     return 1;
 }
 
@@ -99,7 +90,7 @@ uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate) {
     const Channel found = FindChannel(handle, kSend, channel);
     if (!found)
         return 0;
-    const zaq::MutexLock lock(found.Locks->State);
+    const zaq::MutexLock lock(found.Internals->State);
     CZAQStreamTimer* const timer = found.Row->Timer.load(std::memory_order_acquire);
     if (timer == nullptr)
         return 0;
@@ -111,9 +102,9 @@ uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate) {
 
 uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t* bitrate) {
     // The receive channel of that number, on purpose.
-    RtpChannelContext* const record = FindRecord(handle, kReceive, channel);
-    if (record == nullptr || bitrate == nullptr)
+    const Channel found = FindRecord(handle, kReceive, channel);
+    if (!found || bitrate == nullptr)
         return 0;
-    *bitrate = record->BitrateActual.load(std::memory_order_relaxed);  // a number for display
+    *bitrate = found.Record->BitrateActual.load(std::memory_order_relaxed);  // a number for display
     return 1;
 }

@@ -1,14 +1,14 @@
 // The transmit thread of one send channel: frames, paces and sends datagrams.
-#include <sys/time.h>
 #include <unistd.h>
 
-#include "Channel.h"
+#include "ChannelSocket.h"
 #include "Module.h"
+#include "StreamFormat.h"
+#include "Tick.h"
 #include "ZAQSockets.h"
 
 namespace {
 
-constexpr unsigned char kSyncByte = 0x47;  // ISO/IEC 13818-1, 2.4.3.2
 constexpr uint32_t kPacketSize = 188;
 constexpr uint32_t kLongPacketSize = 204;  // with 16 bytes of Reed-Solomon parity
 // Seven packets are the most that fit an Ethernet frame, with an RTP, a UDP and an IP header.
@@ -16,29 +16,14 @@ constexpr uint32_t kPacketsPerDatagram = 7;
 // As a payload size it stands for "not known yet": that many bytes decide on the packet size.
 constexpr uint32_t kDetectionSize = 2048;
 
-constexpr useconds_t kTick_us = 1000;
 constexpr useconds_t kSocketRetry_us = 1000000;
-
-// The 1 ms sleep while no datagram is due, kept to the milliseconds of the clock in which the stream
-// timer counts: with a tick of that clock, and only then, a datagram can become due. Sleeps of 1 ms and
-// a bit, one after the other, would drift through the tick, and a datagram would wait up to 1 ms for
-// the tick and then as long for the thread.
-void SleepToTick() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    const auto late = static_cast<useconds_t>(now.tv_usec) % kTick_us;
-    // All transmit threads of the machine now wake up together, by one timer interrupt. A thread that
-    // had to wait for others must not be due before them next time: its timer would then be programmed
-    // anew, and theirs, too. So an eighth of the lateness stays.
-    usleep(kTick_us - late + late / 8);
-}
 
 class Transmitter {
   public:
     explicit Transmitter(const Channel& channel) : m_Channel(channel) {}
 
     void Run() {
-        while (m_Channel.Row->Cancel.load(std::memory_order_acquire) == 0)
+        while (!MustEnd())
             Pass();
         void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);  // own thread's
         if (socket != nullptr)
@@ -48,14 +33,21 @@ class Transmitter {
     }
 
   private:
+    // Acquire pairs with the releases of those who cancel, and of the start that takes this thread's
+    // place.
+    bool MustEnd() const {
+        return m_Channel.Row->Cancel.load(std::memory_order_acquire) != 0 ||
+               m_Channel.Internals->StopThread.load(std::memory_order_acquire);
+    }
+
     // Sends one datagram, or waits for what it lacks.
     void Pass() {
-        if (!HaveSocket()) {
+        if (!HasCurrentSocket(m_Channel) && !ReopenSocket(m_Channel)) {
             usleep(kSocketRetry_us);
             return;
         }
         if (Buffer().GetDataSize() < m_PayloadSize) {
-            usleep(kTick_us);
+            SleepToTick();
             return;
         }
         if (m_PayloadSize == kDetectionSize && !Detect()) {
@@ -69,16 +61,6 @@ class Transmitter {
             return;
         }
         SendDatagram();
-    }
-
-    bool HaveSocket() {
-        const bool open = m_Channel.Row->Socket.load(std::memory_order_relaxed) != nullptr;
-        // Acquire pairs with the release after a new configuration was stored.
-        if (open && m_Channel.Record->Reopen.load(std::memory_order_acquire) == 0)
-            return true;
-        if (open)
-            CloseSocket(m_Channel);
-        return OpenSocket(m_Channel);
     }
 
     // Finds the packet size from the first bytes of the stream. One that fits both sizes is taken
@@ -103,7 +85,7 @@ class Transmitter {
     // size then stays 0, nothing is due, and the next pass tries again. Under the lock a SetBitrate
     // comes before the record is read here, or finds the block size and sets the timer itself.
     void StartPacing() {
-        const zaq::MutexLock lock(m_Channel.Locks->State);
+        const zaq::MutexLock lock(m_Channel.Internals->State);
         Timer().TxInitialize(m_PayloadSize,
                              m_Channel.Record->Bitrate.load(std::memory_order_relaxed));
     }
@@ -113,6 +95,8 @@ class Transmitter {
         if (IsRtp())
             header = static_cast<uint32_t>(Timer().FillRTPHeader(m_Datagram));
         Buffer().Read(m_Datagram + header, m_PayloadSize);
+        ChannelCounters& counters = m_Channel.Internals->Counters;
+        Add<uint64_t>(counters.NetworkBytes, m_PayloadSize);
         // Only RTP needs whole packets behind its header (RFC 2250, 2); a raw stream that has lost
         // its alignment is sent on as it is.
         if (IsRtp() && m_Datagram[header] != kSyncByte) {
@@ -120,10 +104,14 @@ class Transmitter {
             return;
         }
         void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);
-        if (ZAQUDPSocket_SendAll(socket, m_Datagram, header + m_PayloadSize) != 0)
+        if (ZAQUDPSocket_SendAll(socket, m_Datagram, header + m_PayloadSize) != 0) {
             Timer().IncreaseBlocksTransfered();
-        else
+            Add<uint64_t>(counters.Datagrams, 1);
+            Add<uint64_t>(counters.Bytes, m_PayloadSize);
+        } else {
+            Add<uint64_t>(counters.SendFailures, 1);
             m_Channel.Record->Reopen.store(1, std::memory_order_release);
+        }
     }
 
     // Running stays: the host sees a channel that was started and takes no more.

@@ -1,0 +1,26 @@
+// The channel's socket, and the configuration from which it is made.
+#ifndef MODULE_CHANNELSOCKET_H
+#define MODULE_CHANNELSOCKET_H
+
+#include "Channel.h"
+
+// Copies of the configuration while other threads and processes may be writing it. A torn copy is
+// possible across processes; its writer sets Reopen afterwards, and the socket is then made again.
+void LoadConfig(RtpChannelContext& record, RtpChannelConfig& config);
+void StoreConfig(RtpChannelContext& record, const RtpChannelConfig& config);
+
+// Does the address field have a NUL? One without is not given to anybody who reads up to it.
+bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]);
+
+// True when the row has a socket that was made from the configuration as it stands.
+bool HasCurrentSocket(const Channel& channel);
+
+// Closes the row's socket and makes another one from the configuration as it stands; then clears
+// Reopen, unless the configuration has changed meanwhile. False when there is none: Reopen keeps its
+// value then. The caller owns the row's Socket at the time.
+bool ReopenSocket(const Channel& channel);
+
+// Destroys the row's socket, if there is one, and clears the field.
+void CloseSocket(const Channel& channel);
+
+#endif

@@ -1,0 +1,166 @@
+// Load and unload: the table in shared memory, its defaults, and the housekeeping thread.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "Module.h"
+#include "ThreadSafety.h"
+
+// Constant-initialised, since the load routine runs before the library's static constructors.
+constinit CZAQShareMemory g_ShareMemory;
+RtpContext* g_pContext = nullptr;
+CZAQThread* g_pThread = nullptr;
+constinit std::atomic<uint32_t> g_ThreadQuit{0};
+uint32_t g_TxChannelCount = kChannels;
+uint32_t g_RxChannelCount = kChannels;
+
+namespace {
+
+constexpr uint16_t kFirstPort[kDirections] = {10000, 10100};
+constexpr uint8_t kDefaultTtl = 255;
+
+void ResetRow(RtpChannelContextExt& row, uint32_t cancel) {
+    row.Cancel.store(cancel);
+    row.Running.store(0);
+    row.Socket.store(nullptr);
+    row.Thread.store(nullptr);
+    row.Timer.store(nullptr);
+    row.Buffer.store(nullptr);
+}
+
+// A channel as it is before anybody configures it: RTP to or from group 224.1.direction.channel.
+void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
+    RtpChannelContext& record = context.Channels[direction][channel];
+    record.Instance.store(0);
+    record.Direction.store(direction);
+    record.Channel.store(channel);
+    record.Bitrate.store(0);
+    record.BitrateActual.store(0);
+    record.BufferSize.store(0);
+    record.Reopen.store(1);
+    record.RtpSwitchCount.store(0);
+
+    RtpChannelConfig& config = record.Config;
+    strcpy(config.LocalAddress, "0.0.0.0");
+    snprintf(config.RemoteAddress, sizeof(config.RemoteAddress), "224.%d.%d.%d", 1,
+             static_cast<int>(direction), static_cast<int>(channel));
+    config.Multicast = 1;
+    config.Rtp = 1;
+    config.Ttl = kDefaultTtl;
+    config.MulticastOption = 0;
+    config.Port = static_cast<uint16_t>(kFirstPort[direction] + channel);
+    config.Reserved = 0;
+
+    ResetRow(g_ContextExt[0][direction][channel], 1);
+}
+
+void LayDownDefaults(RtpContext& context) {
+    context.Instance.store(0);
+    context.HandleCount.store(0);
+    context.TxChannelCount.store(g_TxChannelCount);
+    context.RxChannelCount.store(g_RxChannelCount);
+    for (uint32_t direction = 0; direction < kDirections; ++direction) {
+        for (uint32_t channel = 0; channel < kChannels; ++channel)
+            LayDownChannel(context, direction, channel);
+    }
+}
+
+// A file that another process has left is mapped without complaint, and an access may raise SIGBUS
+// later: behind the file's end, or in a hole that a full disk can not fill. Every page is made writable
+// now, so that such a file is refused instead.
+//
+// The length must stay. Who may write to the file (its owner and root, or everybody where the umask
+// was 0) can cut it while it is mapped, and nothing short of a signal handler, which is the host's
+// own affair, keeps the next access from raising SIGBUS.
+bool HoldsTable(const CZAQShareMemory& segment) {
+    constexpr size_t kSize = sizeof(RtpContext);
+    struct stat status {};
+    if (fstat(segment.File, &status) != 0 || status.st_size < static_cast<off_t>(kSize))
+        return false;
+    if (madvise(segment.Address, kSize, MADV_POPULATE_WRITE) == 0)
+        return true;
+    // Before Linux 5.14. Our own file has no holes.
+    return errno == EINVAL &&
+           (segment.Owner != 0 || fallocate(segment.File, FALLOC_FL_KEEP_SIZE, 0, kSize) == 0);
+}
+
+// The segment forgets its file and mapping, which stay for the life of the process: no exit handler
+// and no unload can then unmap the table under a thread that still uses it, or remove the file,
+// which other processes may go on reading until the next load replaces it.
+void ForgetSegment() {
+    new (&g_ShareMemory) CZAQShareMemory;
+}
+
+// True when the segment object has the table. A file that another process makes at the same moment is
+// joined half made; the next attempt removes its name and makes one of our own, as if this process had
+// been loaded a moment later. Another user's short file is refused in the end.
+bool OpenTable() {
+    constexpr int kAttempts = 10;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        char path[sizeof(kSharedMemoryPath)];
+        memcpy(path, kSharedMemoryPath, sizeof(path));
+        if (g_ShareMemory.Create(path, sizeof(RtpContext), 1) == 0)
+            return false;
+        if (HoldsTable(g_ShareMemory))
+            return true;
+        const bool owner = g_ShareMemory.Owner != 0;
+        g_ShareMemory.Close();
+        if (owner)
+            return false;
+    }
+    return false;
+}
+
+}  // namespace
+
+int QXV_RTP_Constructor() {
+    const zaq::NoCancellation noCancellation;
+    for (auto& direction : g_ContextExt[0]) {
+        for (RtpChannelContextExt& row : direction)
+            ResetRow(row, 0);
+    }
+    const bool usable = OpenTable();
+    if (usable) {
+        g_pContext = reinterpret_cast<RtpContext*>(g_ShareMemory.Address);
+        if (g_ShareMemory.Owner != 0)
+            LayDownDefaults(*g_pContext);
+    }
+    ForgetSegment();
+    if (!usable)
+        return 0;
+
+    g_ThreadQuit.store(0, std::memory_order_release);
+    // A thread that does not start leaves its object behind with no thread in it; an object that
+    // can not be had leaves none. Sending works either way, and receive sockets wait for the next
+    // load.
+    g_pThread = new (std::nothrow) CZAQThread(&ThreadHouseKeep, nullptr, 0);
+    return 1;
+}
+
+void QXV_RTP_Deconstructor() {
+    const zaq::NoCancellation noCancellation;
+    g_ThreadQuit.store(1, std::memory_order_release);  // pairs with the thread's acquire
+    if (g_pThread != nullptr) {
+        constexpr unsigned int kWait_ms = 5000;  // the wait itself has no limit
+        g_pThread->CloseWithWait(kWait_ms);
+        delete g_pThread;
+        g_pThread = nullptr;
+    }
+    // When the process exits, the object's destructor may have run before this routine. It is closed
+    // either way, and made again here so that there is an object to call.
+    ForgetSegment();
+    g_ShareMemory.Close();
+}
+
+__attribute__((constructor)) void Attach_QXV_RTP_SO() {
+    QXV_RTP_Constructor();
+}
+
+__attribute__((destructor)) void Detach_QXV_RTP_SO() {
+    QXV_RTP_Deconstructor();
+}
