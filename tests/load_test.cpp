@@ -157,21 +157,6 @@ TEST(Load, TheTablesDescriptorIsNoStandardStreamAndNotInherited) {
     });
 }
 
-// The host gets its channels back with the next load.
-TEST(Unload, LeavesStartedChannelsAtWork) {
-    RunApart(1, 30, [](int) {
-        {
-            const ModuleLibrary module;
-            Session(module, 0).Exchange(1000, [&] {
-                EXPECT_EQ(dlclose(module.Library), 0);
-                usleep(1200000);  // housekeeping has a turn, too
-                EXPECT_EQ(dlopen(MODULE_PATH, RTLD_NOW), module.Library);
-            });
-        }
-        EXPECT_EQ(dlopen(MODULE_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
-    });
-}
-
 TEST(Exit, OfAnyKindInMidStreamDoesNotHinderTheNextHost) {
     static const std::function<void()> kEnds[] = {[] { raise(SIGKILL); }, [] { _exit(137); },
                                                   [] {}};
