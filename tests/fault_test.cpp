@@ -38,7 +38,7 @@ class Host {
         for (const uint32_t direction : {kReceive, kSend})
             for (uint32_t channel = 0; channel < kCount; ++channel) {
                 if (!Start(direction, channel)) {
-                    End(direction, channel);
+                    ExpectNoneWaits(direction, channel);
                     EXPECT_TRUE(Start(direction, channel));
                 }
                 const auto& record =
@@ -86,6 +86,18 @@ class Host {
         } catch (const std::bad_alloc&) {
             return false;
         }
+    }
+
+    // A start that was refused leaves a channel that is as ended, or cancelled.
+    void ExpectNoneWaits(uint32_t direction, uint32_t channel) {
+        uint8_t byte = 0x47;
+        QXV_RTP_Statistics now{};
+        now.Size = sizeof(now);
+        EXPECT_EQ(QXV(m_Module, GetStatistics)(m_Module.Handle, direction, channel, &now), 1u);
+        EXPECT_TRUE(now.Started == 0 || now.Cancelled == 1);
+        EXPECT_EQ(direction == kSend ? QXV(m_Module, Send)(m_Module.Handle, channel, &byte, 1)
+                                     : QXV(m_Module, Receive)(m_Module.Handle, channel, &byte, 1),
+                  0u);
     }
 
     void End(uint32_t direction, uint32_t channel) {
