@@ -136,6 +136,35 @@ TEST_F(LifecycleTest, AWaitingTransferEndsWithEveryKindOfCancel) {
     }
 }
 
+// It goes on with the ring that the start has made, and is neither cancelled nor told an end.
+TEST_F(LifecycleTest, ASecondStartKeepsAWaitingTransfer) {
+    testclock::Now_us = 1700000000000000;  // nothing is ever due
+    Bytes bytes(3 * kUnits * 256, 0x47);
+    const auto size = static_cast<uint32_t>(bytes.size());
+    for (const uint32_t direction : {kSend, kReceive}) {
+        ASSERT_EQ(Start(direction), 1u);
+        auto transfer = std::async(std::launch::async, [&] {
+            return Transfer(direction, bytes.data(), direction == kSend ? size : 10);
+        });
+        const auto& row = Row(direction, kChannel);
+        for (int start = 0; start < 300; ++start) {
+            const uint64_t polls = testclock::Polls;
+            ASSERT_EQ(Start(direction), 1u);
+            EXPECT_EQ(row.Running, 1u);
+            EXPECT_TRUE(start % 3 != 0 || Until([&] { return testclock::Polls > polls + 5; }));
+            if (direction == kSend && transfer.wait_for(0s) == std::future_status::ready)
+                break;  // each ring has taken its share
+            EXPECT_TRUE(direction == kSend || transfer.wait_for(0s) == std::future_status::timeout);
+        }
+        if (direction == kReceive) {
+            AwaitSocket(kReceive, kChannel);
+            EXPECT_TRUE(Fake::Deliver(&Record(kReceive, kChannel), Stream(1, 188)));
+        }
+        EXPECT_EQ(transfer.get(), 1u);
+        EXPECT_EQ(End(direction), 1u);
+    }
+}
+
 TEST_F(LifecycleTest, CompletionIsTestedBeforeCancel) {
     struct Cancelling : CZAQSimpleBuffer {
         explicit Cancelling(RtpChannelContextExt& row) : CZAQSimpleBuffer(101), OwnRow(row) {}
