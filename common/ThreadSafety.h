@@ -52,9 +52,9 @@ class ZAQ_SCOPED_CAPABILITY MutexLock {
     Mutex& m_Mutex;
 };
 
-// Puts off a pthread_cancel() for as long as the object lives. The C library ends a cancelled thread
-// by unwinding its stack from within functions such as close() and pthread_join(), and a destructor
-// that has called one of them would end the process.
+// Puts off a pthread_cancel() for as long as the object lives. The C library ends a cancelled
+// thread by unwinding its stack from within functions such as close() and pthread_join(), and a
+// destructor that has called one of them would end the process.
 class NoCancellation {
   public:
     NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_Previous); }

@@ -13,7 +13,7 @@ constexpr mode_t kFileMode = 0777;  // less the process's umask
 // What is added to the flags changes nothing about a file that this class has made. In a directory
 // that everybody writes to, it keeps others from leading the process elsewhere or holding it up:
 //   O_NOFOLLOW  a symbolic link would have some other file changed, or made
-//   O_NONBLOCK  a file lease holds up who opens it for 45 seconds, a serial line until it is connected
+//   O_NONBLOCK  a file lease holds up open() for 45 seconds, a serial line until it is connected
 //   O_NOCTTY    a terminal would become the process's own
 //   O_CLOEXEC   the programs that the host starts have no use for the table
 int OpenFile(const char* name, int flags) {

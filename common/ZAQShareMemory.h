@@ -9,8 +9,8 @@
 // States: closed (File 0, Address null), open (both set), and stuck: an open() that failed leaves
 // its negative result in File, and the object then refuses every further Create and Open.
 //
-// Thread safety: none; one thread at a time. Who uses the mapped bytes at the same time, in this
-// process or another, is the users' business. Paths are NUL-terminated and shorter than 1024 bytes;
+// Thread safety: none; one thread at a time. Threads and processes that share the mapped bytes must
+// agree on that among themselves. Paths are NUL-terminated and shorter than 1024 bytes;
 // longer ones are refused. Sizes are in bytes. Results: 1 done, 0 failed.
 class ZAQ_EXPORT CZAQShareMemory {
   public:

@@ -79,7 +79,8 @@ class ZAQ_EXPORT CZAQStreamTimer {
     double TicksPerBlock ZAQ_GUARDED_BY(Lock);
     uint32_t TimestampBase ZAQ_GUARDED_BY(Lock);
 
-    // Last in order: nothing else is locked while it is held, and no virtual function of the timer's.
+    // Last in order: nothing else is locked while it is held, and no virtual function of the
+    // timer's.
     zaq::Mutex Lock;
 };
 

@@ -36,13 +36,14 @@ int CZAQThread::StartThread(void (*routine)(void*), void* argument, int priority
         parameters.sched_priority = priority;
         failed = pthread_attr_setschedparam(&attributes, &parameters);
     }
-    // The host's signal handlers run on the host's threads, and cut short no sleep of this one. What a
-    // thread brings upon itself can not wait: blocked, it would end the process past any handler.
+    // The host's signal handlers run on the host's threads, and interrupt no sleep of this one. A
+    // signal that a thread causes itself cannot wait: if it were blocked, it would end the process
+    // without a call of its handler.
     sigset_t blocked;
     sigfillset(&blocked);
-    constexpr int kOwn[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
-    for (const int own : kOwn)
-        sigdelset(&blocked, own);
+    constexpr int kCaused[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
+    for (const int signal : kCaused)
+        sigdelset(&blocked, signal);
     if (failed == 0)
         failed = pthread_attr_setsigmask_np(&attributes, &blocked);
     if (failed == 0) {

@@ -1,6 +1,6 @@
 // One channel inside the module, and how it is found.
 //
-// Who touches a channel
+// These threads use a channel:
 //   host threads     the exported functions, any of them at any time
 //   transmit thread  one per started send channel (Transmit.cpp)
 //   housekeeping     one thread per process (HouseKeeping.cpp)

@@ -1,5 +1,5 @@
-// What a channel needs in this process beside its runtime row: locks, counters, and the host threads
-// that use its ring.
+// What a channel needs in this process beside its runtime row: locks, counters, and the host
+// threads that use its ring.
 #ifndef MODULE_CHANNELINTERNALS_H
 #define MODULE_CHANNELINTERNALS_H
 
@@ -37,14 +37,14 @@ void Add(std::atomic<Number>& counter, Number count) {
 }
 
 // Lock order: Lifecycle, State, Intake, and then the stream timer's own. No lock is held while a
-// thread waits for room or data, nor while it touches the host's memory: a page of that may take for
-// ever to arrive. Cancelling takes no lock, so that a signal handler may do it.
+// thread waits for room or data, nor while it touches the host's memory: a page of that may take
+// for ever to arrive. Cancelling takes no lock, so that a signal handler may do it.
 struct ChannelInternals {
-    // Held over a whole start or end and, on receive channels, while housekeeping opens a socket: so
-    // a socket that is being opened is neither lost nor left to a channel that has ended.
+    // Held over a whole start or end and, on receive channels, while housekeeping opens a socket:
+    // so a socket that is being opened is neither lost nor left to a channel that has ended.
     zaq::Mutex Lifecycle ZAQ_ACQUIRED_BEFORE(State);
-    // Held for moments: for groups of stores to pointers and configuration that belong together, and
-    // by host threads and housekeeping while they use the timer.
+    // Held for moments: for groups of stores to pointers and configuration that belong together,
+    // and by host threads and housekeeping while they use the timer.
     zaq::Mutex State ZAQ_ACQUIRED_BEFORE(Intake);
     // Held by the intake for one datagram. Our own socket library makes one callback at a time and
     // none after the socket is destroyed, so that nobody ever waits here. Another library might let

@@ -5,7 +5,8 @@
 // Four stores meet when a cancel and a start run at the same time: Cancel 1, Running 0 here, and
 // Cancel 0, Running 1 there. Each side looks once more at Cancel after its last store, and both see
 // one order of all accesses (sequential consistency): the cancel that finds its 1 gone has been
-// overtaken by a start, and repeats; the start that finds a 1 has been cancelled, and is not running.
+// overtaken by a start, and repeats; the start that finds a 1 has been cancelled, and is not
+// running.
 void CancelChannel(const Channel& channel) {
     do {
         channel.Row->Cancel.store(1);

@@ -1,7 +1,7 @@
-// What a start makes and an end takes away: the flags, timer, ring and thread in the runtime row, and
-// the numbers in the table.
+// What a start makes and an end takes away: the flags, timer, ring and thread in the runtime row,
+// and the numbers in the table.
 //
-// Who uses the objects, and why they are not freed meanwhile
+// These threads use the objects, and this keeps an object from being freed meanwhile:
 //   host threads, with the ring       hold a RingUse; the last one frees a ring that was taken out
 //   host threads, housekeeping, with  hold `State`, under which the timer is taken out
 //     the timer
@@ -18,9 +18,9 @@ void CancelChannel(const Channel& channel);
 // The last step of a start. Running stays 0 where the channel was cancelled meanwhile.
 void SetRunning(const Channel& channel);
 
-// Puts a new timer and a new, empty ring of `size` bytes into the row and sets the counters to zero.
-// Earlier objects are freed only then, so that a Send or Receive that waits finds the one ring or the
-// other. An allocation failure propagates and leaves the row as it was.
+// Puts a new timer and a new, empty ring of `size` bytes into the row and sets the counters to
+// zero. Earlier objects are freed only then, so that a Send or Receive that waits finds the one
+// ring or the other. An allocation failure propagates and leaves the row as it was.
 void MakeObjects(const Channel& channel, uint32_t size);
 
 // Takes timer and ring out of the row and frees them. The transmit thread must have ended before.
@@ -51,9 +51,9 @@ class StartGuard {
     bool m_Complete = false;
 };
 
-// A host thread's use of the channel's ring, for one copy. No lock is held meanwhile: the host's page
-// may not be there, and nobody else shall wait for it. Where the ring is taken out of the row during
-// the use, its last user frees it.
+// A host thread's use of the channel's ring, for one copy. No lock is held meanwhile: the host's
+// page may not be there, and nobody else shall wait for it. Where the ring is taken out of the row
+// during the use, its last user frees it.
 class RingUse {
   public:
     explicit RingUse(const Channel& channel) ZAQ_EXCLUDES(channel.Internals->State);

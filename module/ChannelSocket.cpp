@@ -16,9 +16,9 @@ bool SameSocket(const RtpChannelConfig& a, const RtpChannelConfig& b) {
 }
 
 // Clears Reopen after a socket was made from `used`. A configuration that was stored meanwhile must
-// not lose its request. Its writer, maybe in another process, stores the record first and sets Reopen
-// second, with release: either the exchange finds that 1, and with its acquire the record is seen to
-// differ, or the 1 comes after the exchange and stays.
+// not lose its request. Its writer, maybe in another process, stores the record first and sets
+// Reopen second, with release: either the exchange finds that 1, and with its acquire the record is
+// seen to differ, or the 1 comes after the exchange and stays.
 void ConfirmSocket(const Channel& channel, const RtpChannelConfig& used) {
     const zaq::MutexLock lock(channel.Internals->State);
     channel.Record->Reopen.exchange(0, std::memory_order_acq_rel);
@@ -31,8 +31,8 @@ void ConfirmSocket(const Channel& channel, const RtpChannelConfig& used) {
 }  // namespace
 
 // Byte by byte with relaxed atomics, so that a concurrent writer is no undefined behaviour: that
-// takes half a microsecond, a few times in a channel's life. The order against Reopen comes from that
-// flag's own release and acquire.
+// takes half a microsecond, a few times in a channel's life. The order against Reopen comes from
+// that flag's own release and acquire.
 void LoadConfig(RtpChannelContext& record, RtpChannelConfig& config) {
     auto* const from = reinterpret_cast<unsigned char*>(&record.Config);
     auto* const to = reinterpret_cast<unsigned char*>(&config);

@@ -9,15 +9,15 @@
 void LoadConfig(RtpChannelContext& record, RtpChannelConfig& config);
 void StoreConfig(RtpChannelContext& record, const RtpChannelConfig& config);
 
-// Does the address field have a NUL? One without is not given to anybody who reads up to it.
+// Does the address field have a NUL? A field without one is never read as text.
 bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]);
 
 // True when the row has a socket that was made from the configuration as it stands.
 bool HasCurrentSocket(const Channel& channel);
 
 // Closes the row's socket and makes another one from the configuration as it stands; then clears
-// Reopen, unless the configuration has changed meanwhile. False when there is none: Reopen keeps its
-// value then. The caller owns the row's Socket at the time.
+// Reopen, unless the configuration has changed meanwhile. False when there is none: Reopen keeps
+// its value then. The caller owns the row's Socket at the time.
 bool ReopenSocket(const Channel& channel);
 
 // Destroys the row's socket, if there is one, and clears the field.

@@ -71,12 +71,12 @@ void LayDownDefaults(RtpContext& context) {
 }
 
 // A file that another process has left is mapped without complaint, and an access may raise SIGBUS
-// later: behind the file's end, or in a hole that a full disk can not fill. Every page is made writable
-// now, so that such a file is refused instead.
+// later: behind the file's end, or in a hole that a full disk cannot fill. This function makes every
+// page writable now, so that such a file is refused instead.
 //
-// The length must stay. Who may write to the file (its owner and root, or everybody where the umask
-// was 0) can cut it while it is mapped, and nothing short of a signal handler, which is the host's
-// own affair, keeps the next access from raising SIGBUS.
+// The file must keep its length. Anyone with write permission (its owner and root, or everybody where
+// the umask was 0) can truncate it while it is mapped, and then the next access raises SIGBUS. Only a
+// signal handler could prevent that, and signal handlers are the host's own affair.
 bool HoldsTable(const CZAQShareMemory& segment) {
     constexpr size_t kSize = sizeof(RtpContext);
     struct stat status {};
@@ -89,16 +89,17 @@ bool HoldsTable(const CZAQShareMemory& segment) {
            (segment.Owner != 0 || fallocate(segment.File, FALLOC_FL_KEEP_SIZE, 0, kSize) == 0);
 }
 
-// The segment forgets its file and mapping, which stay for the life of the process: no exit handler
-// and no unload can then unmap the table under a thread that still uses it, or remove the file,
-// which other processes may go on reading until the next load replaces it.
+// Lets the segment object forget its file and mapping, which stay for the life of the process. So no
+// exit handler and no unload can unmap the table under a thread that still uses it, or remove the
+// file, which other processes may go on reading until the next load replaces it.
 void ForgetSegment() {
     new (&g_ShareMemory) CZAQShareMemory;
 }
 
-// True when the segment object has the table. A file that another process makes at the same moment is
-// joined half made; the next attempt removes its name and makes one of our own, as if this process had
-// been loaded a moment later. Another user's short file is refused in the end.
+// True when the segment object has the table. Where another process creates the file at the same
+// moment, this one may open it half written. The next attempt removes its name and creates another
+// file, as if this process had been loaded a moment later. A short file that belongs to another user
+// is refused in the end.
 bool OpenTable() {
     constexpr int kAttempts = 10;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -135,9 +136,8 @@ int QXV_RTP_Constructor() {
         return 0;
 
     g_ThreadQuit.store(0, std::memory_order_release);
-    // A thread that does not start leaves its object behind with no thread in it; an object that
-    // can not be had leaves none. Sending works either way, and receive sockets wait for the next
-    // load.
+    // Where the system refuses the thread, the object has none; where there is no memory, there is
+    // no object. Sending works either way, and receive sockets wait for the next load.
     g_pThread = new (std::nothrow) CZAQThread(&ThreadHouseKeep, nullptr, 0);
     return 1;
 }
@@ -151,8 +151,8 @@ void QXV_RTP_Deconstructor() {
         delete g_pThread;
         g_pThread = nullptr;
     }
-    // When the process exits, the object's destructor may have run before this routine. It is closed
-    // either way, and made again here so that there is an object to call.
+    // When the process exits, the object's destructor may have run before this routine. It is
+    // closed either way, and made again here so that there is an object to call.
     ForgetSegment();
     g_ShareMemory.Close();
 }

@@ -2,30 +2,34 @@
  * @file
  * QXV_RTP: MPEG transport streams over UDP, raw or under RTP.
  *
- * The library offers 16 send channels and 16 receive channels. A host hands a send channel the bytes
- * of a transport stream (ISO/IEC 13818-1) at its own pace; the channel sends them as UDP datagrams
- * of seven transport-stream packets, paced to the channel's bitrate. A receive channel collects the
- * payload of every datagram that arrives, finds out by itself whether the traffic carries RTP
- * (RFC 3550, payload type 33 of RFC 3551, encapsulation of RFC 2250), and the host reads a stream of
- * bytes.
+ * The library offers 16 send channels and 16 receive channels. A host gives a send channel the
+ * bytes of a transport stream (ISO/IEC 13818-1) at its own pace; the channel sends them as UDP
+ * datagrams of seven transport-stream packets, paced to the channel's bitrate. A receive channel
+ * collects the payload of every datagram that arrives, finds out by itself whether the traffic
+ * carries RTP (RFC 3550, payload type 33 of RFC 3551, encapsulation of RFC 2250), and the host
+ * reads a stream of bytes.
  *
  * Conventions:
  * - Ready: as soon as the library is loaded; there is no initialisation call.
- * - Handle: QXV_RTP_Create() returns it; it is the same for every caller in the process and comes
- *   first in every call on a channel. No handle but that one may be passed.
- * - Results: uint32_t: 1 done, 0 failed or refused. There are no error codes and no log. Every
- *   function returns 0 for a null handle, a direction above 1 or a channel above 15.
+ * - Handle: QXV_RTP_Create() returns it. It is the same for every caller in the process and is the
+ *   first argument of every function that works on a channel. No other pointer may be passed.
+ * - Results: uint32_t: 1 done, 0 failed or refused. There are no error codes and there is no log.
+ *   Every function returns 0 for a null handle, a direction above 1 or a channel above 15.
  * - Units: bitrates in bits per second of transport stream, without headers; lengths in bytes;
  *   ports in host byte order.
- * - Threads: any thread may call any function. On one channel, one thread at a time sends, and
- *   one thread at a time receives; Cancel and End may come from any other thread at any
- *   time and make a waiting Send or Receive return 0. The Cancel functions may also be
- *   called from a signal handler, the others not.
- * - Ownership: the library copies what it is given; it keeps no pointer of the host's.
- * - Exceptions: none, but for a std::bad_alloc from SendStart or ReceiveStart when the channel's
- *   buffer cannot be had.
- * - Unloading: end every started channel first; the library does not end them. In a child of
- *   fork() only exit and exec are allowed.
+ * - Threads: any thread may call any function. On one channel, one thread at a time sends, and one
+ *   thread at a time receives; Cancel and End may come from any other thread at any time and make a
+ *   waiting Send or Receive return 0. The Cancel functions may also be called from a signal
+ *   handler, the others may not. Send and Receive are cancellation points (pthreads(7)) while they
+ *   wait; no other function is one.
+ * - Memory: the library copies what it is given; it keeps no pointer of the host's. Where a page of
+ *   the host's memory is slow to arrive, as from a file on a server, only the calling thread waits.
+ * - Exceptions: none, but for a std::bad_alloc from SendStart or ReceiveStart when there is no
+ *   memory for the channel. Nothing is left of such a start but the numbers in the shared table.
+ * - Unloading: end every started channel first. Their threads run the library's code, so that the
+ *   process crashes if it is unloaded under them; exit() may come at any time. In a child of fork()
+ *   only exit and exec are allowed.
+ * - Platform: 64-bit little-endian Linux with glibc. The sockets' requirements are in ZAQSockets.h.
  */
 #ifndef QXV_RTP_H
 #define QXV_RTP_H
@@ -57,18 +61,22 @@ extern "C" {
  * Configuration of one channel: 520 bytes, the layout of the shared table and the same in every
  * process.
  *
- * Addresses are NUL-terminated text: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone (RFC 4007)
- * where one is needed ("ff02::1%eth0").
+ * Addresses are NUL-terminated text: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone (RFC
+ * 4007) where one is needed ("ff02::1%eth0"). RemoteAddress may say more:
+ * - "SOURCE@GROUP" on a receive channel joins the group for one sender only (RFC 4607), as in
+ *   "192.0.2.9@232.1.1.1". A send channel ignores the source.
+ * - "ADDRESS?dscp=N" on a send channel, with N from 0 to 63, marks its datagrams (RFC 2474), as in
+ *   "239.1.1.1?dscp=34". A receive channel ignores the mark.
  */
 typedef struct RtpChannelConfig {
-    /** offset 0: interface: one of its addresses, "0.0.0.0" or "::" = any */
+    /** offset 0: one of the addresses of the interface to use; "0.0.0.0" or "::" = any */
     char LocalAddress[QXV_RTP_ADDRESS_SIZE];
     /** 256: send: destination; receive: multicast group, or the any-address */
     char RemoteAddress[QXV_RTP_ADDRESS_SIZE];
     /** 512: 1 exactly when RemoteAddress is a multicast group */
     uint8_t Multicast;
-    /** 513: send: 1 = put an RTP header in front of each datagram; receive: the form now detected
-        (1 RTP, 0 raw), here to start with */
+    /** 513: send: 1 = put an RTP header in front of each datagram; receive: the form detected last
+        (1 RTP, 0 raw), with which the channel starts: see QXV_RTP_Receive() */
     uint8_t Rtp;
     /** 514: TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams */
     uint8_t Ttl;
@@ -96,7 +104,7 @@ QXV_RTP_API uint32_t QXV_RTP_GetOutputChannelCount(void);
  */
 QXV_RTP_API void* QXV_RTP_Create(int32_t index);
 
-/** Uncounts the handle. Channels go on; null does nothing. */
+/** Takes the handle off the count. Channels go on; null does nothing. */
 QXV_RTP_API void QXV_RTP_Destroy(void* handle);
 
 /** Has no effect; returns 1 for any handle but null. */
@@ -134,39 +142,43 @@ QXV_RTP_API uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_
                                        RtpChannelConfig* config);
 
 /**
- * Stores a configuration. A channel that runs gets a new socket: a send channel with its next
+ * Stores a configuration. A channel that is started gets a new socket: a send channel with its next
  * datagram, a receive channel within a second. Does not block.
  *
- * Refused, with nothing changed: an address that is none or has no NUL, a multicast LocalAddress, a
- * Multicast byte that disagrees with RemoteAddress, addresses of different families.
+ * Refused, with nothing changed: a text that is no address or has no NUL, a multicast LocalAddress,
+ * a Multicast byte that disagrees with RemoteAddress, addresses of different families.
  * @param[in]     handle     of QXV_RTP_Create()
  * @param[in]     direction  QXV_RTP_SEND or QXV_RTP_RECEIVE
  * @param[in]     channel    0 to 15
- * @param[in,out] config     normalised in place: a send channel's MulticastOption becomes 0; a unicast
- *                           receive channel's RemoteAddress becomes "0.0.0.0" or "0:0:0:0:0:0:0:0" and
- *                           its MulticastOption 0
+ * @param[in,out] config     normalised in place: a send channel's MulticastOption becomes 0; a
+ *                           unicast receive channel's RemoteAddress becomes "0.0.0.0" or
+ *                           "0:0:0:0:0:0:0:0" and its MulticastOption 0
  */
 QXV_RTP_API uint32_t QXV_RTP_SetConfig(void* handle, uint32_t direction, uint32_t channel,
                                        RtpChannelConfig* config);
 
 /**
- * Starts a send channel. What an earlier start left is released first.
- * Where the system refuses the channel's thread, the channel is cancelled from the start. Does not
- * block, but for the end of what an earlier start left.
+ * Starts a send channel. Where it is started already, its thread is stopped and its buffer replaced
+ * by a new, empty one; a Send that waits goes on with that one. Where the system refuses the
+ * channel's thread, the channel is cancelled from the start. Does not block, but for the end of an
+ * earlier thread (see QXV_RTP_SendEnd()).
  * @param[in] handle       of QXV_RTP_Create()
  * @param[in] channel      0 to 15
  * @param[in] bitrate      bits per second, not 0
- * @param[in] bufferUnits  size of the buffer in units of 256 bytes, not 0; at least 9 (2304 bytes), so
- *                         that the 2048 bytes fit that decide on the packet size
+ * @param[in] bufferUnits  size of the buffer in units of 256 bytes, not 0; at least 9 (2304 bytes),
+ *                         so that there is room for the 2048 bytes from which the channel finds out
+ *                         the packet size
  */
 QXV_RTP_API uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate,
                                        uint32_t bufferUnits);
 
 /**
- * Hands `length` bytes to the channel; blocks until all of them are in its buffer. The stream begins
- * with a sync byte and has packets of 188 or 204 bytes; up to one datagram's payload less one byte
- * waits for more. Returns 0 when the channel is cancelled, or has cancelled itself because it lost
- * the sync byte, or is not started; a length of 0 always succeeds.
+ * Gives `length` bytes to the channel; blocks until all of them are in its buffer. The stream must
+ * begin with a sync byte and have packets of 188 or 204 bytes. The channel sends whole datagrams of
+ * seven packets only: what is left of the last one waits for more data.
+ *
+ * Returns 0 when the channel is cancelled, or has cancelled itself because it lost the sync byte,
+ * or is not started; a length of 0 always succeeds.
  */
 QXV_RTP_API uint32_t QXV_RTP_Send(void* handle, uint32_t channel, const uint8_t* data,
                                   uint32_t length);
@@ -185,14 +197,15 @@ QXV_RTP_API uint32_t QXV_RTP_SendCancel(void* handle, uint32_t channel);
 QXV_RTP_API uint32_t QXV_RTP_Cancel(void* handle);
 
 /**
- * Changes the bitrate of a started send channel; its schedule begins anew at the moment of the call.
- * A bitrate of 0 leaves the pace as it is. Returns 0 when the channel is not started. Does not block.
+ * Changes the bitrate of a started send channel; its schedule begins anew at the moment of the
+ * call, and RTP sequence numbers and timestamps begin at 0. A bitrate of 0 leaves the pace as it
+ * is. Returns 0 when the channel is not started. Does not block.
  */
 QXV_RTP_API uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate);
 
 /**
- * Gives the measured bitrate of the *receive* channel of that number, refreshed once a second. Does
- * not block.
+ * Gives the measured bitrate of the *receive* channel of that number, which is refreshed once a
+ * second. Does not block.
  * @param[in]  handle   of QXV_RTP_Create()
  * @param[in]  channel  0 to 15
  * @param[out] bitrate  bits per second
@@ -200,18 +213,33 @@ QXV_RTP_API uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t
 QXV_RTP_API uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t* bitrate);
 
 /**
- * Starts a receive channel with a buffer of 4 MiB; its socket is opened within a second, and the
- * attempt repeated every second while it fails. That is the work of the housekeeping thread: where
- * the system refused it when the module was loaded, no socket is opened. What an earlier start left is
- * released first. Does not block, but for the moment in which the channel's socket is being opened or
- * closed.
+ * Starts a receive channel with a buffer of 4 MiB. The housekeeping thread opens the channel's
+ * socket within a second, and tries again every second while it cannot be opened; where the system
+ * refused that thread when the library was loaded, no socket is opened. Where the channel is
+ * started already, its buffer is replaced by a new, empty one, from which a Receive that waits goes
+ * on, and its socket by another one. Does not block, but for the moment in which the channel's
+ * socket is being opened or closed.
  */
 QXV_RTP_API uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel);
 
 /**
  * Reads exactly `length` bytes into `data` (out); blocks until they are there. Returns 0 when the
- * channel is cancelled or not started; bytes read up to then are gone. A length of 0 always
- * succeeds. A datagram for which the buffer has no room is dropped whole.
+ * channel is or becomes cancelled, or is not started; bytes read up to then are gone. A length of 0
+ * always succeeds. A datagram for which the buffer has no room is dropped whole. A host that serves
+ * several channels from one thread asks QXV_RTP_GetStatistics() first, and reads no more than is
+ * there.
+ *
+ * What is read is the payload of the datagrams in the order of their arrival; nobody looks whether
+ * it consists of packets. Four datagrams in a row of the other form switch the channel between RTP
+ * and raw. RTP that arrives while Rtp is 0 thus brings its headers into the bytes three times, and
+ * a host that reads packets of 188 bytes is out of step from then on. So start with Rtp 1, which
+ * costs nothing where the traffic is raw, and find the sync byte (0x47 every 188 or 204 bytes)
+ * again after every change that the statistics show.
+ *
+ * RTP is what has version 2, payload type 33 and a sync byte behind the header and its CSRC list.
+ * So datagrams with a header extension, with another payload type, or whose payload does not begin
+ * with a packet, count as raw and are delivered with their headers. Padding is delivered as
+ * payload.
  */
 QXV_RTP_API uint32_t QXV_RTP_Receive(void* handle, uint32_t channel, uint8_t* data,
                                      uint32_t length);
@@ -240,14 +268,14 @@ typedef struct QXV_RTP_Statistics {
     uint32_t Size;
     /** 4: 1 = started and not ended */
     uint32_t Started;
-    /** 8: 1 = Send and Receive return 0: cancelled by the host, or by the channel itself because its
-        stream has lost the sync byte; also 1 while the channel is not started */
+    /** 8: 1 = Send and Receive return 0, since the host has cancelled the channel, or the channel
+        itself has because its stream lost the sync byte; also 1 while it is not started */
     uint32_t Cancelled;
     /** 12: 1 = the channel's socket is open */
     uint32_t SocketOpen;
-    /** 16: bytes in the buffer: what Receive can take without waiting, or what is still to be sent */
+    /** 16: bytes in the buffer: Receive takes so many without waiting; or so many wait to be sent */
     uint32_t BufferedBytes;
-    /** 20: bytes for which the buffer has room: what Send can store without waiting */
+    /** 20: bytes for which the buffer has room: Send stores so many without waiting */
     uint32_t FreeBytes;
     /** 24: sockets opened; above 1 after a new configuration, or after sending has failed */
     uint32_t SocketsOpened;

@@ -1,18 +1,19 @@
 /**
  * @file
- * The shared table: configuration, state and measured bitrate of every channel, as other processes see
- * it.
+ * The shared table: configuration, state and measured bitrate of every channel, as other processes
+ * see it.
  *
  * Each process that loads the module removes the file QXV_RTP_TABLE_PATH and makes a new one of
- * sizeof(QXV_RTP_Table) bytes, on which it works from then on. Where it may not remove the file, because
- * it is another user's, it works on the one that is there. So a watcher sees the process that loaded the
- * module last; it opens the path again when the file there is another one (st_ino), and needs the file
- * only, not the library. The file stays when the process ends.
+ * sizeof(QXV_RTP_Table) bytes, on which it works from then on. Where it may not remove the file,
+ * because it is another user's, it works on the one that is there. So a watcher sees the process
+ * that loaded the module last. It needs only the file, not the library, and opens the path again
+ * when another file has taken its place (st_ino). The file stays when the process ends.
  *
- * A watcher maps the file for reading. All numbers are in host byte order and change at any time, each by
- * itself: read them as volatile, or with __atomic_load_n. The texts and bytes of a configuration are not
- * stored as one: what is read while somebody calls QXV_RTP_SetConfig may be part old, part new. To change
- * a configuration is the business of the process that runs the channels.
+ * A watcher maps the file for reading. All numbers are in host byte order and change at any time,
+ * each by itself: read them as volatile, or with __atomic_load_n. The texts and bytes of a
+ * configuration are not stored as one: what is read while somebody calls QXV_RTP_SetConfig may be
+ * part old, part new. To change a configuration is the business of the process that runs the
+ * channels.
  */
 #ifndef QXV_RTP_TABLE_H
 #define QXV_RTP_TABLE_H
@@ -32,8 +33,8 @@ typedef struct QXV_RTP_TableChannel {
     uint32_t BufferSize;    /**< 20: size of the channel's buffer, bytes; 0 while it is ended */
     uint32_t
         Reopen; /**< 24: 1 = the socket must be made (again) before use, 0 = it matches Config */
-    /** 28: receive: datagrams since the last one that fitted Config.Rtp, 0 to 4, counting on above 4
-        after a switch */
+    /** 28: receive: datagrams of the other form than Config.Rtp says, in a row: 0 to 4; after a
+        switch it stays at 4 or counts on, until a datagram of the form in Config.Rtp comes */
     uint32_t RtpSwitchCount;
     RtpChannelConfig Config; /**< 32 */
 } QXV_RTP_TableChannel;

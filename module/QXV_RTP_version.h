@@ -1,9 +1,10 @@
 /**
  * @file
- * Version of libQXV_RTP.so and libZAQSockets.so at compile time; the build takes the version from here.
+ * Version of libQXV_RTP.so and libZAQSockets.so at compile time; the build takes the version from
+ * here.
  *
- * A new major or minor number may bring functions, a new patch number brings none. What a host that was
- * compiled against another version may expect is in docs/packaging.md.
+ * A new major or minor number may bring functions, a new patch number brings none. What a host that
+ * was compiled against another version may expect is in docs/packaging.md.
  */
 #ifndef QXV_RTP_VERSION_H
 #define QXV_RTP_VERSION_H

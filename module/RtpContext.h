@@ -17,9 +17,9 @@ inline constexpr uint32_t kReceive = QXV_RTP_RECEIVE;
 inline constexpr uint32_t kDirections = 2;
 inline constexpr uint32_t kChannels = QXV_RTP_CHANNELS;
 
-// One channel, as QXV_RTP_table.h draws it for other processes. The counters are atomic because threads
-// and processes share them; a lock-free atomic has the size and the address-free access of the plain
-// number.
+// One channel, as QXV_RTP_table.h draws it for other processes. The counters are atomic because
+// threads and processes share them; a lock-free atomic has the size and the address-free access of
+// the plain number.
 struct RtpChannelContext {
     std::atomic<uint32_t> Instance;
     std::atomic<uint32_t> Direction;
@@ -54,44 +54,28 @@ static_assert(offsetof(RtpChannelConfig, MulticastOption) == 515);
 static_assert(offsetof(RtpChannelConfig, Port) == 516);
 static_assert(offsetof(RtpChannelConfig, Reserved) == 518);
 
-static_assert(sizeof(RtpChannelContext) == 552);
-static_assert(offsetof(RtpChannelContext, Instance) == 0);
-static_assert(offsetof(RtpChannelContext, Direction) == 4);
-static_assert(offsetof(RtpChannelContext, Channel) == 8);
-static_assert(offsetof(RtpChannelContext, Bitrate) == 12);
-static_assert(offsetof(RtpChannelContext, BitrateActual) == 16);
-static_assert(offsetof(RtpChannelContext, BufferSize) == 20);
-static_assert(offsetof(RtpChannelContext, Reopen) == 24);
-static_assert(offsetof(RtpChannelContext, RtpSwitchCount) == 28);
-static_assert(offsetof(RtpChannelContext, Config) == 32);
+// The layout, in this file and in the header for programs that watch the table.
+#define QXV_RTP_AT(structure, watched, field, offset)    \
+    static_assert(offsetof(structure, field) == offset); \
+    static_assert(offsetof(watched, field) == offset)
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Instance, 0);
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Direction, 4);
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Channel, 8);
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Bitrate, 12);
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, BitrateActual, 16);
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, BufferSize, 20);
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Reopen, 24);
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, RtpSwitchCount, 28);
+QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Config, 32);
+static_assert(sizeof(RtpChannelContext) == 552 && sizeof(QXV_RTP_TableChannel) == 552);
 
-static_assert(sizeof(RtpContext) == 17680);
-static_assert(offsetof(RtpContext, Instance) == 0);
-static_assert(offsetof(RtpContext, HandleCount) == 4);
-static_assert(offsetof(RtpContext, TxChannelCount) == 8);
-static_assert(offsetof(RtpContext, RxChannelCount) == 12);
-static_assert(offsetof(RtpContext, Channels) == 16);
+QXV_RTP_AT(RtpContext, QXV_RTP_Table, Instance, 0);
+QXV_RTP_AT(RtpContext, QXV_RTP_Table, HandleCount, 4);
+QXV_RTP_AT(RtpContext, QXV_RTP_Table, TxChannelCount, 8);
+QXV_RTP_AT(RtpContext, QXV_RTP_Table, RxChannelCount, 12);
+QXV_RTP_AT(RtpContext, QXV_RTP_Table, Channels, 16);
+static_assert(sizeof(RtpContext) == 17680 && sizeof(QXV_RTP_Table) == 17680);
 static_assert(sizeof(RtpContext::Channels[0]) == 8832);
-
-// The same for those who watch it.
-static_assert(sizeof(QXV_RTP_TableChannel) == sizeof(RtpChannelContext));
-static_assert(offsetof(QXV_RTP_TableChannel, Instance) == offsetof(RtpChannelContext, Instance));
-static_assert(offsetof(QXV_RTP_TableChannel, Direction) == offsetof(RtpChannelContext, Direction));
-static_assert(offsetof(QXV_RTP_TableChannel, Channel) == offsetof(RtpChannelContext, Channel));
-static_assert(offsetof(QXV_RTP_TableChannel, Bitrate) == offsetof(RtpChannelContext, Bitrate));
-static_assert(offsetof(QXV_RTP_TableChannel, BitrateActual) ==
-              offsetof(RtpChannelContext, BitrateActual));
-static_assert(offsetof(QXV_RTP_TableChannel, BufferSize) ==
-              offsetof(RtpChannelContext, BufferSize));
-static_assert(offsetof(QXV_RTP_TableChannel, Reopen) == offsetof(RtpChannelContext, Reopen));
-static_assert(offsetof(QXV_RTP_TableChannel, RtpSwitchCount) ==
-              offsetof(RtpChannelContext, RtpSwitchCount));
-static_assert(offsetof(QXV_RTP_TableChannel, Config) == offsetof(RtpChannelContext, Config));
-static_assert(sizeof(QXV_RTP_Table) == sizeof(RtpContext));
-static_assert(offsetof(QXV_RTP_Table, Instance) == offsetof(RtpContext, Instance));
-static_assert(offsetof(QXV_RTP_Table, HandleCount) == offsetof(RtpContext, HandleCount));
-static_assert(offsetof(QXV_RTP_Table, TxChannelCount) == offsetof(RtpContext, TxChannelCount));
-static_assert(offsetof(QXV_RTP_Table, RxChannelCount) == offsetof(RtpContext, RxChannelCount));
-static_assert(offsetof(QXV_RTP_Table, Channels) == offsetof(RtpContext, Channels));
+#undef QXV_RTP_AT
 
 #endif

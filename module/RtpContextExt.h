@@ -13,21 +13,21 @@
 #include "ZAQThread.h"
 
 // The runtime row of one channel, 40 bytes. The pointers are owning; null means absent. The start
-// operations fill them, the end operations free them; how the threads that use them are kept apart
-// from that is said in Channel.h.
+// operations fill them, the end operations free them; ChannelObjects.h says why no thread uses an
+// object that is being freed.
 //
 //   field    written by                                       read by
-//   Cancel   load; start (0); cancel, end, transmit thread (1)  send, receive, transmit thread
+//   Cancel   load; start (0); cancel, end, transmit thread (1)  Send, Receive, transmit thread
 //   Running  load; cancel, end (0); start (1, last of all)      housekeeping
-//   Socket   transmit thread or housekeeping; start, end (null) transmit thread or housekeeping, end
+//   Socket   transmit thread or housekeeping, start, end        transmit thread, housekeeping, end
 //   Thread   start, end                                         start, end
-//   Timer    start, end                                         SetBitrate, housekeeping, transmit
-//                                                               thread, intake
-//   Buffer   start, end                                         send, receive, transmit thread, intake
+//   Timer    start, end                            SetBitrate, housekeeping, transmit thread, intake
+//   Buffer   start, end                                  Send, Receive, transmit thread, intake
 //
-// Every store is at least a release and every load at least an acquire, but for a thread's look at a
-// field that only it writes, with one pairing: who sees a field's new value sees all that its writer
-// did before. So who finds Running finds the objects, and who finds an object finds it complete.
+// Every store is at least a release and every load at least an acquire, except where a thread reads
+// a field that only it writes. They all pair in the same way: a thread that sees a field's new value
+// sees everything that the writer did before. So a thread that sees Running set may rely on Timer and
+// Buffer being set, and a thread that finds an object finds it complete.
 struct RtpChannelContextExt {
     std::atomic<uint32_t> Cancel;   // 1 = stop requested, or not started
     std::atomic<uint32_t> Running;  // 1 = started in this process

@@ -35,8 +35,8 @@ uint32_t QXV_RTP_SendStart(void* handle, uint32_t channel, uint32_t bitrate, uin
     found.Row->Thread.store(thread, std::memory_order_release);
     SetRunning(found);
     guard.Complete();
-    // Where the system refuses a thread, the channel is as if its thread had given up at once: nobody
-    // would take what a Send stores, and it would wait for ever.
+    // Where the system refuses a thread, the channel is as if its thread had given up at once:
+    // nobody would take what a Send stores, and it would wait for ever.
     if (thread->ThreadId == 0)
         found.Row->Cancel.store(1, std::memory_order_release);
     return 1;

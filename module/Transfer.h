@@ -6,9 +6,9 @@
 #include "Tick.h"
 
 // `move(ring, done, remaining)` moves what it can, up to `remaining` bytes, from or to the host's
-// bytes at `done`, and returns their number. While that is none, the thread sleeps for 1 ms and tries
-// again. Returns 1 when all bytes were moved, or there are none to move; 0 when the channel is or
-// becomes cancelled, or has no ring.
+// bytes at `done`, and returns their number. While that is none, the thread sleeps for 1 ms and
+// tries again. Returns 1 when all bytes were moved, or there are none to move; 0 when the channel
+// is or becomes cancelled, or has no ring.
 template <typename Move>
 uint32_t TransferAll(const Channel& channel, const void* data, uint32_t length, Move move) {
     if (!channel)

@@ -33,8 +33,8 @@ class Transmitter {
     }
 
   private:
-    // Acquire pairs with the releases of those who cancel, and of the start that takes this thread's
-    // place.
+    // Acquire pairs with the releases in a cancel, and in the start that takes this
+    // thread's place.
     bool MustEnd() const {
         return m_Channel.Row->Cancel.load(std::memory_order_acquire) != 0 ||
                m_Channel.Internals->StopThread.load(std::memory_order_acquire);
