@@ -71,12 +71,12 @@ void LayDownDefaults(RtpContext& context) {
 }
 
 // A file that another process has left is mapped without complaint, and an access may raise SIGBUS
-// later: behind the file's end, or in a hole that a full disk cannot fill. This function makes every
-// page writable now, so that such a file is refused instead.
+// later: behind the file's end, or in a hole that a full disk cannot fill. This function makes
+// every page writable now, so that such a file is refused instead.
 //
-// The file must keep its length. Anyone with write permission (its owner and root, or everybody where
-// the umask was 0) can truncate it while it is mapped, and then the next access raises SIGBUS. Only a
-// signal handler could prevent that, and signal handlers are the host's own affair.
+// The file must keep its length. Anyone with write permission (its owner and root, or everybody
+// where the umask was 0) can truncate it while it is mapped, and then the next access raises
+// SIGBUS. Only a signal handler could prevent that, and signal handlers are the host's own affair.
 bool HoldsTable(const CZAQShareMemory& segment) {
     constexpr size_t kSize = sizeof(RtpContext);
     struct stat status {};
@@ -89,17 +89,17 @@ bool HoldsTable(const CZAQShareMemory& segment) {
            (segment.Owner != 0 || fallocate(segment.File, FALLOC_FL_KEEP_SIZE, 0, kSize) == 0);
 }
 
-// Lets the segment object forget its file and mapping, which stay for the life of the process. So no
-// exit handler and no unload can unmap the table under a thread that still uses it, or remove the
-// file, which other processes may go on reading until the next load replaces it.
+// Lets the segment object forget its file and mapping, which stay for the life of the process. So
+// no exit handler and no unload can unmap the table under a thread that still uses it, or remove
+// the file, which other processes may go on reading until the next load replaces it.
 void ForgetSegment() {
     new (&g_ShareMemory) CZAQShareMemory;
 }
 
 // True when the segment object has the table. Where another process creates the file at the same
 // moment, this one may open it half written. The next attempt removes its name and creates another
-// file, as if this process had been loaded a moment later. A short file that belongs to another user
-// is refused in the end.
+// file, as if this process had been loaded a moment later. A short file that belongs to another
+// user is refused in the end.
 bool OpenTable() {
     constexpr int kAttempts = 10;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {

@@ -273,7 +273,7 @@ typedef struct QXV_RTP_Statistics {
     uint32_t Cancelled;
     /** 12: 1 = the channel's socket is open */
     uint32_t SocketOpen;
-    /** 16: bytes in the buffer: Receive takes so many without waiting; or so many wait to be sent */
+    /** 16: bytes in the buffer: so many Receive takes without waiting, or so many are to be sent */
     uint32_t BufferedBytes;
     /** 20: bytes for which the buffer has room: Send stores so many without waiting */
     uint32_t FreeBytes;
