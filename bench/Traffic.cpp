@@ -1,6 +1,7 @@
 #include "Traffic.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/udp.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
@@ -10,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -27,6 +29,8 @@ constexpr int kBatch = 64;
 constexpr uint32_t kTrain = 16;  // datagrams of one flood burst
 constexpr uint32_t kSlotBytes = 2048;
 constexpr useconds_t kTick_us = 1000;
+
+int g_BoardFile = -1;
 
 // Storage of one recvmmsg() call.
 struct Batch {
@@ -99,9 +103,16 @@ void sharpenSleep() {
 
 }  // namespace
 
+void shareBoard(const char* file) {
+    g_BoardFile = open(file, O_RDWR | O_CLOEXEC);
+    if (g_BoardFile < 0 || ftruncate(g_BoardFile, sizeof(Board)) != 0)
+        throw Failure(std::string(file) + ": " + strerror(errno));
+}
+
 Board& board() {
     static void* const memory =
-        mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE,
+             MAP_SHARED | (g_BoardFile < 0 ? MAP_ANONYMOUS : 0), g_BoardFile, 0);
     if (memory == MAP_FAILED)
         throw Failure(std::string("mmap: ") + strerror(errno));
     static Board& object = *new (memory) Board;
@@ -136,7 +147,9 @@ int listenAt(uint32_t channel, int bufferBytes) {
 
 namespace {
 
-void sendDue(Board& shared, Load load, useconds_t sleep_us) {
+// `wait(start_ns)` is called after each round.
+template <typename Wait>
+void sendDue(Board& shared, Load load, Wait wait) {
     sharpenSleep();
     const std::vector<int> sockets = openAll(load.channels, false);
     uint8_t datagram[kDatagramBytes];
@@ -158,19 +171,28 @@ void sendDue(Board& shared, Load load, useconds_t sleep_us) {
             }
             shared.sent[channel].store(sent, std::memory_order_relaxed);
         }
-        if (sleep_us != 0)
-            usleep(sleep_us);
+        wait(start);
     }
 }
 
 }  // namespace
 
 void sendPaced(Board& shared, Load load) {
-    sendDue(shared, load, kTick_us);
+    sendDue(shared, load, [](int64_t) { usleep(kTick_us); });
 }
 
 void sendSpread(Board& shared, Load load) {
-    sendDue(shared, load, 0);
+    sendDue(shared, load, [](int64_t) {});
+}
+
+void sendOneByOne(Board& shared, Load load) {
+    const double gap_ns = load.period_ns() / load.channels;
+    sendDue(shared, load, [=](int64_t start) {
+        const double next = std::floor(static_cast<double>(now_ns() - start) / gap_ns) + 1;
+        const int64_t due = start + static_cast<int64_t>(next * gap_ns);
+        const timespec time{due / 1'000'000'000, due % 1'000'000'000};
+        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr);
+    });
 }
 
 void sendUnpaced(Board& /*shared*/, Load /*load*/) {

@@ -43,6 +43,8 @@ struct Board {
 
 // The one board, in memory that this process and its children share.
 Board& board();
+// Called before board(), it puts the board into a file, where other processes can map it.
+void shareBoard(const char* file);
 void clearBoard();  // for the next run, when the processes of the one before have ended
 
 uint64_t total(const std::atomic<uint64_t> (&counts)[kStreams]);
@@ -55,6 +57,8 @@ void fillPackets(uint8_t* data, uint32_t packets);
 void sendPaced(Board& shared, Load load);
 // The same without the sleep: every datagram leaves when it is due.
 void sendSpread(Board& shared, Load load);
+// The same, but sleeps until the next datagram is due.
+void sendOneByOne(Board& shared, Load load);
 // One stream over one socket, as fast as send() goes.
 void sendUnpaced(Board& shared, Load load);
 // Keeps to the sum of the rates without sleeping, in short bursts over all sockets: `trains` lets the
