@@ -23,8 +23,7 @@ void RunApart(int children, int seconds, const std::function<void(int)>& body) {
     while (children-- > 0)
         running.push_back(Fork([&body, children] {
             EXPECT_EQ(unshare(CLONE_NEWNS | CLONE_NEWNET), 0);
-            EXPECT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0);
-            EXPECT_EQ(system("ip link set lo up"), 0);
+            EXPECT_EQ(system(PRIVATE_TMP " ip link set lo up"), 0);
             body(children);
             return testing::Test::HasFailure() ? 1 : 0;
         }));
@@ -74,8 +73,8 @@ TEST(Load, AThousandLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
     });
 }
 
-// What lies in the table's place, and what comes of a load by its owner, and by another user, who may
-// not remove it from /tmp.
+// What lies in the table's place, and what comes of a load by its owner, and by another user, who
+// may not remove it from /tmp.
 TEST(Load, WhateverLiesInTheTablesPlaceIsReplacedJoinedOrRefused) {
     enum Outcome { kRefused, kUsable, kWorks };
     static const auto put = [](off_t size, const char* path = kPath) {

@@ -1,8 +1,11 @@
 #!/bin/bash
 # services.sh TOOL UNITS MANUAL: what comes with the tool for systemd, shells and readers of manuals.
 # UNITS is a directory of systemd units, MANUAL a manual page beside those that the tool prints.
-tool=$1
-cd "$(mktemp -d)" && mkdir pages || exit 1
+for program in systemd-analyze mandoc zsh fish; do
+    command -v "$program" >/dev/null || { echo "$program is not installed" && exit 77; }
+done
+cd "$(mktemp -d)" && mkdir pages && ln -s "$1" qxvrtp || exit 1
+tool=$PWD/qxvrtp # without spaces, which a unit would have to quote
 for unit in send receive relay; do
     sed "s|=[^ ]*qxvrtp |=$tool |" "$2/qxvrtp-$unit@.service" >"qxvrtp-$unit@.service"
 done
