@@ -1,39 +1,67 @@
 #!/bin/sh
-# test.sh [CONFIGURATION...]: installs what is missing, builds and runs the tests. Configurations, all
-# of them by default: release (g++), asan (g++, address and undefined behaviour), tsan (clang++,
-# threads), dev (clang++, which only has to build without a warning), and lint (lint.sh instead of a
-# build). Needs root: every test has a network and a /tmp of its own.
+# test.sh [CONFIGURATION...]: installs what is missing, builds, and runs the tests. Without arguments it
+# builds the release with g++ and tests the system itself, which takes a few minutes. Configurations:
+#   release  g++; also tests packages, services, documents, types and other programs as peers
+#   dev      clang++, which only has to build without a warning
+#   lint     format, layers, clang-tidy and cppcheck (lint.sh)
+#   asan     g++, with a check of addresses and undefined behaviour
+#   tsan     clang++, with a check of threads
+#   all      all of these, which is what CI runs
+# Needs root, and the right to make namespaces: every test has a network and a /tmp of its own.
 set -eu
 cd "$(dirname "$0")/.."
-scripts/install.sh cmake ninja-build g++ clang clang-format libclang-rt-dev iproute2 python3 \
-    libcli11-dev libfmt-dev libbitstream-dev nlohmann-json3-dev libgtest-dev \
-    dpkg-dev file pkgconf lintian doxygen libtomlplusplus-dev \
-    systemd mandoc zsh fish
-[ $# -gt 0 ] || set -- release dev lint asan tsan
+[ "$*" != all ] || set -- release dev lint asan tsan
+[ $# -gt 0 ] || set -- system
 
-find module common sockets tools bench tests fuzz examples -name '*.[ch]' -o -name '*.cpp' |
-    xargs clang-format --dry-run --Werror
+build_needs="cmake ninja-build g++ iproute2 libcli11-dev libfmt-dev libbitstream-dev
+    nlohmann-json3-dev libtomlplusplus-dev libgtest-dev"
+
+may_isolate() {
+    scripts/install.sh iproute2
+    scripts/isolate.sh true || {
+        echo "test.sh: each test gets a network and a /tmp of its own, for which it must be root and" \
+            "may make namespaces (unshare --net --mount). In a container that needs its privileged" \
+            "mode. Without it, scripts/demo.sh still works." >&2
+        exit 1
+    }
+}
+
+test_in() { # BUILD [CTEST ARGUMENT...]
+    # The sanitizers' shadow memory does not get on with much address-space randomisation.
+    setarch "$(uname -m)" -R ctest --output-on-failure -j 2 --no-tests=error --test-dir "$@"
+}
 
 for configuration in "$@"; do
     echo "== $configuration"
-    if [ "$configuration" = lint ]; then
-        scripts/lint.sh
-        continue
-    fi
-    build=build
-    [ "$configuration" = release ] || build=build-$configuration
-    if [ "$configuration" = release ]; then
-        scripts/install.sh python3 mypy
-        # The other programs: those that cannot be installed are skipped, by name.
-        for packages in ffmpeg multicat "gstreamer1.0-tools gstreamer1.0-plugins-base \
-            gstreamer1.0-plugins-good gstreamer1.0-plugins-bad" tshark "vlc-bin vlc-plugin-base"; do
-            # shellcheck disable=SC2086 # a list of words
-            scripts/install.sh $packages || echo "cannot be installed: $packages"
-        done
-    fi
-    cmake --preset "$configuration" >/dev/null
+    build=build-$configuration
+    case $configuration in
+        system | release) build=build ;;
+        dev | asan | tsan) ;;
+        lint) scripts/lint.sh && continue || exit 1 ;;
+        *) echo "test.sh: unknown configuration '$configuration'" >&2 && exit 2 ;;
+    esac
+    [ "$configuration" = dev ] || may_isolate
+    # shellcheck disable=SC2086 # lists of words
+    case $configuration in
+        system) scripts/install.sh $build_needs python3 ;;
+        release)
+            scripts/install.sh $build_needs python3 mypy dpkg-dev file pkgconf lintian doxygen systemd \
+                mandoc zsh fish
+            # The other programs: those that cannot be installed are skipped, by name.
+            for packages in ffmpeg multicat "gstreamer1.0-tools gstreamer1.0-plugins-base \
+                gstreamer1.0-plugins-good gstreamer1.0-plugins-bad" tshark "vlc-bin vlc-plugin-base"; do
+                scripts/install.sh $packages || echo "cannot be installed: $packages"
+            done
+            ;;
+        dev | tsan) scripts/install.sh $build_needs clang libclang-rt-dev ;;
+        asan) scripts/install.sh $build_needs ;;
+    esac
+    preset=$configuration
+    [ "$preset" != system ] || preset=release
+    cmake --preset "$preset" >/dev/null
     cmake --build "$build" -- --quiet
-    [ "$configuration" != dev ] || continue
-    # The sanitizers' shadow memory does not get on with much address-space randomisation.
-    setarch "$(uname -m)" -R ctest --test-dir "$build" --output-on-failure -j 2 --no-tests=error
+    case $configuration in
+        system) test_in "$build" --label-exclude extra ;;
+        release | asan | tsan) test_in "$build" ;;
+    esac
 done

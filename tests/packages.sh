@@ -58,6 +58,9 @@ if [ "$1" = inside ]; then
     exit
 fi
 
+for program in dpkg-deb lintian pkg-config; do
+    command -v "$program" >/dev/null || { echo "$program is not installed" && exit 77; }
+done
 sed -n '/^```c$/,/^```$/p' README.md | sed '1d;$d' | diff - examples/host.c
 scripts/package.sh >/dev/null
 lintian --fail-on error --suppress-tags no-copyright-file out/packages/*.deb
