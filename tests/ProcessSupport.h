@@ -15,15 +15,40 @@
 #include <thread>
 #include <utility>
 
+// Patience with whatever makes progress, however slowly, as all does on a busy machine: it is left
+// until the progress, a number that changes, has been the same for so long.
+class Patience {
+  public:
+    explicit Patience(int seconds = 15) : m_Limit(seconds) {}
+    template <typename Progress>
+    bool IsLeft(Progress progress) {
+        const auto now = std::chrono::steady_clock::now();
+        if (const auto number = static_cast<uint64_t>(progress); number != m_Progress) {
+            m_Progress = number;
+            m_Since = now;
+        }
+        return now - m_Since < m_Limit;
+    }
+
+  private:
+    const std::chrono::seconds m_Limit;
+    uint64_t m_Progress = 0;
+    std::chrono::steady_clock::time_point m_Since = std::chrono::steady_clock::now();
+};
+
+// Polls until the condition holds. False when it does not while nothing progresses.
+template <typename Condition, typename Progress>
+bool Await(Condition condition, Progress progress, int seconds) {
+    for (Patience patience(seconds); !condition(); usleep(2000))
+        if (!patience.IsLeft(progress()))
+            return false;
+    return true;
+}
+
 template <typename Condition>
 bool Await(Condition condition, int seconds = 15) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        usleep(2000);
-    }
-    return true;
+    return Await(
+        condition, [] { return 0; }, seconds);
 }
 
 inline std::string Contents(const std::string& path) {

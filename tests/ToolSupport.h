@@ -7,6 +7,7 @@
 #include "ProcessSupport.h"
 
 inline const std::string kSample = SAMPLE_PATH;
+inline const std::string kSampleArg = "'" SAMPLE_PATH "'";  // in a command
 
 // A shell command, running; killed if nobody has waited for it. The tool gets a /tmp, and so a
 // shared table, of its own; redirections are made outside.
@@ -15,8 +16,7 @@ class Process {
     explicit Process(const std::string& command)
         : m_Child(Fork([&] { return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); })) {}
     static Process Tool(const std::string& arguments) {
-        return Process("exec unshare --mount sh -c 'mount -t tmpfs tmpfs /tmp && exec \"$@\"' sh " +
-                       (TOOL_PATH " " + arguments));
+        return Process("exec unshare --mount " PRIVATE_TMP " " TOOL_COMMAND " " + arguments);
     }
     Process(Process&& other) noexcept : m_Child(std::exchange(other.m_Child, 0)) {}
     ~Process() {

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "ProcessSupport.h"
+
 namespace {
 
 using Bytes = std::vector<unsigned char>;
@@ -79,24 +81,38 @@ TEST(Ring, WithoutStorageNothingIsHeldOrTaken) {
 TEST(Ring, AStreamPassesBetweenTwoThreadsInOrder) {
     constexpr uint32_t kStream = 1 << 20;
     CZAQSimpleBuffer ring(251);
-    std::atomic<int> patience{50000000};  // none left: something is lost or wrong
+    std::atomic<bool> stop = false;
+    // Both threads meet in the ring while they spin. One that spins for longer waits for the other
+    // to get a processor, which on a busy machine it does sooner when this one sleeps.
+    const auto transfer = [&](auto call) {
+        Patience patience;
+        for (int tries = 1; !call(); ++tries) {
+            if (stop)
+                return false;
+            if (tries % 256 == 0) {
+                usleep(20);
+                if (!patience.IsLeft(0))
+                    stop = true;
+            }
+        }
+        return true;
+    };
     std::jthread writer([&] {
-        for (uint32_t done = 0; done < kStream && patience > 0;) {
+        for (uint32_t done = 0; done < kStream;) {
             Bytes bytes(std::min(1 + done % 250, kStream - done));
             for (unsigned char& byte : bytes)
                 byte = static_cast<unsigned char>(done++ % 253);
-            while (!ring.Write(bytes.data(), static_cast<uint32_t>(bytes.size())) && --patience > 0)
-                std::this_thread::yield();
+            const auto size = static_cast<uint32_t>(bytes.size());
+            if (!transfer([&] { return ring.Write(bytes.data(), size); }))
+                return;
         }
     });
     uint32_t done = 0;
-    for (unsigned char byte = 0; done < kStream && patience > 0;) {
-        if (ring.Read(&byte, 1) == 0 && --patience > 0)
-            std::this_thread::yield();
-        else if (byte != done++ % 253)
-            patience = 0;
-    }
-    EXPECT_GT(patience, 0) << "after byte " << done;
+    for (unsigned char byte = 0; done < kStream; ++done)
+        if (!transfer([&] { return ring.Read(&byte, 1); }) || byte != done % 253)
+            break;
+    stop = true;
+    EXPECT_EQ(done, kStream);
 }
 
 }  // namespace

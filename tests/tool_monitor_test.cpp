@@ -48,8 +48,10 @@ TEST(ToolAnalyzer, FindsProgrammesClocksAndErrorsAndSurvivesDamage) {
     std::string sdt = "\0\1\1\0\0\0\1\xFF\0\5\0\0\x11\x48\x0F\1\6\xC8u\xA4\x1B?\xC8\6\1\xBF\x86"s;
     sdt += "\x1B[!";  // ISO/IEC 6937 and 8859-5
     std::string stream = pat + Packets("\1\0"s, "\2", pmt) + Packets("\0\x11"s, "\x42", sdt);
-    for (int i = 0; i < 10; ++i)
-        stream += "\x47\x01\x02"s + static_cast<char>(0x10 + i + i / 5) + std::string(184, 'a');
+    for (int i = 0; i < 10; ++i) {
+        stream += "\x47\x01\x02"s + static_cast<char>(0x10 + i + i / 5);
+        stream.append(184, 'a');
+    }
     const StreamReport made = Analyze(stream);
     ASSERT_EQ(made.pids.size(), 4u);
     EXPECT_EQ(made.programmes.at(0).service->provider, "ü€?\uFFFD");
@@ -89,7 +91,7 @@ std::string Tool(const std::string& command) {
 }
 
 TEST(ToolMonitor, ShowsARunningSenderAndItsStreamAndLeavesTheTableAlone) {
-    const std::string table = "/tmp/__QXV_RTP_SHARE_MEMORY__", tool = TOOL_PATH " ";
+    const std::string table = "/tmp/__QXV_RTP_SHARE_MEMORY__", tool = TOOL_COMMAND " ";
     const char* const url = "rtp://127.0.0.1:7040";
     const pid_t sender =
         Fork([&] { return execl(TOOL_PATH, "qxvrtp", "send", "-l", SAMPLE_PATH, url, nullptr); });
@@ -104,8 +106,8 @@ TEST(ToolMonitor, ShowsARunningSenderAndItsStreamAndLeavesTheTableAlone) {
     EXPECT_NE(Tool(tool + "status -p").find("port=\"7040\"} 800000\n"), std::string::npos);
     EXPECT_EQ(Tool(tool + "top -n 2 -i 0.1").find('\033'), std::string::npos);
     EXPECT_EQ(Tool("stat -c '%i %Y %Z' " + table), file);
-    const json probe = json::parse(Tool("unshare -m sh -c 'mount -t tmpfs t /tmp; exec " + tool +
-                                        "probe rtp://@127.0.0.1:7040 -d 1.5 --json'"));
+    const json probe = json::parse(Tool("unshare --mount " PRIVATE_TMP " " + tool +
+                                        "probe rtp://@127.0.0.1:7040 -d 1.5 --json"));
     EXPECT_EQ(probe["programmes"][0]["name"], "Service01") << probe;
     kill(sender, SIGINT);
     EXPECT_EQ(Reap(sender), 0);

@@ -47,7 +47,8 @@ TEST(Tool, ReceiveRotatesFilesAtPacketsAndCountsAndEndsWhenIdle) {
     const std::string url = "udp://127.0.0.1:7100";
     Process idle = Process::Tool("receive udp://127.0.0.1:7104 /dev/null -i 0.3 2> /dev/null");
     // The files lie outside the mount namespace of Process::Tool.
-    Process receiver(TOOL_PATH " receive " + url + " /tmp/part.ts rtp://127.0.0.1:7102 /no/file " +
+    Process receiver(TOOL_COMMAND " receive " + url +
+                     " /tmp/part.ts rtp://127.0.0.1:7102 /no/file " +
                      "--rotate-size 100k -i 2 --statistics 2> /tmp/statistics");
     ASSERT_TRUE(
         Await([] { return Contents("/proc/net/udp").find(":1BBC ") != std::string::npos; }));
@@ -77,7 +78,8 @@ TEST(Tool, RelaySendsToAllThroughPausesAndChangesOfModeAndPacketSize) {
         parity += all.substr(at, 188) + std::string(16, '\1');
     std::ofstream("/tmp/parity") << parity;
     all += all;
-    // The first of the longer packets is taken for one of the old size, null packets fill its datagram.
+    // The first of the longer packets is taken for one of the old size, null packets fill its
+    // datagram.
     const size_t length = all.size() + 1316 + 269 * 1428;
     const std::string to[] = {"udp://127.0.0.1:7112", "rtp://[::1]:7114", "rtp://239.1.1.1:7116"};
     std::vector<Process> receivers;
@@ -91,7 +93,8 @@ TEST(Tool, RelaySendsToAllThroughPausesAndChangesOfModeAndPacketSize) {
     ASSERT_TRUE(
         Await([] { return Contents("/proc/net/udp").find(":1BC6 ") != std::string::npos; }));
     size_t sent = 0;
-    for (const std::string& input : {kSample + " udp", kSample + " rtp", std::string("- rtp")}) {
+    for (const std::string& input :
+         {kSampleArg + " udp", kSampleArg + " rtp", std::string("- rtp")}) {
         EXPECT_EQ(Process::Tool("send " + input + "://127.0.0.1:7110 < /tmp/parity").Wait(), 0);
         sent += all.size() / 2;
         for (const char* file : {"/tmp/7112", "/tmp/7114", "/tmp/7116"})
@@ -118,7 +121,7 @@ TEST(Tool, RelayTakesAGroupFromOneInterfaceToAnother) {
     Process receiver = Process::Tool("receive " + to + "- -n 354004 > /tmp/group");
     for (const char* joined : {"ip maddr show lo", "ip maddr show v0"})
         EXPECT_TRUE(Await([&] { return Output(joined).find("239.1.1.9") != std::string::npos; }));
-    EXPECT_EQ(Process::Tool("send " + kSample + ' ' + from).Wait(), 0);
+    EXPECT_EQ(Process::Tool("send " + kSampleArg + ' ' + from).Wait(), 0);
     EXPECT_EQ(receiver.Wait(), 0);
     EXPECT_TRUE(Contents("/tmp/group") == Contents(kSample));
     EXPECT_EQ(relay.End(SIGTERM) + Process("ip link del v0").Wait(), 0);
@@ -128,12 +131,12 @@ TEST(Tool, ReceiveKeepsAFileWhenThePortIsInUseAndTellsOfAFullDisk) {
     Process(
         "mkdir /tmp/full && mount -t tmpfs -o size=64k tmpfs /tmp/full && printf kept > /tmp/kept")
         .Wait();
-    const std::string receive = TOOL_PATH " receive udp://127.0.0.1:7120 ";
+    const std::string receive = TOOL_COMMAND " receive udp://127.0.0.1:7120 ";
     Process full(receive + "/tmp/full/it udp://:7122 /tmp/./full/it --statistics 2> /tmp/figures");
     EXPECT_TRUE(
         Await([] { return Contents("/proc/net/udp").find(":1BD0 ") != std::string::npos; }));
     EXPECT_EQ(Process(receive + "/tmp/kept 2> /dev/null").Wait(), 1);
-    EXPECT_EQ(Process::Tool("send " + kSample + " udp://127.0.0.1:7120 -b 20M").Wait(), 0);
+    EXPECT_EQ(Process::Tool("send " + kSampleArg + " udp://127.0.0.1:7120 -b 20M").Wait(), 0);
     EXPECT_EQ(full.Wait(), 1);
     EXPECT_EQ(Contents("/tmp/kept"), "kept");
     const std::regex told("is the file that[^]*\"seconds\":[0-9].*\"error\":\"cannot write");

@@ -81,7 +81,8 @@ TEST(Tool, SendKeepsToStartAndDurationInTheStreamsTimeAndThroughALoop) {
     const std::string sample = Contents(kSample);
     const auto sent = [](const std::string& options) {
         Process receiver = Receive("udp://:7008", 7008);
-        EXPECT_EQ(Process::Tool("send " + kSample + " udp://127.0.0.1:7008 " + options).Wait(), 0);
+        EXPECT_EQ(Process::Tool("send " + kSampleArg + " udp://127.0.0.1:7008 " + options).Wait(),
+                  0);
         EXPECT_EQ(receiver.End(SIGINT), 0);
         const std::string all = Contents("/tmp/7008");
         return all.substr(0, all.find("\x47\x1F\xFF\x10\xFF\xFF") / 188 * 188);
@@ -99,7 +100,7 @@ TEST(Tool, SendKeepsToStartAndDurationInTheStreamsTimeAndThroughALoop) {
 TEST(Tool, SendWaitsForTheWriterOfAFifoAndForASignal) {
     EXPECT_EQ(mkfifo("/tmp/silent", 0600), 0);
     Process receiver = Receive("udp://:7009", 7009, "-n 1316");
-    Process sender("exec " TOOL_PATH " send /tmp/silent udp://127.0.0.1:7010 " + kSample +
+    Process sender("exec " TOOL_COMMAND " send /tmp/silent udp://127.0.0.1:7010 " + kSampleArg +
                    " udp://127.0.0.1:7009 2> /tmp/said");
     EXPECT_EQ(receiver.Wait(), 0);
     EXPECT_EQ(sender.End(SIGTERM), 1);
@@ -108,7 +109,7 @@ TEST(Tool, SendWaitsForTheWriterOfAFifoAndForASignal) {
 }
 
 TEST(Tool, DemoShowsSixteenChannelsThatDeliver) {
-    const std::string shown = Output(TOOL_PATH " demo -d 2 " + kSample);
+    const std::string shown = Output(TOOL_COMMAND " demo -d 2 " + kSampleArg);
     size_t delivering = 0;
     for (size_t at = 0; (at = shown.find("  ok\n", at)) != std::string::npos; ++at)
         ++delivering;
@@ -120,16 +121,18 @@ TEST(Tool, WrongUsageIsTwoAndFailureOneWithOneLineThatSaysWhy) {
     const std::vector<std::string> cases[] = {
         {},
         {"send /nonexistent " + url, "send /dev/null " + url, "send /bin/sh " + url,
-         "send --start 99 " + kSample + ' ' + url, "send " + kSample + " udp://192.0.2.1:7030",
-         "receive udp://192.0.2.1:7030 -", "receive " + url + " /nonexistent/file",
-         "receive " + url + " - -d 0.2", "receive " + url + " /dev/null --rotate-size 1M"},
-        {"", "frobnicate", "send", "send --nonsense " + kSample + ' ' + url,
-         "send - " + url + " - udp://127.0.0.1:7031", "send " + kSample + ' ' + url + " x",
-         "send " + kSample + ' ' + url + " - " + url, "send - " + url + " --loop",
-         "send " + kSample + " http://127.0.0.1:7030", "send " + kSample + " udp://localhost:7030",
-         "send " + kSample + " udp://127.0.0.1:65536", "send " + kSample + ' ' + url + " -b 5x",
-         "send " + kSample + ' ' + url + " -b 0", "receive " + url + "?ttl=256 -",
-         "receive " + url + " - -d -1", "demo --duration 0",
+         "send --start 99 " + kSampleArg + ' ' + url,
+         "send " + kSampleArg + " udp://192.0.2.1:7030", "receive udp://192.0.2.1:7030 -",
+         "receive " + url + " /nonexistent/file", "receive " + url + " - -d 0.2",
+         "receive " + url + " /dev/null --rotate-size 1M"},
+        {"", "frobnicate", "send", "send --nonsense " + kSampleArg + ' ' + url,
+         "send - " + url + " - udp://127.0.0.1:7031", "send " + kSampleArg + ' ' + url + " x",
+         "send " + kSampleArg + ' ' + url + " - " + url, "send - " + url + " --loop",
+         "send " + kSampleArg + " http://127.0.0.1:7030",
+         "send " + kSampleArg + " udp://localhost:7030",
+         "send " + kSampleArg + " udp://127.0.0.1:65536",
+         "send " + kSampleArg + ' ' + url + " -b 5x", "send " + kSampleArg + ' ' + url + " -b 0",
+         "receive " + url + "?ttl=256 -", "receive " + url + " - -d -1", "demo --duration 0",
          // the rules of configuration files
          "send a udp://[::1]:1 b rtp://[0::1]:1", "receive " + url + " /tmp/x%",
          "receive " + url + " a udp://:7030 b", "relay " + url + " udp://[::1]:1 rtp://[0::1]:1",
