@@ -16,8 +16,8 @@ struct Failure : std::runtime_error {
 };
 
 // What is measured does not share a processor with what makes or takes its traffic: the traffic has
-// the first processor, the measured side all others. With a single one they share it. Where there is
-// no traffic beside it, the measured side has all.
+// the first processor, the measured side all others. With a single one they share it. Where there
+// is no traffic beside it, the measured side has all.
 enum class Place { Traffic, Measured, Anywhere };
 
 // Moves the calling thread, and what it starts from then on.

@@ -17,8 +17,9 @@ void moduleReceiveSlowly(Board& shared, Load load);
 // Sends on the channels; one host thread feeds all of them, every 40 ms.
 void moduleSend(Board& shared, Load load);
 
-// Sends on one channel that is far behind its schedule: the host has left it without data for seconds
-// and then feeds it as fast as it takes. A bitrate alone does not do, as 32 bits of it are reached.
+// Sends on one channel that is far behind its schedule: the host has left it without data for
+// seconds and then feeds it as fast as it takes. A bitrate alone does not do, as 32 bits of it are
+// reached.
 void moduleSendUnpaced(Board& shared, Load load);
 
 // Starts channels and leaves them alone.

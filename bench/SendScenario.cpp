@@ -138,7 +138,8 @@ Values measureSending(const Contender& sender, Load load, double seconds,
     return values;
 }
 
-// Into a socket that another process empties as fast as it can. What it cannot take is counted, too.
+// Into a socket that another process empties as fast as it can. What it cannot take is counted,
+// too.
 Values measureUnpaced(const Contender& sender, double seconds) {
     constexpr double kWarmUp_s = 0.3;
     constexpr double kPatience_s = 15.0;

@@ -61,9 +61,9 @@ void sendSpread(Board& shared, Load load);
 void sendOneByOne(Board& shared, Load load);
 // One stream over one socket, as fast as send() goes.
 void sendUnpaced(Board& shared, Load load);
-// Keeps to the sum of the rates without sleeping, in short bursts over all sockets: `trains` lets the
-// kernel cut datagrams out of longer buffers, else each is handed over on its own. Ends when it is
-// asked to stop.
+// Keeps to the sum of the rates without sleeping, in short bursts over all sockets: `trains` lets
+// the kernel cut datagrams out of longer buffers, else each is handed over on its own. Ends when it
+// is asked to stop.
 void sendFlood(Board& shared, Load load, bool trains);
 
 // One loop over all sockets: waits with epoll, and takes batches from those that are readable.

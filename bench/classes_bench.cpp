@@ -118,8 +118,8 @@ void pauseProcessor() {
 }
 
 // A thread that finds the queue full or empty leaves it alone for about a microsecond, and does not
-// take the other's cache line away from it all the time; the module's threads wait for longer. After
-// many such waits the other thread may need this processor.
+// take the other's cache line away from it all the time; the module's threads wait for longer.
+// After many such waits the other thread may need this processor.
 template <typename Attempt>
 void untilDone(const Attempt& attempt) {
     for (int tries = 1; !attempt(); ++tries) {

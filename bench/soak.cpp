@@ -1,5 +1,5 @@
-// qxvrtp-soak SECONDS: all 16 send and 16 receive channels at 8 Mbit/s each on loopback, and whether
-// anything is lost, drifts or grows. Needs the network for itself: scripts/soak.sh.
+// qxvrtp-soak SECONDS: all 16 send and 16 receive channels at 8 Mbit/s each on loopback, and
+// whether anything is lost, drifts or grows. Needs the network for itself: scripts/soak.sh.
 #include <time.h>
 #include <unistd.h>
 
@@ -89,8 +89,9 @@ class Stream {
                                          std::to_string(received_ - 1));
         }
     }
-    // By how much the stream gets ahead of the clock from the first third to the last. What the machine
-    // does with a datagram delays it, and never the opposite: so the least delayed one of each counts.
+    // By how much the stream gets ahead of the clock from the first third to the last. What the
+    // machine does with a datagram delays it, and never the opposite: so the least delayed one of
+    // each counts.
     double gain_s() const { return lead_s_[2] - lead_s_[0]; }
     uint64_t received() const { return received_; }
 

@@ -1,6 +1,6 @@
 /*
- * host GROUP PORT BITRATE < STREAM: sends a transport stream to an IPv4 multicast group under RTP, paced
- * to BITRATE bits per second.
+ * host GROUP PORT BITRATE < STREAM: sends a transport stream to an IPv4 multicast group under RTP,
+ * paced to BITRATE bits per second.
  *
  * cc host.c $(pkg-config --cflags --libs qxv_rtp) -o host
  */

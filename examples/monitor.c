@@ -1,6 +1,6 @@
 /*
- * monitor [SECONDS]: prints, every second, the channels that are in use in the process that loaded the
- * module last. It needs the shared table only, not the library.
+ * monitor [SECONDS]: prints, every second, the channels that are in use in the process that loaded
+ * the module last. It needs the shared table only, not the library.
  *
  * cc monitor.c $(pkg-config --cflags qxv_rtp) -o monitor
  */

@@ -1,6 +1,6 @@
 /*
- * plugin [LIBRARY]: loads the module while it runs, as a host does that can do without it, and prints
- * what it offers and how its send channels are configured.
+ * plugin [LIBRARY]: loads the module while it runs, as a host does that can do without it, and
+ * prints what it offers and how its send channels are configured.
  *
  * cc plugin.c $(pkg-config --cflags qxv_rtp) -ldl -o plugin
  */

@@ -1,6 +1,6 @@
 /*
- * receive ADDRESS PORT > STREAM: receives a transport stream, raw or under RTP, from a multicast group
- * or on an address of this machine, until it is interrupted.
+ * receive ADDRESS PORT > STREAM: receives a transport stream, raw or under RTP, from a multicast
+ * group or on an address of this machine, until it is interrupted.
  *
  * cc receive.c $(pkg-config --cflags --libs qxv_rtp) -o receive
  */

@@ -1,7 +1,7 @@
 /*
- * relay FROM PORT TO PORT BITRATE: takes a stream of 188-byte packets, raw or under RTP, from one IPv4
- * multicast group and sends it to another one under RTP, paced to BITRATE bits per second. relay.cpp
- * does the same in C++.
+ * relay FROM PORT TO PORT BITRATE: takes a stream of 188-byte packets, raw or under RTP, from one
+ * IPv4 multicast group and sends it to another one under RTP, paced to BITRATE bits per second.
+ * relay.cpp does the same in C++.
  *
  * cc relay.c $(pkg-config --cflags --libs qxv_rtp) -o relay
  */

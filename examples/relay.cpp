@@ -1,6 +1,6 @@
 // relay FROM PORT TO PORT BITRATE: takes a stream of 188-byte packets, raw or under RTP, from one
-// multicast group and sends it on under RTP to another address, paced to BITRATE bits per second. As
-// relay.c, but handle and channels are objects, which end in any case.
+// multicast group and sends it on under RTP to another address, paced to BITRATE bits per second.
+// As relay.c, but handle and channels are objects, which end in any case.
 //
 // c++ -std=c++17 relay.cpp $(pkg-config --cflags --libs qxv_rtp) -o relay
 #include <QXV_RTP.h>

@@ -1,5 +1,5 @@
-// What the fuzz targets have in common. A target is compiled with libFuzzer's main, or with Replay.cpp,
-// which runs it once for each file of its corpus.
+// What the fuzz targets have in common. A target is compiled with libFuzzer's main, or with
+// Replay.cpp, which runs it once for each file of its corpus.
 #ifndef FUZZ_FUZZ_H
 #define FUZZ_FUZZ_H
 

@@ -1,7 +1,7 @@
 // Datagrams of any content and length on a receive channel, beside a model of what becomes of them.
 //
-// Input: the mode and the count to begin with, then datagrams: one byte, in which bit 0 asks the host
-// to read all first, two bytes of length, and up to 80 bytes of contents; the rest is made up.
+// Input: the mode and the count to begin with, then datagrams: one byte, in which bit 0 asks the
+// host to read all first, two bytes of length, and up to 80 bytes of contents; the rest is made up.
 #include <unistd.h>
 
 #include "FakeSockets.h"

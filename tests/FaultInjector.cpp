@@ -30,7 +30,8 @@ constexpr long kThrow = 1;  // in place of a result
     X(getsockname, -1, ENOBUFS, 0)     X(recv, -1, ENOMEM, 0) \
     X(epoll_create1, -1, EMFILE, 0)    X(epoll_ctl, -1, ENOSPC, 0)   X(epoll_wait, -1, EINTR, 0) \
     X(eventfd, -1, EMFILE, 0)          X(getrusage, -1, EINVAL, 0)   X(_Znwm, kThrow, 0, 1) \
-    X(_Znam, kThrow, 0, 1) X(_ZnwmSt11align_val_t, kThrow, 0, 1) X(_ZnwmRKSt9nothrow_t, 0, ENOMEM, 1)
+    X(_Znam, kThrow, 0, 1)             X(_ZnwmSt11align_val_t, kThrow, 0, 1) \
+    X(_ZnwmRKSt9nothrow_t, 0, ENOMEM, 1)
 // What gives back: operator delete in its forms, and others.
 #define RELEASING(X) \
     X(_ZdlPv, 0, 0, -1)                X(_ZdlPvm, 0, 0, -1)          X(_ZdaPv, 0, 0, -1) \

@@ -11,8 +11,9 @@ namespace {
 
 constexpr uint32_t kUsed = 2;  // channels
 
-// One call, of any kind, as a host might make it at any time. Channel 0 is started and ended all the
-// time, channel 1 seldom, so that it carries traffic: a receive socket comes with the next second.
+// One call, of any kind, as a host might make it at any time. Channel 0 is started and ended all
+// the time, channel 1 seldom, so that it carries traffic: a receive socket comes with the next
+// second.
 void CallAnything(const ModuleLibrary& module, std::minstd_rand& random) {
     constexpr uint32_t kBitrates[] = {0, 1000000, 50000000, 200000000};
     void* const handle = module.Handle;

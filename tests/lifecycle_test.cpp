@@ -284,8 +284,8 @@ TEST_F(LifecycleTest, AConfigurationStoredMeanwhileIsNotLost) {
     }
 }
 
-// The schedule follows the wall clock. A step forward makes due what lies between, a step back everything,
-// until the bitrate is set anew. The measured bitrate is wrong once.
+// The schedule follows the wall clock. A step forward makes due what lies between, a step back
+// everything, until the bitrate is set anew. The measured bitrate is wrong once.
 TEST_F(LifecycleTest, AStepOfTheClockLastsUntilTheBitrateIsSet) {
     constexpr int64_t kDay_ms = 86400000, kNow_ms = 1700000000000, kWrap_ms = kNow_ms >> 32 << 32;
     constexpr uint32_t kBlock = 7 * 188, kHundred_bps = kBlock * 8 * 100;

@@ -1,4 +1,5 @@
-// A library that waits for a thread's work while it is being loaded, and again while it is unloaded.
+// A library that waits for a thread's work while it is being loaded, and again while it is
+// unloaded.
 #include <dlfcn.h>
 
 #include <thread>

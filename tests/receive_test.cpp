@@ -96,7 +96,8 @@ TEST(Receive, EverySocketGetsItsOwnDatagramsOnly) {
     EXPECT_TRUE(Await([&] { return Footprint() == before; }));
 }
 
-// Of all kinds: on a named interface, with a zone, on all of them, of the system's choice by a route.
+// Of all kinds: on a named interface, with a zone, on all of them, of the system's choice by a
+// route.
 TEST(Receive, GroupsAreJoinedAgainWhenTheirInterfaceWasMadeAnew) {
     const auto before = Footprint();
     auto interfaces = std::make_unique<Interfaces>();

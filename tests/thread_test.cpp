@@ -64,8 +64,8 @@ TEST(VirtualTables, KeepTheOrderOfTheBinaryInterface) {
         16CZAQSimpleBuffer D1Ev D0Ev 12GetTotalSizeEv 13GetBufferSizeEv 11ResetSampleEv
         10InitializeEj 7CleanupEv 5ResetEv 11GetDataSizeEv 11GetFreeSizeEv 13GetSampleSizeEv
         5WriteEPhj 4ReadEPhj 6SampleEPhj   13CZAQTickValue D1Ev D0Ev 12GetTickValueEv
-        15CZAQStreamTimer D1Ev D0Ev 12GetBlockSizeEv 10GetBitrateEv 16GetBitrateActualEv 9GetBlocksEv
-        24IncreaseBlocksTransferedEv 24IncreaseBlocksTransferedEj 12TxInitializeEjj
+        15CZAQStreamTimer D1Ev D0Ev 12GetBlockSizeEv 10GetBitrateEv 16GetBitrateActualEv
+        9GetBlocksEv 24IncreaseBlocksTransferedEv 24IncreaseBlocksTransferedEj 12TxInitializeEjj
         12TxInitializeEjjjj 12RxInitializeEj 11GetTxBlocksEv 16CalculateBitrateEv
         20GetDelayMicroSecondsEv 15GetRTPTimeStampEv 13FillRTPHeaderEPh
         16ExtractRTPHeaderEPhPjS1_S1_S1_S1_S1_S1_S1_ 17ExtractRTCPHeaderEPhPjS1_S1_S1_S1_

@@ -12,8 +12,8 @@ inline constexpr auto kExitCodes = "Exit code: 0 done, 1 failed, 2 wrong usage."
 // How stream URLs are written, and the exit codes; stands at the end of a command's help.
 std::string urlHelp();
 
-// The number in `text`, with k, M or G where wanted. Throws UsageError, which names the option, when
-// it is none or out of range.
+// The number in `text`, with k, M or G where wanted. Throws UsageError, which names the option,
+// when it is none or out of range.
 uint64_t quantity(const std::string& option, const std::string& text, uint64_t smallest,
                   uint64_t largest);
 

@@ -5,8 +5,8 @@ namespace CLI {
 class App;
 }
 
-// Adds the command that prints a shell's completion script for all commands there are. Hidden: it is
-// for those who build and package the tool, and for shells that load completions from a command.
+// Adds the command that prints a shell's completion script for all commands there are. Hidden: it
+// is for those who build and package the tool, and for shells that load completions from a command.
 void addCompletionCommand(CLI::App& app);
 
 #endif

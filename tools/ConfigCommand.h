@@ -7,8 +7,8 @@ namespace CLI {
 class App;
 }
 
-// Adds --config FILE to a command, in place of all arguments and options that it has, but for the one
-// named `beside`. `file` stays empty where the option is not given.
+// Adds --config FILE to a command, in place of all arguments and options that it has, but for the
+// one named `beside`. `file` stays empty where the option is not given.
 void addConfigOption(CLI::App& command, std::string& file, const std::string& beside = "");
 
 // Adds the command to the command line.

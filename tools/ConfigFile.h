@@ -1,4 +1,5 @@
-// Configuration files (TOML) of the send, receive and relay services; qxvrtp.toml(5) describes them.
+// Configuration files (TOML) of the send, receive and relay services; qxvrtp.toml(5) describes
+// them.
 #ifndef TOOLS_CONFIGFILE_H
 #define TOOLS_CONFIGFILE_H
 

@@ -60,8 +60,8 @@ bool collide(const StreamUrl& a, const StreamUrl& b) {
     return x == y || isAny(x) || isAny(y);
 }
 
-// Does what is sent to `to` come in from `from`? Between two interfaces that are both named, a group
-// may well keep its address.
+// Does what is sent to `to` come in from `from`? Between two interfaces that are both named, a
+// group may well keep its address.
 bool feeds(const StreamUrl& to, const StreamUrl& from) {
     if (!samePort(to, from))
         return false;

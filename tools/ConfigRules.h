@@ -1,5 +1,5 @@
-// What the entries of a configuration file, or the arguments of a command, must not be to each other,
-// and the list of complaints.
+// What the entries of a configuration file, or the arguments of a command, must not be to each
+// other, and the list of complaints.
 #ifndef TOOLS_CONFIGRULES_H
 #define TOOLS_CONFIGRULES_H
 

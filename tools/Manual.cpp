@@ -54,8 +54,8 @@ std::string word(const std::string& text) {
     return "\\&" + replaced(replaced(escaped(text), "\"", "\\(dq"), "-", "\\-");
 }
 
-// The text that stands below a command's options, told apart by how it is written: an indented line is
-// an example of what to type, "Examples:" and "Exit code:" begin sections of their own.
+// The text that stands below a command's options, told apart by how it is written: an indented line
+// is an example of what to type, "Examples:" and "Exit code:" begin sections of their own.
 struct Prose {
     std::string description;
     std::string examples;

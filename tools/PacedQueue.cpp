@@ -126,8 +126,8 @@ void PacedQueue::timeOverdue(double now) {
         observation_ = {next_, packets_.back().arrival};
 }
 
-// Steers the offset by what the packet that came last will have to wait. After a hold-up many come at
-// once, and only the last of them tells how things stand.
+// Steers the offset by what the packet that came last will have to wait. After a hold-up many come
+// at once, and only the last of them tells how things stand.
 void PacedQueue::steer() {
     const auto [streamTime, now] = *observation_;
     observation_.reset();

@@ -13,17 +13,17 @@
 
 #include "TransportStream.h"
 
-// Each packet is due at its time by the stream's PCRs plus an offset: within an interval between two
-// PCRs, packets are spread evenly. A stream that has no PCRs (any more) flows at the rate at which it
-// arrives, or at the rate that was given.
+// Each packet is due at its time by the stream's PCRs plus an offset: within an interval between
+// two PCRs, packets are spread evenly. A stream that has no PCRs (any more) flows at the rate at
+// which it arrives, or at the rate that was given.
 //
 // The stream's clock is not this machine's. The offset is therefore steered, so that the mean delay
-// between arrival and departure stays at kDelay: by a thirtieth of the deviation per second, at most
-// kSteering. A source that is 100 ppm fast or slow shifts the delay by 3 ms, and no such source drains
-// the queue or fills it, however long it runs; the limit is reached only after a hold-up of most of a
-// second. What steering cannot mend in time (the source has paused, its PCRs jump, it sends faster
-// than its PCRs) begins a new offset, which brings the delay back to kDelay at once; no packet is put
-// off by more than kMostDelay.
+// between arrival and departure stays at kDelay: by a thirtieth of the deviation per second, at
+// most kSteering. A source that is 100 ppm fast or slow shifts the delay by 3 ms, and no such
+// source drains the queue or fills it, however long it runs; the limit is reached only after a
+// hold-up of most of a second. What steering cannot mend in time (the source has paused, its PCRs
+// jump, it sends faster than its PCRs) begins a new offset, which brings the delay back to kDelay
+// at once; no packet is put off by more than kMostDelay.
 //
 // Times are seconds since any fixed moment, and never go backwards. One thread uses it.
 class PacedQueue {
@@ -45,7 +45,8 @@ class PacedQueue {
     // empty: nothing is left.
     std::span<const uint8_t> takeRest();
 
-    // The rate at which the packets flow, in bits per second, all bytes of them; none: not known yet.
+    // The rate at which the packets flow, in bits per second, all bytes of them; none: not known
+    // yet.
     std::optional<uint32_t> bitrate() const;
 
     // The mean time between arrival and departure of late, and how often a new offset began.

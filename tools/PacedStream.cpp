@@ -78,8 +78,8 @@ void PacedStream::measure(StopSignal& stop) {
         raise();
 }
 
-// By the second: the buffer absorbs shorter peaks, and a channel that was fed less than its rate makes
-// up for it later. Of a pipe, little has been seen.
+// By the second: the buffer absorbs shorter peaks, and a channel that was fed less than its rate
+// makes up for it later. Of a pipe, little has been seen.
 uint32_t PacedStream::raise() {
     double most_bps = bitrate_bps_;
     auto begin = points_.begin();
@@ -135,8 +135,8 @@ void PacedStream::readAhead(size_t limit, std::chrono::milliseconds wait) {
         ahead_.erase(ahead_.begin(), ahead_.begin() + static_cast<std::ptrdiff_t>(begin_));
         begin_ = 0;
     }
-    // A rate that is about to rise or fall is to be known before the channel is handed too much; but
-    // reading much at a time would let the channel run dry.
+    // A rate that is about to rise or fall is to be known before the channel is handed too much;
+    // but reading much at a time would let the channel run dry.
     if (steady_)
         limit = std::max(limit, std::min(kMeasureBytes, available() + 1));
     while (!inputEnded() &&

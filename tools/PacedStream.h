@@ -16,9 +16,9 @@
 #include "StopSignal.h"
 #include "TransportStream.h"
 
-// The packets from the job's start on, for its duration. Without a bitrate given, they are read ahead:
-// a second or more, to know the rate to begin with, and all the time, to know the pace of what is
-// handed out. What a channel sends whose rate must not change is read ahead by more.
+// The packets from the job's start on, for its duration. Without a bitrate given, they are read
+// ahead: a second or more, to know the rate to begin with, and all the time, to know the pace of
+// what is handed out. What a channel sends whose rate must not change is read ahead by more.
 class PacedStream {
   public:
     // Opens the input; throws as PacketSource does.
@@ -29,7 +29,8 @@ class PacedStream {
     void open(StopSignal& stop);
 
     const PacketSource& source() const { return source_; }
-    // To begin with: the stream's rate or, where it varies and the channel keeps its rate, a ceiling.
+    // To begin with: the stream's rate or, where it varies and the channel keeps its rate, a
+    // ceiling.
     uint32_t bitrate() const { return bitrate_bps_; }
 
     // What has been read so far does not have the rate that was measured to begin with. Told only
@@ -48,7 +49,8 @@ class PacedStream {
     // The one in which the byte lies; none where that is not known (yet).
     std::optional<Stretch> stretch(uint64_t byte);
 
-    // A higher ceiling, which lets pass what is read ahead behind the last stretch that was asked for.
+    // A higher ceiling, which lets pass what is read ahead behind the last stretch that was asked
+    // for.
     uint32_t raise();
 
   private:

@@ -13,9 +13,9 @@
 #include "StopSignal.h"
 #include "TransportStream.h"
 
-// Yields whole packets only, all of the size of the first. Bytes that are no packets are skipped: in
-// front of the first one, in between, where the packets are then found again, and a part of one at
-// the end.
+// Yields whole packets only, all of the size of the first. Bytes that are no packets are skipped:
+// in front of the first one, in between, where the packets are then found again, and a part of one
+// at the end.
 class PacketSource {
   public:
     // Opens the file ("-": standard input). Throws Failure, or UsageError where a stream that

@@ -7,8 +7,9 @@
 #include <string>
 #include <vector>
 
-// Writes to standard error if that is a terminal, and but for warnings nothing otherwise: no line of
-// progress, and no summary, ends up in a log file. Control characters within a line become blanks.
+// Writes to standard error if that is a terminal, and but for warnings nothing otherwise: no line
+// of progress, and no summary, ends up in a log file. Control characters within a line become
+// blanks.
 class Progress {
   public:
     Progress();

@@ -35,7 +35,8 @@ class RateFollower {
 
     // The rate in bits per second that the channel should go on with, told once: the first that is
     // known, and then a new one each time when what was added takes 40 ms more or less than at the
-    // one told before. A stream of constant rate stays well within that, whatever noise its PCRs have.
+    // one told before. A stream of constant rate stays well within that, whatever noise its PCRs
+    // have.
     std::optional<uint32_t> change();
 
   private:

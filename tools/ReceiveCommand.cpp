@@ -39,8 +39,8 @@ double seconds(Clock::duration time) {
     return std::chrono::duration<double>(time).count();
 }
 
-// One channel. A thread of its own runs it, so that a disk or a reader that is slow holds up no other
-// channel; the figures for the line of progress are read by another one meanwhile.
+// One channel. A thread of its own runs it, so that a disk or a reader that is slow holds up no
+// other channel; the figures for the line of progress are read by another one meanwhile.
 class Receiving {
   public:
     Receiving(const ReceiveJob& job, const StreamUrl& url, HostModule& module, uint32_t channel,
@@ -59,7 +59,7 @@ class Receiving {
             while (!isOver()) {
                 if (record() == 0)
                     std::this_thread::sleep_for(kPollInterval);
-                datagrams_ = channel_.datagrams();
+                count();
             }
             if (!isComplete())
                 recordRest();
@@ -133,7 +133,14 @@ class Receiving {
                 return;
             rest -= std::min(taken, rest);
         }
-        datagrams_ = channel_.datagrams();
+        count();
+    }
+
+    // The channel counts anew where datagrams of another size come.
+    void count() {
+        const uint64_t now = channel_.datagrams();
+        datagrams_ += now >= counted_ ? now - counted_ : now;
+        counted_ = now;
     }
 
     void conclude() const {
@@ -156,6 +163,7 @@ class Receiving {
     Clock::time_point firstData_;
     Clock::time_point lastData_;
     uint64_t datagrams_ = 0;
+    uint64_t counted_ = 0;
     std::atomic<uint64_t> recorded_{0};  // written by the channel's thread
     std::atomic<uint64_t> errors_{0};    // ... and this
 };

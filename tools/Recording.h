@@ -25,13 +25,14 @@ struct Rotation {
     explicit operator bool() const { return bytes || time; }
 };
 
-// The name of a file is a pattern of strftime for the local time at which the file is begun. Without
-// rotation, a file that is there is overwritten when the first bytes come. With it, none ever is:
-// where the pattern has no '%', and where there already is a file of the name, a number is put in
-// front of the suffix ("name-0001.ts"), the next that is free.
+// The name of a file is a pattern of strftime for the local time at which the file is begun.
+// Without rotation, a file that is there is overwritten when the first bytes come. With it, none
+// ever is: where the pattern has no '%', and where there already is a file of the name, a number is
+// put in front of the suffix ("name-0001.ts"), the next that is free.
 //
-// A new file begins with a packet, so that each can be played: the one before is up to a packet longer
-// than asked for. Bytes that are no packets wait for the next packet, up to a megabyte of them.
+// A new file begins with a packet, so that each can be played: the one before is up to a packet
+// longer than asked for. Bytes that are no packets wait for the next packet, up to a megabyte of
+// them.
 //
 // One thread uses it.
 class Recording {
@@ -39,7 +40,8 @@ class Recording {
     // Opens the first file; waits for the reader of a FIFO. Throws Failure.
     Recording(std::string output, const Rotation& rotation);
 
-    // False when the reader of a pipe does not go on reading after a signal has come. Throws Failure.
+    // False when the reader of a pipe does not go on reading after a signal has come. Throws
+    // Failure.
     bool write(std::span<const uint8_t> data, StreamMeter& meter, const StopFlag& stop);
 
     // In the end. Throws Failure when not all that was written has arrived.

@@ -120,7 +120,8 @@ class Relay {
             throw ReceiveChannel::noSocket(route_.from);
     }
 
-    // Whole packets only: a channel under RTP cancels itself where one does not begin where it should.
+    // Whole packets only: a channel under RTP cancels itself where one does not begin where it
+    // should.
     void takeInput(Clock::time_point now, double seconds) {
         const size_t taken = channel_.receive(chunk_);
         if (taken == 0)
@@ -201,8 +202,8 @@ class Relay {
     bool everOpen_ = false;
 };
 
-// One thread for all relays: nothing in a tick waits. Thread safety: relays that have failed are ended
-// by other threads, which nothing else is shared with but the module.
+// One thread for all relays: nothing in a tick waits. Thread safety: relays that have failed are
+// ended by other threads, which nothing else is shared with but the module.
 class Relays {
   public:
     Relays(HostModule& module, const std::vector<Route>& routes)
@@ -259,8 +260,8 @@ class Relays {
         }
     }
 
-    // Channels whose sockets do not open take up to a second to end, for which the other relays do not
-    // wait.
+    // Channels whose sockets do not open take up to a second to end, for which the other relays do
+    // not wait.
     void end(std::unique_ptr<Relay> relay) {
         ending_.push_back(std::async(std::launch::async,
                                      [relay = std::move(relay)]() mutable { relay.reset(); }));

@@ -123,8 +123,8 @@ void RelayOutput::watchSocket(Clock::time_point now) {
 }
 
 // What has stayed in the buffer for all of the time cannot go: the stream has become faster, or the
-// clock by which channels send was set back. A new rate mends both. A channel that has cancelled itself
-// has to be started again.
+// clock by which channels send was set back. A new rate mends both. A channel that has cancelled
+// itself has to be started again.
 void RelayOutput::watchBacklog() {
     if (channel_->isCancelled()) {
         progress_.warn(fmt::format("the channel to {} has stopped; starting it again", url_.text));

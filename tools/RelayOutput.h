@@ -12,9 +12,9 @@
 #include "Progress.h"
 #include "StreamUrl.h"
 
-// The channel's own rate is only a ceiling, a little above the stream's: the channel sends what it is
-// handed within a millisecond or two, and the pace is that of the feeding. Steering the pace by the
-// channel's rate would begin its schedule anew each time, and with it, under RTP, the sequence
+// The channel's own rate is only a ceiling, a little above the stream's: the channel sends what it
+// is handed within a millisecond or two, and the pace is that of the feeding. Steering the pace by
+// the channel's rate would begin its schedule anew each time, and with it, under RTP, the sequence
 // numbers, which costs receivers that put datagrams in order all they take for late. So the ceiling
 // changes only where the stream has another rate, or where it turns out to be too low.
 //
@@ -35,15 +35,15 @@ class RelayOutput {
     // Takes one datagram of whole packets, or drops it.
     void hand(std::span<const uint8_t> datagram);
 
-    // Ends the channel and starts it again, which finds out the size of the packets anew. Datagrams are
-    // dropped while a channel ends whose socket could not be opened: that takes up to a second.
+    // Ends the channel and starts it again, which finds out the size of the packets anew. Datagrams
+    // are dropped while a channel ends whose socket could not be opened: that takes up to a second.
     void restart();
 
     // Stops sending, for good.
     void cancel();
 
-    // To be called every few milliseconds. Throws Failure when no socket could be opened to begin with;
-    // later on, a socket that is lost is only reported.
+    // To be called every few milliseconds. Throws Failure when no socket could be opened to begin
+    // with; later on, a socket that is lost is only reported.
     void attend(Clock::time_point now);
 
     bool drained() const;

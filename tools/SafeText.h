@@ -1,6 +1,6 @@
 // Texts made fit to be shown: those that come from a stream or from another process's memory hold
-// control characters, which a terminal would obey, and bytes that are no UTF-8; and a line may be too
-// long.
+// control characters, which a terminal would obey, and bytes that are no UTF-8; and a line may be
+// too long.
 #ifndef TOOLS_SAFETEXT_H
 #define TOOLS_SAFETEXT_H
 

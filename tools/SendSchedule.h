@@ -8,9 +8,10 @@
 
 #include "PacedStream.h"
 
-// A change of the bitrate works on what leaves from that moment on. So it is asked for when the first
-// byte of a stretch is about to leave, not when it is handed to the channel, and aims at the time at
-// which the stretch has to be over. Whatever an earlier change lost is made up for in that way.
+// A change of the bitrate works on what leaves from that moment on. So it is asked for when the
+// first byte of a stretch is about to leave, not when it is handed to the channel, and aims at the
+// time at which the stretch has to be over. Whatever an earlier change lost is made up for in that
+// way.
 class SendSchedule {
   public:
     using Clock = std::chrono::steady_clock;
@@ -23,8 +24,8 @@ class SendSchedule {
     std::optional<uint32_t> change(uint64_t sent, const PacedStream::Stretch& stretch,
                                    Clock::time_point now);
 
-    // For a channel that is fed at the stream's pace: how late the byte is at this moment, below 0 if
-    // early. The first that is asked about is in time, and so is the first after restart().
+    // For a channel that is fed at the stream's pace: how late the byte is at this moment, below 0
+    // if early. The first that is asked about is in time, and so is the first after restart().
     std::chrono::duration<double> lateness(uint64_t byte, const PacedStream::Stretch& stretch,
                                            Clock::time_point now);
     void restart() { origin_.reset(); }

@@ -11,8 +11,8 @@
 
 enum class ChannelMode { kRaw, kRtp, kUnknown };
 
-// One record. The file is other people's: addresses have been made one word of ASCII, and a record's
-// place alone decides which channel it is.
+// One record. The file is other people's: addresses have been made one word of ASCII, and a
+// record's place alone decides which channel it is.
 struct ChannelState {
     bool send = false;
     uint32_t number = 0;
@@ -37,8 +37,8 @@ struct ChannelTable {
     std::vector<ChannelState> channels;
 };
 
-// Copies and interprets the table; changes nothing, not even the file's access time where the system
-// allows that. Throws Failure when there is none.
+// Copies and interprets the table; changes nothing, not even the file's access time where the
+// system allows that. Throws Failure when there is none.
 ChannelTable readTable(const std::string& path);
 
 // A process that has a table of that path in its memory.

@@ -15,8 +15,8 @@ struct TerminalSize {
     bool operator==(const TerminalSize&) const = default;
 };
 
-// Uses the alternate screen of standard output, and puts everything back in the end. Signals must not
-// kill the process in between (StopSignal); the keys that suspend or kill are off.
+// Uses the alternate screen of standard output, and puts everything back in the end. Signals must
+// not kill the process in between (StopSignal); the keys that suspend or kill are off.
 class Terminal {
   public:
     Terminal();

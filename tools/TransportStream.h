@@ -54,7 +54,8 @@ std::optional<Pcr> readPcr(const uint8_t* packet);
 // a PCR that wraps is none.
 std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next);
 
-// Goes from PCR to PCR. Of several PIDs with PCRs the one is followed that is, until it falls silent.
+// Goes from PCR to PCR. Of several PIDs with PCRs the one is followed that is, until it falls
+// silent.
 class PcrIntervals {
   public:
     explicit PcrIntervals(size_t packetSize) : packetSize_(packetSize) {}
