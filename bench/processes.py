@@ -146,19 +146,26 @@ def wait_for_sockets(receiver: Group) -> None:
     raise RuntimeError("not all sockets were opened")
 
 
+def idle_s() -> float:
+    """How long all processors have been idle, together."""
+    ticks = Path("/proc/stat").read_text().split()[4]
+    return int(ticks) / os.sysconf("SC_CLK_TCK")
+
+
 def usage_during(group: Group, seconds: float) -> Values:
     """What the group takes in so many seconds."""
     group.check()
     group.check_library()
-    before = time.monotonic(), group.cpu_ns(), group.switches()
+    before = time.monotonic(), group.cpu_ns(), group.switches(), idle_s()
     time.sleep(seconds)
-    after = time.monotonic(), group.cpu_ns(), group.switches()
+    after = time.monotonic(), group.cpu_ns(), group.switches(), idle_s()
     group.check()
     elapsed = after[0] - before[0]
     return {
         "cpu us": (after[1] - before[1]) / 1000,
         "% of a core": (after[1] - before[1]) / elapsed / 1e7,
         "switches/s": (after[2] - before[2]) / elapsed,
+        "% idle": (after[3] - before[3]) / elapsed / (os.cpu_count() or 1) * 100,
         "seconds": elapsed,
     }
 
