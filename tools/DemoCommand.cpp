@@ -28,6 +28,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
+constexpr uint32_t kChannels = QXV_RTP_CHANNELS;
 constexpr auto kPollInterval = 2ms;
 constexpr auto kSampleInterval = 250ms;
 constexpr auto kSocketPatience = 10s;

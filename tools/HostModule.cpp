@@ -7,9 +7,7 @@
 #include <string>
 #include <thread>
 
-// Calls of virtual functions of the module's classes need no symbol of the module, but the check of
-// the dynamic type that sanitizers add does.
-#define TOOLS_NO_TYPE_CHECK __attribute__((no_sanitize("vptr")))
+#include "QXV_RTP_table.h"
 
 HostModule::Library::Library() : library_(dlopen(QXV_MODULE_FILE, RTLD_NOW | RTLD_LOCAL)) {
     if (library_ == nullptr)
@@ -31,29 +29,22 @@ void* HostModule::Library::symbol(const char* name) const {
     reinterpret_cast<decltype(&QXV_RTP_##name)>(library_.symbol("QXV_RTP_" #name))
 
 HostModule::HostModule()
-    : functions_{TOOLS_RESOLVE(Create),     TOOLS_RESOLVE(Destroy),   TOOLS_RESOLVE(SetConfig),
-                 TOOLS_RESOLVE(SendStart),  TOOLS_RESOLVE(Send),      TOOLS_RESOLVE(SetBitrate),
-                 TOOLS_RESOLVE(SendCancel), TOOLS_RESOLVE(SendEnd),   TOOLS_RESOLVE(ReceiveStart),
-                 TOOLS_RESOLVE(Receive),    TOOLS_RESOLVE(ReceiveEnd)},
-      rows_(static_cast<RtpChannelContextExt (*)[kDirections][kChannels]>(
-          library_.symbol("g_ContextExt"))),
+    : functions_{TOOLS_RESOLVE(Create),        TOOLS_RESOLVE(Destroy),
+                 TOOLS_RESOLVE(GetConfig),     TOOLS_RESOLVE(SetConfig),
+                 TOOLS_RESOLVE(GetStatistics), TOOLS_RESOLVE(GetBitrate),
+                 TOOLS_RESOLVE(SendStart),     TOOLS_RESOLVE(Send),
+                 TOOLS_RESOLVE(SetBitrate),    TOOLS_RESOLVE(SendCancel),
+                 TOOLS_RESOLVE(SendEnd),       TOOLS_RESOLVE(ReceiveStart),
+                 TOOLS_RESOLVE(Receive),       TOOLS_RESOLVE(ReceiveEnd)},
       handle_(functions_.Create(0)) {
     if (handle_ == nullptr)
-        throw Failure(fmt::format("the module could not set up its table {}", kSharedMemoryPath));
+        throw Failure(fmt::format("the module could not set up its table {}", QXV_RTP_TABLE_PATH));
 }
 
 #undef TOOLS_RESOLVE
 
 HostModule::~HostModule() {
     functions_.Destroy(handle_);
-}
-
-const RtpChannelContext& HostModule::record(uint32_t direction, uint32_t channel) const {
-    return static_cast<const RtpContext*>(handle_)->Channels[direction][channel];
-}
-
-const RtpChannelContextExt& HostModule::row(uint32_t direction, uint32_t channel) const {
-    return rows_[0][direction][channel];
 }
 
 HostChannel::HostChannel(HostModule& module, uint32_t direction, uint32_t channel,
@@ -68,39 +59,22 @@ HostChannel::HostChannel(HostModule& module, uint32_t direction, uint32_t channe
                         local, remote));
 }
 
-bool HostChannel::socketIsOpen() const {
-    return module_.record(direction_, channel_).Reopen == 0;
-}
-
-bool HostChannel::isCancelled() const {
-    return module_.row(direction_, channel_).Cancel != 0;
-}
-
-uint32_t HostChannel::measuredBitrate() const {
-    return module_.record(direction_, channel_).BitrateActual;
-}
-
 bool HostChannel::isRtp() const {
-    // The intake of a receive channel may be changing the byte at this moment.
-    const volatile uint8_t& rtp = module_.record(direction_, channel_).Config.Rtp;
-    return rtp == 1;
+    RtpChannelConfig config{};
+    module_.call().GetConfig(module_.handle(), direction_, channel_, &config);
+    return config.Rtp == 1;
 }
 
-TOOLS_NO_TYPE_CHECK uint32_t HostChannel::bufferedBytes() const {
-    return module_.row(direction_, channel_).Buffer.load()->GetDataSize();
-}
-
-TOOLS_NO_TYPE_CHECK uint32_t HostChannel::freeBytes() const {
-    return module_.row(direction_, channel_).Buffer.load()->GetFreeSize();
-}
-
-TOOLS_NO_TYPE_CHECK uint64_t HostChannel::datagrams() const {
-    return module_.row(direction_, channel_).Timer.load()->GetBlocks();
+QXV_RTP_Statistics HostChannel::statistics() const {
+    QXV_RTP_Statistics result{};
+    result.Size = sizeof(result);
+    module_.call().GetStatistics(module_.handle(), direction_, channel_, &result);
+    return result;
 }
 
 SendChannel::SendChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config,
                          uint32_t bitrate_bps)
-    : HostChannel(module, kSend, channel, config) {
+    : HostChannel(module, QXV_RTP_SEND, channel, config) {
     if (module_.call().SendStart(module_.handle(), channel_, bitrate_bps, ringUnits(bitrate_bps)) ==
         0)
         throw Failure(fmt::format("send channel {} could not be started", channel_));
@@ -131,13 +105,19 @@ void SendChannel::cancel() {
 }
 
 ReceiveChannel::ReceiveChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config)
-    : HostChannel(module, kReceive, channel, config) {
+    : HostChannel(module, QXV_RTP_RECEIVE, channel, config) {
     if (module_.call().ReceiveStart(module_.handle(), channel_) == 0)
         throw Failure(fmt::format("receive channel {} could not be started", channel_));
 }
 
 ReceiveChannel::~ReceiveChannel() {
     module_.call().ReceiveEnd(module_.handle(), channel_);
+}
+
+uint32_t ReceiveChannel::measuredBitrate() const {
+    uint32_t bitrate_bps = 0;
+    module_.call().GetBitrate(module_.handle(), channel_, &bitrate_bps);
+    return bitrate_bps;
 }
 
 size_t ReceiveChannel::receive(std::span<uint8_t> space) {

@@ -9,14 +9,13 @@
 
 #include "Errors.h"
 #include "QXV_RTP.h"
-#include "RtpContextExt.h"
 #include "StreamUrl.h"
 
 // The tool does not link with the module: loading it replaces the shared table of this machine's
 // other users, which neither a help text nor a usage error may do. While the object lives, the
 // module is loaded and the process holds a handle.
 //
-// Thread safety: as the module's own functions; the tables are read from any thread.
+// Thread safety: as the module's own functions.
 class HostModule {
   public:
     HostModule();  // throws Failure
@@ -26,17 +25,13 @@ class HostModule {
 
     void* handle() const { return handle_; }
 
-    // The channel's record in the shared table.
-    const RtpChannelContext& record(uint32_t direction, uint32_t channel) const;
-
-    // The channel's runtime row. Its objects exist only from the channel's start to its end, which
-    // are up to the caller.
-    const RtpChannelContextExt& row(uint32_t direction, uint32_t channel) const;
-
     struct Functions {
         decltype(&QXV_RTP_Create) Create;
         decltype(&QXV_RTP_Destroy) Destroy;
+        decltype(&QXV_RTP_GetConfig) GetConfig;
         decltype(&QXV_RTP_SetConfig) SetConfig;
+        decltype(&QXV_RTP_GetStatistics) GetStatistics;
+        decltype(&QXV_RTP_GetBitrate) GetBitrate;
         decltype(&QXV_RTP_SendStart) SendStart;
         decltype(&QXV_RTP_Send) Send;
         decltype(&QXV_RTP_SetBitrate) SetBitrate;
@@ -63,26 +58,24 @@ class HostModule {
 
     Library library_;
     Functions functions_;
-    RtpChannelContextExt (*rows_)[kDirections][kChannels];
     void* handle_;
 };
 
-// What send and receive channels have in common: a configuration, a socket that may or may not be
-// open, and a ring buffer to look into.
+// What send and receive channels have in common: a configuration, and how they stand.
 class HostChannel {
   public:
     HostChannel(const HostChannel&) = delete;
     HostChannel& operator=(const HostChannel&) = delete;
 
     uint32_t number() const { return channel_; }
-    bool socketIsOpen() const;
-    bool isCancelled() const;
-    uint32_t measuredBitrate() const;  // bits per second, refreshed once a second
-    bool isRtp() const;                // as configured (send) or detected (receive)
-    uint32_t bufferedBytes() const;
-    uint32_t freeBytes() const;
-    // Sent successfully since the start or the last change of the bitrate, or received.
-    uint64_t datagrams() const;
+    bool isRtp() const;  // as configured (send) or detected (receive)
+    QXV_RTP_Statistics statistics() const;
+    bool socketIsOpen() const { return statistics().SocketOpen != 0; }
+    bool isCancelled() const { return statistics().Cancelled != 0; }
+    uint32_t bufferedBytes() const { return statistics().BufferedBytes; }
+    uint32_t freeBytes() const { return statistics().FreeBytes; }
+    // Sent successfully, or received and stored, since the start.
+    uint64_t datagrams() const { return statistics().Datagrams; }
 
   protected:
     // Stores the configuration; throws Failure when the module refuses it.
@@ -107,9 +100,9 @@ class SendChannel : public HostChannel {
 
     bool send(std::span<const uint8_t> data);  // blocks while the data does not fit
 
-    // The schedule begins anew at this moment, for what the buffer holds, too. So do the count of
-    // datagrams and, under RTP, the sequence numbers and timestamps, at 0: receivers that put
-    // datagrams in order may drop what follows as late.
+    // The schedule begins anew at this moment, for what the buffer holds, too. So do, under RTP, the
+    // sequence numbers and timestamps, at 0: receivers that put datagrams in order may drop what
+    // follows as late.
     void setBitrate(uint32_t bitrate_bps);
 
     // Stops sending. While no socket can be opened, a channel takes up to a second to end from then
@@ -122,6 +115,8 @@ class ReceiveChannel : public HostChannel {
   public:
     ReceiveChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config);
     ~ReceiveChannel();
+
+    uint32_t measuredBitrate() const;  // bits per second, refreshed once a second
 
     // Takes what is there, as far as it fits, without waiting; returns the number of bytes.
     size_t receive(std::span<uint8_t> space);

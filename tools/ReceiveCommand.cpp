@@ -59,7 +59,7 @@ class Receiving {
             while (!isOver()) {
                 if (record() == 0)
                     std::this_thread::sleep_for(kPollInterval);
-                count();
+                datagrams_ = channel_.datagrams();
             }
             if (!isComplete())
                 recordRest();
@@ -133,14 +133,7 @@ class Receiving {
                 return;
             rest -= std::min(taken, rest);
         }
-        count();
-    }
-
-    // The channel counts anew where datagrams of another size come.
-    void count() {
-        const uint64_t now = channel_.datagrams();
-        datagrams_ += now >= counted_ ? now - counted_ : now;
-        counted_ = now;
+        datagrams_ = channel_.datagrams();
     }
 
     void conclude() const {
@@ -163,7 +156,6 @@ class Receiving {
     Clock::time_point firstData_;
     Clock::time_point lastData_;
     uint64_t datagrams_ = 0;
-    uint64_t counted_ = 0;
     std::atomic<uint64_t> recorded_{0};  // written by the channel's thread
     std::atomic<uint64_t> errors_{0};    // ... and this
 };

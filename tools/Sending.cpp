@@ -20,6 +20,7 @@ constexpr auto kPollInterval = 2ms;
 constexpr auto kSourceWait = 20ms;
 constexpr auto kFeedInterval = 1ms;
 constexpr auto kReportInterval = 250ms;
+constexpr auto kMeasurement = 1s;   // of the bitrate
 constexpr auto kLastDatagram = 1s;  // for it to be counted
 // With an empty buffer, the input is late, and the pace begins anew; with data in it for as long,
 // the channel needs a higher rate.
@@ -51,7 +52,7 @@ uint64_t Sending::takenBytes() const {
 }
 
 uint64_t Sending::sentDatagrams() const {
-    return std::min(handed_ / payload_, sentBefore_ + channel_.datagrams());
+    return channel_.datagrams();
 }
 
 std::string Sending::summary() const {
@@ -212,12 +213,7 @@ void Sending::followStream() {
 }
 
 void Sending::changeBitrate(uint32_t bitrate_bps) {
-    // The count begins anew. A datagram that is on its way at this moment may be counted on either
-    // side; it must not look like one that could not be sent.
-    const uint64_t takenDatagrams = takenBytes() / payload_;
-    const uint64_t sent = sentDatagrams();
     channel_.setBitrate(bitrate_bps);
-    sentBefore_ = takenDatagrams <= sent + 1 ? std::max(sent, takenDatagrams) : sent;
     ++changes_;
 }
 
@@ -225,8 +221,21 @@ void Sending::reportProgress() {
     if (Clock::now() < reportDue_)
         return;
     reportDue_ = Clock::now() + kReportInterval;
+    measureRate();
     report_(fmt::format("{}  {}  asked {}  measured {}", formatTime(elapsed()),
                         formatBytes(sentDatagrams() * payload_),
                         pace_ ? "its own pace" : formatBitrate(schedule_.bitrate()),
-                        formatBitrate(channel_.measuredBitrate())));
+                        formatBitrate(measured_bps_)));
+}
+
+void Sending::measureRate() {
+    const auto now = Clock::now();
+    const std::chrono::duration<double> time = now - measuredAt_;
+    if (time < kMeasurement)
+        return;
+    const uint64_t bytes = sentDatagrams() * payload_;
+    measured_bps_ =
+        static_cast<uint32_t>(static_cast<double>(bytes - measuredBytes_) * 8.0 / time.count());
+    measuredBytes_ = bytes;
+    measuredAt_ = now;
 }

@@ -44,6 +44,7 @@ class Sending {
     size_t due(size_t chunk);
     void changeBitrate(uint32_t bitrate_bps);
     void reportProgress();
+    void measureRate();
 
     void hand(std::span<const uint8_t> data);
     uint64_t takenBytes() const;  // by the channel, from its buffer
@@ -63,7 +64,6 @@ class Sending {
     Clock::time_point looked_;
     Clock::time_point keptUp_;
     uint64_t handed_ = 0;
-    uint64_t sentBefore_ = 0;  // datagrams, before the bitrate was changed last
     uint64_t changes_ = 0;
     const Clock::time_point started_ = Clock::now();
     Clock::time_point reportDue_ = started_;
@@ -71,6 +71,9 @@ class Sending {
     Clock::time_point sentTime_ = started_;
     uint64_t sentSeen_ = 0;
     uint64_t takenThen_ = 0;
+    Clock::time_point measuredAt_ = started_;
+    uint64_t measuredBytes_ = 0;
+    uint32_t measured_bps_ = 0;
 };
 
 #endif
