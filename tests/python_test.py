@@ -1,5 +1,5 @@
 # The Python package, against the real module: python_test.py SAMPLE
-import os, pathlib, signal, sys, unittest
+import os, pathlib, signal, sys, time, unittest
 from qxv_rtp import *
 
 SAMPLE = pathlib.Path(sys.argv.pop(1)).read_bytes()
@@ -24,9 +24,51 @@ class PythonTest(unittest.TestCase):
                 self.assertEqual(source.read(len(data), 5), data)
                 self.assertEqual(source.read(fill, 5)[:4], b"\x47\x1f\xff\x10"[:fill])
                 self.assertEqual(source.read_some(1, 0.1), b"")
+                size = len(data) + fill
+                for statistics in channel.statistics(), source.statistics():
+                    self.assertEqual((statistics.payload_bytes, statistics.buffered_bytes), (size, 0))
+                    self.assertEqual(statistics.datagrams, size // (7 * (204 if data is parity else 188)))
+                self.assertEqual((channel.statistics().started, statistics.started, statistics.cancelled), (False, True, False))
                 source.cancel()
                 self.assertEqual(list(source), [])
             self.assertEqual(Table.read().started(), [])
+
+    def test_drops_and_changes_of_the_mode_are_counted(self):
+        data = SAMPLE[: 7 * 188] * 4000
+        with Module() as module, module.receive(0, "udp://127.0.0.1:5008") as source:
+            with module.send(0, "udp://127.0.0.1:5008", 200_000_000) as channel:
+                channel.write(data)
+            end = time.monotonic() + 5
+            while source.statistics().datagrams + source.statistics().datagrams_dropped < 4000 and time.monotonic() < end:
+                time.sleep(0.01)
+            after = source.statistics()
+            self.assertGreater(after.datagrams_dropped, 0)
+            self.assertEqual(after.datagrams + after.datagrams_dropped, channel.statistics().datagrams)
+            self.assertEqual((after.mode_changes, after.sockets_opened, source.config.rtp), (1, 1, False))
+            self.assertEqual(source.read(source.available), data[: after.payload_bytes])
+            self.assertGreater(source.statistics().free_bytes, after.free_bytes + after.buffered_bytes - 1)
+
+    def test_the_next_owner_of_a_number_is_left_alone_by_a_closed_object(self):
+        with Module() as module:
+            with module.send(0, "udp://127.0.0.1:5009", 1_000_000) as old:
+                pass
+            with module.send(0, "udp://127.0.0.1:5010", 1_000_000) as new:
+                new.write(SAMPLE[: 188 * 70])
+                old.cancel()
+                self.assertRaises(ChannelCancelled, old.configure, Config("127.0.0.1", 5011))
+                self.assertEqual((new.cancelled, new.config.port, old.statistics().started), (False, 5010, False))
+        self.assertRaises(ChannelError, module.send, 0, "udp://127.0.0.1:5009", 1_000_000)
+        self.assertEqual(Table.read().started(), [])
+
+    def test_a_signal_handler_may_close(self):
+        for _ in range(20):
+            module = Module()
+            channel = module.send(0, "udp://127.0.0.1:5012", 1_000_000_000)
+            signal.signal(signal.SIGALRM, lambda *_: module.close())
+            signal.setitimer(signal.ITIMER_REAL, 0.005)
+            with self.assertRaises(ChannelCancelled):
+                while True:
+                    channel.write(SAMPLE[: 7 * 188])
 
     def test_a_signal_breaks_a_wait_and_ends_the_channels(self):
         signal.signal(signal.SIGALRM, signal.default_int_handler)
@@ -36,10 +78,24 @@ class PythonTest(unittest.TestCase):
                 channel.write(SAMPLE) if hasattr(channel, "write") else channel.read(1)
             self.assertTrue(channel.closed)
 
+    def test_a_source_and_a_mark_reach_the_module_in_the_remote_address(self):
+        for url, make, remote in (("rtp://232.1.1.1:5?source=192.0.2.9&dscp=46", Config.for_receiving, b"192.0.2.9@232.1.1.1"),
+                                  ("rtp://[ff3e::1]:5?source=[2001:db8::9]", Config.for_receiving, b"2001:db8::9@ff3e::1"),
+                                  ("udp://192.0.2.1:5?dscp=46", Config.for_sending, b"192.0.2.1?dscp=46"),
+                                  ("udp://239.1.1.1:5?dscp=0", Config.for_sending, b"239.1.1.1")):
+            config = make(url)
+            self.assertEqual(config.pack()[256:512].rstrip(b"\0"), remote)
+            shown = Config.unpack(config.pack())
+            self.assertEqual((shown.remote, shown.source, shown.dscp), (config.remote, config.source, config.dscp))
+
     def test_what_cannot_work_says_so(self):
-        for url in ("http://127.0.0.1:1", "udp://localhost:1", "udp://127.0.0.1", "udp://:70000", "udp://[::1]:1?localaddr=127.0.0.1", "rtp://239.1.1.1:1?ttl=256", "udp://:1?x=1"):
+        for url in ("http://127.0.0.1:1", "udp://localhost:1", "udp://127.0.0.1", "udp://:70000", "udp://[::1]:1?localaddr=127.0.0.1", "rtp://239.1.1.1:1?ttl=256", "udp://:1?x=1",
+                    "udp://127.0.0.1:1?source=127.0.0.2", "udp://239.1.1.1:1?source=239.1.1.2", "udp://239.1.1.1:1?source=::1", "udp://239.1.1.1:1?source=0.0.0.0",
+                    "udp://127.0.0.2@239.1.1.1:1", "udp://239.1.1.1:1?dscp=64", "udp://239.1.1.1:1?dscp=af41"):
             self.assertRaises(ConfigError, Config.for_receiving, url)
-        with Module() as module, module.receive(0, "udp://:5005"):
+        with Module() as module, module.receive(0, "udp://:5005") as source:
+            self.assertRaises(ValueError, source.read, -1)
+            self.assertRaises(ValueError, source.read_some, 0)
             for number, url in ((0, "udp://:5006"), (16, "udp://:5006"), (1, "udp://192.0.2.1:5006"), (1, "udp://[fe80::1%none]:5006")):
                 self.assertRaises(ChannelError, module.receive, number, url, open_timeout=1.5)
             with self.assertRaises(ChannelCancelled), module.send(0, "udp://127.0.0.1:5007", 10_000_000) as channel:

@@ -14,6 +14,7 @@ os.fork() nothing of this may be used.
 from .channels import Module, ReceiveChannel, SendChannel
 from .config import Config, ConfigError
 from .errors import ChannelCancelled, ChannelError, Error, LibraryError, TableError
+from .statistics import Statistics
 from .table import CHANNELS, PATH, RECEIVE, SEND, Record, Table
 
 __all__ = [
@@ -31,6 +32,7 @@ __all__ = [
     "ReceiveChannel",
     "Record",
     "SendChannel",
+    "Statistics",
     "Table",
     "TableError",
 ]

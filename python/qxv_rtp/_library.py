@@ -1,4 +1,4 @@
-"""The module as a library: found, loaded once, and its functions and runtime rows."""
+"""The module as a library: found, loaded once, and its functions."""
 
 from __future__ import annotations
 
@@ -8,13 +8,18 @@ import os
 import threading
 from typing import Any
 
+from .config import SIZE as CONFIG_SIZE
+from .config import Config
 from .errors import LibraryError
-from .table import CHANNELS
+from .statistics import REQUEST, Statistics
 
 _NAMES = ("libQXV_RTP.so.0", "libQXV_RTP.so")  # as installed, and as built for development
 _u32 = ctypes.c_uint32
 _ARGUMENTS: dict[str, list[Any]] = {
+    "GetConfig": [_u32, _u32, ctypes.c_char_p],
     "SetConfig": [_u32, _u32, ctypes.c_char_p],
+    "GetStatistics": [_u32, _u32, ctypes.c_char_p],
+    "GetBitrate": [_u32, ctypes.c_void_p],
     "SendStart": [_u32, _u32, _u32],
     "Send": [_u32, ctypes.c_char_p, _u32],
     "SendEnd": [_u32],
@@ -25,32 +30,6 @@ _ARGUMENTS: dict[str, list[Any]] = {
     "ReceiveEnd": [_u32],
     "ReceiveCancel": [_u32],
 }
-
-
-class Row(ctypes.Structure):
-    """A channel's runtime row; it belongs to the process that started the channel."""
-
-    _fields_ = [
-        ("cancel", _u32),
-        ("running", _u32),
-        ("socket", ctypes.c_void_p),
-        ("thread", ctypes.c_void_p),
-        ("timer", ctypes.c_void_p),
-        ("buffer", ctypes.c_void_p),
-    ]
-
-
-# Places of virtual functions in the tables of the module's classes; the two destructors come first.
-_BUFFER_DATA_SIZE = 8
-_BUFFER_FREE_SIZE = 9
-_TIMER_BLOCKS = 5
-
-
-def _call_virtual(instance: int | None, place: int, result: Any) -> int:
-    if not instance:
-        return 0
-    functions = ctypes.cast(instance, ctypes.POINTER(ctypes.POINTER(ctypes.c_void_p))).contents
-    return int(ctypes.CFUNCTYPE(result, ctypes.c_void_p)(functions[place] or 0)(instance))
 
 
 def _open(names: tuple[str, ...]) -> ctypes.CDLL:
@@ -74,15 +53,14 @@ class Library:
                 entry = getattr(self._library, "QXV_RTP_" + function)
                 entry.argtypes = [ctypes.c_void_p, *arguments]
                 entry.restype = _u32
-            rows = ((Row * CHANNELS) * 2).in_dll(self._library, "g_ContextExt")
-        except (OSError, AttributeError, ValueError) as error:
+        except (OSError, AttributeError) as error:
             raise LibraryError(
                 f"the module cannot be loaded: {error}; QXV_RTP_LIBRARY tells where it is"
             ) from None
-        self._rows = rows
         self.process = os.getpid()
         self._in_use: set[tuple[int, int]] = set()  # channels, as (direction, number)
-        self._lock = threading.Lock()  # guards _in_use
+        # Guards _in_use. A signal handler may close a channel while its thread is inside.
+        self._lock = threading.RLock()
         self.handle: int | None = self._library.QXV_RTP_Create(0)
         if not self.handle:
             raise LibraryError("the module could not set up its shared table in /tmp")
@@ -108,24 +86,20 @@ class Library:
     def call(self, function: str, *arguments: Any) -> bool:
         return bool(getattr(self._library, "QXV_RTP_" + function)(self.handle, *arguments))
 
-    def row(self, direction: int, channel: int) -> Row:
-        row: Row = self._rows[direction][channel]
-        return row
+    def config(self, direction: int, channel: int) -> Config:
+        data = ctypes.create_string_buffer(CONFIG_SIZE)
+        self.call("GetConfig", direction, channel, data)
+        return Config.unpack(data.raw)
 
+    def statistics(self, direction: int, channel: int) -> Statistics:
+        data = ctypes.create_string_buffer(REQUEST, len(REQUEST))
+        self.call("GetStatistics", direction, channel, data)
+        return Statistics.unpack(data.raw)
 
-def buffered(row: Row) -> int:
-    """Bytes in the channel's buffer."""
-    return _call_virtual(row.buffer, _BUFFER_DATA_SIZE, _u32)
-
-
-def room(row: Row) -> int:
-    """Bytes that the channel's buffer has room for."""
-    return _call_virtual(row.buffer, _BUFFER_FREE_SIZE, _u32)
-
-
-def datagrams(row: Row) -> int:
-    """Datagrams sent since the pace was set, or received."""
-    return _call_virtual(row.timer, _TIMER_BLOCKS, ctypes.c_uint64)
+    def bitrate(self, channel: int) -> int:
+        bitrate = _u32()
+        self.call("GetBitrate", channel, ctypes.byref(bitrate))
+        return bitrate.value
 
 
 @functools.lru_cache(maxsize=None)

@@ -9,17 +9,19 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import operator
 import os
 import threading
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from types import TracebackType
 from typing import TypeVar
 
 from . import _library
 from .config import Config
 from .errors import ChannelCancelled, ChannelError
-from .table import CHANNELS, RECEIVE, RECORD_SIZE, SEND, Record, offset
+from .statistics import Statistics
+from .table import CHANNELS, RECEIVE, SEND
 
 OPEN_TIMEOUT = 3.0  # seconds; the module tries once a second to open a receive channel's socket
 _POLL = 0.001  # seconds
@@ -29,6 +31,13 @@ _LARGEST_BUFFER = 4 << 20  # bytes
 _PACKETS = 7  # in a datagram
 _DETECTION = 2048  # bytes by which a send channel tells the packet size
 _Self = TypeVar("_Self", bound="_Channel")
+
+
+def _valid_bitrate(bitrate: int) -> int:
+    bitrate = operator.index(bitrate)
+    if not 1 <= bitrate <= 0xFFFFFFFF:
+        raise ValueError(f"bitrate {bitrate} is not 1 to 4294967295 bits per second")
+    return bitrate
 
 
 class _Deadline:
@@ -45,11 +54,10 @@ class _Deadline:
 
 class _Channel:
     """What send and receive channels have in common. Threads: one writes, or reads; any may
-    cancel, close, and look."""
+    cancel, close, and look, and so may signal handlers."""
 
     _direction = SEND
     _name = "Send"
-
     _hint = "is there a route to it?"
 
     def __init__(self, library: _library.Library, number: int, config: Config, *start: int,
@@ -58,19 +66,20 @@ class _Channel:
             raise ChannelError(f"there is no channel {number}; channels are 0 to {CHANNELS - 1}")
         self.number = number
         self._library = library
-        self._row = library.row(self._direction, number)
-        # Held for each step, none of which waits, so that the channel does not end meanwhile.
-        self._lock = threading.Lock()
+        # Held for each step, none of which waits, so that the channel does not end meanwhile, and
+        # its number is not another object's. Reentrant, since a signal handler may cut in.
+        self._lock = threading.RLock()
         if not library.reserve(self._direction, number):
             raise ChannelError(f"{self._name.lower()} channel {number} is in use")
         self._closed = False
         self._stopped = False  # by cancel()
+        self._final: Statistics | None = None  # when the channel has ended
         try:
             self.configure(config)
             if not library.call(self._name + "Start", number, *start):
                 raise ChannelError(f"{self._name.lower()} channel {number} cannot be started")
             deadline = _Deadline(open_timeout)
-            while self.record.reopen:
+            while not self.statistics().socket_open:
                 if not deadline.wait():
                     raise ChannelError(f"no socket could be opened for {config}; {self._hint}")
         except BaseException:
@@ -80,17 +89,25 @@ class _Channel:
     def configure(self, config: Config) -> None:
         """Stores another configuration. A running channel gets a new socket: a send channel with
         its next datagram, a receive channel within a second."""
-        if not self._library.call("SetConfig", self._direction, self.number,
-                                  ctypes.create_string_buffer(config.pack())):
-            raise ChannelError(
-                f"the module refuses {config}; does a zone behind '%' name an interface?"
-            )
+        data = ctypes.create_string_buffer(config.pack())
+        with self._lock:
+            self._check_open()
+            if not self._library.call("SetConfig", self._direction, self.number, data):
+                raise ChannelError(
+                    f"the module refuses {config}; does a zone behind '%' name an interface?"
+                )
 
     @property
-    def record(self) -> Record:
-        """State and configuration as they are now."""
-        address = (self._library.handle or 0) + offset(self._direction, self.number)
-        return Record.unpack(ctypes.string_at(address, RECORD_SIZE), self._direction, self.number)
+    def config(self) -> Config:
+        """The configuration as it is now: a receive channel's `rtp` is what has been detected."""
+        with self._lock:
+            self._check_open()
+            return self._library.config(self._direction, self.number)
+
+    def statistics(self) -> Statistics:
+        """State and counters as they are now, or as they were when the channel had ended."""
+        with self._lock:
+            return self._final or self._library.statistics(self._direction, self.number)
 
     @property
     def closed(self) -> bool:
@@ -99,40 +116,42 @@ class _Channel:
     @property
     def buffered(self) -> int:
         """Bytes in the channel's buffer: to be sent, or received and not yet read."""
-        with self._lock:
-            return 0 if self._closed else _library.buffered(self._row)
-
-    @property
-    def datagrams(self) -> int:
-        """Datagrams sent since the start or the last change of the bitrate; or received since the
-        start or the last change of the datagrams' size."""
-        with self._lock:
-            return 0 if self._closed else _library.datagrams(self._row)
+        return self.statistics().buffered_bytes
 
     @property
     def cancelled(self) -> bool:
         """Was it cancelled, or did it stop because the stream lost its sync byte?"""
-        return self._closed or self._row.cancel != 0
+        return self._closed or self.statistics().cancelled
 
     def cancel(self) -> None:
-        """Makes a write or read that waits in another thread raise ChannelCancelled. Works in a
-        signal handler, too. The channel must still be closed."""
-        self._stopped = True
-        self._library.call(self._name + "Cancel", self.number)
+        """Makes a write or read that waits in another thread raise ChannelCancelled. The channel
+        must still be closed."""
+        if self._closed:  # asked first, since another thread's close() may take a second
+            return
+        with self._lock:
+            if not self._closed:
+                self._stopped = True
+                self._library.call(self._name + "Cancel", self.number)
+
+    def _check_open(self) -> None:
+        if self._closed:
+            raise ChannelCancelled(f"{self._name.lower()} channel {self.number} is closed")
 
     def _check(self) -> None:
+        self._check_open()
         if self.cancelled:
-            raise ChannelCancelled(f"{self._name.lower()} channel {self.number} is "
-                                   + ("closed" if self._closed else "cancelled"))
+            raise ChannelCancelled(f"{self._name.lower()} channel {self.number} is cancelled")
 
     def close(self) -> None:
         """Ends the channel at once; what its buffer holds is dropped. May be called again."""
+        if os.getpid() != self._library.process:
+            return  # a child of fork() has the object, but the channel is its parent's
         with self._lock:
-            # A child of fork() has the object, but the channel is its parent's.
-            if self._closed or os.getpid() != self._library.process:
+            if self._closed:
                 return
             self._closed = True
             self._library.call(self._name + "End", self.number)
+            self._final = self._library.statistics(self._direction, self.number)
             self._library.release(self._direction, self.number)
 
     def __enter__(self: _Self) -> _Self:
@@ -150,17 +169,15 @@ class SendChannel(_Channel):
 
     def __init__(self, library: _library.Library, number: int, config: Config, bitrate: int,
                  buffer_size: int | None, open_timeout: float | None) -> None:
-        if not 1 <= bitrate <= 0xFFFFFFFF:
-            raise ValueError(f"bitrate {bitrate} is not 1 to 4294967295 bits per second")
+        self._bitrate = _valid_bitrate(bitrate)
         if buffer_size is None:  # a quarter of a second
-            buffer_size = min(max(bitrate // 32, 65536), _LARGEST_BUFFER)
+            buffer_size = min(max(self._bitrate // 32, 65536), _LARGEST_BUFFER)
+        buffer_size = operator.index(buffer_size)
         if not _DETECTION + _UNIT <= buffer_size <= _LARGEST_BUFFER:
             raise ValueError(f"buffer_size {buffer_size} is not 2304 to {_LARGEST_BUFFER} bytes")
-        self._bitrate = bitrate
-        self._repaced = False
         self._written = 0  # bytes
         self._head = b""  # what tells the packet size
-        super().__init__(library, number, config, bitrate, -(-buffer_size // _UNIT),
+        super().__init__(library, number, config, self._bitrate, -(-buffer_size // _UNIT),
                          open_timeout=open_timeout)
 
     def write(self, data: bytes | bytearray | memoryview, timeout: float | None = None) -> None:
@@ -172,10 +189,10 @@ class SendChannel(_Channel):
         while done < len(view):
             with self._lock:
                 self._check()
-                count = min(_library.room(self._row), len(view) - done)
-                if count:
-                    piece = view[done : done + count].tobytes()
-                    self._library.call("Send", self.number, piece, count)
+                count = min(self.statistics().free_bytes, len(view) - done)
+                piece = view[done : done + count].tobytes()
+                # It refuses when the channel has stopped: the next check tells.
+                if count and self._library.call("Send", self.number, piece, count):
                     self._head += piece[: 3 * 188 - len(self._head)]
                     self._written += count
                     done += count
@@ -202,20 +219,18 @@ class SendChannel(_Channel):
                 seen, since = self.buffered, time.monotonic()
         expected = self._written // (_PACKETS * size)
         deadline = _Deadline(1.0)  # the last one is counted a moment after it left the buffer
-        while not self._repaced and self.datagrams < expected:
+        while (missing := expected - self.statistics().datagrams) > 0:
             if not deadline.wait():
-                raise ChannelError(f"{expected - self.datagrams} of {expected} datagrams could not "
-                                   "be sent; is there a route?")
+                raise ChannelError(f"{missing} of {expected} datagrams could not be sent; "
+                                   "is there a route?")
 
     def set_bitrate(self, bitrate: int) -> None:
         """Changes the pace from now on, in bits per second."""
-        if not 1 <= bitrate <= 0xFFFFFFFF:
-            raise ValueError(f"bitrate {bitrate} is not 1 to 4294967295 bits per second")
+        bitrate = _valid_bitrate(bitrate)
         with self._lock:
             self._check()
             self._library.call("SetBitrate", self.number, bitrate)
             self._bitrate = bitrate
-            self._repaced = True
 
     def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
                  trace: TracebackType | None) -> None:
@@ -244,20 +259,28 @@ class ReceiveChannel(_Channel):
         """Bytes that can be read without waiting."""
         return len(self._pending) + self.buffered
 
+    @property
+    def bitrate(self) -> int:
+        """Measured, in bits per second; refreshed once a second, 0 when closed."""
+        with self._lock:
+            return 0 if self._closed else self._library.bitrate(self.number)
+
     def _take(self, most: int) -> int:
         with self._lock:
             self._check()
-            count = min(_library.buffered(self._row), most)
-            if count:
-                data = bytearray(count)
-                self._library.call("Receive", self.number,
-                                   (ctypes.c_char * count).from_buffer(data), count)
-                self._pending += data
+            count = min(self.buffered, most)
+            data = bytearray(count)
+            if not count or not self._library.call(
+                    "Receive", self.number, (ctypes.c_char * count).from_buffer(data), count):
+                return 0
+            self._pending += data
             return count
 
     def read(self, size: int, timeout: float | None = None) -> bytes:
         """Exactly `size` bytes. TimeoutError when they did not come in `timeout` seconds; what
         has come is then there for the next read."""
+        if size < 0:
+            raise ValueError(f"{size} bytes cannot be read")
         deadline = _Deadline(timeout)
         while len(self._pending) < size:
             if not self._take(size - len(self._pending)) and not deadline.wait():
@@ -268,6 +291,8 @@ class ReceiveChannel(_Channel):
 
     def read_some(self, most: int = 65536, timeout: float | None = None) -> bytes:
         """What is there, 1 to `most` bytes; waits for the first. b"" when the time is up."""
+        if most < 1:
+            raise ValueError(f"at most {most} bytes cannot be read")
         deadline = _Deadline(timeout)
         while not self._pending and not self._take(most):
             if not deadline.wait():
@@ -290,6 +315,7 @@ class Module:
         self._library.create()
         self._channels: list[_Channel] = []
         self._closed = False
+        self._lock = threading.RLock()  # guards both; reentrant as a channel's
         # The module does not end its channels, and its threads must not outlive the interpreter.
         atexit.register(self.close)
 
@@ -304,8 +330,8 @@ class Module:
         open_timeout  seconds to wait for the socket; None: for ever
         """
         config = Config.for_sending(target) if isinstance(target, str) else target
-        channel = SendChannel(self._library, number, config, bitrate, buffer_size, open_timeout)
-        return self._keep(channel)
+        return self._open(lambda: SendChannel(self._library, number, config, bitrate, buffer_size,
+                                              open_timeout))
 
     def receive(self, number: int, source: str | Config, *,
                 open_timeout: float | None = OPEN_TIMEOUT) -> ReceiveChannel:
@@ -313,12 +339,17 @@ class Module:
         `open_timeout` seconds (None: for ever). `source` is a udp:// or rtp:// URL of a group or
         of a local address, or a Config."""
         config = Config.for_receiving(source) if isinstance(source, str) else source
-        channel = ReceiveChannel(self._library, number, config, open_timeout)
-        return self._keep(channel)
+        return self._open(lambda: ReceiveChannel(self._library, number, config, open_timeout))
 
-    def _keep(self, channel: _Self) -> _Self:
-        self._channels = [other for other in self._channels if not other.closed] + [channel]
-        return channel
+    def _open(self, make: Callable[[], _Self]) -> _Self:
+        if not self._closed:
+            channel = make()
+            with self._lock:
+                if not self._closed:
+                    self._channels = [one for one in self._channels if not one.closed] + [channel]
+                    return channel
+            channel.close()  # closed while the channel was waiting for its socket
+        raise ChannelError("this Module is closed")
 
     def cancel(self) -> None:
         """Cancels this instance's channels; each must still be closed."""
@@ -328,9 +359,12 @@ class Module:
 
     def close(self) -> None:
         """Ends this instance's channels and gives the handle back. May be called again."""
-        if self._closed or os.getpid() != self._library.process:
+        if os.getpid() != self._library.process:
             return
-        self._closed = True
+        with self._lock:
+            if self._closed:
+                return
+            self._closed = True
         for channel in self._channels:
             channel.close()
         self._library.destroy()
