@@ -1,6 +1,7 @@
 /*
- * receive ADDRESS PORT > STREAM: receives a transport stream, raw or under RTP, from a multicast
- * group or on an address of this machine, until it is interrupted.
+ * receive ADDRESS PORT [SECONDS] > STREAM: receives a transport stream of 188-byte packets, raw or
+ * under RTP, from a multicast group or on an address of this machine, until it is interrupted, or
+ * until nothing has come for SECONDS.
  *
  * cc receive.c $(pkg-config --cflags --libs qxv_rtp) -o receive
  */
@@ -8,7 +9,9 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
+#include <time.h>
+
+#include "receiving.h"
 
 static void* g_module;
 
@@ -19,42 +22,56 @@ static void on_signal(int number) {
     QXV_RTP_Cancel(g_module);
 }
 
-/* A group is joined as it stands; any other address is the one to listen on. */
-static uint32_t configure(const char* address, uint16_t port) {
-    RtpChannelConfig config;
-    memset(&config, 0, sizeof(config));
-    const char* const any = strchr(address, ':') != NULL ? "::" : "0.0.0.0";
-    config.Rtp = 1; /* to begin with; the module finds out */
-    config.Port = port;
-    config.Multicast = 1;
-    snprintf(config.LocalAddress, sizeof(config.LocalAddress), "%s", any);
-    snprintf(config.RemoteAddress, sizeof(config.RemoteAddress), "%s", address);
-    if (QXV_RTP_SetConfig(g_module, QXV_RTP_RECEIVE, 0, &config))
-        return 1;
-    config.Multicast = 0;
-    snprintf(config.LocalAddress, sizeof(config.LocalAddress), "%s", address);
-    return QXV_RTP_SetConfig(g_module, QXV_RTP_RECEIVE, 0, &config);
+/* Waits up to the deadline for `wanted` bytes. Returns how many of them can be received without
+   waiting: fewer when the time is up, and 0 when the channel was cancelled. */
+static uint32_t await_bytes(uint32_t wanted, time_t deadline) {
+    const struct timespec interval = {0, 10 * 1000 * 1000};
+    QXV_RTP_Statistics now = {.Size = sizeof(now)};
+    struct timespec time;
+    do {
+        nanosleep(&interval, NULL);
+        QXV_RTP_GetStatistics(g_module, QXV_RTP_RECEIVE, 0, &now);
+        clock_gettime(CLOCK_MONOTONIC, &time);
+    } while (!now.Cancelled && now.BufferedBytes < wanted && time.tv_sec < deadline);
+    if (now.Cancelled)
+        return 0;
+    return now.BufferedBytes < wanted ? now.BufferedBytes : wanted;
 }
 
 int main(int argc, char** argv) {
-    static uint8_t packets[7 * 188]; /* the payload of one datagram, as most senders send it */
+    static struct packets packets;
+    const uint32_t datagram = 7 * PACKET_SIZE; /* the payload of one, as most senders send it */
     g_module = QXV_RTP_Create(0);
-    if (argc != 3 || g_module == NULL) {
-        fprintf(stderr, "usage: receive ADDRESS PORT > STREAM\n");
+    if (argc < 3 || argc > 4 || g_module == NULL) {
+        fprintf(stderr, "usage: receive ADDRESS PORT [SECONDS] > STREAM\n");
         return 2;
     }
-    if (!configure(argv[1], (uint16_t)strtoul(argv[2], NULL, 10))) {
+    if (!configure(g_module, 0, argv[1], (uint16_t)strtoul(argv[2], NULL, 10))) {
         fprintf(stderr, "receive: '%s' is not an IPv4 or IPv6 address\n", argv[1]);
         return 2;
     }
+    const long seconds = argc == 4 ? strtol(argv[3], NULL, 10) : 0;
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
     QXV_RTP_ReceiveStart(g_module, 0);
     int written = 1;
-    while (written && QXV_RTP_Receive(g_module, 0, packets, sizeof(packets)))
-        written = fwrite(packets, 1, sizeof(packets), stdout) == sizeof(packets);
+    while (written) {
+        uint32_t length = datagram;
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (seconds > 0)
+            length = await_bytes(datagram, now.tv_sec + seconds);
+        /* A length of 0 would always succeed. */
+        if (length == 0 || !QXV_RTP_Receive(g_module, 0, packets.bytes + packets.length, length))
+            break;
+        packets.length += length;
+        written = write_packets(&packets, stdout);
+    }
     QXV_RTP_ReceiveEnd(g_module, 0);
     QXV_RTP_Destroy(g_module);
+    if (packets.skipped > 0)
+        fprintf(stderr, "receive: skipped %llu bytes that are not packets\n",
+                (unsigned long long)packets.skipped);
     if (fflush(stdout) == 0 && written)
         return 0;
     perror("receive: standard output");

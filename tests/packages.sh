@@ -21,30 +21,41 @@ if [ "$1" = inside ]; then
 
     cp -r /usr/share/doc/libqxv-rtp-dev/examples pkgconfig
     { cmake -S pkgconfig -B cmake && cmake --build cmake; } >/dev/null
-    for source in host.c receive.c relay.c relay.cpp plugin.c monitor.c; do
+    for source in host.c receive.c collect.c relay.c relay.cpp plugin.c monitor.c; do
         # The command that the example's own comment gives.
         command=$(sed -n 's,^ *[/*]* \(c[c+]* .* -o [a-z]*\)$,\1,p' "pkgconfig/$source")
         (cd pkgconfig && eval "$command $strict" && mv "${source%.*}" "example_$(echo "$source" | tr . _)")
     done
 
-    # The channel that receives the group has its socket.
+    # The receive channel of that number and group has its socket.
     await() {
-        timeout 30 sh -c "until pkgconfig/example_monitor_c 1 2>&1 | grep -q '^receive 0: $1 .*socket open'
+        timeout 30 sh -c "until pkgconfig/example_monitor_c 1 2>&1 | grep -q '^receive $1: $2 .*socket open'
             do :; done"
     }
     for relay in pkgconfig/example_relay_c cmake/example_relay_cpp; do
         build=${relay%/*}
         stdbuf -o0 "$build/example_receive_c" 239.9.9.2 5000 >received &
         started=$!
-        await 239.9.9.2
+        await 0 239.9.9.2
+        mkdir -p collected
+        "$build/example_collect_c" collected 5000 239.9.9.3 239.9.9.1 239.9.9.2 2>collected/log &
+        started="$started $!"
+        await 2 239.9.9.2
         "$relay" 239.9.9.1 5000 239.9.9.2 5000 20000000 &
         started="$started $!"
-        await 239.9.9.1
+        await 0 239.9.9.1
         "$build/example_host_c" 239.9.9.1 5000 20000000 <sample.ts
         timeout 30 sh -c 'until cmp received sample.ts 2>&1; do sleep 0.1; done' >differences ||
             { tail -1 differences && exit 1; }
+        # RTP after raw traffic brings headers, which are no packets.
+        qxvrtp send sample.ts udp://239.9.9.3:5000 --bitrate 20M
+        "$build/example_host_c" 239.9.9.3 5000 20000000 <sample.ts
         kill $started
         wait
+        cat sample.ts sample.ts | cmp - collected/0.ts
+        cmp sample.ts collected/1.ts
+        cmp sample.ts collected/2.ts
+        grep -q '239.9.9.3: RTP arrives now' collected/log
     done
     qxvrtp demo --duration 1 >demo.log || { cat demo.log && exit 1; }
 
