@@ -48,7 +48,7 @@ qxv_pkgconfig(qxv_rtp QXV_RTP ${PROJECT_DESCRIPTION})
 qxv_pkgconfig(zaqsockets ZAQSockets "UDP sockets with a receive callback")
 
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
-    FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "CMakeLists.txt")
+    FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.cpp" PATTERN "CMakeLists.txt")
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     FILES_MATCHING PATTERN "*.md" PATTERN "*.png")

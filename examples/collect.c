@@ -15,7 +15,7 @@
 
 /* A channel's buffer of 4 MiB holds a second of 33 Mbit/s. The longer this is, the less it costs to
    wake up, and the later the files grow. */
-static const struct timespec k_interval = {0, 25 * 1000 * 1000};
+static const struct timespec k_interval = {0, 25000000}; /* 25 ms */
 
 struct input {
     const char* address;

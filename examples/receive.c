@@ -25,7 +25,7 @@ static void on_signal(int number) {
 /* Waits up to the deadline for `wanted` bytes. Returns how many of them can be received without
    waiting: fewer when the time is up, and 0 when the channel was cancelled. */
 static uint32_t await_bytes(uint32_t wanted, time_t deadline) {
-    const struct timespec interval = {0, 10 * 1000 * 1000};
+    const struct timespec interval = {0, 10000000}; /* 10 ms */
     QXV_RTP_Statistics now = {.Size = sizeof(now)};
     struct timespec time;
     do {

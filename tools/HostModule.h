@@ -100,9 +100,9 @@ class SendChannel : public HostChannel {
 
     bool send(std::span<const uint8_t> data);  // blocks while the data does not fit
 
-    // The schedule begins anew at this moment, for what the buffer holds, too. So do, under RTP, the
-    // sequence numbers and timestamps, at 0: receivers that put datagrams in order may drop what
-    // follows as late.
+    // The schedule begins anew at this moment, for what the buffer holds, too. So do, under RTP,
+    // the sequence numbers and timestamps, at 0: receivers that put datagrams in order may drop
+    // what follows as late.
     void setBitrate(uint32_t bitrate_bps);
 
     // Stops sending. While no socket can be opened, a channel takes up to a second to end from then
