@@ -1,17 +1,39 @@
 #include "Address.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
 
 #include <charconv>
 #include <cstring>
+#include <string_view>
 #include <system_error>
 
+#include "Threads.h"
 #include "ZAQSockets.h"
 
 namespace zaqsockets {
 
 namespace {
+
+// False when the text is longer than the array.
+template <size_t size>
+bool Copy(const char* text, char (&copy)[size]) {
+    if (text == nullptr)
+        return false;
+    const size_t length = strnlen(text, size);
+    if (length == size)
+        return false;
+    memcpy(copy, text, length + 1);
+    return true;
+}
+
+// Ends the text before the first `mark`. Returns what follows the mark, or null when there is none.
+char* CutAt(char* text, char mark) {
+    char* const found = strchr(text, mark);
+    if (found == nullptr)
+        return nullptr;
+    *found = '\0';
+    return found + 1;
+}
 
 // Number of the zone that `text` names: an interface that exists, or a number above 0.
 bool ParseZone(const char* text, uint32_t& zone) {
@@ -25,39 +47,47 @@ bool ParseZone(const char* text, uint32_t& zone) {
     return error == std::errc() && stop == end && zone != 0;
 }
 
+// "dscp=" and a number of one or two digits.
+bool ParseDscp(std::string_view text, int& dscp) {
+    constexpr std::string_view kKey = "dscp=";
+    constexpr unsigned int kHighest = 63;
+    constexpr size_t kMostDigits = 2;
+    if (!text.starts_with(kKey))
+        return false;
+    text.remove_prefix(kKey.size());
+    unsigned int number = 0;
+    const auto [stop, error] = std::from_chars(text.begin(), text.end(), number);
+    dscp = static_cast<int>(number);
+    return error == std::errc() && stop == text.end() && text.size() <= kMostDigits &&
+           number <= kHighest;
+}
+
 }  // namespace
 
 bool Address::Parse(const char* text) {
     m_Storage = {};
-    if (text == nullptr)
-        return false;
     char address[kTextBytes];
-    const size_t length = strnlen(text, sizeof(address));
-    if (length == sizeof(address))
+    if (!Copy(text, address))
         return false;
-    memcpy(address, text, length + 1);
-
     if (inet_pton(AF_INET, address, &m_Storage.IPv4.sin_addr) == 1) {
         m_Storage.Any.sa_family = AF_INET;
         return true;
     }
     uint32_t zone = 0;
-    char* const percent = strchr(address, '%');
-    if (percent != nullptr) {
-        *percent = '\0';
-        if (!ParseZone(percent + 1, zone))
-            return false;
-    }
-    if (inet_pton(AF_INET6, address, &m_Storage.IPv6.sin6_addr) != 1)
+    const char* const zoneText = CutAt(address, '%');
+    if ((zoneText != nullptr && !ParseZone(zoneText, zone)) ||
+        inet_pton(AF_INET6, address, &m_Storage.IPv6.sin6_addr) != 1)
         return false;
     m_Storage.Any.sa_family = AF_INET6;
     m_Storage.IPv6.sin6_scope_id = zone;
     return true;
 }
 
-bool Address::ReadFrom(int socket) {
-    socklen_t size = sizeof(m_Storage);
-    return getsockname(socket, &m_Storage.Any, &size) == 0;
+bool Address::Assign(const sockaddr& address, int family) {
+    if (address.sa_family != family)
+        return false;
+    memcpy(&m_Storage, &address, family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+    return true;
 }
 
 bool Address::IsMulticast() const {
@@ -72,21 +102,13 @@ bool Address::IsZoneLocalGroup() const {
     return IsIPv6() && (IN6_IS_ADDR_MC_NODELOCAL(&IPv6()) || IN6_IS_ADDR_MC_LINKLOCAL(&IPv6()));
 }
 
-bool Address::Assign(const sockaddr& address, int family) {
-    if (address.sa_family != family)
-        return false;
-    memcpy(&m_Storage, &address, family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
-    return true;
-}
-
 bool Address::IsSameHost(const sockaddr& other) const {
     Address copy;
-    return copy.Assign(other, Family()) && (IsIPv6() ? IN6_ARE_ADDR_EQUAL(&copy.IPv6(), &IPv6())
-                                                     : copy.IPv4().s_addr == IPv4().s_addr);
+    return copy.Assign(other, Family()) && memcmp(copy.Bytes(), Bytes(), ByteCount()) == 0;
 }
 
-uint32_t Address::Port() const {
-    return ntohs(IsIPv6() ? m_Storage.IPv6.sin6_port : m_Storage.IPv4.sin_port);
+const void* Address::Bytes() const {
+    return IsIPv6() ? static_cast<const void*>(&IPv6()) : &IPv4();
 }
 
 void Address::SetPort(uint32_t port) {
@@ -97,26 +119,38 @@ void Address::SetPort(uint32_t port) {
         m_Storage.IPv4.sin_port = number;
 }
 
+bool RemoteAddress::Parse(const char* text) {
+    *this = {};
+    char copy[kTextBytes];
+    if (!Copy(text, copy))
+        return false;
+    if (const char* const mark = CutAt(copy, '?'); mark != nullptr && !ParseDscp(mark, Dscp))
+        return false;
+    const char* const group = CutAt(copy, '@');
+    if (group == nullptr)
+        return Host.Parse(copy);
+    // A source needs no zone: that of the group says by which interface it comes.
+    return strchr(copy, '%') == nullptr && Source.Parse(copy) && Host.Parse(group) &&
+           Source.Family() == Host.Family() && Host.IsMulticast() && !Source.IsMulticast() &&
+           !Source.IsAny();
+}
+
 }  // namespace zaqsockets
 
 uint32_t ZAQSocketsExtractIPAddress(const char* address, unsigned char* bytes, uint32_t* byteCount,
                                     uint32_t* zone, int32_t* multicast) {
-    zaqsockets::Address parsed;
+    const zaqsockets::CancellationOff uncancelled;
+    zaqsockets::RemoteAddress parsed;
     if (!parsed.Parse(address))
         return 0;
-    const bool six = parsed.IsIPv6();
-    const uint32_t size = six ? sizeof(in6_addr) : sizeof(in_addr);
-    if (bytes != nullptr) {
-        if (six)
-            memcpy(bytes, &parsed.IPv6(), size);
-        else
-            memcpy(bytes, &parsed.IPv4(), size);
-    }
+    const zaqsockets::Address& host = parsed.Host;
+    if (bytes != nullptr)
+        memcpy(bytes, host.Bytes(), host.ByteCount());
     if (byteCount != nullptr)
-        *byteCount = size;
+        *byteCount = static_cast<uint32_t>(host.ByteCount());
     if (zone != nullptr)
-        *zone = parsed.Zone();
+        *zone = host.Zone();
     if (multicast != nullptr)
-        *multicast = parsed.IsMulticast() ? 1 : 0;
-    return static_cast<uint32_t>(parsed.Family());
+        *multicast = host.IsMulticast() ? 1 : 0;
+    return static_cast<uint32_t>(host.Family());
 }

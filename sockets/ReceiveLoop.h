@@ -1,4 +1,4 @@
-// The threads that receive for all sockets.
+// The thread that receives for all sockets.
 #ifndef SOCKETS_RECEIVELOOP_H
 #define SOCKETS_RECEIVELOOP_H
 
@@ -10,9 +10,9 @@
 #include <memory>
 #include <mutex>
 
-#include "Address.h"
 #include "Descriptor.h"
-#include "InterfaceWatch.h"
+#include "Gathering.h"
+#include "GroupSocket.h"
 #include "ReceiveBatch.h"
 #include "ZAQSockets.h"
 
@@ -20,53 +20,45 @@ namespace zaqsockets {
 
 class ReceiveLoop;
 
-// What a group socket was made from; empty for others. As text, since a zone's name may come to mean
-// another interface.
-struct GroupSource {
-    char Local[Address::kTextBytes] = {};
-    char Group[Address::kTextBytes] = {};
-    uint32_t Port = 0;
-    bool Everywhere = false;
+struct ReceiveSocket;
+
+// What a handle points to.
+struct UdpSocket {
+    UdpSocket(Descriptor file, void* context, ReceiveSocket* receiver = nullptr)
+        : Context(context), Receiver(receiver), File(std::move(file)) {}
+
+    void* const Context;
+    ReceiveSocket* const Receiver;  // itself, or null for a send socket
+    Descriptor File;
 };
 
-// A socket that receives. Made by the creator, then handed to a loop, which frees it.
-struct ReceiveSocket {
+// Made by its creator, then handed to the loop, which frees it.
+struct ReceiveSocket : UdpSocket {
+    ReceiveSocket(Descriptor file, void* context, ZAQReceiveCallback callback);
+
     // Fixed after the creation.
-    void* Handle = nullptr;
-    ZAQReceiveCallback Callback = nullptr;
+    const ZAQReceiveCallback Callback;
     const pid_t Process = getpid();
+    std::shared_ptr<Group> Joined;  // a group socket's
+    ReceiveLoop* Loop = nullptr;
 
-    GroupSource Source;
-
-    // Closed by the destroyer, when the loop is done with it. The loop may put another one in its
-    // place before that, under the lock of all loops.
-    Descriptor File;
     std::atomic<bool> Closed{false};  // set once; no callback begins after it
     // Held by the loop while it serves the socket. The destroyer sets Closed and then locks once:
     // the loop has then left, and comes back only to find Closed. So nobody is starved.
     std::mutex Busy;
-    // Messages since its loop began to look at what fills it. Of the loop's thread; another one takes
-    // over under the lock of all loops.
-    std::atomic<uint32_t> Taken{0};
-    // Its membership was lost and made anew a moment ago, when maybe not all routes were there: so it
-    // still goes where the routes go. Of the loop's thread, as Taken.
-    bool Renewed = false;
 
-    // Guarded by the lock of all loops.
-    ReceiveLoop* Loop = nullptr;
-    ReceiveSocket* Next = nullptr;  // in the loop's list of those it serves, then of the dead
+    Gathering::Share Share;             // the loop's thread's own
+    ReceiveSocket* NextDead = nullptr;  // guarded by g_Lock
 };
 
-// One thread that waits for its sockets with epoll and takes what has arrived in batches.
+// One thread that waits for all receive sockets with epoll, and takes what has arrived in batches.
+// It starts with the first socket and ends with the last one.
 //
-// The first loop comes into being with the first socket and serves all of them. A loop that has more
-// to do than one processor can hands half of it, or less, to another one, a new one if there are
-// processors for it; loops with little to do are joined again.
+// Nobody waits for it while it may be in a callback, except at unload or exit, since a callback may
+// wait for anything: when the last socket is destroyed by a callback, the thread ends by itself
+// after that.
 //
-// Thread safety: Attach and Detach may be called from any thread, also from a callback. A loop
-// goes with its last socket. No loop is waited for while it may be in a callback, except at unload or
-// exit, since a callback may wait for anything: a loop whose last socket was destroyed by a callback, or
-// given away, ends by itself, and the next call of Attach or Detach, or another loop, collects it.
+// Thread safety: the public functions may be called from any thread, also from a callback.
 class ReceiveLoop {
   public:
     // Hands the socket over. False, with the socket untouched, when there are no means for it.
@@ -76,66 +68,42 @@ class ReceiveLoop {
     // that runs is waited for, unless this is called from it.
     static void Detach(ReceiveSocket* socket);
 
-    // Ends the loops that serve no socket, and waits for them; only when `all` is set also for one that
-    // may still be in a callback.
-    static void StopUnused(bool all);
+    // Lets another file take the place of a socket's, under the same number. With g_Lock held,
+    // which keeps the socket attached.
+    static bool Exchange(ReceiveSocket& socket, const Descriptor& file);
 
-    // Waits for loops that ended by themselves.
-    static void Collect();
+    // Ends the thread when it serves no socket, and waits for it; only when `all` is set also for
+    // one that may still be in a callback.
+    static void EndIfUnused(bool all);
 
   private:
-    class Load;
-
     ReceiveLoop();
-    static ReceiveLoop* Start();
-    static ReceiveLoop* LeastBusy(const ReceiveLoop* butNot);
-    static void Tidy();
-    static bool IsLoopThread();
+    ~ReceiveLoop();
+    friend std::default_delete<ReceiveLoop>;
+    static bool TryAttach(ReceiveSocket& socket);
+    static bool Start();
     static void* Run(void* loop);
-
-    static void JoinAll(ReceiveLoop* list);
-    void Join();
+    void Run();
+    bool Register(ReceiveSocket& socket) const;
     void Wake() const;
-    bool Add(ReceiveSocket& socket);
-    void Remove(ReceiveSocket& socket);
-    void MoveTo(ReceiveLoop& other, uint64_t messages);
-    void Adapt(Load& load);
-    void ResetTaken();
-    int Timeout_ms() const;
-    uint32_t Busy_percent() const;
-    void ShareLoad();
-    void JoinQuietLoops();
-    bool LeaveIfUnused();
-    void LeaveGroups(uint32_t interface);
-    void RenewMemberships();
-    bool RenewMembership(ReceiveSocket& socket);
-    void FreeDead();
+    bool IsOver();
     int Serve(ReceiveSocket& socket);
     bool IsOwnThread() const { return pthread_equal(m_Thread, pthread_self()) != 0; }
 
     // Fixed after the start.
     pthread_t m_Thread{};
-    pid_t m_Process;
     Descriptor m_Epoll;
     Descriptor m_Wakeup;
     std::unique_ptr<ReceiveBatch> m_Batch;
 
     // The thread's own.
-    InterfaceWatch m_Interfaces;
+    Gathering m_Gathering;
 
-    // Share of a processor that the thread took lately, and when it last said so; written by it, read
-    // by all who choose a loop.
-    std::atomic<uint32_t> m_Busy_percent{0};
-    std::atomic<int64_t> m_Seen_ms;
-
-    // Guarded by the lock of all loops (ReceiveLoop.cpp).
-    ReceiveSocket* m_Sockets = nullptr;  // list
+    // Guarded by g_Lock.
     uint32_t m_SocketCount = 0;
-    bool m_Stop = false;
-    bool m_MustLook = false;          // after its interfaces: sockets have come
+    bool m_Stop = false;              // somebody waits for the thread
     bool m_InCallback = false;        // in one that has destroyed a socket, maybe the last
-    ReceiveSocket* m_Dead = nullptr;  // list
-    ReceiveLoop* m_Next = nullptr;    // in the list of those in service, then of the ended
+    ReceiveSocket* m_Dead = nullptr;  // list of those destroyed; there may still be events for them
 };
 
 }  // namespace zaqsockets

@@ -1,40 +1,40 @@
-// Opens sockets: binding, group membership, buffers.
+// Opens sockets that send, and sockets that receive unicast.
 #ifndef SOCKETS_SOCKETOPTIONS_H
 #define SOCKETS_SOCKETOPTIONS_H
 
 #include "Address.h"
 #include "Descriptor.h"
+#include "Interfaces.h"
 
 namespace zaqsockets {
 
-// Each returns an empty descriptor, with nothing left open, when any step fails.
+// Connected to `remote`, with this port; bound to `local` unless that is the any-address. The
+// descriptor is empty, with nothing left open, when any step fails.
+Descriptor OpenSendSocket(const Address& local, const RemoteAddress& remote, uint32_t port,
+                          int ttl);
 
-// Connected to `remote`, which carries the port; bound to `local` unless that is the any-address.
-Descriptor OpenSendSocket(const Address& local, const Address& remote, int ttl);
+// Bound to `local` and this port. Empty as above.
+Descriptor OpenUnicastSocket(const Address& local, uint32_t port);
 
-// Bound to `group`, which carries the port, and joined on the interface of `local`, of the group's
-// zone or of the system's choice; or, with `everywhere`, on all that are up and can multicast.
-Descriptor OpenGroupSocket(const Address& local, const Address& group, bool everywhere);
+// The parts of which these, and sockets of groups, are made.
 
-// What has become of a group socket when interfaces have come, gone or changed.
-enum class Membership {
-    Good,    // what was missing `everywhere` has been joined
-    Full,    // it can not join more; memberships on interfaces that are gone count, too
-    Broken,  // it is not joined where it is meant to be
-};
-// With `anywhere`, a socket of the system's choice is good where it is joined on any interface: another
-// choice, now that another interface has the route, is no reason to leave a stream that comes in.
-Membership RenewMembership(const Descriptor& socket, const Address& local, const Address& group,
-                           bool everywhere, bool anywhere);
+template <typename Value>
+bool Set(const Descriptor& socket, int level, int name, const Value& value) {
+    return setsockopt(socket.Number(), level, name, &value, sizeof(value)) == 0;
+}
 
-// Ends the membership of a group socket on one interface, which may be gone.
-void LeaveGroup(const Descriptor& socket, uint32_t interface);
+Descriptor OpenSocket(const Address& address, int flags);
 
-// On interfaces that exist: all that the other one has, and more?
-bool HasMoreMemberships(const Descriptor& socket, const Descriptor& other, const Address& group);
+// Not blocking, with a large buffer, for trains of datagrams (udp(7), UDP_GRO) and for no group
+// that only other sockets have joined.
+Descriptor OpenReceiveSocket(const Address& address);
 
-// Bound to `local`, which carries the port.
-Descriptor OpenUnicastSocket(const Address& local);
+bool Bind(const Descriptor& socket, const Address& address);
+
+// The interface on which an IPv6 group is meant; 0 = the system's choice by its routes. False when
+// the local address belongs to no interface.
+bool GroupInterface(const Address& local, const Address& group, InterfaceList& interfaces,
+                    uint32_t& interface);
 
 }  // namespace zaqsockets
 

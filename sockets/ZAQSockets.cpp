@@ -1,31 +1,21 @@
 #include "ZAQSockets.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <memory>
 #include <new>
 
 #include "Address.h"
+#include "GroupSocket.h"
 #include "ReceiveLoop.h"
 #include "SocketOptions.h"
+#include "Threads.h"
 
 namespace {
 
-using zaqsockets::Address;
-using zaqsockets::Descriptor;
-using zaqsockets::GroupSource;
-using zaqsockets::ReceiveLoop;
-using zaqsockets::ReceiveSocket;
+using namespace zaqsockets;
 
 constexpr uint32_t kHighestPort = 65535;
 constexpr int kHighestTtl = 255;
-
-// What a handle points to.
-struct UdpSocket {
-    void* Context;
-    Descriptor Sender;        // a send socket's
-    ReceiveSocket* Receiver;  // a receive socket's
-};
 
 // An error that ICMP brought in answer to an earlier datagram is reported by the next send, which
 // then sends nothing (udp(7)). It is gone with the report, so the datagram is sent again.
@@ -47,31 +37,19 @@ bool MayAnswerEarlierDatagram(int error) {
     }
 }
 
-Descriptor OpenReceiveSocket(Address local, Address remote, uint32_t port, int32_t option) {
-    if (!remote.IsMulticast()) {
-        local.SetPort(port);
-        return zaqsockets::OpenUnicastSocket(local);
-    }
-    remote.SetPort(port);
-    return zaqsockets::OpenGroupSocket(local, remote, option == 1);
-}
-
-// The handle comes before the socket is attached, since the first callback needs it.
-UdpSocket* StartReceiving(Descriptor file, const GroupSource& source, ZAQReceiveCallback callback,
-                          void* context) {
-    std::unique_ptr<ReceiveSocket> receiver(new (std::nothrow) ReceiveSocket);
-    std::unique_ptr<UdpSocket> socket(new (std::nothrow)
-                                          UdpSocket{context, Descriptor(), receiver.get()});
-    if (!receiver || !socket)
+// Null when there are no means for it.
+void* StartReceiving(Descriptor file, std::shared_ptr<Group> group, ZAQReceiveCallback callback,
+                     void* context) {
+    if (!file)
         return nullptr;
-    receiver->Handle = socket.get();
-    receiver->Callback = callback;
-    receiver->Source = source;
-    receiver->File = std::move(file);
-    if (!ReceiveLoop::Attach(*receiver))
+    auto socket = std::make_unique<ReceiveSocket>(std::move(file), context, callback);
+    socket->Joined = std::move(group);
+    // From the success on, the loop's thread has it, and a callback may already have destroyed it.
+    UdpSocket* const handle = socket.get();
+    if (!ReceiveLoop::Attach(*socket))
         return nullptr;
-    static_cast<void>(receiver.release());  // the loop's now, and known to the handle already
-    return socket.release();
+    static_cast<void>(socket.release());
+    return handle;
 }
 
 }  // namespace
@@ -80,35 +58,41 @@ void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, u
                           uint32_t remotePort, int32_t multicast, int32_t send,
                           int32_t multicastOption, int32_t ttl, ZAQReceiveCallback callback,
                           void* context) {
+    const CancellationOff uncancelled;
     Address local;
-    Address remote;
+    RemoteAddress remote;
     if (!local.Parse(localAddress) || !remote.Parse(remoteAddress) || local.IsMulticast() ||
-        local.Family() != remote.Family() || (multicast == 1 && !remote.IsMulticast()) ||
-        localPort > kHighestPort || remotePort > kHighestPort || ttl < 0 || ttl > kHighestTtl)
+        local.Family() != remote.Host.Family() || (multicast == 1 && !remote.Host.IsMulticast()) ||
+        localPort > kHighestPort || remotePort > kHighestPort || ttl < 0 || ttl > kHighestTtl ||
+        (send == 0 && callback == nullptr))
         return nullptr;
-    if (send == 0) {
-        Descriptor file = OpenReceiveSocket(local, remote, localPort, multicastOption);
-        if (!file || callback == nullptr)
-            return nullptr;
-        GroupSource source;
-        if (remote.IsMulticast()) {
-            // Both have been parsed, and so have room.
-            snprintf(source.Local, sizeof(source.Local), "%s", localAddress);
-            snprintf(source.Group, sizeof(source.Group), "%s", remoteAddress);
-            source.Port = localPort;
-            source.Everywhere = multicastOption == 1;
+    try {
+        if (send != 0) {
+            Descriptor file = OpenSendSocket(local, remote, remotePort, ttl);
+            return file ? new UdpSocket(std::move(file), context) : nullptr;
         }
-        return StartReceiving(std::move(file), source, callback, context);
+        if (!remote.Host.IsMulticast())
+            return StartReceiving(OpenUnicastSocket(local, localPort), nullptr, callback, context);
+        auto group = std::make_shared<Group>();
+        group->Local = localAddress;
+        group->Remote = remoteAddress;
+        group->Port = localPort;
+        group->Everywhere = multicastOption == 1;
+        InterfaceList interfaces;
+        Descriptor file = OpenGroupSocket(*group, interfaces);
+        return StartReceiving(std::move(file), std::move(group), callback, context);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
     }
-    remote.SetPort(remotePort);
-    Descriptor file = zaqsockets::OpenSendSocket(local, remote, ttl);
-    return file ? new (std::nothrow) UdpSocket{context, std::move(file), nullptr} : nullptr;
 }
 
 void ZAQUDPSocket_Destroy(void* socket) {
-    const std::unique_ptr<UdpSocket> owned(static_cast<UdpSocket*>(socket));
-    if (owned && owned->Receiver != nullptr)
+    const CancellationOff uncancelled;
+    auto* const owned = static_cast<UdpSocket*>(socket);
+    if (owned != nullptr && owned->Receiver != nullptr)
         ReceiveLoop::Detach(owned->Receiver);
+    else
+        delete owned;
 }
 
 void* ZAQUDPSocket_GetContext(void* socket) {
@@ -119,7 +103,7 @@ uint32_t ZAQUDPSocket_SendAll(void* socket, const unsigned char* data, uint32_t 
     if (socket == nullptr)
         return 0;
     constexpr int kAttempts = 8;
-    const int file = static_cast<UdpSocket*>(socket)->Sender.Number();
+    const int file = static_cast<UdpSocket*>(socket)->File.Number();
     for (int attempt = 0; attempt < kAttempts;) {
         const ssize_t sent = send(file, data, length, MSG_NOSIGNAL);
         if (sent >= 0)

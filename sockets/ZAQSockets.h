@@ -3,23 +3,30 @@
  * ZAQSockets: UDP sockets with a receive callback, and a parser for IP addresses.
  *
  * Conventions:
- * - Handles: opaque pointers; null = no socket. A handle that was destroyed must not be used.
- * - Results: pointers and counts as said at each function; no error codes, errno is undefined.
+ * - Handles are opaque pointers; null means no socket. A destroyed handle must not be used.
+ * - Results are pointers and counts, as described at each function. There are no error codes, and
+ *   errno is undefined.
  * - Threads: any thread may call any function, for the same socket or different ones; but a
- *   socket must not be destroyed while another thread sends on it.
- * - Callbacks: run on threads of the library, which exist only while receive sockets exist and
- *   block all signals but those that a thread brings upon itself. Never two at a time for one socket. All sockets share one thread
- *   until it has more to do than a processor can; then there are more threads, at most one
- *   for each processor. Where datagrams would wake a thread up more than 2500 times a
- *   second, callbacks may come a millisecond after the datagram. A callback that waits
- *   holds up the other sockets of its thread; one that forks must exec or _exit in the
- *   child.
- * - Ports: host byte order.
+ *   socket must not be destroyed while another thread sends on it. Create, Destroy and the parser
+ *   are no cancellation points (pthreads(7)).
+ * - Callbacks for all sockets run on one thread of the library, one after the other. A callback
+ *   that waits holds up all sockets. One that forks must exec or _exit in the child. While
+ *   datagrams come steadily, at least 2000 a second, callbacks may come up to 4 ms after the
+ *   datagrams, and never later than a quarter of the time in which a socket's buffer would fill.
+ * - The library has two threads at most: one that receives, while receive sockets exist, and one
+ *   that looks after group memberships, while sockets of groups exist. Both block all signals but
+ *   those that a thread brings on itself. The library's descriptors are never 0, 1 or 2, and are
+ *   closed by exec.
+ * - Ports are in host byte order.
  * - Fork: in a child of fork() no callback runs for the sockets that it has inherited; they may
  *   be destroyed, which closes the child's descriptors. A child that goes on should exec
  *   before it makes sockets: another thread of the parent may have held a lock.
- * - Exit: may come at any time. Before it is unloaded, all sockets must have been destroyed.
- *   Both wait for a callback that has destroyed its own socket and still runs.
+ * - Exit may come at any time. Before the library is unloaded, all sockets must have been
+ *   destroyed. Both wait for a callback that has destroyed its own socket and still runs.
+ * - Platforms: 64-bit Linux with glibc, from Linux 4.18 on. Newer systems add what the library uses
+ *   where it can: trains of datagrams taken as one, and an IPv6 group taken from its interface only
+ *   (5.0); an IPv6 socket that gets no groups but its own (4.20); network namespaces told apart
+ *   (5.14).
  */
 #ifndef ZAQSOCKETS_H
 #define ZAQSOCKETS_H
@@ -49,31 +56,38 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * Opens a socket.
  *
  * A receive socket of a group gets the datagrams to that group only, from the interfaces on which
- * it was joined (an IPv6 group for which no interface is named also from those on which other sockets
- * have joined it). Any number of sockets, also of other processes, may listen to one group and port.
- * Where its interface is deleted and made again, or its local address moves to another one, the group is
- * joined there within about a second; where none is named, the system chooses again when the one that
- * it chose is gone. Not so where the system refuses to tell of its interfaces (rtnetlink(7)).
- * A unicast receive socket never shares its address and port with another one, and the any-address
- * not with one that is named and on an interface; groups on the same port are kept apart from it. An IPv6 socket does not
- * take the IPv4 port. The receive buffer is 8 MiB, or the most that the system grants.
+ * it has joined (an IPv6 group for which no interface is named also from those on which other
+ * sockets have joined it), and only from the source, where one is named. Any number of sockets,
+ * also of other processes, may listen to one group and port. When its interface is deleted and made
+ * again, or its local address moves to another one, the group is joined there within about a
+ * second; where no interface is named, the system chooses again when its choice is gone. This needs
+ * rtnetlink(7), and covers the network namespace in which the first of the present group sockets
+ * was opened. A unicast receive socket never shares its address and port with another one of this
+ * library, and a named address with no socket at all. The any-address is refused where a named
+ * address of an interface has the port; groups on the same port are kept apart from it. An IPv6
+ * socket does not take the IPv4 port. The receive buffer is 8 MiB, or the most that the system
+ * grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
- * @param localAddress     address of the interface to use, "0.0.0.0" or "::" = the system's choice
- * @param remoteAddress    send: destination. receive: the group to join, or any unicast address of the
- *                         same family, which is not used
- * @param localPort        receive: the port to listen on. send: not used; the system chooses a port,
- *                         since a socket bound to the port that it sends to would take the datagrams
- *                         away from a receiver on the same machine
+ * @param localAddress     address of the interface to use, "0.0.0.0" or "::" = the system's choice;
+ *                         an address alone, without source and DSCP
+ * @param remoteAddress    as ZAQSocketsExtractIPAddress takes it. send: the destination; a source
+ *                         is ignored, and a DSCP is set in what is sent. receive: the group to
+ *                         join, or any unicast address of the same family, which is not used; a
+ *                         DSCP is ignored
+ * @param localPort        receive: the port to listen on. send: not used; the system chooses a
+ *                         port, since a socket bound to the port that it sends to would take the
+ *                         datagrams away from a receiver on the same machine
  * @param remotePort       send: destination port
  * @param multicast        1 = remoteAddress is a multicast group; must then agree with the address
  * @param send             1 = send socket, 0 = receive socket
- * @param multicastOption  receive from a group: 0 = join on the interface of localAddress (or of the
- *                         group's zone), 1 = join on every multicast-capable interface that is up, also later;
- *                         a group of interface or link scope (ff01::, ff02::) has one zone, named by it
- *                         or by localAddress, and is joined there in either case
- * @param ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast datagrams,
- *                         0 to 255
+ * @param multicastOption  receive from a group: 0 = join on the interface of localAddress (or of
+ *                         the group's zone), 1 = join on every multicast-capable interface that is
+ *                         up, also later; a group of interface or link scope (ff01::, ff02::) has
+ *                         one zone, named by it or by localAddress, and is joined there in either
+ *                         case
+ * @param ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast
+ *                         datagrams, 0 to 255
  * @param callback         receive: not null; not used by a send socket
  * @param context          what ZAQUDPSocket_GetContext returns
  */
@@ -105,8 +119,13 @@ ZAQSOCKETS_API uint32_t ZAQUDPSocket_SendAll(void* socket, const unsigned char* 
  * interface's name that exists, or its number; RFC 4007). Names, brackets, ports and white space
  * are refused.
  *
+ * A group may stand behind its source and '@', for source-specific multicast (RFC 4607):
+ * "192.0.2.9@232.1.1.1", "2001:db8::9@ff3e::1%eth0". The source is a unicast address of the same
+ * family, without a zone. At the end there may be the DSCP of sent datagrams (RFC 2474), a number
+ * from 0 to 63 of one or two digits: "239.1.1.1?dscp=34". The longest text has 116 characters.
+ *
  * Returns 2 (AF_INET), 10 (AF_INET6), or 0 for what is not an address; the outputs are written only
- * when a family is returned.
+ * when a family is returned, and describe the group where there is a source.
  * @param[in]  address    NUL-terminated text; may be null
  * @param[out] bytes      4 or 16 bytes in network order; may be null
  * @param[out] byteCount  4 or 16; may be null

@@ -26,17 +26,16 @@ constexpr long kThrow = 1;  // in place of a result
     X(socket, -1, EMFILE, 0)           X(setsockopt, -1, ENOBUFS, 0) X(bind, -1, EADDRINUSE, 0) \
     X(connect, -1, ENETUNREACH, 0)     X(send, -1, ENOBUFS, 0)       X(recvmmsg, -1, ENOMEM, 0) \
     X(getifaddrs, -1, ENOMEM, 1)       X(if_nametoindex, 0, ENODEV, 0) \
-    X(if_nameindex, 0, ENOBUFS, 1)     X(getsourcefilter, -1, EADDRNOTAVAIL, 0) \
-    X(getsockname, -1, ENOBUFS, 0)     X(recv, -1, ENOMEM, 0) \
+    X(getsockopt, -1, ENOBUFS, 0)      X(fcntl, -1, EMFILE, 0) \
+    X(recv, -1, ENOMEM, 0)             X(poll, -1, EINTR, 0) \
     X(epoll_create1, -1, EMFILE, 0)    X(epoll_ctl, -1, ENOSPC, 0)   X(epoll_wait, -1, EINTR, 0) \
-    X(eventfd, -1, EMFILE, 0)          X(getrusage, -1, EINVAL, 0)   X(_Znwm, kThrow, 0, 1) \
-    X(_Znam, kThrow, 0, 1)             X(_ZnwmSt11align_val_t, kThrow, 0, 1) \
-    X(_ZnwmRKSt9nothrow_t, 0, ENOMEM, 1)
+    X(eventfd, -1, EMFILE, 0)          X(_Znwm, kThrow, 0, 1)        X(_Znam, kThrow, 0, 1) \
+    X(_ZnwmSt11align_val_t, kThrow, 0, 1)           X(_ZnwmRKSt9nothrow_t, 0, ENOMEM, 1)
 // What gives back: operator delete in its forms, and others.
 #define RELEASING(X) \
     X(_ZdlPv, 0, 0, -1)                X(_ZdlPvm, 0, 0, -1)          X(_ZdaPv, 0, 0, -1) \
     X(_ZdlPvSt11align_val_t, 0, 0, -1) X(_ZdlPvmSt11align_val_t, 0, 0, -1) \
-    X(munmap, 0, 0, -1)                X(freeifaddrs, 0, 0, -1)      X(if_freenameindex, 0, 0, -1) \
+    X(munmap, 0, 0, -1)                X(freeifaddrs, 0, 0, -1) \
     X(pthread_attr_destroy, 0, 0, -1)
 // clang-format on
 

@@ -21,7 +21,8 @@ struct Stream {
 constexpr Stream kStreams[] = {{"127.0.0.1", "127.0.0.1", 0, 0},
                                {"::1", "::1", 0, 0},
                                {"127.0.0.1", "239.7.7.7", 1, 1},
-                               {"::", "ff15::7", 1, 0}};
+                               {"::", "ff15::7", 1, 0},
+                               {"::", "::1@ff12::7%1", 1, 0}};
 constexpr uint32_t kCount = std::size(kStreams);
 constexpr uint32_t kDatagram = 7 * 188;
 constexpr int kPatience_s = 15;
@@ -57,7 +58,7 @@ class Host {
                               name + " type ifb; ip link del" + name)
                                  .c_str()),
                       0);
-            EXPECT_TRUE(Await([] { return faults::Uses("getsourcefilter") > 0; }));
+            EXPECT_TRUE(Await([] { return faults::Uses("fcntl") > 0; }));
             Exchange('d');
         }
         for (uint32_t channel = 0; channel < kCount; ++channel)
@@ -159,8 +160,7 @@ int RunSessions(const std::string& function, int use, uint16_t port) {
     const auto before = Footprint();
     const int held = faults::Held();
     int loads = 0;
-    constexpr const char* kOfLooks[] = {"recv", "getsockname", "getsourcefilter", "if_nameindex"};
-    const bool looks = std::ranges::find(kOfLooks, function) != std::end(kOfLooks);
+    const bool looks = function == "recv" || function == "fcntl" || function == "poll";
     for (const bool faulty : {true, false}) {
         faults::Arm(function, faulty ? use : 0);
         {

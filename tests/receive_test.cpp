@@ -1,7 +1,6 @@
 // Receive sockets: who gets which datagram, and what is left when they are gone.
 #include <gtest/gtest.h>
 #include <netinet/udp.h>
-#include <sched.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -162,7 +161,10 @@ TEST(Create, WrongArgumentsAreRefused) {
 TEST(Create, RunningOutOfDescriptorsAtAnyStepLeavesNothingOpen) {
     rlimit usual{};
     getrlimit(RLIMIT_NOFILE, &usual);
-    for (const auto& [local, remote] : {std::pair{"0.0.0.0", "0.0.0.0"}, {"::1", "ff15::1"}}) {
+    const std::tuple<const char*, const char*, int> kinds[] = {
+        {"0.0.0.0", "0.0.0.0", 3},  // socket, epoll, event
+        {"::1", "ff15::1", 5}};     // and for the watch: two of rtnetlink, of which one goes, event
+    for (const auto& [local, remote, steps] : kinds) {
         const auto before = Footprint();
         rlimit tight{static_cast<rlim_t>(dup(0)), usual.rlim_max};  // the lowest that is free
         close(static_cast<int>(tight.rlim_cur));
@@ -174,7 +176,7 @@ TEST(Create, RunningOutOfDescriptorsAtAnyStepLeavesNothingOpen) {
             failures += !created;
             EXPECT_TRUE(Await([&] { return Footprint() == before; })) << failures;
         }
-        EXPECT_EQ(failures, 3) << "socket, epoll and event once each";
+        EXPECT_EQ(failures, steps) << remote;
     }
 }
 
@@ -221,46 +223,6 @@ TEST(Receive, ATrainThatComesAsOneMessageIsDeliveredDatagramByDatagram) {
     EXPECT_EQ(receiver.All()[39].first.size(), 1316u);
     EXPECT_EQ(receiver.All()[40].first.size(), 100u);
     close(train);
-}
-
-// The callbacks take longer than one thread has; there must be two processors for two threads.
-TEST(Receive, SocketsSpreadOverThreadsUnderLoadAndComeTogetherAfterIt) {
-    cpu_set_t processors;
-    ASSERT_EQ(sched_getaffinity(0, sizeof(processors), &processors), 0);
-    if (CPU_COUNT(&processors) < 2)
-        GTEST_SKIP() << "a single processor";
-    std::atomic<pthread_t> thread[2];
-    std::atomic<int> busy_us = 0;
-    const auto work = [&](int number) {
-        return [&, number](void*) {
-            const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(busy_us);
-            while (std::chrono::steady_clock::now() < end) {
-            }
-            thread[number] = pthread_self();
-        };
-    };
-    Receiver receivers[] = {{"127.0.0.1", "0.0.0.0", kPort, 0, work(0)},
-                            {"127.0.0.1", "0.0.0.0", kPort + 1, 0, work(1)}};
-    const auto before = Footprint();
-    uint32_t sent = 0;
-    const auto feed = [&](int datagrams) {
-        for (int i = 0; i < datagrams; ++i, ++sent)
-            Sender("0.0.0.0", "127.0.0.1", kPort + sent % 2).Send(std::to_string(sent));
-        return thread[0] != 0 && thread[1] != 0;
-    };
-    for (int cycle = 0; cycle < 2; ++cycle) {
-        busy_us = 200;
-        EXPECT_TRUE(Await([&] { return feed(20) && thread[0] != thread[1]; }));
-        busy_us = 0;
-        EXPECT_TRUE(Await([&] { return feed(2) && thread[0] == thread[1]; }));
-        EXPECT_TRUE(Await([&] { return Footprint() == before; })) << "nothing stays of the second";
-    }
-    EXPECT_TRUE(Await([&] { return receivers[0].Count() + receivers[1].Count() == sent; }));
-    uint32_t next[] = {0, 1};
-    for (const Receiver& receiver : receivers)
-        for (const auto& [data, source] : receiver.All())
-            ASSERT_EQ(data, std::to_string(std::exchange(next[&receiver - receivers],
-                                                         next[&receiver - receivers] + 2)));
 }
 
 // Does the thread block the signals that hosts handle?

@@ -1,0 +1,140 @@
+#include "Interfaces.h"
+
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <netpacket/packet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace zaqsockets {
+
+namespace {
+
+// An interface stands in the list once for itself, and once for each of its addresses.
+bool IsInterfaceItself(const ifaddrs& entry) {
+    return entry.ifa_addr == nullptr || entry.ifa_addr->sa_family == AF_PACKET;
+}
+
+// An interface without a link-layer address, such as a tunnel, has no AF_PACKET address either.
+uint32_t NumberOf(const ifaddrs& interface) {
+    if (interface.ifa_addr == nullptr)
+        return if_nametoindex(interface.ifa_name);
+    sockaddr_ll link;
+    memcpy(&link, interface.ifa_addr, sizeof(link));
+    return static_cast<uint32_t>(link.sll_ifindex);
+}
+
+// The name of an address may have a label behind it, as in "eth0:1".
+bool HaveSameName(const ifaddrs& interface, const ifaddrs& address) {
+    const size_t length = strcspn(address.ifa_name, ":");
+    return strncmp(interface.ifa_name, address.ifa_name, length) == 0 &&
+           interface.ifa_name[length] == '\0';
+}
+
+}  // namespace
+
+const ifaddrs* InterfaceList::Entries() {
+    ifaddrs* list = nullptr;
+    if (!std::exchange(m_IsRequested, true) && getifaddrs(&list) == 0) {
+        m_Entries.reset(list);
+        for (; list != nullptr; list = list->ifa_next)
+            if (IsInterfaceItself(*list))
+                m_Numbers.push_back(NumberOf(*list));
+        std::ranges::sort(m_Numbers);
+    }
+    return m_Entries.get();
+}
+
+uint32_t InterfaceList::WithAddress(const Address& address) {
+    for (const ifaddrs* entry = Entries(); entry != nullptr; entry = entry->ifa_next) {
+        if (IsInterfaceItself(*entry) || !address.IsSameHost(*entry->ifa_addr))
+            continue;
+        for (const ifaddrs* own = Entries(); own != nullptr; own = own->ifa_next)
+            if (IsInterfaceItself(*own) && HaveSameName(*own, *entry))
+                return NumberOf(*own);
+    }
+    return 0;
+}
+
+bool InterfaceList::Has(uint32_t interface) {
+    return Entries() != nullptr && std::ranges::binary_search(m_Numbers, interface);
+}
+
+std::vector<uint32_t> InterfaceList::ForGroups() {
+    constexpr unsigned int kWanted = IFF_UP | IFF_MULTICAST;
+    std::vector<uint32_t> numbers;
+    for (const ifaddrs* entry = Entries(); entry != nullptr; entry = entry->ifa_next)
+        if (IsInterfaceItself(*entry) && (entry->ifa_flags & kWanted) == kWanted)
+            numbers.push_back(NumberOf(*entry));
+    return numbers;
+}
+
+std::vector<Address> InterfaceList::Addresses(int family) {
+    std::vector<Address> addresses;
+    for (const ifaddrs* entry = Entries(); entry != nullptr; entry = entry->ifa_next) {
+        Address address;
+        if (entry->ifa_addr != nullptr && address.Assign(*entry->ifa_addr, family))
+            addresses.push_back(address);
+    }
+    return addresses;
+}
+
+uint32_t RouteTo(const Address& group) {
+    struct {
+        nlmsghdr Header;
+        rtmsg Route;
+        rtattr Attribute;
+        unsigned char Bytes[4096];  // of the attribute; the answer has more of them
+    } message{};
+    const auto addressBytes = static_cast<uint16_t>(group.ByteCount());
+    message.Attribute.rta_type = RTA_DST;
+    message.Attribute.rta_len = static_cast<uint16_t>(sizeof(rtattr) + addressBytes);
+    memcpy(message.Bytes, group.Bytes(), addressBytes);
+    message.Route.rtm_family = static_cast<unsigned char>(group.Family());
+    message.Route.rtm_dst_len = static_cast<unsigned char>(addressBytes * 8);
+    message.Header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg)) + message.Attribute.rta_len;
+    message.Header.nlmsg_type = RTM_GETROUTE;
+    message.Header.nlmsg_flags = NLM_F_REQUEST;
+
+    const Descriptor netlink = OpenNetlink(0);
+    if (!netlink || send(netlink.Number(), &message, message.Header.nlmsg_len, 0) < 0)
+        return 0;
+    // The kernel has answered before send() returns.
+    const ssize_t size = recv(netlink.Number(), &message, sizeof(message), 0);
+    if (size < 0 || message.Header.nlmsg_type != RTM_NEWROUTE)
+        return 0;
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&message);
+    for (size_t offset = NLMSG_LENGTH(sizeof(rtmsg));
+         offset + sizeof(rtattr) + sizeof(uint32_t) <= static_cast<size_t>(size);) {
+        rtattr attribute;
+        uint32_t value;
+        memcpy(&attribute, bytes + offset, sizeof(attribute));
+        memcpy(&value, bytes + offset + sizeof(attribute), sizeof(value));
+        if (attribute.rta_type == RTA_OIF)
+            return value;
+        offset += NLMSG_ALIGN(std::max<size_t>(attribute.rta_len, sizeof(attribute)));
+    }
+    return 0;
+}
+
+Descriptor OpenNetlink(uint32_t groups) {
+    // The kernel gives a process's first netlink socket the process's number (netlink(7)), which
+    // other code of the host may request by itself. So ours is never the first one.
+    const auto open = [](uint32_t wanted) {
+        Descriptor opened(
+            socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+        sockaddr_nl address{};
+        address.nl_family = AF_NETLINK;
+        address.nl_groups = wanted;
+        const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+        return opened && bind(opened.Number(), generic, sizeof(address)) == 0 ? std::move(opened)
+                                                                              : Descriptor();
+    };
+    const Descriptor first = open(0);
+    return open(groups);
+}
+
+}  // namespace zaqsockets

@@ -1,0 +1,48 @@
+// The network interfaces of this machine, as rtnetlink(7) tells of them. An interface is known by
+// its number (its index in the kernel's words); 0 stands for none.
+#ifndef SOCKETS_INTERFACES_H
+#define SOCKETS_INTERFACES_H
+
+#include <ifaddrs.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Address.h"
+#include "Descriptor.h"
+
+namespace zaqsockets {
+
+// Interfaces and their addresses at one moment, the first one at which they are requested.
+// Thread safety: one thread.
+class InterfaceList {
+  public:
+    // False when the system did not tell. The list is then empty.
+    explicit operator bool() { return Entries() != nullptr; }
+
+    uint32_t WithAddress(const Address& address);
+    bool Has(uint32_t interface);
+    // Those that are up and can multicast.
+    std::vector<uint32_t> ForGroups();
+    // The addresses of one family.
+    std::vector<Address> Addresses(int family);
+
+  private:
+    const ifaddrs* Entries();
+
+    bool m_IsRequested = false;
+    std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> m_Entries{nullptr, &freeifaddrs};
+    std::vector<uint32_t> m_Numbers;  // sorted
+};
+
+// The interface to which the route to the group leads.
+uint32_t RouteTo(const Address& group);
+
+// A socket that gets the messages of so many groups (rtnetlink(7)). Empty, with errno set, when the
+// system refuses it.
+Descriptor OpenNetlink(uint32_t groups);
+
+}  // namespace zaqsockets
+
+#endif
