@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -17,19 +18,48 @@ static uint32_t ZoneOf(const std::string& text) {
     return number <= UINT32_MAX ? static_cast<uint32_t>(number) : 0;
 }
 
+// What the text of an address alone means.
+struct Parsed {
+    explicit Parsed(const std::string& text) {
+        const size_t percent = text.find('%');
+        const bool zoned = percent != std::string::npos;
+        Zone = zoned ? ZoneOf(text.substr(percent + 1)) : 0;
+        if (!zoned && inet_pton(AF_INET, text.c_str(), Bytes) == 1)
+            Family = AF_INET;
+        else if (zoned == (Zone != 0) &&
+                 inet_pton(AF_INET6, text.substr(0, percent).c_str(), Bytes) == 1)
+            Family = AF_INET6;
+        IsGroup = Family == AF_INET ? Bytes[0] / 16 == 14 : Family == AF_INET6 && Bytes[0] == 255;
+    }
+    uint8_t Bytes[16] = {};
+    uint32_t Family = 0;
+    uint32_t Zone = 0;
+    bool IsGroup;
+};
+
+static bool IsSourceOf(const std::string& text, const Parsed& group) {
+    static const uint8_t kAny[16] = {};
+    const Parsed source(text);
+    return source.Family == group.Family && group.IsGroup && !source.IsGroup &&
+           memcmp(source.Bytes, kAny, sizeof(kAny)) != 0 && text.find('%') == std::string::npos;
+}
+
+static bool IsDscp(const std::string& text) {
+    for (int n = 0; n < 64; ++n)
+        if (text == "dscp=" + std::to_string(n) || (n < 10 && text == "dscp=0" + std::to_string(n)))
+            return true;
+    return false;
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string all(data, std::find(data, data + size, 0));
-    const size_t percent = all.find('%');
-    const bool zoned = percent != std::string::npos;
-    const uint32_t wantedZone = zoned ? ZoneOf(all.substr(percent + 1)) : 0;
-    uint8_t wanted[16] = {};
-    uint32_t family = 0;
-    if (!zoned && inet_pton(AF_INET, all.c_str(), wanted) == 1)
-        family = AF_INET;
-    else if (zoned == (wantedZone != 0) &&
-             inet_pton(AF_INET6, all.substr(0, percent).c_str(), wanted) == 1)
-        family = AF_INET6;
-    const bool group = family == AF_INET ? wanted[0] / 16 == 14 : wanted[0] == 255;
+    const size_t mark = std::min(all.find('?'), all.size());
+    const std::string addresses = all.substr(0, mark);
+    const size_t at = addresses.find('@');
+    const Parsed host(at == std::string::npos ? addresses : addresses.substr(at + 1));
+    const bool right = (mark == all.size() || IsDscp(all.substr(mark + 1))) &&
+                       (at == std::string::npos || IsSourceOf(addresses.substr(0, at), host));
+    const uint32_t family = right ? host.Family : 0;
 
     uint8_t bytes[16] = {};
     uint32_t count = 99;
@@ -40,7 +70,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (family == 0)
         Check(count == 99 && zone == 99 && multicast == 99);
     else
-        Check(memcmp(bytes, wanted, 16) == 0 && count == (family == AF_INET ? 4 : 16) &&
-              zone == wantedZone && multicast == int32_t{group});
+        Check(memcmp(bytes, host.Bytes, 16) == 0 && count == (family == AF_INET ? 4 : 16) &&
+              zone == host.Zone && multicast == int32_t{host.IsGroup});
     return 0;
 }

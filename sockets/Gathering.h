@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <utility>
 
 namespace zaqsockets {
 
@@ -16,8 +17,7 @@ class Gathering {
   public:
     using Duration = std::chrono::microseconds;
 
-    // What one socket got since the latest pause, measured by the share of its buffer that this
-    // filled.
+    // What one socket got in the present window, by the share of its buffer that this would fill.
     class Share {
       public:
         // The buffer's size, as the kernel counts; 0 when it is not known.
@@ -26,7 +26,7 @@ class Gathering {
       private:
         friend class Gathering;
         const uint32_t m_BufferBytes;
-        uint32_t m_Pause = 0;  // the number of that pause
+        uint32_t m_Window = 0;  // the number of that window
         uint64_t m_Bytes = 0;
     };
 
@@ -36,32 +36,35 @@ class Gathering {
         constexpr uint64_t kFrameBytes = 1500;
         constexpr uint64_t kCountedBytes = 2304;
         ++m_Messages;
-        if (share.m_Pause != m_Pauses)
+        if (std::exchange(share.m_Window, m_Window) != m_Window)
             share.m_Bytes = 0;
-        share.m_Pause = m_Pauses;
         share.m_Bytes += (length / kFrameBytes + 1) * kCountedBytes;
-        const double filled =
-            share.m_BufferBytes == 0 ? 1 : double(share.m_Bytes) / share.m_BufferBytes;
-        m_Fullest = std::max(m_Fullest, filled);
+        m_Fullest = std::max(m_Fullest, double(share.m_Bytes) / (share.m_BufferBytes + 1.0));
     }
 
     // How long to sleep after a round in which all that had arrived was taken; 0 = not at all.
     Duration Pause() {
+        constexpr double kMostFilled = 0.125;
         const auto now = std::chrono::steady_clock::now();
+        const auto window = std::chrono::duration_cast<Duration>(now - m_WindowStart);
         ++m_Wakeups;
-        if (now - m_WindowStart >= kWindow) {
+        if (window >= kWindow) {
             // A window that took longer contains a time in which nothing came.
-            m_Gather = now - m_WindowStart < 2 * kWindow && m_Messages >= kLeastMessages &&
-                       (m_Gather || m_Wakeups >= kLeastWakeups);
+            const bool steady = window < 2 * kWindow && m_Messages >= kLeastMessages &&
+                                (m_Ticks > 0 || m_Wakeups >= kLeastWakeups);
+            // As many as fill an eighth of the fullest socket's buffer. So the rate may rise to the
+            // eightfold without a loss.
+            const double ticks = double(window / kTick) * kMostFilled / m_Fullest;
+            m_Ticks = steady ? static_cast<int>(std::min(ticks, kMostTicks)) : 0;
+            m_UsuallyFullest = m_Fullest;
             m_WindowStart = now;
+            ++m_Window;
             m_Messages = m_Wakeups = 0;
+            m_Fullest = 0;
+        } else if (m_Fullest > 2 * m_UsuallyFullest) {
+            m_Ticks = 0;  // more comes than before
         }
-        const Duration ticks = m_Gather ? Ticks(std::chrono::duration_cast<Duration>(now - m_Slept))
-                                        : Duration::zero();
-        m_Fullest = 0;
-        m_Slept = now;
-        ++m_Pauses;
-        return ticks == Duration::zero() ? ticks : UntilTick(ticks);
+        return m_Ticks > 0 ? UntilTick(m_Ticks * kTick) : Duration::zero();
     }
 
   private:
@@ -69,18 +72,7 @@ class Gathering {
     static constexpr uint32_t kLeastMessages = 32;  // a train of datagrams counts as one
     static constexpr uint32_t kLeastWakeups = 12;
     static constexpr Duration kTick{1000};
-    static constexpr Duration kLongest{4 * kTick};
-
-    // As many as fill a quarter of the fullest socket's buffer at the rate of the time since the
-    // latest pause. So the rate may rise to the fourfold meanwhile without a loss.
-    Duration Ticks(Duration elapsed) const {
-        constexpr double kMostFilled = 0.25;
-        if (elapsed > kLongest + kWindow)
-            return Duration::zero();  // nothing came for a while
-        const double allowed = double(elapsed.count()) * kMostFilled / std::max(m_Fullest, 1e-9);
-        const auto ticks = static_cast<int64_t>(allowed / double(kTick.count()));
-        return std::min(ticks * kTick, kLongest);
-    }
+    static constexpr double kMostTicks = 4;
 
     // Ends with a millisecond of the clock, as the sleeps of others do that send and receive by the
     // millisecond: so one timer interrupt wakes them all. A thread that had to wait for others must
@@ -92,13 +84,14 @@ class Gathering {
         return ticks - late + late / 8;
     }
 
+    int m_Ticks = 0;              // to sleep between rounds
+    double m_UsuallyFullest = 0;  // m_Fullest at the end of the last window
+    // Of the present window.
     std::chrono::steady_clock::time_point m_WindowStart = std::chrono::steady_clock::now();
-    std::chrono::steady_clock::time_point m_Slept = m_WindowStart;  // began the latest pause
-    uint32_t m_Pauses = 0;
-    uint32_t m_Wakeups = 0;  // in this window, as m_Messages
+    uint32_t m_Window = 1;  // its number
+    uint32_t m_Wakeups = 0;
     uint32_t m_Messages = 0;
-    double m_Fullest = 0;  // since the latest pause
-    bool m_Gather = false;
+    double m_Fullest = 0;
 };
 
 }  // namespace zaqsockets

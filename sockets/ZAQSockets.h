@@ -12,7 +12,7 @@
  * - Callbacks for all sockets run on one thread of the library, one after the other. A callback
  *   that waits holds up all sockets. One that forks must exec or _exit in the child. While
  *   datagrams come steadily, at least 2000 a second, callbacks may come up to 4 ms after the
- *   datagrams, and never later than a quarter of the time in which a socket's buffer would fill.
+ *   datagrams, and never later than an eighth of the time in which a socket's buffer would fill.
  * - The library has two threads at most: one that receives, while receive sockets exist, and one
  *   that looks after group memberships, while sockets of groups exist. Both block all signals but
  *   those that a thread brings on itself. The library's descriptors are never 0, 1 or 2, and are

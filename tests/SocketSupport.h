@@ -90,13 +90,14 @@ struct Sender {
     const std::unique_ptr<void, void (*)(void*)> Socket;
 };
 
-// Two more interfaces that can multicast, a0 and a1; what is sent on them comes back only on them.
+// Two more interfaces that can multicast, a0 and a1, with two addresses of each family; what is sent on them comes back only on them.
 struct Interfaces {
     Interfaces() {
         EXPECT_EQ(system("set -e; for n in 0 1; do"
                          " ip link add a$n type dummy 2>/dev/null || ip link add a$n type ifb;"
-                         " ip link set a$n up multicast on; ip addr add 10.77.$n.1/24 dev a$n;"
-                         " ip addr add fd77:$n::1/64 dev a$n nodad; done;"
+                         " ip link set a$n up multicast on; for i in 1 9; do"
+                         " ip addr add 10.77.$n.$i/24 dev a$n;"
+                         " ip addr add fd77:$n::$i/64 dev a$n nodad; done; done;"
                          " while ip -6 addr show tentative | grep -q .; do sleep 0.01; done"),
                   0);
     }

@@ -21,7 +21,14 @@ const char* const kAddresses =
     "::ffff:224.1.2.3 = ::ffff:224.1.2.3; fe80::1%lo = fe80::1 zone 1; "
     "ff02::1%1 = ff02::1 group zone 1; fe80::1%4294967295 = fe80::1 zone 4294967295; "
     "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255%000000000000001 = "
-    "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff group zone 1; ";
+    "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff group zone 1; "
+    // with a source, with DSCP, with both, and the longest
+    "192.0.2.9@232.1.1.1 = 232.1.1.1 group; 2001:db8::9@ff3e::1 = ff3e::1 group; "
+    "::1@ff12::1%lo = ff12::1 group zone 1; 1.2.3.4?dscp=0 = 1.2.3.4; ::1?dscp=63 = ::1; "
+    "fe80::1%1?dscp=09 = fe80::1 zone 1; 1.2.3.4@239.1.1.1?dscp=46 = 239.1.1.1 group; "
+    "2001:0db8:0000:0000:0000:0000:255.255.255.255@"
+    "ff3e:ffff:ffff:ffff:ffff:ffff:255.255.255.255%0000000000000001?dscp=63 = "
+    "ff3e:ffff:ffff:ffff:ffff:ffff:ffff:ffff group zone 1; ";
 
 const std::string kNoAddresses[] = {
     "", " ", "%", "%lo", ".", ":", "localhost", "example.com", "udp://1.2.3.4",
@@ -35,6 +42,15 @@ const std::string kNoAddresses[] = {
     // zones
     "::1%", "::1%nosuch", "::1%0", "::1%-1", "::1%+1", "::1% 1", "::1%1 ", "::1%1x", "::1%lo%lo",
     "::1%lo ", "::1%4294967296", "::1%00000000000000001", "::1%" + std::string(300, '1'),
+    // sources: without a group, of another family, with a zone, no unicast, two of them
+    "@232.1.1.1", "1.2.3.4@", "1.2.3.4@1.2.3.5", "::1@232.1.1.1", "1.2.3.4@ff3e::1",
+    "fe80::1%lo@ff12::1%lo", "232.1.1.1@232.1.1.2", "0.0.0.0@232.1.1.1", "::@ff3e::1",
+    "1.2.3.4@1.2.3.5@232.1.1.1", "1.2.3.4 @232.1.1.1",
+    // DSCP: too large, no number, no such key, not at the end, twice
+    "1.2.3.4?", "1.2.3.4?dscp", "1.2.3.4?dscp=", "1.2.3.4?dscp=64", "1.2.3.4?dscp=+1",
+    "1.2.3.4?dscp=-1", "1.2.3.4?dscp=1 ", "1.2.3.4?dscp=001", "1.2.3.4?dscp=0x1", "1.2.3.4?foo=1",
+    "1.2.3.4?DSCP=1", "1.2.3.4?dscp=1?dscp=1", "1.2.3.4?dscp=1&ttl=1", "?dscp=1",
+    "1.2.3.4?dscp=1@232.1.1.1", "ff02::1?dscp=1%lo",
     // longer than any address, and right if it were cut
     "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255%00000000000000011", std::string(255, '1'),
     std::string(256, ':'), "127.0.0.1" + std::string(300, ' '), std::string(300, '0') + "127.0.0.1",

@@ -1,4 +1,6 @@
 // Receive sockets: who gets which datagram, and what is left when they are gone.
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/udp.h>
 #include <sys/resource.h>
@@ -43,6 +45,17 @@ const Scene kScenes[] = {
     {"10.77.0.1 0.0.0.0  fd77:1::1 ::  !0.0.0.0 0.0.0.0  !:: ::  10.77.1.1 0.0.0.0",
      "0.0.0.0 10.77.0.1 0  :: fd77:1::1 1  0.0.0.0 10.77.1.1 2"},
     {"0.0.0.0 0.0.0.0  !10.77.0.1 0.0.0.0", "0.0.0.0 10.77.0.1 0"},
+    // One group of two sources, of which a socket names either, or none.
+    {"127.0.0.5 127.0.0.7@239.1.1.1  127.0.0.1 127.0.0.1@239.1.1.1?dscp=5",
+     "127.0.0.7 239.1.1.1 0  127.0.0.1 239.1.1.1 1"},
+    {"10.77.0.1 10.77.0.1@232.1.1.1  10.77.0.1 10.77.0.9@232.1.1.1  10.77.0.1 232.1.1.1"
+     "  fd77:0::1 fd77:0::1@ff3e::1  fd77:0::1 fd77:0::9@ff3e::1  fd77:0::1 ff3e::1",
+     "10.77.0.1 232.1.1.1 02  10.77.0.9 232.1.1.1 12  10.77.1.9 232.1.1.1 -"
+     "  fd77:0::1 ff3e::1 35  fd77:0::9 ff3e::1 45  fd77:1::9 ff3e::1 -"},
+    {"0.0.0.0 10.77.1.9@232.1.1.1  :: fd77:0::9@ff3e::1",
+     "10.77.1.9 232.1.1.1 0  10.77.1.1 232.1.1.1 -  10.77.0.1 232.1.1.1 -"
+     "  fd77:0::9 ff3e::1 1  fd77:0::1 ff3e::1 -  fd77:1::1 ff3e::1 -",
+     1},
     // On all interfaces.
     {"10.77.1.1 239.1.1.1  :: ff15::1",
      "10.77.0.1 239.1.1.1 0  10.77.1.1 239.1.1.1 0  fd77:0::1 ff15::1 1  fd77:1::1 ff15::1 1", 1},
@@ -52,7 +65,7 @@ const Scene kScenes[] = {
     // Nonsense, and addresses that are not this machine's.
     {"!x 127.0.0.1  !127.0.0.1 x  !::1 127.0.0.1  !239.1.1.1 127.0.0.1  !127.0.0.1 ff15::1"
      "  !192.0.2.1 127.0.0.1  !192.0.2.1 239.1.1.1  !2001:db8::1 ::1  !2001:db8::1 ff15::1"
-     "  !:: ff02::1%99",
+     "  !:: ff02::1%99  !127.0.0.1?dscp=1 127.0.0.1  !127.0.0.1@239.1.1.1 239.1.1.1",
      ""}};
 
 // Every stream is sent twice: what went astray in the first round has arrived before what every
@@ -101,9 +114,15 @@ TEST(Receive, GroupsAreJoinedAgainWhenTheirInterfaceWasMadeAnew) {
     const auto before = Footprint();
     auto interfaces = std::make_unique<Interfaces>();
     ASSERT_EQ(system("ip route add 239.1.1.4 dev a0"), 0);
-    const std::pair<const char*, const char*> groups[] = {
-        {"10.77.0.1", "239.1.1.1"}, {"0.0.0.0", "239.1.1.2"}, {"fd77:0::1", "ff15::1"},
-        {"::", "ff15::2"},          {"::", "ff02::1:5%a0"},   {"0.0.0.0", "239.1.1.4"}};
+    const std::pair<const char*, const char*> groups[] = {{"10.77.0.1", "239.1.1.1"},
+                                                          {"0.0.0.0", "239.1.1.2"},
+                                                          {"fd77:0::1", "ff15::1"},
+                                                          {"::", "ff15::2"},
+                                                          {"::", "ff02::1:5%a0"},
+                                                          {"10.77.0.1", "10.77.0.1@232.1.1.1"},
+                                                          {"0.0.0.0", "10.77.0.1@232.1.1.2"},
+                                                          {"fd77:0::1", "fd77:0::1@ff3e::1"},
+                                                          {"0.0.0.0", "239.1.1.4"}};
     std::vector<std::unique_ptr<Receiver>> receivers;
     for (const auto& [local, group] : groups) {
         const int32_t everywhere = group[strlen(group) - 1] == '2';
@@ -136,11 +155,12 @@ TEST(Receive, GroupsAreJoinedAgainWhenTheirInterfaceWasMadeAnew) {
     EXPECT_TRUE(Await([&] { return Footprint() == before; }));
 }
 
+const auto ignore = [](void*, void*, sockaddr*, unsigned char*, unsigned int) {};
+
 TEST(Create, WrongArgumentsAreRefused) {
     const char* const own = "127.0.0.1";
     for (const char* const local : {"::1", "239.1.1.1", "192.0.2.1", ""})
         EXPECT_FALSE(Sender(local, own).Socket) << local;
-    const auto ignore = [](void*, void*, sockaddr*, unsigned char*, unsigned int) {};
     for (const int32_t send : {0, 1}) {
         const auto create = [&](const char* local, uint32_t port, int32_t multicast, int32_t ttl) {
             return ZAQUDPSocket_Create(local, own, port, port, multicast, send, 0, ttl, ignore,
@@ -156,6 +176,71 @@ TEST(Create, WrongArgumentsAreRefused) {
     ZAQUDPSocket_Destroy(nullptr);
     EXPECT_EQ(ZAQUDPSocket_GetContext(nullptr), nullptr);
     EXPECT_EQ(ZAQUDPSocket_SendAll(nullptr, nullptr, 0), 0u);
+}
+
+// Not even by a program that would share it.
+TEST(Create, ANamedPortCanNotBeTaken) {
+    for (const char* const own : {"127.0.0.1", "::1"}) {
+        const Receiver receiver(own, own);
+        ASSERT_TRUE(receiver);
+        const bool six = strchr(own, ':') != nullptr;
+        sockaddr_in6 address{};
+        address.sin6_family = six ? AF_INET6 : AF_INET;
+        address.sin6_port = htons(kPort);
+        void* const bytes = six ? static_cast<void*>(&address.sin6_addr) : &address.sin6_flowinfo;
+        ASSERT_EQ(inet_pton(address.sin6_family, own, bytes), 1);
+        const int thief = socket(address.sin6_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        const int on = 1;
+        EXPECT_EQ(setsockopt(thief, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)), 0);
+        EXPECT_EQ(setsockopt(thief, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on)), 0);
+        EXPECT_EQ(bind(thief, reinterpret_cast<sockaddr*>(&address), sizeof(address)), -1) << own;
+        close(thief);
+    }
+}
+
+// A group on all interfaces, with the watch, and a sender to it.
+std::pair<void*, void*> CreateBoth() {
+    const char* const group = "ff12::1%lo";
+    return {ZAQUDPSocket_Create("::", group, kPort, kPort, 1, 0, 1, 0, ignore, nullptr),
+            ZAQUDPSocket_Create("::1", group, kPort, kPort, 1, 1, 0, 1, nullptr, nullptr)};
+}
+
+TEST(Create, AndDestroyByAThreadThatIsCancelledAreDoneFirst) {
+    const auto before = Footprint();
+    bool done = false;
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr,
+        [](void* flag) -> void* {
+            pthread_cancel(pthread_self());
+            const auto [receiver, sender] = CreateBoth();
+            ZAQUDPSocket_Destroy(receiver);
+            ZAQUDPSocket_Destroy(sender);
+            *static_cast<bool*>(flag) = receiver != nullptr && sender != nullptr;
+            pthread_testcancel();
+            return nullptr;
+        },
+        &done);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_TRUE(done);
+    EXPECT_TRUE(Await([&] { return Footprint() == before; }));
+}
+
+TEST(Create, TakesNoStandardStreamsDescriptor) {
+    EXPECT_EQ(Reap(Fork([] {
+                  for (int file = 0; file < 3; ++file)
+                      close(file);
+                  const auto [receiver, sender] = CreateBoth();
+                  int taken = receiver == nullptr || sender == nullptr ? 8 : 0;
+                  for (int file = 0; file < 3; ++file)
+                      taken += fcntl(file, F_GETFD) != -1;
+                  ZAQUDPSocket_Destroy(receiver);
+                  ZAQUDPSocket_Destroy(sender);
+                  return taken;
+              })),
+              0);
 }
 
 TEST(Create, RunningOutOfDescriptorsAtAnyStepLeavesNothingOpen) {

@@ -31,7 +31,8 @@ TEST(Send, NobodyListeningLosesNothingOnceSomebodyDoesOnTheSamePort) {
     }
 }
 
-// Sends a datagram, and returns the TTL or hop limit and the source that its header carries.
+// Sends a datagram, and returns what its header carries: the TTL or hop limit, the source, and the
+// DSCP where there is one.
 std::string HeaderOf(const char* local, const char* remote, int ttl) {
     constexpr unsigned char kUdp = 17;
     const int tap = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_ALL));
@@ -44,7 +45,9 @@ std::string HeaderOf(const char* local, const char* remote, int ttl) {
     close(tap);
     char source[INET6_ADDRSTRLEN] = "";
     inet_ntop(six ? AF_INET6 : AF_INET, packet + (six ? 8 : 12), source, sizeof(source));
-    return std::to_string(packet[six ? 7 : 8]) + " from " + source;
+    const int dscp = six ? (packet[0] % 16 * 16 + packet[1] / 16) / 4 : packet[1] / 4;
+    return std::to_string(packet[six ? 7 : 8]) + " from " + source +
+           (dscp != 0 ? " dscp " + std::to_string(dscp) : "");
 }
 
 TEST(Send, GroupDatagramsCarryTtlAndLocalAddress) {
@@ -54,6 +57,14 @@ TEST(Send, GroupDatagramsCarryTtlAndLocalAddress) {
         EXPECT_EQ(HeaderOf("::1", "ff15::1", ttl), expected + "::1");
     }
     EXPECT_EQ(HeaderOf("127.0.0.5", "127.0.0.1", 5), "64 from 127.0.0.5") << "no group";
+}
+
+TEST(Send, DatagramsCarryTheDscpOfTheRemoteAddress) {
+    EXPECT_EQ(HeaderOf("127.0.0.5", "239.1.1.1?dscp=34", 1), "1 from 127.0.0.5 dscp 34");
+    EXPECT_EQ(HeaderOf("127.0.0.5", "1.2.3.4@232.1.1.1?dscp=1", 1), "1 from 127.0.0.5 dscp 1");
+    EXPECT_EQ(HeaderOf("127.0.0.5", "127.0.0.1?dscp=63", 1), "64 from 127.0.0.5 dscp 63");
+    EXPECT_EQ(HeaderOf("::1", "ff15::1?dscp=46", 1), "1 from ::1 dscp 46");
+    EXPECT_EQ(HeaderOf("::1", "::1?dscp=0", 1), "64 from ::1");
 }
 
 // A send queue that drains slowly makes the sends block, where signals can interrupt them.
