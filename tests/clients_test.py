@@ -3,7 +3,7 @@
 import concurrent.futures, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, time, unittest
 
 TOOL, SOURCE, PROGRAM = sys.argv[1:]
-SAMPLE = "/tmp/sample.ts"  # a copy that every user may read
+SAMPLE = "/tmp/sample.ts"  # a copy that every user may read; the tool has another /tmp
 PRIVATE_TMP = pathlib.Path(__file__).resolve().parents[1] / "scripts/private-tmp.sh"
 NEEDS = {"ffmpeg": ["ffprobe"], "gstreamer": ["gst-launch-1.0"], "multicat": ["multicat", "ingests"],
          "vlc": ["vlc"], "tshark": ["tshark", "dumpcap"]}
@@ -76,7 +76,7 @@ def transmit(url, command, receives):
     processes = [start(command) if receives else ours(f"receive '{url}?{local}' -", stdout=open(out, "wb"))]
     try:
         await_(lambda: sockets(port), processes)
-        processes += [ours(f"send {SAMPLE} '{url}?{local}'") if receives else start(command)]
+        processes += [ours(f"send '{SOURCE}' '{url}?{local}'") if receives else start(command)]
         await_(lambda: processes[1].poll() is not None, processes)
         await_(lambda: sum(sockets(port)) == 0, processes)
         time.sleep(0.5)  # what it has taken and not yet worked on would be lost with the signal
@@ -111,7 +111,7 @@ class ClientsTest(unittest.TestCase):
     @unittest.skipUnless(PROGRAM == "ffmpeg", "")
     def test_ffprobe_joins_a_stream_that_is_under_way(self):
         probe = "ffprobe -v fatal -show_entries program_stream=codec_name,width,sample_rate -of csv "
-        sender = ours(f"send --loop {SAMPLE} rtp://127.0.0.1:7008")
+        sender = ours(f"send --loop '{SOURCE}' rtp://127.0.0.1:7008")
         found = [subprocess.run((probe + source).split(), capture_output=True, timeout=60).stdout for source in (SAMPLE, "rtp://127.0.0.1:7008")]
         sender.send_signal(signal.SIGINT)
         self.assertEqual((sender.wait(60), found[0]), (0, found[1]))
@@ -124,7 +124,7 @@ class ClientsTest(unittest.TestCase):
         # It says that it captures before it does.
         await_(lambda: probe.sendto(bytes(200), ("127.0.0.1", 7099)) and pcap.exists() and pcap.stat().st_size > 4000, [capture])
         for url in ("rtp://239.1.1.1:7080?ttl=9&localaddr=127.0.0.1", "udp://239.1.1.1:7082?ttl=9&localaddr=127.0.0.1"):
-            self.assertEqual(ours(f"send {SAMPLE} '{url}' -b 20M").wait(60), 0)
+            self.assertEqual(ours(f"send '{SOURCE}' '{url}' -b 20M").wait(60), 0)
         names = "udp.dstport ip.ttl rtp.version rtp.p_type rtp.seq rtp.timestamp mp2t.sync_byte _ws.expert.message"
         read = ["tshark", "-r", pcap, "-Y", "udp.dstport != 7099"] + (
             "-d udp.port==7080,rtp -d udp.port==7082,mp2t -T fields -e " + names.replace(" ", " -e ")).split()
