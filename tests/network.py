@@ -10,7 +10,8 @@ PORT, BYTES, MARK = 5000, 7 * 188, b"G\x1f\xff\x10QXV_"
 # Destination, and the receiver's local address and MulticastOption; the last receives the second again.
 STREAMS = [("10.9.0.1", "0.0.0.0", 0), ("239.1.1.1", "10.9.0.1", 0), ("239.1.1.2", "0.0.0.0", 1),
            ("239.1.1.3", "0.0.0.0", 0), ("fd09::1", "::", 0), ("ff15::1", "fd09::1", 0),
-           ("ff15::2", "::", 1), ("239.1.1.1", "0.0.0.0", 1)]
+           ("ff15::2", "::", 1), ("10.9.0.2@239.1.1.4", "10.9.0.1", 0), ("fd09::2@ff15::3", "::", 1),
+           ("239.1.1.1", "0.0.0.0", 1)]
 # Commands; those with "@" in the senders' network.
 UP = """ip link set v0 up; @ip link set v1 up; ip addr replace 10.9.0.1/24 dev v0;
     @ip addr replace 10.9.0.2/24 dev v1; ip -6 addr replace fd09::1/64 dev v0 nodad;
@@ -22,12 +23,12 @@ NO_ROUTE = ";".join("@ip route add unreachable " + to for to in
 
 def configure(direction, channel, remote, local, option, port=PORT):
     config = struct.pack("256s256s4B2H", local.encode(), remote.encode(),
-                         remote.startswith(("239.", "ff")), channel % 2, 1, option, port, 0)
+                         remote.split("@")[-1].startswith(("239.", "ff")), channel % 2, 1, option, port, 0)
     config = ctypes.create_string_buffer(config)
     assert MODULE.QXV_RTP_SetConfig(HANDLE, direction, channel, config)
 
 def send(channel):  # every packet has its stream's and its own number
-    configure(0, channel, STREAMS[channel][0], "::" if channel in (4, 5, 6) else "0.0.0.0", 0)
+    configure(0, channel, STREAMS[channel][0], "::" if ":" in STREAMS[channel][0] else "0.0.0.0", 0)
     MODULE.QXV_RTP_SendStart(HANDLE, channel, 1000000, 64)
     for n in range(1, 1 << 40, 7):
         packets = (MARK + bytes([channel]) + i.to_bytes(8, "big") for i in range(n, n + 7))
@@ -47,7 +48,8 @@ class Receiver(threading.Thread):
                 data, end = data + space.raw, 0
                 for found in re.finditer(MARK + b"(.)(.{8})", data, re.S):
                     number, end = int.from_bytes(found[2], "big"), found.end()
-                    self.strange += found[1][0] != self.channel % 7 + self.channel // 7 or number <= self.number
+                    own = self.channel if self.channel < len(STREAMS) - 1 else 1
+                    self.strange += found[1][0] != own or number <= self.number
                     self.lost += number - self.number - 1
                     self.number, self.last = number, time.monotonic()
                 data = data[max(end, len(data) - 16):]
@@ -62,7 +64,7 @@ def other_traffic():  # of all sizes to all streams, to other groups, and more t
     four.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("10.9.0.1"))
     six.setsockopt(41, socket.IPV6_MULTICAST_IF, socket.if_nametoindex("v0"))
     for size in (0, 1, 12, 13, 71, 188, 1316, 1328, 1472, 2048, 9000, 65507) * 5:
-        own = [(stream[0], (b"\x8f\x21" + bytes(size))[:size], PORT) for stream in STREAMS]
+        own = [(stream[0].split("@")[-1], (b"\x8f\x21" + bytes(size))[:size], PORT) for stream in STREAMS]
         other = [(group, MARK + b"\xee" * 180, PORT) for group in ("239.7.7.7", "ff15::7")]
         for to, data, port in own + other + [("127.0.0.1", bytes(1316), PORT + 1)] * 200:
             (six if ":" in to else four).sendto(data, (to, port))

@@ -139,14 +139,18 @@ int MeasureAmongLinkChanges() {
     changes.join();
     pclose(ip);
     const bool kept = outcome.Lost == 0 && outcome.Gap_ms <= 20 && destroy_ms <= 100;
-    return kept ? 0 : outcome.SendGap_ms < 4 ? 1 : 2;
+    constexpr double kBusy_ms = 6;  // what the buffer holds
+    return kept ? 0 : outcome.SendGap_ms < kBusy_ms ? 1 : 2;
 }
 
 TEST(Watch, OfManyInterfacesDoesNotHoldUpAStream) {
     int result = 2;
-    for (int attempt = 0; attempt < 3 && result == 2; ++attempt)
+    bool busy = false;
+    for (int attempt = 0; attempt < 3 && result != 0; ++attempt) {
         result = Reap(Fork(&MeasureAmongLinkChanges), 30);
-    if (result == 2)
+        busy = busy || result == 2;
+    }
+    if (result != 0 && busy)
         GTEST_SKIP() << "the machine is busy";
     EXPECT_EQ(result, 0);
 }
