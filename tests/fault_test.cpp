@@ -25,7 +25,7 @@ constexpr Stream kStreams[] = {{"127.0.0.1", "127.0.0.1", 0, 0},
                                {"::", "::1@ff12::7%1", 1, 0}};
 constexpr uint32_t kCount = std::size(kStreams);
 constexpr uint32_t kDatagram = 7 * 188;
-constexpr int kPatience_s = 15;
+constexpr int kPatience_s = 60;
 
 // A host with a connected send and receive channel for each stream.
 class Host {
@@ -42,7 +42,7 @@ class Host {
                 const auto& record =
                     static_cast<RtpContext*>(m_Module.Handle)->Channels[direction][channel];
                 const bool opens = m_Receives || direction == kSend;
-                EXPECT_TRUE(Await([&] { return record.Reopen != opens; }));
+                EXPECT_TRUE(Await([&] { return record.Reopen != opens; }, kPatience_s));
             }
         Exchange('a');
         Configure(static_cast<uint16_t>(port + kCount));  // as they run
@@ -58,7 +58,7 @@ class Host {
                               name + " type ifb; ip link del" + name)
                                  .c_str()),
                       0);
-            EXPECT_TRUE(Await([] { return faults::Uses("fcntl") > 0; }));
+            EXPECT_TRUE(Await([] { return faults::Uses("fcntl") > 0; }, kPatience_s));
             Exchange('d');
         }
         for (uint32_t channel = 0; channel < kCount; ++channel)
@@ -174,7 +174,7 @@ int RunSessions(const std::string& function, int use, uint16_t port) {
                 Host(module, receives, looks).Run(port);
         }
         EXPECT_EQ(dlopen(MODULE_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
-        EXPECT_TRUE(Await([&] { return Footprint().second == before.second; }, 5));
+        EXPECT_TRUE(Await([&] { return Footprint().second == before.second; }));
         EXPECT_EQ(Footprint().first, before.first + loads);  // each leaves the table's
         EXPECT_EQ(faults::Held(), held + loads);
         EXPECT_GT(faults::Uses(function), 0);

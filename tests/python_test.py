@@ -17,12 +17,12 @@ class PythonTest(unittest.TestCase):
         parity = b"".join(SAMPLE[at : at + 188] + bytes(16) for at in range(0, 188 * 20, 188))
         for url, data, fill in (("rtp://127.0.0.1:5000", SAMPLE, 0), ("udp://[::1]:5001", SAMPLE[:188], 188 * 13),
                                 ("rtp://239.1.1.1:5002?localaddr=127.0.0.1", parity, 204)):
-            with self.subTest(url), Module() as module, module.receive(0, url) as source:
-                with module.send(15, url, 20_000_000) as channel:
+            with self.subTest(url), Module() as module, module.receive(0, url, open_timeout=60) as source:
+                with module.send(15, url, 20_000_000, open_timeout=60) as channel:
                     channel.write(data)
                     self.assertEqual([(r.direction, r.channel) for r in Table.read().started()], [(0, 15), (1, 0)])
-                self.assertEqual(source.read(len(data), 5), data)
-                self.assertEqual(source.read(fill, 5)[:4], b"\x47\x1f\xff\x10"[:fill])
+                self.assertEqual(source.read(len(data), 60), data)
+                self.assertEqual(source.read(fill, 60)[:4], b"\x47\x1f\xff\x10"[:fill])
                 self.assertEqual(source.read_some(1, 0.1), b"")
                 size = len(data) + fill
                 for statistics in channel.statistics(), source.statistics():
