@@ -95,7 +95,16 @@ FAULTS = [  # name, what happens, and what mends it; where nothing does, nothing
     ("MTU of 1280", "@ip link set v1 mtu 1280; ip link set v0 mtu 1280", None),
     ("MTU of 600 on the path", "@ip route add 10.9.0.1 dev v1 mtu 600", None)]
 
+def is_quiet():  # does a process get the processor for most of the time for which it asks?
+    wall, own = time.monotonic(), time.process_time()
+    while time.monotonic() < wall + 1:
+        pass
+    return time.process_time() - own > 0.6
+
 def main():
+    if not is_quiet():
+        print("skipped: the machine is not quiet, and the times of recovery are measured")
+        return 77
     run("sysctl -qw net.ipv4.igmp_max_memberships=3;" + MAKE)
     configure(1, 15, "0.0.0.0", "127.0.0.1", 0, PORT + 1)
     MODULE.QXV_RTP_ReceiveStart(HANDLE, 15)  # what comes there is not taken
