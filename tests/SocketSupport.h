@@ -90,7 +90,8 @@ struct Sender {
     const std::unique_ptr<void, void (*)(void*)> Socket;
 };
 
-// Two more interfaces that can multicast, a0 and a1, with two addresses of each family; what is sent on them comes back only on them.
+// Two more interfaces that can multicast, a0 and a1, with two addresses of each family; what is
+// sent on them comes back only on them.
 struct Interfaces {
     Interfaces() {
         EXPECT_EQ(system("set -e; for n in 0 1; do"

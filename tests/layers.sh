@@ -27,7 +27,8 @@ knows fuzz tools module common sockets tests
 knows tests tools module common sockets
 
 # In characters, not in bytes.
-long=$(LC_ALL=C.UTF-8 grep -nE '^.{101}' module/*.[ch]* common/*.[ch]* tools/*.[ch]* tests/*.[ch]* \
-    bench/*.[ch]* fuzz/*.[ch]* examples/*.[ch]*)
+long=$(for folder in module common sockets tools tests bench fuzz examples; do
+    LC_ALL=C.UTF-8 grep -nE '^.{101}' "$folder"/*.[ch]*
+done)
 [ -z "$long" ] || { printf '%s\n' "$long" "longer than 100 columns" && status=1; }
 exit "$status"

@@ -13,7 +13,8 @@
 
 #include "SocketSupport.h"
 
-// In the C library's place: a host without privileges gets the buffer that a system grants by default.
+// In the C library's place: a host without privileges gets the buffer that a system grants by
+// default.
 static bool g_IsUnprivileged = false;
 
 extern "C" int setsockopt(int socket, int level, int name, const void* value, socklen_t size) {
@@ -33,7 +34,8 @@ double Milliseconds(Clock::duration duration) {
     return std::chrono::duration<double, std::milli>(duration).count();
 }
 
-// What goes where no interface is named, in a network that has only loopback and one interface more.
+// What goes where no interface is named, in a network that has only loopback and one interface
+// more.
 constexpr const char* kOneInterface =
     "ip link set lo up; ip link add b0 type dummy 2> /dev/null || ip link add b0 type ifb;"
     " ip link set b0 up multicast on && ip addr add 10.78.0.1/24 dev b0 &&"
@@ -69,7 +71,8 @@ TEST(Watch, LeavesSocketsOfAnotherNetworkAlone) {
     }).join();
 }
 
-// What a stream of 300 Mbit/s came to, in an own network with so many bridges, while links come and go.
+// What a stream of 300 Mbit/s came to, in an own network with so many bridges, while links come and
+// go.
 struct Outcome {
     std::atomic<uint64_t> Next = 0;
     uint64_t Lost = 0;
