@@ -11,8 +11,7 @@
 class RingUse;
 
 // What has happened since the channel was started. Each number has one writer at a time, so that it
-// needs no read-modify-write; QXV_RTP_GetStatistics reads all of them without a lock. The accesses
-// are relaxed: the numbers are for display and publish no other memory.
+// needs no read-modify-write; QXV_RTP_GetStatistics reads all of them without a lock.
 struct ChannelCounters {
     // Size of the ring in bytes, 0 while there is none. Written under `State`.
     std::atomic<uint32_t> Capacity{0};
@@ -33,7 +32,8 @@ struct ChannelCounters {
 
 template <typename Number>
 void Add(std::atomic<Number>& counter, Number count) {
-    counter.store(counter.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
+    // Release: whoever reads this number with acquire finds the ring's position moved by as much.
+    counter.store(counter.load(std::memory_order_relaxed) + count, std::memory_order_release);
 }
 
 // Lock order: Lifecycle, State, Intake, and then the stream timer's own. No lock is held while a
@@ -53,6 +53,10 @@ struct ChannelInternals {
 
     // The host threads that move bytes through a ring of this channel; a list.
     RingUse* Uses ZAQ_GUARDED_BY(State) = nullptr;
+
+    // How often the host has cancelled the channel. A transfer that waits may see Cancel only after
+    // the next start has cleared it.
+    std::atomic<uint32_t> Cancels{0};
 
     // Tells the transmit thread to end, like Cancel, where a start replaces it: a Send that waits
     // must not see a cancel. Written under `Lifecycle`.

@@ -8,6 +8,7 @@
 // overtaken by a start, and repeats; the start that finds a 1 has been cancelled, and is not
 // running.
 void CancelChannel(const Channel& channel) {
+    channel.Internals->Cancels.fetch_add(1);
     do {
         channel.Row->Cancel.store(1);
         channel.Row->Running.store(0);

@@ -15,7 +15,12 @@ uint32_t TransferAll(const Channel& channel, const void* data, uint32_t length, 
         return 0;
     if (length == 0)
         return 1;
-    if (data == nullptr || channel.Row->Cancel.load(std::memory_order_acquire) != 0)
+    const uint32_t cancels = channel.Internals->Cancels.load(std::memory_order_acquire);
+    const auto isCancelled = [&] {
+        return channel.Row->Cancel.load(std::memory_order_acquire) != 0 ||
+               channel.Internals->Cancels.load(std::memory_order_acquire) != cancels;
+    };
+    if (data == nullptr || isCancelled())
         return 0;
     uint32_t done = 0;
     for (;;) {
@@ -33,7 +38,7 @@ uint32_t TransferAll(const Channel& channel, const void* data, uint32_t length, 
         // Completion is tested first: bytes that are all moved were moved, cancel or not.
         if (done == length)
             return 1;
-        if (channel.Row->Cancel.load(std::memory_order_acquire) != 0)
+        if (isCancelled())
             return 0;
     }
 }

@@ -165,6 +165,59 @@ TEST_F(LifecycleTest, ASecondStartKeepsAWaitingTransfer) {
     }
 }
 
+// The transfer looks for a cancel once a millisecond, and the start comes sooner.
+TEST_F(LifecycleTest, ACancelledTransferEndsThoughAStartFollowsAtOnce) {
+    testclock::Now_us = 1700000000000000;  // nothing is ever due
+    Bytes bytes(2 * kUnits * 256, 0x47);
+    for (const uint32_t direction : {kSend, kReceive}) {
+        for (const bool isEnd : {false, true}) {
+            ASSERT_EQ(Start(direction), 1u);
+            const uint64_t polls = testclock::Polls;
+            auto transfer = std::async(std::launch::async, [&] {
+                return Transfer(direction, bytes.data(), 2 * kUnits * 256);
+            });
+            EXPECT_TRUE(Until([&] { return testclock::Polls > polls + 20; }));
+            EXPECT_EQ((isEnd ? End(direction) : Cancel(direction)) + Start(direction), 2u);
+            EXPECT_EQ(transfer.wait_for(10s), std::future_status::ready);
+            EXPECT_EQ(Cancel(direction), 1u);
+            EXPECT_EQ(transfer.get(), 0u);
+        }
+    }
+}
+
+// The cancel comes while the start frees what an earlier one has made.
+TEST_F(LifecycleTest, ACancelInTheMidstOfAStartCounts) {
+    struct Cancelling : CZAQStreamTimer {
+        explicit Cancelling(std::function<uint32_t()> cancel) : OnDelete(std::move(cancel)) {}
+        ~Cancelling() override { EXPECT_EQ(OnDelete(), 1u); }
+        const std::function<uint32_t()> OnDelete;
+    };
+    for (const uint32_t direction : {kSend, kReceive}) {
+        ASSERT_EQ(Start(direction), 1u);
+        auto& row = Row(direction, kChannel);
+        const std::unique_ptr<CZAQStreamTimer> old(
+            row.Timer.exchange(new Cancelling([this, direction] { return Cancel(direction); })));
+        EXPECT_EQ(Start(direction), 1u);
+        EXPECT_TRUE(row.Cancel == 1 && row.Running == 0);
+    }
+}
+
+// Otherwise the socket would belong to a channel that has ended. Statistics wait for neither.
+TEST_F(LifecycleTest, AnEndWaitsForTheSocketThatIsBeingMade) {
+    Fake()->HoldCreates = true;
+    ASSERT_EQ(Start(kReceive), 1u);
+    ASSERT_TRUE(Until([] { return Fake()->Waiting != 0; }));
+    auto end = std::async(std::launch::async, [&] { return End(kReceive); });
+    EXPECT_EQ(end.wait_for(50ms), std::future_status::timeout);
+    QXV_RTP_Statistics now{};
+    now.Size = sizeof(now);
+    EXPECT_EQ(QXV_RTP_GetStatistics(Handle, kReceive, kChannel, &now), 1u);
+    EXPECT_TRUE(now.Started == 1 && now.Cancelled == 1 && now.SocketOpen == 0);
+    Fake()->HoldCreates = false;
+    EXPECT_EQ(end.get(), 1u);
+    EXPECT_TRUE(IsEmpty(Row(kReceive, kChannel)) && Fake()->Open.empty());
+}
+
 TEST_F(LifecycleTest, CompletionIsTestedBeforeCancel) {
     struct Cancelling : CZAQSimpleBuffer {
         explicit Cancelling(RtpChannelContextExt& row) : CZAQSimpleBuffer(101), OwnRow(row) {}
