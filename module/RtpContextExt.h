@@ -25,9 +25,10 @@
 //   Buffer   start, end                    Send, Receive, transmit thread, intake
 //
 // Every store is at least a release and every load at least an acquire, except where a thread reads
-// a field that only it writes. They all pair in the same way: a thread that sees a field's new
-// value sees everything that the writer did before. So a thread that sees Running set may rely on
-// Timer and Buffer being set, and a thread that finds an object finds it complete.
+// a field that only it writes, and in the statistics, which follow no pointer. They all pair in the
+// same way: a thread that sees a field's new value sees everything that the writer did before. So a
+// thread that sees Running set may rely on Timer and Buffer being set, and a thread that finds an
+// object finds it complete.
 struct RtpChannelContextExt {
     std::atomic<uint32_t> Cancel;   // 1 = stop requested, or not started
     std::atomic<uint32_t> Running;  // 1 = started in this process

@@ -13,20 +13,17 @@ static_assert(offsetof(QXV_RTP_Statistics, SendFailures) == 56);
 
 namespace {
 
-constexpr auto kRelaxed = std::memory_order_relaxed;  // as ChannelCounters says
+constexpr auto kRelaxed = std::memory_order_relaxed;  // numbers for display
 
-// The number of bytes in the ring, of which no thread knows both positions at one moment: whoever
-// stores may be ahead of what was read of it, or a start may set all numbers back.
+// The number of bytes in the ring. The thread that uses the host's side knows its own number, and
+// the network's side counts after it has moved the ring's position: so the thread is never promised
+// more bytes, or more room, than it finds. Other threads may see either number first, and a start
+// that sets both back.
 uint32_t BufferedBytes(const ChannelCounters& counters, bool send, uint32_t most) {
-    // What was taken is read first, so that it is never more than what was stored.
-    const std::atomic<uint64_t>& taken = send ? counters.NetworkBytes : counters.HostBytes;
-    const std::atomic<uint64_t>& stored = send ? counters.HostBytes : counters.NetworkBytes;
-    // Acquire keeps the two loads in this order.
-    const uint64_t takenBytes = taken.load(std::memory_order_acquire);
-    const uint64_t storedBytes = stored.load(kRelaxed);
-    return storedBytes < takenBytes
-               ? 0
-               : static_cast<uint32_t>(std::min<uint64_t>(storedBytes - takenBytes, most));
+    const uint64_t host = counters.HostBytes.load(std::memory_order_acquire);
+    const uint64_t network = counters.NetworkBytes.load(std::memory_order_acquire);
+    const auto bytes = static_cast<int64_t>(send ? host - network : network - host);
+    return static_cast<uint32_t>(std::clamp<int64_t>(bytes, 0, most));
 }
 
 }  // namespace
@@ -43,7 +40,8 @@ uint32_t QXV_RTP_GetStatistics(void* handle, uint32_t direction, uint32_t channe
     QXV_RTP_Statistics now{};
     now.Size = sizeof(now);
     now.Started = found.Row->Buffer.load(kRelaxed) != nullptr ? 1 : 0;
-    now.Cancelled = found.Row->Cancel.load(kRelaxed) != 0 ? 1 : 0;
+    // Cancel may be 0 in a channel that was never started, or whose start has thrown.
+    now.Cancelled = now.Started == 0 || found.Row->Cancel.load(kRelaxed) != 0 ? 1 : 0;
     now.SocketOpen = found.Row->Socket.load(kRelaxed) != nullptr ? 1 : 0;
     now.BufferedBytes = BufferedBytes(counters, found.IsSend(), most);
     now.FreeBytes = most - now.BufferedBytes;

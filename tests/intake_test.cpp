@@ -121,6 +121,10 @@ TEST_F(IntakeTest, AnEndWaitsForTheCallbackBeforeItFrees) {
     EXPECT_TRUE(Until([] { return inside.load(); }));
     auto end = std::async(std::launch::async, [&] { return QXV_RTP_ReceiveEnd(Handle, kChannel); });
     EXPECT_EQ(end.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    // Now all locks of the channel are held, and its statistics are had all the same.
+    QXV_RTP_Statistics now{};
+    now.Size = sizeof(now);
+    EXPECT_EQ(QXV_RTP_GetStatistics(Handle, kReceive, kChannel, &now), 1u);
     EXPECT_FALSE(freed);
     mayReturn = true;
     callback.join();
