@@ -1,5 +1,6 @@
 #include "ZAQSimpleBuffer.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -8,6 +9,26 @@ namespace {
 uint32_t Distance(const unsigned char* from, const unsigned char* to, uint32_t length) {
     const auto difference = static_cast<uint32_t>(to - from);
     return to < from ? difference + length : difference;
+}
+
+// Calls copy(at, done, bytes) for `count` bytes of the ring from `position` on, in one piece or,
+// where they go round the end, in two. Returns the position behind them.
+template <typename Copy>
+unsigned char* Move(const CZAQSimpleBuffer& ring, unsigned char* position, uint32_t count,
+                    Copy copy) {
+    const auto tail = static_cast<uint32_t>(ring.DataEnd - position);
+    copy(position, 0, std::min(count, tail));
+    if (count < tail)
+        return position + count;
+    if (count > tail)
+        copy(ring.Data, tail, count - tail);
+    return ring.Data + (count - tail);
+}
+
+auto To(unsigned char* destination) {
+    return [destination](const unsigned char* at, uint32_t done, uint32_t bytes) {
+        memcpy(destination + done, at, bytes);
+    };
 }
 
 }  // namespace
@@ -106,18 +127,11 @@ int CZAQSimpleBuffer::Write(unsigned char* source, unsigned int count) {
         return 0;
     if (count == 0)
         return 1;
-    unsigned char* position = WritePos.load(std::memory_order_relaxed);  // the writer's own
-    const auto tail = static_cast<uint32_t>(DataEnd - position);
-    if (count <= tail) {
-        memcpy(position, source, count);
-        position += count;
-        if (position >= DataEnd)
-            position -= Length;
-    } else {
-        memcpy(position, source, tail);
-        memcpy(Data, source + tail, count - tail);
-        position = Data + (count - tail);
-    }
+    unsigned char* const position =
+        Move(*this, WritePos.load(std::memory_order_relaxed), count,  // the writer's own
+             [source](unsigned char* at, uint32_t done, uint32_t bytes) {
+                 memcpy(at, source + done, bytes);
+             });
     // Release: the bytes are in place before the reader's acquire of the position can see it.
     WritePos.store(position, std::memory_order_release);
     // Only the writer adds, so a plain read-modify-write loses nothing.
@@ -126,31 +140,13 @@ int CZAQSimpleBuffer::Write(unsigned char* source, unsigned int count) {
     return 1;
 }
 
-namespace {
-
-// Copies `count` held bytes from `position` on and returns the position behind them.
-unsigned char* CopyOut(const CZAQSimpleBuffer& ring, unsigned char* position,
-                       unsigned char* destination, uint32_t count) {
-    const auto tail = static_cast<uint32_t>(ring.DataEnd - position);
-    if (count <= tail) {
-        memcpy(destination, position, count);
-        position += count;
-        return position >= ring.DataEnd ? position - ring.Length : position;
-    }
-    memcpy(destination, position, tail);
-    memcpy(destination + tail, ring.Data, count - tail);
-    return ring.Data + (count - tail);
-}
-
-}  // namespace
-
 int CZAQSimpleBuffer::Read(unsigned char* destination, unsigned int count) {
     if (Data == nullptr || GetDataSize() < count)
         return 0;
     if (count == 0)
         return 1;
     unsigned char* const position =
-        CopyOut(*this, ReadPos.load(std::memory_order_relaxed), destination, count);
+        Move(*this, ReadPos.load(std::memory_order_relaxed), count, To(destination));
     // Release: the bytes are copied out before the writer's acquire can see their room as free.
     ReadPos.store(position, std::memory_order_release);
     SamplePos.store(position, std::memory_order_relaxed);  // the reader's own
@@ -162,7 +158,7 @@ int CZAQSimpleBuffer::Sample(unsigned char* destination, unsigned int count) {
         return 0;
     if (count == 0)
         return 1;
-    SamplePos.store(CopyOut(*this, SamplePos.load(std::memory_order_relaxed), destination, count),
+    SamplePos.store(Move(*this, SamplePos.load(std::memory_order_relaxed), count, To(destination)),
                     std::memory_order_relaxed);  // the reader's own
     return 1;
 }

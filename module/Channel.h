@@ -24,13 +24,10 @@ struct Channel {
     bool IsSend() const { return Direction == kSend; }
 };
 
-// The channel that the host's arguments name. There is none for a null handle, for a number out of
-// range, and where the table has an instance other than 0: rows exist for instance 0 only, and the
-// table may have been made by another process, so that the module checks what it says.
+// The channel that the host's arguments name; none for a null handle and for a number out of range.
+// There is one instance, so that the table's word for it, which other processes may overwrite, is
+// not read.
 Channel FindChannel(void* handle, uint32_t direction, uint32_t number);
-
-// The same without a look at the instance, for functions that use the record and not the row.
-Channel FindRecord(void* handle, uint32_t direction, uint32_t number);
 
 // The channel of a record of the table, which a thread or a callback was given.
 Channel FindChannel(RtpChannelContext* record);

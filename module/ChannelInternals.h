@@ -12,7 +12,7 @@ class RingUse;
 
 // What has happened since the channel was started. Each number has one writer at a time, so that it
 // needs no read-modify-write; QXV_RTP_GetStatistics reads all of them without a lock.
-struct ChannelCounters {
+struct ChannelCounters {  // NOLINT(clang-analyzer-optin.performance.Padding)
     // Size of the ring in bytes, 0 while there is none. Written under `State`.
     std::atomic<uint32_t> Capacity{0};
     std::atomic<uint64_t> HostBytes{0};  // that Send stored or Receive took; written under `State`

@@ -93,10 +93,6 @@ void InitStatus(RtpChannelContext& record, uint32_t bitrate, uint32_t bufferSize
     record.Reopen.store(1, std::memory_order_release);
 }
 
-void ClearStatus(RtpChannelContext& record) {
-    InitStatus(record, 0, 0);
-}
-
 StartGuard::~StartGuard() {
     if (m_Complete)
         return;

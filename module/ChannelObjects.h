@@ -30,11 +30,8 @@ void FreeObjects(const Channel& channel);
 // end.
 void JoinThread(const Channel& channel);
 
-// Sets the numbers of a channel that starts, and requests a socket for it.
+// Sets the numbers of a channel that starts, or to 0 those of one that ends, and requests a socket.
 void InitStatus(RtpChannelContext& record, uint32_t bitrate, uint32_t bufferSize);
-
-// Clears what the table says of a started channel.
-void ClearStatus(RtpChannelContext& record);
 
 // Undoes a start that throws, so that the channel has no objects and no thread, as after its end.
 // The numbers in the table stay as the start has written them.

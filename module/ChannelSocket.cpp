@@ -8,11 +8,9 @@
 namespace {
 
 // Do both describe the same socket? Rtp is not part of it: the intake rewrites it as it goes.
-bool SameSocket(const RtpChannelConfig& a, const RtpChannelConfig& b) {
-    return memcmp(a.LocalAddress, b.LocalAddress, sizeof(a.LocalAddress)) == 0 &&
-           memcmp(a.RemoteAddress, b.RemoteAddress, sizeof(a.RemoteAddress)) == 0 &&
-           a.Multicast == b.Multicast && a.Ttl == b.Ttl && a.MulticastOption == b.MulticastOption &&
-           a.Port == b.Port;
+bool SameSocket(const RtpChannelConfig& a, RtpChannelConfig b) {
+    b.Rtp = a.Rtp;
+    return memcmp(&a, &b, sizeof(a)) == 0;
 }
 
 // Clears Reopen after a socket was made from `used`. A configuration that was stored meanwhile must

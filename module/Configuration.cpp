@@ -49,7 +49,7 @@ void Normalise(RtpChannelConfig& config, uint32_t direction, uint32_t family) {
 
 uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_t channel,
                            RtpChannelConfig* config) {
-    const Channel found = FindRecord(handle, direction, channel);
+    const Channel found = FindChannel(handle, direction, channel);
     if (!found || config == nullptr)
         return 0;
     // The host's memory is written without the lock: its page may be long in coming.
@@ -64,7 +64,7 @@ uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_t channel,
 
 uint32_t QXV_RTP_SetConfig(void* handle, uint32_t direction, uint32_t channel,
                            RtpChannelConfig* config) {
-    const Channel found = FindRecord(handle, direction, channel);
+    const Channel found = FindChannel(handle, direction, channel);
     if (!found || config == nullptr)
         return 0;
     const zaq::NoCancellation noCancellation;

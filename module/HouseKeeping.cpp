@@ -30,12 +30,12 @@ void MaintainReceiveSocket(const Channel& channel) {
 
 void Pass() {
     for (uint32_t channel = 0; channel < kChannels; ++channel) {
-        const Channel send = FindRecord(g_pContext, kSend, channel);
+        const Channel send = FindChannel(g_pContext, kSend, channel);
         if (IsRunning(send))
             Measure(send);
     }
     for (uint32_t channel = 0; channel < kChannels; ++channel) {
-        const Channel receive = FindRecord(g_pContext, kReceive, channel);
+        const Channel receive = FindChannel(g_pContext, kReceive, channel);
         if (IsRunning(receive)) {
             MaintainReceiveSocket(receive);
             Measure(receive);

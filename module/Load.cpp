@@ -82,6 +82,9 @@ bool HoldsTable(const CZAQShareMemory& segment) {
     struct stat status {};
     if (fstat(segment.File, &status) != 0 || status.st_size < static_cast<off_t>(kSize))
         return false;
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23  // missing in older headers
+#endif
     if (madvise(segment.Address, kSize, MADV_POPULATE_WRITE) == 0)
         return true;
     // Before Linux 5.14. Our own file has no holes.

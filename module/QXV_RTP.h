@@ -18,18 +18,20 @@
  * - Units: bitrates in bits per second of transport stream, without headers; lengths in bytes;
  *   ports in host byte order.
  * - Threads: any thread may call any function. On one channel, one thread at a time sends, and one
- *   thread at a time receives; Cancel and End may come from any other thread at any time and make a
- *   waiting Send or Receive return 0. The Cancel functions may also be called from a signal
- *   handler, the others may not. Send and Receive are cancellation points (pthreads(7)) while they
- *   wait; no other function is one.
+ *   thread at a time receives, else it is undefined which bytes they move; Cancel and End may come
+ *   from any other thread at any time and make a waiting Send or Receive return 0. The Cancel
+ *   functions may also be called from a signal handler, the others may not. Send and Receive are
+ *   cancellation points (pthreads(7)) while they wait; no other function is one.
  * - Memory: the library copies what it is given; it keeps no pointer of the host's. Where a page of
  *   the host's memory is slow to arrive, as from a file on a server, only the calling thread waits.
+ *   A signal handler must not leave a function of the library by longjmp().
  * - Exceptions: none, but for a std::bad_alloc from SendStart or ReceiveStart when there is no
  *   memory for the channel. Nothing is left of such a start but the numbers in the shared table.
  * - Unloading: end every started channel first. Their threads run the library's code, so that the
  *   process crashes if it is unloaded under them; exit() may come at any time. In a child of fork()
  *   only exit and exec are allowed.
- * - Platform: 64-bit little-endian Linux with glibc. The sockets' requirements are in ZAQSockets.h.
+ * - Platform: 64-bit little-endian Linux, 4.18 or later, with glibc 2.32 or later. What newer
+ *   kernels bring is used where it is there.
  */
 #ifndef QXV_RTP_H
 #define QXV_RTP_H
@@ -142,8 +144,8 @@ QXV_RTP_API uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_
                                        RtpChannelConfig* config);
 
 /**
- * Stores a configuration. A channel that is started gets a new socket: a send channel with its next
- * datagram, a receive channel within a second. Does not block.
+ * Stores a configuration. A channel that is started gets a new socket: a send channel within a few
+ * milliseconds, a receive channel within a second. Does not block.
  *
  * Refused, with nothing changed: a text that is no address or has no NUL, a multicast LocalAddress,
  * a Multicast byte that disagrees with RemoteAddress, addresses of different families.
@@ -285,7 +287,8 @@ typedef struct QXV_RTP_Statistics {
     uint64_t Datagrams;
     /** 40: bytes of their payload, without RTP headers */
     uint64_t Bytes;
-    /** 48: receive: datagrams lost because the buffer had no room for them */
+    /** 48: receive: datagrams lost because the buffer had no room for them, or because their RTP
+        header is longer than they are */
     uint64_t DatagramsDropped;
     /** 56: send: datagrams lost because the system refused them */
     uint64_t SendFailures;
@@ -293,9 +296,9 @@ typedef struct QXV_RTP_Statistics {
 
 /**
  * Gives the state and the counters of a channel, started or not. Takes no lock, waits for nobody,
- * and may be called from any thread as often as wanted; each number is exact, but they are not all
- * of the same instant. BufferedBytes and FreeBytes never promise too much to the thread that
- * receives or sends: it moves so many bytes without waiting.
+ * and may be called from any thread as often as wanted; the numbers are not all of the same
+ * instant. BufferedBytes and FreeBytes never promise too much to the thread that receives or sends:
+ * it moves so many bytes without waiting.
  *
  * Returns 0 also where `statistics` is null or its Size is less than 64.
  * @param[in]     handle      of QXV_RTP_Create()

@@ -31,8 +31,8 @@ typedef struct QXV_RTP_TableChannel {
     uint32_t Bitrate;       /**< 12: requested, bits per second; 0 on receive channels */
     uint32_t BitrateActual; /**< 16: measured, bits per second, refreshed once a second */
     uint32_t BufferSize;    /**< 20: size of the channel's buffer, bytes; 0 while it is ended */
-    uint32_t
-        Reopen; /**< 24: 1 = the socket must be made (again) before use, 0 = it matches Config */
+    /** 24: 1 = the socket must be made (again) before use, 0 = it matches Config */
+    uint32_t Reopen;
     /** 28: receive: datagrams of the other form than Config.Rtp says, in a row: 0 to 4; after a
         switch it stays at 4 or counts on, until a datagram of the form in Config.Rtp comes */
     uint32_t RtpSwitchCount;

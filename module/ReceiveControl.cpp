@@ -59,7 +59,7 @@ uint32_t QXV_RTP_ReceiveEnd(void* handle, uint32_t channel) {
     CancelChannel(found);  // again: a start that held the lock has undone it
     JoinThread(found);
     FreeObjects(found);  // a datagram that arrives before the socket is closed finds no objects
-    ClearStatus(*found.Record);
+    InitStatus(*found.Record, 0, 0);
     CloseSocket(found);
     return 1;
 }

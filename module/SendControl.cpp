@@ -63,7 +63,7 @@ uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel) {
     JoinThread(found);
     FreeObjects(found);
     found.Row->Socket.store(nullptr, std::memory_order_release);
-    ClearStatus(*found.Record);
+    InitStatus(*found.Record, 0, 0);
     return 1;
 }
 
@@ -102,7 +102,7 @@ uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate) {
 
 uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t* bitrate) {
     // The receive channel of that number, on purpose.
-    const Channel found = FindRecord(handle, kReceive, channel);
+    const Channel found = FindChannel(handle, kReceive, channel);
     if (!found || bitrate == nullptr)
         return 0;
     *bitrate = found.Record->BitrateActual.load(std::memory_order_relaxed);  // a number for display

@@ -133,7 +133,5 @@ class Transmitter {
 }  // namespace
 
 void ThreadTx(void* argument) {
-    const Channel channel = FindChannel(static_cast<RtpChannelContext*>(argument));
-    if (channel)
-        Transmitter(channel).Run();
+    Transmitter(FindChannel(static_cast<RtpChannelContext*>(argument))).Run();
 }
