@@ -1,8 +1,13 @@
-// The thread that receives for all sockets.
+// The thread that receives for all sockets: it waits for them with epoll, and takes what has
+// arrived in batches. It starts with the first socket and ends with the last one.
+//
+// Nobody waits for it while it may be in a callback, except at unload or exit, since a callback may
+// wait for anything: when the last socket is destroyed by a callback, the thread ends by itself.
+//
+// Thread safety: all functions may be called from any thread, also from a callback.
 #ifndef SOCKETS_RECEIVELOOP_H
 #define SOCKETS_RECEIVELOOP_H
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,7 +18,6 @@
 #include "Descriptor.h"
 #include "Gathering.h"
 #include "GroupSocket.h"
-#include "ReceiveBatch.h"
 #include "ZAQSockets.h"
 
 namespace zaqsockets {
@@ -51,60 +55,17 @@ struct ReceiveSocket : UdpSocket {
     ReceiveSocket* NextDead = nullptr;  // guarded by g_Lock
 };
 
-// One thread that waits for all receive sockets with epoll, and takes what has arrived in batches.
-// It starts with the first socket and ends with the last one.
-//
-// Nobody waits for it while it may be in a callback, except at unload or exit, since a callback may
-// wait for anything: when the last socket is destroyed by a callback, the thread ends by itself
-// after that.
-//
-// Thread safety: the public functions may be called from any thread, also from a callback.
-class ReceiveLoop {
-  public:
-    // Hands the socket over. False, with the socket untouched, when there are no means for it.
-    static bool Attach(ReceiveSocket& socket);
+// Hands the socket over to the receive thread. False, with the socket untouched, when there are no
+// means for it.
+bool AttachSocket(ReceiveSocket& socket);
 
-    // Takes the socket back, closes and frees it. No callback runs for it after the return; the one
-    // that runs is waited for, unless this is called from it.
-    static void Detach(ReceiveSocket* socket);
+// Takes the socket back, closes and frees it. No callback runs for it after the return; the one
+// that runs is waited for, unless this is called from it.
+void DetachSocket(ReceiveSocket* socket);
 
-    // Lets another file take the place of a socket's, under the same number. With g_Lock held,
-    // which keeps the socket attached.
-    static bool Exchange(ReceiveSocket& socket, const Descriptor& file);
-
-    // Ends the thread when it serves no socket, and waits for it; only when `all` is set also for
-    // one that may still be in a callback.
-    static void EndIfUnused(bool all);
-
-  private:
-    ReceiveLoop();
-    ~ReceiveLoop();
-    friend std::default_delete<ReceiveLoop>;
-    static bool TryAttach(ReceiveSocket& socket);
-    static bool Start();
-    static void* Run(void* loop);
-    void Run();
-    bool Register(ReceiveSocket& socket) const;
-    void Wake() const;
-    bool IsOver();
-    int Serve(ReceiveSocket& socket);
-    bool IsOwnThread() const { return pthread_equal(m_Thread, pthread_self()) != 0; }
-
-    // Fixed after the start.
-    pthread_t m_Thread{};
-    Descriptor m_Epoll;
-    Descriptor m_Wakeup;
-    std::unique_ptr<ReceiveBatch> m_Batch;
-
-    // The thread's own.
-    Gathering m_Gathering;
-
-    // Guarded by g_Lock.
-    uint32_t m_SocketCount = 0;
-    bool m_Stop = false;              // somebody waits for the thread
-    bool m_InCallback = false;        // in one that has destroyed a socket, maybe the last
-    ReceiveSocket* m_Dead = nullptr;  // list of those destroyed; there may still be events for them
-};
+// Lets another file take the place of a socket's, under the same number. With g_Lock held, which
+// keeps the socket attached.
+bool ExchangeFile(ReceiveSocket& socket, const Descriptor& file);
 
 }  // namespace zaqsockets
 

@@ -46,7 +46,7 @@ void* StartReceiving(Descriptor file, std::shared_ptr<Group> group, ZAQReceiveCa
     socket->Joined = std::move(group);
     // From the success on, the loop's thread has it, and a callback may already have destroyed it.
     UdpSocket* const handle = socket.get();
-    if (!ReceiveLoop::Attach(*socket))
+    if (!AttachSocket(*socket))
         return nullptr;
     static_cast<void>(socket.release());
     return handle;
@@ -90,7 +90,7 @@ void ZAQUDPSocket_Destroy(void* socket) {
     const CancellationOff uncancelled;
     auto* const owned = static_cast<UdpSocket*>(socket);
     if (owned != nullptr && owned->Receiver != nullptr)
-        ReceiveLoop::Detach(owned->Receiver);
+        DetachSocket(owned->Receiver);
     else
         delete owned;
 }

@@ -19,7 +19,7 @@ constexpr long kThrow = 1;  // in place of a result
 #define FALLIBLE(X) \
     X(unlink, -1, EACCES, 0)           X(open, -1, EMFILE, 0)        X(lseek, -1, EOVERFLOW, 0) \
     X(write, -1, ENOSPC, 0)            X(mmap, -1, ENOMEM, 1)        X(fstat, -1, ENOMEM, 0) \
-    X(madvise, -1, EFAULT, 0)          X(read, -1, EAGAIN, 0) \
+    X(madvise, -1, EFAULT, 0)          X(eventfd_read, -1, EAGAIN, 0) \
     X(pthread_attr_init, ENOMEM, 0, 1)              X(pthread_attr_getschedparam, EINVAL, 0, 0) \
     X(pthread_attr_setschedparam, EINVAL, 0, 0)     X(pthread_attr_setsigmask_np, ENOMEM, 0, 0) \
     X(pthread_create, EAGAIN, 0, 0)                 X(pthread_setname_np, ERANGE, 0, 0) \
