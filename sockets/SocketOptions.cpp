@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace zaqsockets {
 
@@ -57,16 +58,24 @@ bool SetDscp(const Descriptor& socket, const RemoteAddress& remote) {
 }
 
 // Does a unicast socket have the port already, on any of this machine's addresses? Sockets bound to
-// a group do not stand in the way of those.
-bool HasUnicastListener(const Address& any, uint32_t port) {
+// a group do not stand in the way of those. Where none has it, `claim` has it on the first of the
+// addresses, so that nobody else who asks at the same time gets that answer, too.
+bool HasUnicastListener(const Address& any, uint32_t port, Descriptor& claim) {
     InterfaceList interfaces;
     for (Address own : interfaces.Addresses(any.Family())) {
         own.SetPort(port);
-        const Descriptor probe = OpenSocket(own, 0);
-        if (!probe || (!Bind(probe, own) && errno == EADDRINUSE))
+        Descriptor probe = OpenSocket(own, 0);
+        if (!probe)
             return true;
+        if (!Bind(probe, own)) {
+            if (errno == EADDRINUSE)
+                return true;
+        } else if (!claim) {
+            claim = std::move(probe);
+        }
     }
-    return !interfaces;
+    // The caller shares the port with the claim. Others, who bind without this option first, cannot.
+    return !interfaces || (claim && !Set(claim, SOL_SOCKET, SO_REUSEADDR, 1));
 }
 
 }  // namespace
@@ -142,8 +151,9 @@ Descriptor OpenUnicastSocket(const Address& local, uint32_t port) {
     bound.SetPort(port);
     if (!socket)
         return Descriptor();
+    Descriptor claim;
     if (!Bind(socket, bound)) {
-        if (errno != EADDRINUSE || !local.IsAny() || HasUnicastListener(local, port) ||
+        if (errno != EADDRINUSE || !local.IsAny() || HasUnicastListener(local, port, claim) ||
             !Set(socket, SOL_SOCKET, SO_REUSEADDR, 1) || !Bind(socket, bound))
             return Descriptor();
     }

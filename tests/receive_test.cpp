@@ -5,10 +5,13 @@
 #include <netinet/udp.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <cstring>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "SocketSupport.h"
 
@@ -195,6 +198,31 @@ TEST(Create, ANamedPortCanNotBeTaken) {
         EXPECT_EQ(setsockopt(thief, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on)), 0);
         EXPECT_EQ(bind(thief, reinterpret_cast<sockaddr*>(&address), sizeof(address)), -1) << own;
         close(thief);
+    }
+}
+
+// A group on the port makes all of them share it, so that the system no longer keeps them apart.
+TEST(Create, OneOfManyThatWantAPortAtOnceGetsIt) {
+    for (const char* const any : {"0.0.0.0", "::"}) {
+        const bool six = strchr(any, ':') != nullptr;
+        const Receiver group(any, six ? "ff15::1" : "239.1.1.1");
+        ASSERT_TRUE(group);
+        for (int round = 0; round < 300; ++round) {
+            constexpr int kRivals = 3;
+            std::barrier start(kRivals);
+            void* sockets[kRivals] = {};
+            {
+                std::vector<std::jthread> rivals;
+                for (void*& socket : sockets)
+                    rivals.emplace_back([&] {
+                        start.arrive_and_wait();
+                        socket =
+                            ZAQUDPSocket_Create(any, any, kPort, 0, 0, 0, 0, 0, ignore, nullptr);
+                    });
+            }
+            EXPECT_EQ(std::ranges::count(sockets, nullptr), kRivals - 1) << any << ' ' << round;
+            std::ranges::for_each(sockets, ZAQUDPSocket_Destroy);
+        }
     }
 }
 
