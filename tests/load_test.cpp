@@ -61,6 +61,7 @@ TEST(Load, AThousandLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
             ASSERT_EQ(table.size(), 17680u);
             EXPECT_EQ(memcmp(&table[17680 - sizeof(config)], &config, sizeof(config)), 0);
             ASSERT_EQ(dlopen(MODULE_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
+            ASSERT_EQ(dlopen(SOCKETS_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
             ASSERT_TRUE(Await([&] { return Footprint().second == before.second; }));
             ASSERT_EQ(Footprint().first, before.first + round);
             ASSERT_EQ(Mappings().first, tables + round);
