@@ -72,16 +72,6 @@ std::vector<uint32_t> InterfaceList::ForGroups() {
     return numbers;
 }
 
-std::vector<Address> InterfaceList::Addresses(int family) {
-    std::vector<Address> addresses;
-    for (const ifaddrs* entry = Entries(); entry != nullptr; entry = entry->ifa_next) {
-        Address address;
-        if (entry->ifa_addr != nullptr && address.Assign(*entry->ifa_addr, family))
-            addresses.push_back(address);
-    }
-    return addresses;
-}
-
 uint32_t RouteTo(const Address& group) {
     struct {
         nlmsghdr Header;

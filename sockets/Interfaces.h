@@ -25,8 +25,6 @@ class InterfaceList {
     bool Has(uint32_t interface);
     // Those that are up and can multicast.
     std::vector<uint32_t> ForGroups();
-    // The addresses of one family.
-    std::vector<Address> Addresses(int family);
 
   private:
     const ifaddrs* Entries();

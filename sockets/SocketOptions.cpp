@@ -57,25 +57,20 @@ bool SetDscp(const Descriptor& socket, const RemoteAddress& remote) {
                                 : Set(socket, IPPROTO_IP, IP_TOS, value);
 }
 
-// Does a unicast socket have the port already, on any of this machine's addresses? Sockets bound to
-// a group do not stand in the way of those. Where none has it, `claim` has it on the first of the
-// addresses, so that nobody else who asks at the same time gets that answer, too.
-bool HasUnicastListener(const Address& any, uint32_t port, Descriptor& claim) {
-    InterfaceList interfaces;
-    for (Address own : interfaces.Addresses(any.Family())) {
-        own.SetPort(port);
-        Descriptor probe = OpenSocket(own, 0);
-        if (!probe)
-            return true;
-        if (!Bind(probe, own)) {
-            if (errno == EADDRINUSE)
-                return true;
-        } else if (!claim) {
-            claim = std::move(probe);
-        }
-    }
-    // The caller shares the port with the claim. Others, who bind without this option first, cannot.
-    return !interfaces || (claim && !Set(claim, SOL_SOCKET, SO_REUSEADDR, 1));
+// Holds the port against other unicast sockets of any address: none of those can be bound beside it,
+// as long as it does not share. Groups on the port do not stand in its way. Empty when the port is
+// taken.
+Descriptor HoldPort(const Address& any, uint32_t port) {
+    Address loopback;
+    loopback.Parse(any.IsIPv6() ? "::1" : "127.0.0.1");
+    loopback.SetPort(port);
+    Descriptor socket = OpenSocket(loopback, 0);
+    // The loopback interface may be down.
+    const bool bound = socket &&
+                       (any.IsIPv6() ? Set(socket, IPPROTO_IPV6, IPV6_FREEBIND, 1)
+                                     : Set(socket, IPPROTO_IP, IP_FREEBIND, 1)) &&
+                       Bind(socket, loopback);
+    return bound ? std::move(socket) : Descriptor();
 }
 
 }  // namespace
@@ -151,15 +146,12 @@ Descriptor OpenUnicastSocket(const Address& local, uint32_t port) {
     bound.SetPort(port);
     if (!socket)
         return Descriptor();
-    Descriptor claim;
-    if (!Bind(socket, bound)) {
-        if (errno != EADDRINUSE || !local.IsAny() || HasUnicastListener(local, port, claim) ||
-            !Set(socket, SOL_SOCKET, SO_REUSEADDR, 1) || !Bind(socket, bound))
-            return Descriptor();
-    }
-    if (local.IsAny() && !Set(socket, SOL_SOCKET, SO_REUSEADDR, 1))
-        return Descriptor();
-    return socket;
+    if (!local.IsAny())
+        return Bind(socket, bound) ? std::move(socket) : Descriptor();
+    const Descriptor held = HoldPort(local, port);
+    const bool shared = held && Set(held, SOL_SOCKET, SO_REUSEADDR, 1) &&
+                        Set(socket, SOL_SOCKET, SO_REUSEADDR, 1) && Bind(socket, bound);
+    return shared ? std::move(socket) : Descriptor();
 }
 
 }  // namespace zaqsockets

@@ -1,8 +1,10 @@
 #include "ZAQSockets.h"
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <new>
+#include <optional>
 
 #include "Address.h"
 #include "GroupSocket.h"
@@ -102,17 +104,26 @@ void* ZAQUDPSocket_GetContext(void* socket) {
 uint32_t ZAQUDPSocket_SendAll(void* socket, const unsigned char* data, uint32_t length) {
     if (socket == nullptr)
         return 0;
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::seconds kLongest{1};
     constexpr int kAttempts = 8;
     const int file = static_cast<UdpSocket*>(socket)->File.Number();
+    // Each signal starts the socket's own time limit anew. Most sends never need the time.
+    std::optional<Clock::time_point> interrupted;
     for (int attempt = 0; attempt < kAttempts;) {
         const ssize_t sent = send(file, data, length, MSG_NOSIGNAL);
         if (sent >= 0)
             return sent == static_cast<ssize_t>(length) ? 1 : 0;
-        if (errno == EINTR)
-            continue;
-        if (!MayAnswerEarlierDatagram(errno))
+        if (errno == EINTR) {
+            const auto now = Clock::now();
+            if (now - interrupted.value_or(now) > kLongest)
+                return 0;
+            interrupted = interrupted.value_or(now);
+        } else if (MayAnswerEarlierDatagram(errno)) {
+            ++attempt;
+        } else {
             return 0;
-        ++attempt;
+        }
     }
     return 0;
 }

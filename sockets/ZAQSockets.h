@@ -63,9 +63,9 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * second; where no interface is named, the system chooses again when its choice is gone. This needs
  * rtnetlink(7), and covers the network namespace in which the first of the present group sockets
  * was opened. A unicast receive socket never shares its address and port with another one of this
- * library, and a named address with no socket at all. The any-address is refused where a named
- * address of an interface has the port; groups on the same port are kept apart from it. An IPv6
- * socket does not take the IPv4 port. The receive buffer is 8 MiB, or the most that the system
+ * library, and a named address with no socket at all. The any-address is refused where another
+ * socket has the port, for any address or a named one, and does not share it (SO_REUSEADDR); groups
+ * on the same port are kept apart from it. An IPv6 socket does not take the IPv4 port. The receive buffer is 8 MiB, or the most that the system
  * grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
@@ -98,8 +98,7 @@ ZAQSOCKETS_API void* ZAQUDPSocket_Create(const char* localAddress, const char* r
 
 /**
  * Closes the socket and frees what belongs to it. No callback runs for it after the return; one
- * that runs at the time is waited for, unless the call comes from within it; so callbacks of two
- * sockets that destroy each other would wait for ever. Null does nothing.
+ * that runs at the time is waited for, unless the call comes from a callback. Null does nothing.
  */
 ZAQSOCKETS_API void ZAQUDPSocket_Destroy(void* socket);
 
@@ -108,8 +107,8 @@ ZAQSOCKETS_API void* ZAQUDPSocket_GetContext(void* socket);
 
 /**
  * Sends `length` bytes (0 to 65507) as one datagram. Returns 1 when the system has taken all of
- * them, else 0. Blocks while the system's send queue is full, at most for a second. That nobody
- * listens at the destination is no failure.
+ * them, else 0. Blocks while the system's send queue is full, for about a second at most, or three
+ * where signals interrupt it. That nobody listens at the destination is no failure.
  */
 ZAQSOCKETS_API uint32_t ZAQUDPSocket_SendAll(void* socket, const unsigned char* data,
                                              uint32_t length);
