@@ -62,7 +62,7 @@ bool JoinByAddress(const Descriptor& socket, const Meaning& meaning) {
 // Joins where that has not been done yet, until the socket can have no more memberships (ENOBUFS).
 // Each attempt takes the kernel's lock of all networking, so none is made in vain.
 void JoinEverywhere(Group& group, const Descriptor& socket, const Meaning& meaning,
-                    InterfaceList& interfaces) {
+                    const InterfaceList& interfaces) {
     for (const uint32_t interface : interfaces.ForGroups()) {
         if (std::ranges::find(group.Joined, interface) != group.Joined.end())
             continue;
@@ -79,7 +79,7 @@ void JoinEverywhere(Group& group, const Descriptor& socket, const Meaning& meani
 }
 
 // Where a group of one interface is to be joined. 0 = that is not known.
-uint32_t FindInterface(const Meaning& meaning, InterfaceList& interfaces) {
+uint32_t FindInterface(const Meaning& meaning, const InterfaceList& interfaces) {
     uint32_t interface;
     GroupInterface(meaning.Local, meaning.Remote.Host, interfaces, interface);
     return meaning.IsNamed || meaning.Remote.Host.IsZoneLocalGroup() ? interface
@@ -88,7 +88,7 @@ uint32_t FindInterface(const Meaning& meaning, InterfaceList& interfaces) {
 
 }  // namespace
 
-Descriptor OpenGroupSocket(Group& group, InterfaceList& interfaces) {
+Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces) {
     Meaning meaning;
     if (!meaning.Parse(group))
         return Descriptor();
@@ -128,7 +128,7 @@ void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface) 
     Set(socket, meaning.Level(), MCAST_LEAVE_GROUP, request);
 }
 
-bool RenewMemberships(Group& group, const Descriptor& socket, InterfaceList& interfaces,
+bool RenewMemberships(Group& group, const Descriptor& socket, const InterfaceList& interfaces,
                       Descriptor& renewed) {
     Meaning meaning;
     if (!interfaces || !meaning.Parse(group))

@@ -39,7 +39,7 @@ struct Group {
 // Bound to the group and its port, and joined on the interface of the local address, of the group's
 // zone or of the system's choice, or on all that are up and can multicast; only for the source that
 // the remote address may name. Empty, with nothing left open, when any step fails.
-Descriptor OpenGroupSocket(Group& group, InterfaceList& interfaces);
+Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces);
 
 // Ends the membership on an interface that is gone. It would count to the limit; and where an
 // interface comes with the same number, as from another network namespace, it would pass for a good
@@ -49,7 +49,7 @@ void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface);
 // After interfaces have changed: joins on those that are new, and leaves those that are gone. Where
 // the group is meant to be joined on one other interface, `renewed` becomes a socket that is. False
 // when the group is joined nowhere, so that it has to be looked at again.
-bool RenewMemberships(Group& group, const Descriptor& socket, InterfaceList& interfaces,
+bool RenewMemberships(Group& group, const Descriptor& socket, const InterfaceList& interfaces,
                       Descriptor& renewed);
 
 }  // namespace zaqsockets

@@ -36,37 +36,35 @@ bool HaveSameName(const ifaddrs& interface, const ifaddrs& address) {
 
 }  // namespace
 
-const ifaddrs* InterfaceList::Entries() {
-    ifaddrs* list = nullptr;
-    if (!std::exchange(m_IsRequested, true) && getifaddrs(&list) == 0) {
-        m_Entries.reset(list);
-        for (; list != nullptr; list = list->ifa_next)
-            if (IsInterfaceItself(*list))
-                m_Numbers.push_back(NumberOf(*list));
-        std::ranges::sort(m_Numbers);
-    }
-    return m_Entries.get();
+InterfaceList::InterfaceList() {
+    ifaddrs* entry = nullptr;
+    if (getifaddrs(&entry) != 0)
+        return;
+    for (m_Entries.reset(entry); entry != nullptr; entry = entry->ifa_next)
+        if (IsInterfaceItself(*entry))
+            m_Numbers.push_back(NumberOf(*entry));
+    std::ranges::sort(m_Numbers);
 }
 
-uint32_t InterfaceList::WithAddress(const Address& address) {
-    for (const ifaddrs* entry = Entries(); entry != nullptr; entry = entry->ifa_next) {
+uint32_t InterfaceList::WithAddress(const Address& address) const {
+    for (const ifaddrs* entry = m_Entries.get(); entry != nullptr; entry = entry->ifa_next) {
         if (IsInterfaceItself(*entry) || !address.IsSameHost(*entry->ifa_addr))
             continue;
-        for (const ifaddrs* own = Entries(); own != nullptr; own = own->ifa_next)
+        for (const ifaddrs* own = m_Entries.get(); own != nullptr; own = own->ifa_next)
             if (IsInterfaceItself(*own) && HaveSameName(*own, *entry))
                 return NumberOf(*own);
     }
     return 0;
 }
 
-bool InterfaceList::Has(uint32_t interface) {
-    return Entries() != nullptr && std::ranges::binary_search(m_Numbers, interface);
+bool InterfaceList::Has(uint32_t interface) const {
+    return std::ranges::binary_search(m_Numbers, interface);
 }
 
-std::vector<uint32_t> InterfaceList::ForGroups() {
+std::vector<uint32_t> InterfaceList::ForGroups() const {
     constexpr unsigned int kWanted = IFF_UP | IFF_MULTICAST;
     std::vector<uint32_t> numbers;
-    for (const ifaddrs* entry = Entries(); entry != nullptr; entry = entry->ifa_next)
+    for (const ifaddrs* entry = m_Entries.get(); entry != nullptr; entry = entry->ifa_next)
         if (IsInterfaceItself(*entry) && (entry->ifa_flags & kWanted) == kWanted)
             numbers.push_back(NumberOf(*entry));
     return numbers;
@@ -80,34 +78,29 @@ uint32_t RouteTo(const Address& group) {
         unsigned char Bytes[4096];  // of the attribute; the answer has more of them
     } message{};
     const auto addressBytes = static_cast<uint16_t>(group.ByteCount());
-    message.Attribute.rta_type = RTA_DST;
-    message.Attribute.rta_len = static_cast<uint16_t>(sizeof(rtattr) + addressBytes);
-    memcpy(message.Bytes, group.Bytes(), addressBytes);
-    message.Route.rtm_family = static_cast<unsigned char>(group.Family());
-    message.Route.rtm_dst_len = static_cast<unsigned char>(addressBytes * 8);
-    message.Header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg)) + message.Attribute.rta_len;
+    message.Header.nlmsg_len =
+        static_cast<uint32_t>(NLMSG_SPACE(sizeof(rtmsg))) + RTA_LENGTH(addressBytes);
     message.Header.nlmsg_type = RTM_GETROUTE;
     message.Header.nlmsg_flags = NLM_F_REQUEST;
+    message.Route.rtm_family = static_cast<unsigned char>(group.Family());
+    message.Route.rtm_dst_len = static_cast<unsigned char>(addressBytes * 8);
+    message.Attribute = {static_cast<uint16_t>(RTA_LENGTH(addressBytes)), RTA_DST};
+    memcpy(message.Bytes, group.Bytes(), addressBytes);
 
     const Descriptor netlink = OpenNetlink(0);
-    if (!netlink || send(netlink.Number(), &message, message.Header.nlmsg_len, 0) < 0)
-        return 0;
     // The kernel has answered before send() returns.
-    const ssize_t size = recv(netlink.Number(), &message, sizeof(message), 0);
-    if (size < 0 || message.Header.nlmsg_type != RTM_NEWROUTE)
+    if (!netlink || send(netlink.Number(), &message, message.Header.nlmsg_len, 0) < 0 ||
+        recv(netlink.Number(), &message, sizeof(message), 0) < 0 ||
+        message.Header.nlmsg_type != RTM_NEWROUTE)
         return 0;
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(&message);
-    for (size_t offset = NLMSG_LENGTH(sizeof(rtmsg));
-         offset + sizeof(rtattr) + sizeof(uint32_t) <= static_cast<size_t>(size);) {
-        rtattr attribute;
-        uint32_t value;
-        memcpy(&attribute, bytes + offset, sizeof(attribute));
-        memcpy(&value, bytes + offset + sizeof(attribute), sizeof(value));
-        if (attribute.rta_type == RTA_OIF)
-            return value;
-        offset += NLMSG_ALIGN(std::max<size_t>(attribute.rta_len, sizeof(attribute)));
-    }
-    return 0;
+    uint32_t left = RTM_PAYLOAD(&message.Header);
+    const rtattr* attribute = &message.Attribute;
+    while (RTA_OK(attribute, left) && attribute->rta_type != RTA_OIF)
+        attribute = RTA_NEXT(attribute, left);
+    uint32_t interface = 0;
+    if (RTA_OK(attribute, left))
+        memcpy(&interface, RTA_DATA(attribute), sizeof(interface));
+    return interface;
 }
 
 Descriptor OpenNetlink(uint32_t groups) {

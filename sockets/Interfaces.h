@@ -14,22 +14,20 @@
 
 namespace zaqsockets {
 
-// Interfaces and their addresses at one moment, the first one at which they are requested.
-// Thread safety: one thread.
+// Interfaces and their addresses at one moment.
 class InterfaceList {
   public:
-    // False when the system did not tell. The list is then empty.
-    explicit operator bool() { return Entries() != nullptr; }
+    InterfaceList();
 
-    uint32_t WithAddress(const Address& address);
-    bool Has(uint32_t interface);
+    // False when the system did not tell. The list is then empty.
+    explicit operator bool() const { return m_Entries != nullptr; }
+
+    uint32_t WithAddress(const Address& address) const;
+    bool Has(uint32_t interface) const;
     // Those that are up and can multicast.
-    std::vector<uint32_t> ForGroups();
+    std::vector<uint32_t> ForGroups() const;
 
   private:
-    const ifaddrs* Entries();
-
-    bool m_IsRequested = false;
     std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> m_Entries{nullptr, &freeifaddrs};
     std::vector<uint32_t> m_Numbers;  // sorted
 };

@@ -36,7 +36,7 @@ bool SetMulticastOutput(const Descriptor& socket, const Address& local, Address&
                Set(socket, IPPROTO_IP, IP_MULTICAST_TTL, ttl) &&
                Set(socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1);
     }
-    InterfaceList interfaces;
+    const InterfaceList interfaces;
     uint32_t interface;
     if (!GroupInterface(local, group, interfaces, interface))
         return false;
@@ -104,7 +104,7 @@ bool Bind(const Descriptor& socket, const Address& address) {
     return bind(socket.Number(), bound.Get(), bound.Size()) == 0;
 }
 
-bool GroupInterface(const Address& local, const Address& group, InterfaceList& interfaces,
+bool GroupInterface(const Address& local, const Address& group, const InterfaceList& interfaces,
                     uint32_t& interface) {
     interface = group.Zone() != 0 ? group.Zone() : local.Zone();
     if (interface != 0 || local.IsAny())

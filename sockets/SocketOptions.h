@@ -33,7 +33,7 @@ bool Bind(const Descriptor& socket, const Address& address);
 
 // The interface on which an IPv6 group is meant; 0 = the system's choice by its routes. False when
 // the local address belongs to no interface.
-bool GroupInterface(const Address& local, const Address& group, InterfaceList& interfaces,
+bool GroupInterface(const Address& local, const Address& group, const InterfaceList& interfaces,
                     uint32_t& interface);
 
 }  // namespace zaqsockets

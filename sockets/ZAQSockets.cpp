@@ -80,8 +80,7 @@ void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, u
         group->Remote = remoteAddress;
         group->Port = localPort;
         group->Everywhere = multicastOption == 1;
-        InterfaceList interfaces;
-        Descriptor file = OpenGroupSocket(*group, interfaces);
+        Descriptor file = OpenGroupSocket(*group, InterfaceList());
         return StartReceiving(std::move(file), std::move(group), callback, context);
     } catch (const std::bad_alloc&) {
         return nullptr;
