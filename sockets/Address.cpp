@@ -83,13 +83,6 @@ bool Address::Parse(const char* text) {
     return true;
 }
 
-bool Address::Assign(const sockaddr& address, int family) {
-    if (address.sa_family != family)
-        return false;
-    memcpy(&m_Storage, &address, family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
-    return true;
-}
-
 bool Address::IsMulticast() const {
     return IsIPv6() ? IN6_IS_ADDR_MULTICAST(&IPv6()) : IN_MULTICAST(ntohl(IPv4().s_addr));
 }
@@ -103,8 +96,11 @@ bool Address::IsZoneLocalGroup() const {
 }
 
 bool Address::IsSameHost(const sockaddr& other) const {
+    if (other.sa_family != Family())
+        return false;
     Address copy;
-    return copy.Assign(other, Family()) && memcmp(copy.Bytes(), Bytes(), ByteCount()) == 0;
+    memcpy(&copy.m_Storage, &other, Size());
+    return memcmp(copy.Bytes(), Bytes(), ByteCount()) == 0;
 }
 
 const void* Address::Bytes() const {

@@ -19,9 +19,6 @@ class Address {
     // False, with the address unusable, when the text is no numeric address (see ZAQSockets.h).
     bool Parse(const char* text);
 
-    // False, with nothing changed, when it is of another family.
-    bool Assign(const sockaddr& address, int family);
-
     int Family() const { return m_Storage.Any.sa_family; }  // AF_UNSPEC until it is parsed
     bool IsIPv6() const { return Family() == AF_INET6; }
     bool IsMulticast() const;

@@ -69,8 +69,7 @@ void JoinEverywhere(Group& group, const Descriptor& socket, const Meaning& meani
         // Relaxed: only the time that the rest takes depends on it.
         if (group.IsDestroyed.load(std::memory_order_relaxed))
             return;
-        group.Joined.reserve(group.Joined.size() +
-                             1);  // may throw, and so comes before the joining
+        group.Joined.reserve(group.Joined.size() + 1);  // may throw, so not after the joining
         if (Join(socket, meaning, interface))
             group.Joined.push_back(interface);
         else if (errno == ENOBUFS)
@@ -148,14 +147,12 @@ bool RenewMemberships(Group& group, const Descriptor& socket, const InterfaceLis
     const uint32_t wanted = FindInterface(meaning, interfaces);
     if (wanted == 0 || (isJoined && wanted == current))
         return isJoined;
-    Group moved;
-    moved.Local = group.Local;
-    moved.Remote = group.Remote;
-    moved.Port = group.Port;
-    renewed = OpenGroupSocket(moved, interfaces);
-    if (!renewed)
+    const std::vector<uint32_t> before = group.Joined;
+    renewed = OpenGroupSocket(group, interfaces);
+    if (!renewed) {
+        group.Joined = before;
         return isJoined;
-    group.Joined = moved.Joined;
+    }
     group.Follows = true;
     return true;
 }

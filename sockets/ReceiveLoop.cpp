@@ -165,8 +165,23 @@ uint32_t BufferOf(const Descriptor& socket) {
     return bytes;
 }
 
-// Ends the threads when they have nothing to do, and waits for them; only when `all` is set also
-// for a receive thread that may still be in a callback.
+// With g_Lock held.
+bool StartLoop() {
+    // The thread that has ended holds no lock and calls nothing any more.
+    if (std::exchange(g_HasEnded, false))
+        pthread_join(g_Ended, nullptr);
+    auto loop = std::make_unique<ReceiveLoop>();
+    if (!loop->Start())
+        return false;
+    g_Loop = loop.release();
+    return true;
+}
+
+}  // namespace
+
+ReceiveSocket::ReceiveSocket(Descriptor file, void* context, ZAQReceiveCallback callback)
+    : UdpSocket{std::move(file), context, this}, Callback(callback), Share(BufferOf(File)) {}
+
 void EndUnusedThreads(bool all) {
     EndUnusedWatch();
     pthread_t ended[2];
@@ -185,19 +200,7 @@ void EndUnusedThreads(bool all) {
         pthread_join(ended[--count], nullptr);
 }
 
-// With g_Lock held.
-bool StartLoop() {
-    // The thread that has ended holds no lock and calls nothing any more.
-    if (std::exchange(g_HasEnded, false))
-        pthread_join(g_Ended, nullptr);
-    auto loop = std::make_unique<ReceiveLoop>();
-    if (!loop->Start())
-        return false;
-    g_Loop = loop.release();
-    return true;
-}
-
-bool TryAttach(ReceiveSocket& socket) {
+bool AttachSocket(ReceiveSocket& socket) {
     const std::lock_guard lock(g_Lock);
     // After fork() the parent's threads are of no use to the child: they are not there.
     if (g_Process != getpid()) {
@@ -220,22 +223,6 @@ bool TryAttach(ReceiveSocket& socket) {
     if (socket.Joined)
         UnwatchGroup(*socket.Joined);
     return false;
-}
-
-}  // namespace
-
-ReceiveSocket::ReceiveSocket(Descriptor file, void* context, ZAQReceiveCallback callback)
-    : UdpSocket(std::move(file), context, this), Callback(callback), Share(BufferOf(File)) {}
-
-bool AttachSocket(ReceiveSocket& socket) {
-    bool attached = false;
-    try {
-        attached = TryAttach(socket);
-    } catch (const std::bad_alloc&) {
-    }
-    if (!attached)
-        EndUnusedThreads(false);  // those that were started for this socket
-    return attached;
 }
 
 void DetachSocket(ReceiveSocket* socket) {

@@ -23,17 +23,13 @@
 namespace zaqsockets {
 
 class ReceiveLoop;
-
 struct ReceiveSocket;
 
 // What a handle points to.
 struct UdpSocket {
-    UdpSocket(Descriptor file, void* context, ReceiveSocket* receiver = nullptr)
-        : Context(context), Receiver(receiver), File(std::move(file)) {}
-
+    Descriptor File;
     void* const Context;
     ReceiveSocket* const Receiver;  // itself, or null for a send socket
-    Descriptor File;
 };
 
 // Made by its creator, then handed to the loop, which frees it.
@@ -56,12 +52,16 @@ struct ReceiveSocket : UdpSocket {
 };
 
 // Hands the socket over to the receive thread. False, with the socket untouched, when there are no
-// means for it.
+// means for it; or std::bad_alloc is thrown. EndUnusedThreads has to follow then.
 bool AttachSocket(ReceiveSocket& socket);
 
 // Takes the socket back, closes and frees it. No callback runs for it after the return; the one
 // that runs is waited for, unless this is called from it.
 void DetachSocket(ReceiveSocket* socket);
+
+// Ends the threads when they have nothing to do, and waits for them; only when `all` is set also
+// for a receive thread that may still be in a callback.
+void EndUnusedThreads(bool all);
 
 // Lets another file take the place of a socket's, under the same number. With g_Lock held, which
 // keeps the socket attached.

@@ -39,9 +39,8 @@ bool MayAnswerEarlierDatagram(int error) {
     }
 }
 
-// Null when there are no means for it.
-void* StartReceiving(Descriptor file, std::shared_ptr<Group> group, ZAQReceiveCallback callback,
-                     void* context) {
+UdpSocket* Receive(Descriptor file, std::shared_ptr<Group> group, ZAQReceiveCallback callback,
+                   void* context) {
     if (!file)
         return nullptr;
     auto socket = std::make_unique<ReceiveSocket>(std::move(file), context, callback);
@@ -68,23 +67,28 @@ void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, u
         localPort > kHighestPort || remotePort > kHighestPort || ttl < 0 || ttl > kHighestTtl ||
         (send == 0 && callback == nullptr))
         return nullptr;
+    UdpSocket* socket = nullptr;
     try {
         if (send != 0) {
             Descriptor file = OpenSendSocket(local, remote, remotePort, ttl);
-            return file ? new UdpSocket(std::move(file), context) : nullptr;
+            return file ? new UdpSocket{std::move(file), context, nullptr} : nullptr;
         }
-        if (!remote.Host.IsMulticast())
-            return StartReceiving(OpenUnicastSocket(local, localPort), nullptr, callback, context);
-        auto group = std::make_shared<Group>();
-        group->Local = localAddress;
-        group->Remote = remoteAddress;
-        group->Port = localPort;
-        group->Everywhere = multicastOption == 1;
-        Descriptor file = OpenGroupSocket(*group, InterfaceList());
-        return StartReceiving(std::move(file), std::move(group), callback, context);
+        if (remote.Host.IsMulticast()) {
+            auto group = std::make_shared<Group>();
+            group->Local = localAddress;
+            group->Remote = remoteAddress;
+            group->Port = localPort;
+            group->Everywhere = multicastOption == 1;
+            Descriptor file = OpenGroupSocket(*group, InterfaceList());
+            socket = Receive(std::move(file), std::move(group), callback, context);
+        } else {
+            socket = Receive(OpenUnicastSocket(local, localPort), nullptr, callback, context);
+        }
     } catch (const std::bad_alloc&) {
-        return nullptr;
     }
+    if (socket == nullptr)
+        EndUnusedThreads(false);  // those that were started for this socket
+    return socket;
 }
 
 void ZAQUDPSocket_Destroy(void* socket) {

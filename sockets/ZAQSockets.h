@@ -15,18 +15,19 @@
  *   datagrams, and never later than an eighth of the time in which a socket's buffer would fill.
  * - The library has two threads at most: one that receives, while receive sockets exist, and one
  *   that looks after group memberships, while sockets of groups exist. Both block all signals but
- *   those that a thread brings on itself. The library's descriptors are never 0, 1 or 2, and are
- *   closed by exec.
+ *   those that a thread brings on itself. The library's descriptors are 3 or higher, and are
+ *   closed by exec. (Where standard streams are closed, one may have such a stream's number for a
+ *   moment, until it is moved. What is written to it then is not sent.)
  * - Ports are in host byte order.
  * - Fork: in a child of fork() no callback runs for the sockets that it has inherited; they may
  *   be destroyed, which closes the child's descriptors. A child that goes on should exec
  *   before it makes sockets: another thread of the parent may have held a lock.
  * - Exit may come at any time. Before the library is unloaded, all sockets must have been
  *   destroyed. Both wait for a callback that has destroyed its own socket and still runs.
- * - Platforms: 64-bit Linux with glibc, from Linux 4.18 on. Newer systems add what the library uses
- *   where it can: trains of datagrams taken as one, and an IPv6 group taken from its interface only
- *   (5.0); an IPv6 socket that gets no groups but its own (4.20); network namespaces told apart
- *   (5.14).
+ * - Platforms: 64-bit Linux with glibc, from Linux 4.18 on. Some things need a newer kernel:
+ *   an IPv6 socket gets no groups that only other sockets have joined (4.20); trains of datagrams
+ *   are taken as one, and an IPv6 group comes from its interface only (5.0); sockets of different
+ *   network namespaces are told apart (5.14).
  */
 #ifndef ZAQSOCKETS_H
 #define ZAQSOCKETS_H
@@ -64,9 +65,9 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * rtnetlink(7), and covers the network namespace in which the first of the present group sockets
  * was opened. A unicast receive socket never shares its address and port with another one of this
  * library, and a named address with no socket at all. The any-address is refused where another
- * socket has the port, for any address or a named one, and does not share it (SO_REUSEADDR); groups
- * on the same port are kept apart from it. An IPv6 socket does not take the IPv4 port. The receive buffer is 8 MiB, or the most that the system
- * grants.
+ * socket has the port for any address, or for a named one that it does not share (SO_REUSEADDR);
+ * groups on the same port are kept apart from it. An IPv6 socket does not take the IPv4 port. The
+ * receive buffer is 8 MiB, or the most that the system grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
  * @param localAddress     address of the interface to use, "0.0.0.0" or "::" = the system's choice;
