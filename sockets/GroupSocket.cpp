@@ -79,10 +79,10 @@ void JoinEverywhere(Group& group, const Descriptor& socket, const Meaning& meani
 
 // Where a group of one interface is to be joined. 0 = that is not known.
 uint32_t FindInterface(const Meaning& meaning, const InterfaceList& interfaces) {
-    uint32_t interface;
-    GroupInterface(meaning.Local, meaning.Remote.Host, interfaces, interface);
-    return meaning.IsNamed || meaning.Remote.Host.IsZoneLocalGroup() ? interface
-                                                                     : RouteTo(meaning.Remote.Host);
+    const Address& group = meaning.Remote.Host;
+    return meaning.IsNamed || group.IsZoneLocalGroup()
+               ? GroupInterface(meaning.Local, group, interfaces)
+               : RouteTo(group);
 }
 
 }  // namespace

@@ -27,13 +27,6 @@ uint32_t NumberOf(const ifaddrs& interface) {
     return static_cast<uint32_t>(link.sll_ifindex);
 }
 
-// The name of an address may have a label behind it, as in "eth0:1".
-bool HaveSameName(const ifaddrs& interface, const ifaddrs& address) {
-    const size_t length = strcspn(address.ifa_name, ":");
-    return strncmp(interface.ifa_name, address.ifa_name, length) == 0 &&
-           interface.ifa_name[length] == '\0';
-}
-
 }  // namespace
 
 InterfaceList::InterfaceList() {
@@ -47,13 +40,10 @@ InterfaceList::InterfaceList() {
 }
 
 uint32_t InterfaceList::WithAddress(const Address& address) const {
-    for (const ifaddrs* entry = m_Entries.get(); entry != nullptr; entry = entry->ifa_next) {
-        if (IsInterfaceItself(*entry) || !address.IsSameHost(*entry->ifa_addr))
-            continue;
-        for (const ifaddrs* own = m_Entries.get(); own != nullptr; own = own->ifa_next)
-            if (IsInterfaceItself(*own) && HaveSameName(*own, *entry))
-                return NumberOf(*own);
-    }
+    for (const ifaddrs* entry = m_Entries.get(); entry != nullptr; entry = entry->ifa_next)
+        // The system ignores the label that may follow the name, as in "eth0:1".
+        if (entry->ifa_addr != nullptr && address.IsSameHost(*entry->ifa_addr))
+            return if_nametoindex(entry->ifa_name);
     return 0;
 }
 

@@ -27,25 +27,23 @@ bool OwnGroupsOnly(const Descriptor& socket, const Address& address) {
     return Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0) || errno == ENOPROTOOPT;
 }
 
-// The TTL of sent multicast, its interface and whether it comes back to this machine.
+// The TTL of sent multicast and its interface. That it comes back to this machine, too, is the
+// system's default.
 bool SetMulticastOutput(const Descriptor& socket, const Address& local, Address& group, int ttl) {
     if (!group.IsIPv6()) {
         ip_mreqn interface {};
         interface.imr_address = local.IPv4();
         return (local.IsAny() || Set(socket, IPPROTO_IP, IP_MULTICAST_IF, interface)) &&
-               Set(socket, IPPROTO_IP, IP_MULTICAST_TTL, ttl) &&
-               Set(socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1);
+               Set(socket, IPPROTO_IP, IP_MULTICAST_TTL, ttl);
     }
-    const InterfaceList interfaces;
-    uint32_t interface;
-    if (!GroupInterface(local, group, interfaces, interface))
+    const uint32_t interface = GroupInterface(local, group, InterfaceList());
+    if (interface == 0 && !local.IsAny())
         return false;
     if (group.IsZoneLocalGroup())
         group.SetZone(interface);
     return (interface == 0 ||
             Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(interface))) &&
-           Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl) &&
-           Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 1);
+           Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl);
 }
 
 // DSCP are the upper six bits of the byte that the IP header has for it (RFC 2474).
@@ -104,13 +102,10 @@ bool Bind(const Descriptor& socket, const Address& address) {
     return bind(socket.Number(), bound.Get(), bound.Size()) == 0;
 }
 
-bool GroupInterface(const Address& local, const Address& group, const InterfaceList& interfaces,
-                    uint32_t& interface) {
-    interface = group.Zone() != 0 ? group.Zone() : local.Zone();
-    if (interface != 0 || local.IsAny())
-        return true;
-    interface = interfaces.WithAddress(local);
-    return interface != 0;
+uint32_t GroupInterface(const Address& local, const Address& group,
+                        const InterfaceList& interfaces) {
+    const uint32_t zone = group.Zone() != 0 ? group.Zone() : local.Zone();
+    return zone != 0 ? zone : interfaces.WithAddress(local);
 }
 
 Descriptor OpenSendSocket(const Address& local, const RemoteAddress& remote, uint32_t port,

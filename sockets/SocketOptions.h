@@ -31,10 +31,10 @@ Descriptor OpenReceiveSocket(const Address& address);
 
 bool Bind(const Descriptor& socket, const Address& address);
 
-// The interface on which an IPv6 group is meant; 0 = the system's choice by its routes. False when
-// the local address belongs to no interface.
-bool GroupInterface(const Address& local, const Address& group, const InterfaceList& interfaces,
-                    uint32_t& interface);
+// The interface that the addresses name, by a zone or by its own address. 0 = none, or one that is
+// not there.
+uint32_t GroupInterface(const Address& local, const Address& group,
+                        const InterfaceList& interfaces);
 
 }  // namespace zaqsockets
 

@@ -19,26 +19,6 @@ using namespace zaqsockets;
 constexpr uint32_t kHighestPort = 65535;
 constexpr int kHighestTtl = 255;
 
-// An error that ICMP brought in answer to an earlier datagram is reported by the next send, which
-// then sends nothing (udp(7)). It is gone with the report, so the datagram is sent again.
-bool MayAnswerEarlierDatagram(int error) {
-    switch (error) {
-        case ECONNREFUSED:
-        case EHOSTUNREACH:
-        case EHOSTDOWN:
-        case ENETUNREACH:
-        case ENONET:
-        case ENOPROTOOPT:
-        case EPROTO:
-        case EACCES:
-        case EOPNOTSUPP:
-        case EMSGSIZE:
-            return true;
-        default:
-            return false;
-    }
-}
-
 UdpSocket* Receive(Descriptor file, std::shared_ptr<Group> group, ZAQReceiveCallback callback,
                    void* context) {
     if (!file)
@@ -122,10 +102,12 @@ uint32_t ZAQUDPSocket_SendAll(void* socket, const unsigned char* data, uint32_t 
             if (now - interrupted.value_or(now) > kLongest)
                 return 0;
             interrupted = interrupted.value_or(now);
-        } else if (MayAnswerEarlierDatagram(errno)) {
-            ++attempt;
-        } else {
+        } else if (errno == EAGAIN) {
             return 0;
+        } else {
+            // An error that ICMP brought in answer to an earlier datagram is reported by the next
+            // send, which then sends nothing (udp(7)). It is gone with the report.
+            ++attempt;
         }
     }
     return 0;

@@ -97,7 +97,7 @@ struct Interfaces {
         EXPECT_EQ(system("set -e; for n in 0 1; do"
                          " ip link add a$n type dummy 2>/dev/null || ip link add a$n type ifb;"
                          " ip link set a$n up multicast on; for i in 1 9; do"
-                         " ip addr add 10.77.$n.$i/24 dev a$n;"
+                         " ip addr add 10.77.$n.$i/24 dev a$n label a$n:$i;"
                          " ip addr add fd77:$n::$i/64 dev a$n nodad; done; done;"
                          " while ip -6 addr show tentative | grep -q .; do sleep 0.01; done"),
                   0);
