@@ -14,31 +14,10 @@ namespace zaqsockets {
 
 namespace {
 
-// False when the text is longer than the array.
-template <size_t size>
-bool Copy(const char* text, char (&copy)[size]) {
-    if (text == nullptr)
-        return false;
-    const size_t length = strnlen(text, size);
-    if (length == size)
-        return false;
-    memcpy(copy, text, length + 1);
-    return true;
-}
-
-// Ends the text before the first `mark`. Returns what follows the mark, or null when there is none.
-char* CutAt(char* text, char mark) {
-    char* const found = strchr(text, mark);
-    if (found == nullptr)
-        return nullptr;
-    *found = '\0';
-    return found + 1;
-}
-
 // Number of the zone that `text` names: an interface that exists, or a number above 0.
 bool ParseZone(const char* text, uint32_t& zone) {
-    const char* const end = text + strnlen(text, IF_NAMESIZE);
-    if (text == end || *end != '\0')
+    const char* const end = text + strlen(text);
+    if (text == end || end - text > IF_NAMESIZE)
         return false;
     zone = if_nametoindex(text);
     if (zone != 0)
@@ -64,19 +43,27 @@ bool ParseDscp(std::string_view text, int& dscp) {
 
 }  // namespace
 
-bool Address::Parse(const char* text) {
+std::string_view AddressText(const char* text) {
+    return text != nullptr ? std::string_view(text, strnlen(text, RemoteAddress::kTextBytes)) : "";
+}
+
+bool Address::Parse(std::string_view text) {
     m_Storage = {};
-    char address[kTextBytes];
-    if (!Copy(text, address))
+    char address[kTextBytes] = "";
+    if (text.size() >= sizeof(address))
         return false;
+    text.copy(address, text.size());
     if (inet_pton(AF_INET, address, &m_Storage.IPv4.sin_addr) == 1) {
         m_Storage.Any.sa_family = AF_INET;
         return true;
     }
     uint32_t zone = 0;
-    const char* const zoneText = CutAt(address, '%');
-    if ((zoneText != nullptr && !ParseZone(zoneText, zone)) ||
-        inet_pton(AF_INET6, address, &m_Storage.IPv6.sin6_addr) != 1)
+    if (char* const mark = strchr(address, '%'); mark != nullptr) {
+        *mark = '\0';
+        if (!ParseZone(mark + 1, zone))
+            return false;
+    }
+    if (inet_pton(AF_INET6, address, &m_Storage.IPv6.sin6_addr) != 1)
         return false;
     m_Storage.Any.sa_family = AF_INET6;
     m_Storage.IPv6.sin6_scope_id = zone;
@@ -115,20 +102,20 @@ void Address::SetPort(uint32_t port) {
         m_Storage.IPv4.sin_port = number;
 }
 
-bool RemoteAddress::Parse(const char* text) {
+bool RemoteAddress::Parse(std::string_view text) {
     *this = {};
-    char copy[kTextBytes];
-    if (!Copy(text, copy))
+    const size_t mark = text.find('?');
+    if (mark != text.npos && !ParseDscp(text.substr(mark + 1), Dscp))
         return false;
-    if (const char* const mark = CutAt(copy, '?'); mark != nullptr && !ParseDscp(mark, Dscp))
-        return false;
-    const char* const group = CutAt(copy, '@');
-    if (group == nullptr)
-        return Host.Parse(copy);
+    text = text.substr(0, mark);
+    const size_t at = text.find('@');
+    if (at == text.npos)
+        return Host.Parse(text);
     // A source needs no zone: that of the group says by which interface it comes.
-    return strchr(copy, '%') == nullptr && Source.Parse(copy) && Host.Parse(group) &&
-           Source.Family() == Host.Family() && Host.IsMulticast() && !Source.IsMulticast() &&
-           !Source.IsAny();
+    const std::string_view source = text.substr(0, at);
+    return source.find('%') == source.npos && Source.Parse(source) &&
+           Host.Parse(text.substr(at + 1)) && Source.Family() == Host.Family() &&
+           Host.IsMulticast() && !Source.IsMulticast() && !Source.IsAny();
 }
 
 }  // namespace zaqsockets
@@ -137,7 +124,7 @@ uint32_t ZAQSocketsExtractIPAddress(const char* address, unsigned char* bytes, u
                                     uint32_t* zone, int32_t* multicast) {
     const zaqsockets::CancellationOff uncancelled;
     zaqsockets::RemoteAddress parsed;
-    if (!parsed.Parse(address))
+    if (!parsed.Parse(zaqsockets::AddressText(address)))
         return 0;
     const zaqsockets::Address& host = parsed.Host;
     if (bytes != nullptr)

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace zaqsockets {
 
@@ -17,7 +18,7 @@ class Address {
     static constexpr size_t kTextBytes = INET6_ADDRSTRLEN + 1 + IF_NAMESIZE;
 
     // False, with the address unusable, when the text is no numeric address (see ZAQSockets.h).
-    bool Parse(const char* text);
+    bool Parse(std::string_view text);
 
     int Family() const { return m_Storage.Any.sa_family; }  // AF_UNSPEC until it is parsed
     bool IsIPv6() const { return Family() == AF_INET6; }
@@ -57,7 +58,7 @@ struct RemoteAddress {
         INET6_ADDRSTRLEN + Address::kTextBytes + sizeof("?dscp=63");
 
     // As Address::Parse.
-    bool Parse(const char* text);
+    bool Parse(std::string_view text);
 
     bool HasSource() const { return Source.Family() != AF_UNSPEC; }
 
@@ -65,6 +66,9 @@ struct RemoteAddress {
     Address Source;
     int Dscp = -1;  // none given
 };
+
+// A text from outside: empty for null, and cut off where it is too long for any address.
+std::string_view AddressText(const char* text);
 
 }  // namespace zaqsockets
 

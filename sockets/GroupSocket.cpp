@@ -13,7 +13,7 @@ namespace {
 // What the texts of a group mean now.
 struct Meaning {
     bool Parse(const Group& group) {
-        if (!Local.Parse(group.Local.c_str()) || !Remote.Parse(group.Remote.c_str()))
+        if (!Local.Parse(group.Local) || !Remote.Parse(group.Remote))
             return false;
         IsNamed = !Local.IsAny() || Local.Zone() != 0 || Remote.Host.Zone() != 0;
         // A group of link scope is another one on every interface.
@@ -119,7 +119,7 @@ Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces) {
 void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface) {
     Meaning meaning;
     // Where the zone's name means nothing any more, the socket will be replaced as a whole.
-    if (std::erase(group.Joined, interface) == 0 || !meaning.Remote.Parse(group.Remote.c_str()))
+    if (std::erase(group.Joined, interface) == 0 || !meaning.Remote.Parse(group.Remote))
         return;
     group_req request{};
     request.gr_interface = interface;

@@ -42,9 +42,10 @@ void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, u
     const CancellationOff uncancelled;
     Address local;
     RemoteAddress remote;
-    if (!local.Parse(localAddress) || !remote.Parse(remoteAddress) || local.IsMulticast() ||
-        local.Family() != remote.Host.Family() || (multicast == 1 && !remote.Host.IsMulticast()) ||
-        localPort > kHighestPort || remotePort > kHighestPort || ttl < 0 || ttl > kHighestTtl ||
+    if (!local.Parse(AddressText(localAddress)) || !remote.Parse(AddressText(remoteAddress)) ||
+        local.IsMulticast() || local.Family() != remote.Host.Family() ||
+        (multicast == 1 && !remote.Host.IsMulticast()) || localPort > kHighestPort ||
+        remotePort > kHighestPort || ttl < 0 || ttl > kHighestTtl ||
         (send == 0 && callback == nullptr))
         return nullptr;
     UdpSocket* socket = nullptr;
