@@ -83,14 +83,19 @@ uint32_t RouteTo(const Address& group) {
         recv(netlink.Number(), &message, sizeof(message), 0) < 0 ||
         message.Header.nlmsg_type != RTM_NEWROUTE)
         return 0;
-    uint32_t left = RTM_PAYLOAD(&message.Header);
-    const rtattr* attribute = &message.Attribute;
-    while (RTA_OK(attribute, left) && attribute->rta_type != RTA_OIF)
-        attribute = RTA_NEXT(attribute, left);
-    uint32_t interface = 0;
-    if (RTA_OK(attribute, left))
-        memcpy(&interface, RTA_DATA(attribute), sizeof(interface));
-    return interface;
+    const auto* next = reinterpret_cast<const unsigned char*>(&message.Attribute);
+    const auto* const end = reinterpret_cast<const unsigned char*>(&message) +
+                            std::min<size_t>(message.Header.nlmsg_len, sizeof(message));
+    while (next + RTA_LENGTH(sizeof(uint32_t)) <= end) {
+        rtattr attribute;
+        uint32_t value;
+        memcpy(&attribute, next, sizeof(attribute));
+        memcpy(&value, next + sizeof(attribute), sizeof(value));
+        if (attribute.rta_type == RTA_OIF)
+            return value;
+        next += std::max<size_t>(RTA_ALIGN(attribute.rta_len), sizeof(attribute));
+    }
+    return 0;
 }
 
 Descriptor OpenNetlink(uint32_t groups) {

@@ -15,9 +15,9 @@
  *   datagrams, and never later than an eighth of the time in which a socket's buffer would fill.
  * - The library has two threads at most: one that receives, while receive sockets exist, and one
  *   that looks after group memberships, while sockets of groups exist. Both block all signals but
- *   those that a thread brings on itself. The library's descriptors are 3 or higher, and are
- *   closed by exec. (Where standard streams are closed, one may have such a stream's number for a
- *   moment, until it is moved. What is written to it then is not sent.)
+ *   those that a thread brings on itself. Its descriptors are 3 or higher, and are closed
+ *   by exec. (Where the standard streams are closed, the system may give it their numbers for the
+ *   moment until it has taken a higher one; nothing can be sent by them then.)
  * - Ports are in host byte order.
  * - Fork: in a child of fork() no callback runs for the sockets that it has inherited; they may
  *   be destroyed, which closes the child's descriptors. A child that goes on should exec
