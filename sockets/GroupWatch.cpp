@@ -49,51 +49,6 @@ bool Replace(Group& group, const Descriptor& renewed, const Descriptor& old) {
     return false;
 }
 
-// When to look at what interfaces there are. Changes come in groups, like a link and its addresses,
-// and are looked at together, a moment after the first; and then a few times more, since routes
-// follow later.
-// Thread safety: one thread.
-class LookSchedule {
-  public:
-    // Something has changed.
-    void Notice() {
-        if (m_Looks != kLooks)
-            m_Due = Clock::now() + std::max<Clock::duration>(kSettle, m_Rest);
-        m_Looks = kLooks;
-    }
-    // Has the moment come? Finish follows then.
-    bool IsDue() {
-        m_Began = Clock::now();
-        return m_Looks > 0 && m_Began >= m_Due;
-    }
-    // `again`: look once more in any case. Where looking takes long, it is done less often.
-    void Finish(bool again) {
-        constexpr int kShare = 10;  // one part of the time
-        m_Looks = std::max(m_Looks - 1, again ? 1 : 0);
-        m_Rest = std::min<Clock::duration>((Clock::now() - m_Began) * kShare, kLongestRest);
-        m_Due = Clock::now() + std::max<Clock::duration>(kPause, m_Rest);
-    }
-    bool IsPending() const { return m_Looks > 0; }
-    // For poll().
-    int Timeout_ms() const {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_Due - Clock::now());
-        return m_Looks > 0 ? std::max(static_cast<int>(left.count()), 0) : -1;
-    }
-
-  private:
-    using Clock = std::chrono::steady_clock;
-    static constexpr std::chrono::milliseconds kSettle{200};
-    static constexpr std::chrono::milliseconds kPause{1000};
-    static constexpr std::chrono::milliseconds kLongestRest{2000};
-    static constexpr int kLooks = 5;
-
-    // The first look comes at once: something may have changed since the first socket was opened.
-    int m_Looks = 1;              // left
-    Clock::time_point m_Due{};    // the next one
-    Clock::time_point m_Began{};  // the latest one
-    Clock::duration m_Rest{};     // at least, before the next one
-};
-
 // Thread safety: it belongs to its own thread, apart from what is marked.
 class Watch {
   public:
@@ -121,17 +76,23 @@ class Watch {
         pollfd files[] = {{Messages.Number(), POLLIN, 0}, {Wakeup.Number(), POLLIN, 0}};
         // Relaxed: nothing but this flag is passed on.
         while (!Stop.load(std::memory_order_relaxed)) {
-            if (poll(files, std::size(files), m_Schedule.Timeout_ms()) < 0)
+            if (poll(files, std::size(files), Timeout_ms()) < 0)
                 usleep(kErrorPause_us);  // an error that stays must not make this a busy loop
             try {
                 if (files[0].revents != 0)
                     TakeMessages();
-                if (m_Schedule.IsDue())
+                if (Timeout_ms() == 0)
                     Look();
             } catch (const std::bad_alloc&) {
-                m_Schedule.Finish(true);
+                m_LooksLeft = std::max(m_LooksLeft, 1);
             }
         }
+    }
+
+    // Until the next look, for poll().
+    int Timeout_ms() const {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_NextLook - Clock::now());
+        return m_LooksLeft > 0 ? std::max(static_cast<int>(left.count()), 0) : -1;
     }
 
     void TakeMessages() {
@@ -143,7 +104,9 @@ class Watch {
             nlmsghdr Header;
             ifinfomsg Interface;
         } message;
-        m_Schedule.Notice();
+        if (m_LooksLeft != kLooks)
+            m_NextLook = Clock::now() + kSettle;
+        m_LooksLeft = kLooks;
         for (int count = 0; count < kMost; ++count) {
             const ssize_t size = recv(Messages.Number(), &message, sizeof(message), 0);
             if (size < 0 && errno != ENOBUFS)
@@ -163,7 +126,9 @@ class Watch {
     }
 
     void Look() {
-        InterfaceList interfaces;
+        --m_LooksLeft;
+        m_NextLook = Clock::now() + kPause;
+        const InterfaceList interfaces;
         bool joined = true;
         const auto groups = CopyGroups();
         for (const auto& group : groups) {
@@ -176,8 +141,9 @@ class Watch {
                 joined = false;
             }
         }
-        m_Schedule.Finish(!joined);
-        if (!m_Schedule.IsPending())
+        if (!joined)
+            m_LooksLeft = std::max(m_LooksLeft, 1);
+        if (m_LooksLeft == 0)
             for (const auto& group : groups)
                 group->Follows = false;
     }
@@ -187,7 +153,17 @@ class Watch {
         return Groups;
     }
 
-    LookSchedule m_Schedule;
+    using Clock = std::chrono::steady_clock;
+
+    // Changes come in groups, like a link and its addresses, and are looked at together, a moment
+    // after the first; and then a few times more, since routes follow later.
+    static constexpr std::chrono::milliseconds kSettle{200};
+    static constexpr std::chrono::milliseconds kPause{1000};
+    static constexpr int kLooks = 5;
+
+    // The first look comes at once: something may have changed since the first socket was opened.
+    int m_LooksLeft = 1;
+    Clock::time_point m_NextLook{};
 };
 
 Watch* g_Watch = nullptr;  // guarded by g_Lock

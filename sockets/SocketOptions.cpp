@@ -55,9 +55,9 @@ bool SetDscp(const Descriptor& socket, const RemoteAddress& remote) {
                                 : Set(socket, IPPROTO_IP, IP_TOS, value);
 }
 
-// Holds the port against other unicast sockets of any address: none of those can be bound beside it,
-// as long as it does not share. Groups on the port do not stand in its way. Empty when the port is
-// taken.
+// Bound to the port at the loopback address. No other socket of any address has the port then, nor
+// can it be bound, as long as this one does not share it; groups do not stand in the way. Empty
+// when the port is taken.
 Descriptor HoldPort(const Address& any, uint32_t port) {
     Address loopback;
     loopback.Parse(any.IsIPv6() ? "::1" : "127.0.0.1");
