@@ -179,6 +179,7 @@ bool StartLoop() {
 
 }  // namespace
 
+// cppcheck-suppress uninitDerivedMemberVar ; the base class has a constructor for them
 ReceiveSocket::ReceiveSocket(Descriptor file, void* context, ZAQReceiveCallback callback)
     : UdpSocket{std::move(file), context, this}, Callback(callback), Share(BufferOf(File)) {}
 
