@@ -179,7 +179,7 @@ bool StartLoop() {
 
 }  // namespace
 
-// cppcheck-suppress uninitDerivedMemberVar ; the base class has a constructor for them
+// cppcheck-suppress uninitDerivedMemberVar ; the braces initialise all of them
 ReceiveSocket::ReceiveSocket(Descriptor file, void* context, ZAQReceiveCallback callback)
     : UdpSocket{std::move(file), context, this}, Callback(callback), Share(BufferOf(File)) {}
 
