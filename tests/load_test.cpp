@@ -41,7 +41,7 @@ std::pair<int, int> Mappings() {
 }
 
 TEST(Load, AThousandLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
-    RunApart(20, 90, [](int) {
+    RunApart(20, 600, [](int) {
         const auto before = Footprint();
         const int tables = Mappings().first;
         int others = 0;
