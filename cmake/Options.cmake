@@ -21,8 +21,6 @@ if(QXV_SANITIZE)
     # The sanitizers bring checks of their own, with which the hardening below does not mix.
     target_compile_options(qxv_options INTERFACE
         -fsanitize=${QXV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g
-        # That check opens a pipe, which fails in tests that run out of descriptors.
-        -fno-sanitize=vptr
         # With them g++ 12 warns of its own <regex>, wrongly.
         $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-maybe-uninitialized>)
     target_link_options(qxv_options INTERFACE -fsanitize=${QXV_SANITIZE})
