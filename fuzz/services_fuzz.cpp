@@ -1,7 +1,7 @@
 // Any text as a configuration file. What is accepted comes to the same when its full form is read;
 // what is not, has a complaint with file and line.
-#include "ConfigFile.h"
 #include "Fuzz.h"
+#include "config/ConfigFile.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ServiceConfig config;

@@ -8,7 +8,7 @@ scripts/install.sh cmake ninja-build clang clang-format clang-tidy cppcheck libc
     libbitstream-dev libtomlplusplus-dev libbenchmark-dev libboost-dev nlohmann-json3-dev
 
 failed=0
-find module common sockets tools bench tests fuzz examples -name '*.[ch]' -o -name '*.cpp' |
+find module common sockets streams tools bench tests fuzz examples -name '*.[ch]' -o -name '*.cpp' |
     xargs clang-format --dry-run --Werror || failed=1
 tests/layers.sh || failed=1
 
@@ -20,7 +20,7 @@ cmake --preset dev -B "$build" -DQXV_BUILD_TESTS=OFF -DQXV_BUILD_BENCH=ON -DQXV_
 
 # What a file has not passed is printed whole, and at once, so that two files' findings do not mix.
 # xargs fails when one of them does.
-find module common sockets tools bench examples -name '*.c' -o -name '*.cpp' | sort |
+find module common sockets streams tools bench examples -name '*.c' -o -name '*.cpp' | sort |
     xargs -P "$(nproc)" -n 1 sh -c 'found=$(clang-tidy -p "$0" --quiet "$1" 2>&1) ||
         { printf "%s\n" "$found"; exit 1; }' "$build" || failed=1
 

@@ -3,7 +3,7 @@
 
 #include <regex>
 
-#include "ConfigFile.h"
+#include "config/ConfigFile.h"
 
 namespace {
 

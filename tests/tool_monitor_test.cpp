@@ -5,10 +5,10 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
-#include "Errors.h"
 #include "ProcessSupport.h"
 #include "StreamAnalyzer.h"
-#include "TableReport.h"
+#include "base/Errors.h"
+#include "reports/TableReport.h"
 
 namespace {
 

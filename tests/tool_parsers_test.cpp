@@ -10,11 +10,11 @@
 #include <utility>
 #include <vector>
 
-#include "Errors.h"
-#include "Quantity.h"
 #include "RateFollower.h"
-#include "StreamUrl.h"
 #include "TransportStream.h"
+#include "base/Errors.h"
+#include "base/Quantity.h"
+#include "media/StreamUrl.h"
 
 namespace {
 

@@ -1,0 +1,128 @@
+// What a transport stream contains, and how well it arrives.
+#ifndef STREAMS_STREAMANALYZER_H
+#define STREAMS_STREAMANALYZER_H
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "PsiTables.h"
+#include "TransportStream.h"
+
+struct PidReport {
+    uint16_t pid = 0;
+    std::string kind;      // "PAT", "PMT", "video", ...; "other" = stands in no table
+    std::string codec;     // of video, audio, subtitle and data; "" = not known
+    std::string language;  // "" = not given
+    std::vector<uint16_t> programmes;
+    bool pcr = false;
+    uint64_t packets = 0;
+    uint64_t scrambled = 0;  // packets
+    uint64_t continuityErrors = 0;
+    std::optional<uint64_t> bitrate_bps;
+};
+
+// The clock of one PID. An interval is the time between two PCRs by their own values; the jitter is
+// how far their arrival strays from their values, less the mean.
+struct PcrReport {
+    uint16_t pid = 0;
+    uint64_t count = 0;
+    uint64_t discontinuities = 0;
+    double shortestInterval_ms = 0.0;
+    double longestInterval_ms = 0.0;
+    double jitterPeakToPeak_ms = 0.0;
+    double jitterRms_ms = 0.0;
+};
+
+struct ProgrammeReport {
+    uint16_t number = 0;
+    uint16_t pmtPid = 0;
+    std::optional<uint16_t> pcrPid;
+    std::optional<Service> service;  // by the SDT
+    std::vector<ElementaryStream> streams;
+};
+
+struct StreamReport {
+    size_t packetSize = 0;  // 0 = no packets have been found
+    uint64_t bytes = 0;     // those that are no packets, too
+    uint64_t packets = 0;
+    std::chrono::nanoseconds time{};             // from the first arrival to the last
+    std::optional<uint64_t> arrivalBitrate_bps;  // by the time of arrival
+    std::optional<uint64_t> pcrBitrate_bps;      // by the stream's own clock
+    std::optional<uint16_t> transportStreamId;
+    uint64_t syncLosses = 0;
+    uint64_t transportErrors = 0;  // packets that a demodulator has marked as damaged
+    uint64_t sectionErrors = 0;
+    uint64_t continuityErrors = 0;
+    std::vector<PidReport> pids;
+    std::vector<PcrReport> pcrs;
+    std::vector<ProgrammeReport> programmes;
+};
+
+// Takes any bytes; its memory stays bounded, whatever they are.
+class StreamAnalyzer {
+  public:
+    // The next bytes of the stream, which may be cut anywhere, and when they arrived.
+    void feed(std::span<const uint8_t> bytes, std::chrono::nanoseconds arrival);
+
+    uint64_t bytes() const { return bytes_; }
+    uint64_t continuityErrors() const { return continuity_.errors(); }
+    StreamReport report() const;
+
+  private:
+    struct Pid {
+        uint64_t packets = 0;
+        uint64_t scrambled = 0;
+        uint64_t continuityErrors = 0;
+    };
+
+    class PcrClock {
+      public:
+        void add(const Pcr& pcr, std::chrono::nanoseconds arrival);
+        PcrReport report(uint16_t pid) const;
+
+      private:
+        void begin(std::chrono::nanoseconds arrival);
+
+        uint64_t count_ = 0;
+        uint64_t discontinuities_ = 0;
+        uint64_t lastPcr_ = 0;
+        std::optional<uint64_t> shortest_;
+        uint64_t longest_ = 0;
+        // Since the clock was last cut, relative to the first PCR behind the cut.
+        std::chrono::nanoseconds start_{};
+        uint64_t ticks_ = 0;
+        uint64_t samples_ = 0;
+        double sum_ = 0.0;  // of the offsets between arrival and clock, and of their squares
+        double squares_ = 0.0;
+        double smallest_ = 0.0;
+        double largest_ = 0.0;
+        // Before it was last cut.
+        double peakBefore_ = 0.0;
+        double squaresBefore_ = 0.0;
+        uint64_t samplesBefore_ = 0;
+    };
+
+    void addPacket(const uint8_t* packet, std::chrono::nanoseconds arrival);
+    std::optional<uint64_t> arrivalBitrate() const;
+    void describePids(StreamReport& report) const;
+
+    PacketSplitter splitter_;
+    size_t packetSize_ = 0;  // the last that was found
+    std::optional<PcrBitrate> rate_;
+    ContinuityCounter continuity_;
+    PsiTables tables_;
+    std::map<uint16_t, Pid> pids_;
+    std::map<uint16_t, PcrClock> clocks_;
+    uint64_t transportErrors_ = 0;
+    uint64_t bytes_ = 0;
+    uint64_t firstBytes_ = 0;  // what came first: its arrival begins the time, so it does not count
+    std::optional<std::chrono::nanoseconds> first_;
+    std::chrono::nanoseconds last_{};
+};
+
+#endif

@@ -1,0 +1,24 @@
+// Numbers as they are written on the command line.
+#ifndef TOOLS_BASE_QUANTITY_H
+#define TOOLS_BASE_QUANTITY_H
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Reads "2500000", "2500k" or "2.5M": a decimal number that is not negative, with k, M or G for
+// thousands, millions or thousand millions. Fractions of one are rounded.
+std::optional<uint64_t> parseQuantity(std::string_view text);
+
+// "2.500 Mbit/s", "812.3 kbit/s".
+std::string formatBitrate(uint64_t bitrate_bps);
+
+// "1.3 MB", "812 B".
+std::string formatBytes(uint64_t bytes);
+
+// "0:07", "1:02:03".
+std::string formatTime(std::chrono::milliseconds time);
+
+#endif

@@ -1,0 +1,48 @@
+#include "commandline/CommandLine.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+
+#include "base/Errors.h"
+#include "base/Quantity.h"
+#include "media/StreamUrl.h"
+
+std::string urlHelp() {
+    return fmt::format(
+        "\nURL: udp://HOST:PORT (raw) or rtp://HOST:PORT, with an '@' in front of HOST or not.\n"
+        "HOST is numeric: IPv4, or IPv6 in brackets, with %zone where one is needed.\n"
+        "Behind it: ?ttl=0..255 (of datagrams to groups, {} if not given) and\n"
+        "localaddr=ADDRESS (of the interface to use), joined by '&'.\n{}",
+        kDefaultTtl, kExitCodes);
+}
+
+uint64_t quantity(const std::string& option, const std::string& text, uint64_t smallest,
+                  uint64_t largest) {
+    const auto value = parseQuantity(text);
+    if (!value || *value < smallest || *value > largest)
+        throw UsageError(
+            fmt::format("{} '{}': a number from {} to {} is accepted, also with k, M "
+                        "or G for thousands, millions or thousand millions",
+                        option, text, smallest, largest));
+    return *value;
+}
+
+uint32_t bitrate(const std::string& option, const std::string& text) {
+    return static_cast<uint32_t>(quantity(option, text, 1, UINT32_MAX));
+}
+
+std::chrono::milliseconds duration(const std::string& option, const std::string& text,
+                                   double smallest, double largest) {
+    double value = 0.0;
+    if (!CLI::detail::lexical_cast(text, value) || !(value >= smallest && value <= largest))
+        throw UsageError(fmt::format("{} '{}': a number of seconds from {} to {} is accepted",
+                                     option, text, smallest, largest));
+    return std::chrono::milliseconds(std::llround(value * 1000.0));
+}
+
+void checkPairs(const std::vector<std::string>& given, const std::string& second) {
+    if (given.size() % 2 != 0)
+        throw UsageError(fmt::format("a {} is missing for '{}'", second, given.back()));
+}

@@ -1,0 +1,17 @@
+#ifndef TOOLS_COMMANDS_CONFIGCOMMAND_H
+#define TOOLS_COMMANDS_CONFIGCOMMAND_H
+
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+// Adds --config FILE to a command, in place of all arguments and options that it has, but for the
+// one named `beside`. `file` stays empty where the option is not given.
+void addConfigOption(CLI::App& command, std::string& file, const std::string& beside = "");
+
+// Adds the command to the command line.
+void addConfigCommand(CLI::App& app);
+
+#endif

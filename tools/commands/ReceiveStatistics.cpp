@@ -1,0 +1,49 @@
+#include "commands/ReceiveStatistics.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+#include "base/Quantity.h"
+#include "terminal/Progress.h"
+
+uint64_t ReceiveStatistics::bitrate_bps() const {
+    if (dataSeconds <= 0.0)
+        return 0;
+    return static_cast<uint64_t>(std::llround(static_cast<double>(bytes) * 8.0 / dataSeconds));
+}
+
+std::string describe(const ReceiveStatistics& statistics) {
+    const auto time = std::chrono::milliseconds(std::llround(statistics.seconds * 1e3));
+    return fmt::format(
+        "received {} in {} from {} ({}): {}, {} datagrams, {} continuity errors, "
+        "{} times out of step",
+        formatBytes(statistics.bytes), formatTime(time), statistics.url,
+        statistics.rtp.value_or(false) ? "rtp" : "raw", formatBitrate(statistics.bitrate_bps()),
+        statistics.datagrams, statistics.continuityErrors, statistics.syncLosses);
+}
+
+std::string toJson(const ReceiveStatistics& statistics) {
+    const auto text = [](const std::string& value) {
+        return value.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(value);
+    };
+    const std::string mode = !statistics.rtp ? "" : *statistics.rtp ? "rtp" : "raw";
+    const nlohmann::ordered_json object{{"url", statistics.url},
+                                        {"output", statistics.output},
+                                        {"files", statistics.files},
+                                        {"mode", text(mode)},
+                                        {"seconds", statistics.seconds},
+                                        {"data_seconds", statistics.dataSeconds},
+                                        {"datagrams", statistics.datagrams},
+                                        {"bytes", statistics.bytes},
+                                        {"packets", statistics.packets},
+                                        {"packet_size", statistics.packetSize},
+                                        {"bitrate_bps", statistics.bitrate_bps()},
+                                        {"continuity_errors", statistics.continuityErrors},
+                                        {"sync_losses", statistics.syncLosses},
+                                        {"error", text(statistics.error)}};
+    // A name may have bytes that are no UTF-8.
+    return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}

@@ -1,0 +1,77 @@
+#include "commands/StatusCommand.h"
+
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <optional>
+
+#include "RtpContext.h"
+#include "commandline/CommandLine.h"
+#include "reports/TableReader.h"
+#include "reports/TableReport.h"
+
+namespace {
+
+std::optional<size_t> terminalWidth() {
+    winsize size{};
+    if (isatty(STDOUT_FILENO) == 0)
+        return std::nullopt;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
+        return 80;
+    return size.ws_col;
+}
+
+}  // namespace
+
+std::string tableHelp() {
+    return fmt::format(
+        "The table is {}; it is only read, and the\n"
+        "host is not disturbed. It belongs to the process that loaded the module last: each that\n"
+        "does so replaces it, also 'qxvrtp send', 'receive', 'relay', 'probe', 'demo'.\n"
+        "The file stays there after its host has ended, and does not show that by itself. A host\n"
+        "lives if a process has the file in its memory: these are shown as far as this user may\n"
+        "look into /proc. Root sees all of them, but for those outside its PID namespace.\n",
+        kSharedMemoryPath);
+}
+
+void runStatus(const StatusOptions& options) {
+    const ChannelTable table = readTable(options.path);
+    const TableHosts hosts = findHosts(table);
+    if (options.json)
+        fmt::print("{}", tableJson(table, hosts, options.all));
+    else if (options.prometheus)
+        fmt::print("{}", tablePrometheus(table, hosts, options.all));
+    else
+        fmt::print("{}", tableText(table, hosts, options.all, terminalWidth()));
+}
+
+void addStatusCommand(CLI::App& app) {
+    auto* const command = app.add_subcommand("status", "Show the channels of the running host");
+    const auto options = std::make_shared<StatusOptions>();
+    options->path = kSharedMemoryPath;
+    command->add_flag("-a,--all", options->all, "Show idle channels, too");
+    auto* const json = command->add_flag("-j,--json", options->json, "Print one JSON object");
+    command
+        ->add_flag("-p,--prometheus", options->prometheus,
+                   "Print metrics in Prometheus' text format")
+        ->excludes(json);
+    command->add_option("--path", options->path, "Another table file, such as a container's")
+        ->type_name("FILE");
+    command->footer(
+        fmt::format("{}\n"
+                    "Failed (1) when there is no table.\n"
+                    "\n"
+                    "Examples:\n"
+                    "  qxvrtp status --all\n"
+                    "  qxvrtp status --json | jq '.channels[] | select(.bitrate_bps == 0)'\n"
+                    "  qxvrtp status --path /proc/1234/root{}\n"
+                    "For the textfile collector of Prometheus' node_exporter:\n"
+                    "  qxvrtp status -p > $DIR/qxvrtp.new && mv $DIR/qxvrtp.new $DIR/qxvrtp.prom\n"
+                    "{}",
+                    tableHelp(), kSharedMemoryPath, kExitCodes));
+    command->callback([options] { runStatus(*options); });
+}

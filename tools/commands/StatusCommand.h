@@ -1,0 +1,26 @@
+#ifndef TOOLS_COMMANDS_STATUSCOMMAND_H
+#define TOOLS_COMMANDS_STATUSCOMMAND_H
+
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+struct StatusOptions {
+    std::string path;
+    bool all = false;
+    bool json = false;
+    bool prometheus = false;
+};
+
+// Prints the channel table of the running host. Throws Failure when there is none.
+void runStatus(const StatusOptions& options);
+
+// Adds the command to the command line.
+void addStatusCommand(CLI::App& app);
+
+// What 'status' and 'top' both say about the table.
+std::string tableHelp();
+
+#endif

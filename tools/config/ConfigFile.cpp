@@ -1,0 +1,429 @@
+#include "config/ConfigFile.h"
+
+#include <fmt/format.h>
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <numeric>
+#include <sstream>
+#include <utility>
+
+#include "base/Errors.h"
+#include "base/Quantity.h"
+#include "config/ConfigRules.h"
+#include "media/StreamUrl.h"
+
+namespace {
+
+constexpr size_t kLargestFile = size_t{1} << 20;
+constexpr double kLongestSeconds = 1e9;
+// The parser takes keys of any depth, "a.b.c", and its stack has an end. No key of ours has a dot.
+constexpr size_t kMostDots = 1000;
+
+// Outside of strings and comments; numbers have some.
+size_t countDots(std::string_view text) {
+    size_t dots = 0;
+    char quote = '\0';
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (quote == '"' && c == '\\')
+            ++i;
+        else if (quote != '\0')
+            quote = c == quote || c == '\n' ? '\0' : quote;
+        else if (c == '"' || c == '\'')
+            quote = c;
+        else if (c == '#')
+            i = std::min(text.find('\n', i), text.size());
+        else
+            dots += c == '.' ? 1 : 0;
+    }
+    return dots;
+}
+
+ConfigPlace placeOf(const toml::source_region& region, std::string field) {
+    return {region.begin.line, region.begin.column, std::move(field)};
+}
+
+std::string nameOf(toml::node_type type) {
+    std::ostringstream name;
+    name << type;
+    return name.str();
+}
+
+// How many letters have to be added, removed or changed to make one word of the other.
+size_t distance(std::string_view a, std::string_view b) {
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < b.size(); ++j) {
+            const size_t change = diagonal + (a[i] == b[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({change, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+// Reads a table key by key, and complains of what it does not understand.
+class TableReader {
+  public:
+    TableReader(const toml::table& table, std::string name, ConfigProblems& problems)
+        : table_(table), name_(std::move(name)), problems_(problems) {}
+
+    const toml::node* find(std::string_view key) {
+        known_.push_back(key);
+        return table_.get(key);
+    }
+
+    std::string fieldOf(std::string_view key) const {
+        return name_.empty() ? std::string(key) : fmt::format("{}.{}", name_, key);
+    }
+
+    ConfigPlace place(std::string_view key) const {
+        const toml::node* const node = table_.get(key);
+        return placeOf(node != nullptr ? node->source() : table_.source(), fieldOf(key));
+    }
+
+    void expect(const toml::node& node, const std::string& field, std::string_view what) {
+        problems_.add(placeOf(node.source(), field),
+                      fmt::format("{} is expected, not {}", what, nameOf(node.type())));
+    }
+
+    // A text that has to be there.
+    std::string text(std::string_view key) {
+        const toml::node* const node = find(key);
+        if (node == nullptr)
+            problems_.add(place(key), "is missing");
+        return node != nullptr ? text(*node, fieldOf(key)) : std::string();
+    }
+
+    std::string text(const toml::node& node, const std::string& field) {
+        const auto* const value = node.as_string();
+        if (value == nullptr)
+            expect(node, field, "a string");
+        else if (value->get().empty() || value->get().find('\0') != std::string::npos)
+            problems_.add(placeOf(node.source(), field), "is empty or contains a null character");
+        return value != nullptr ? value->get() : std::string();
+    }
+
+    bool flag(std::string_view key) {
+        const toml::node* const node = find(key);
+        if (node != nullptr && !node->is_boolean())
+            expect(*node, fieldOf(key), "true or false");
+        return node != nullptr && node->is_boolean() && node->value_or(false);
+    }
+
+    // From 1 up, as a number or as a string with k, M or G.
+    template <typename Number>
+    std::optional<Number> quantity(std::string_view key, uint64_t largest) {
+        const toml::node* const node = find(key);
+        if (node == nullptr)
+            return std::nullopt;
+        std::optional<uint64_t> value;
+        if (const auto* const string = node->as_string())
+            value = parseQuantity(string->get());
+        else if (const auto* const integer = node->as_integer())
+            value = static_cast<uint64_t>(std::max<int64_t>(integer->get(), 0));
+        if (!value || *value < 1 || *value > largest) {
+            problems_.add(place(key),
+                          fmt::format("an integer from 1 to {}, or a string like \"2.5M\" or "
+                                      "\"800k\", is expected",
+                                      largest));
+            return std::nullopt;
+        }
+        return static_cast<Number>(*value);
+    }
+
+    std::optional<std::chrono::milliseconds> seconds(std::string_view key, double smallest) {
+        const toml::node* const node = find(key);
+        if (node == nullptr)
+            return std::nullopt;
+        const double value = node->is_number() ? node->value_or(-1.0) : -1.0;
+        if (!(value >= smallest && value <= kLongestSeconds)) {
+            problems_.add(place(key), fmt::format("a number of seconds from {} to {} is expected",
+                                                  smallest, kLongestSeconds));
+            return std::nullopt;
+        }
+        return std::chrono::milliseconds(std::llround(value * 1000.0));
+    }
+
+    // To be called when all known keys have been asked for.
+    void complainOfOthers() {
+        for (const auto& [key, node] : table_) {
+            if (std::find(known_.begin(), known_.end(), key.str()) != known_.end())
+                continue;
+            const auto nearest =
+                std::min_element(known_.begin(), known_.end(),
+                                 [&word = key](std::string_view a, std::string_view b) {
+                                     return distance(word.str(), a) < distance(word.str(), b);
+                                 });
+            std::string advice;
+            if (distance(key.str(), *nearest) <= (nearest->size() + 1) / 2)
+                advice = fmt::format("; is '{}' meant?", *nearest);
+            problems_.add(placeOf(key.source(), fieldOf(key.str())),
+                          fmt::format("unknown key{}", advice));
+        }
+    }
+
+  private:
+    const toml::table& table_;
+    std::string name_;
+    ConfigProblems& problems_;
+    std::vector<std::string_view> known_;
+};
+
+class FileReader {
+  public:
+    explicit FileReader(ConfigProblems& problems) : problems_(problems), rules_(problems) {}
+
+    ServiceConfig read(const toml::table& file) {
+        ServiceConfig config;
+        TableReader reader(file, "", problems_);
+        forEach(reader, "send", [&](TableReader& entry) { config.send.push_back(send(entry)); });
+        forEach(reader, "receive",
+                [&](TableReader& entry) { config.receive.push_back(receive(entry)); });
+        forEach(reader, "relay", [&](TableReader& entry) { config.relay.push_back(relay(entry)); });
+        reader.complainOfOthers();
+        if (file.empty())
+            problems_.add({1, 1, ""}, "there is no [[send]], [[receive]] or [[relay]]");
+        rules_.finish();
+        return config;
+    }
+
+  private:
+    template <typename Use>
+    void forEach(TableReader& file, std::string_view section, Use use) {
+        const toml::node* const node = file.find(section);
+        if (node == nullptr)
+            return;
+        const toml::array* const entries = node->as_array();
+        if (entries == nullptr) {
+            problems_.add(placeOf(node->source(), std::string(section)),
+                          fmt::format("entries begin with [[{}]]", section));
+            return;
+        }
+        for (size_t i = 0; i < entries->size(); ++i) {
+            const toml::node& entry = *entries->get(i);
+            const std::string name = fmt::format("{}[{}]", section, i);
+            if (!entry.is_table()) {
+                file.expect(entry, name, "a table");
+                continue;
+            }
+            TableReader reader(*entry.as_table(), name, problems_);
+            use(reader);
+            reader.complainOfOthers();
+        }
+    }
+
+    // Reads a URL with `convert`, which refuses what is no good for its direction.
+    std::optional<StreamUrl> url(const std::string& text, const ConfigPlace& place,
+                                 RtpChannelConfig (*convert)(const StreamUrl&)) {
+        if (text.empty())
+            return std::nullopt;  // complained of already
+        try {
+            StreamUrl url = parseStreamUrl(text);
+            convert(url);
+            return url;
+        } catch (const UsageError& error) {
+            problems_.add(place, error.what());
+            return std::nullopt;
+        }
+    }
+
+    SendJob send(TableReader& entry) {
+        SendJob job;
+        job.input = entry.text("input");
+        job.url = entry.text("url");
+        job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
+        job.loop = entry.flag("loop");
+        job.start = entry.seconds("start", 0.0);
+        job.duration = entry.seconds("duration", 0.001);
+        rules_.addInput(job.input, entry.place("input"));
+        if (job.loop)
+            rules_.repeatInput(job.input, entry.place("loop"));
+        if (const auto destination = url(job.url, entry.place("url"), sendConfig))
+            rules_.addDestination(*destination, entry.place("url"));
+        return job;
+    }
+
+    ReceiveJob receive(TableReader& entry) {
+        ReceiveJob job;
+        job.url = entry.text("url");
+        job.output = entry.text("output");
+        job.duration = entry.seconds("duration", 0.001);
+        job.bytes = entry.quantity<uint64_t>("bytes", INT64_MAX);
+        job.idleTimeout = entry.seconds("idle_timeout", 0.001);
+        job.rotateBytes = entry.quantity<uint64_t>("rotate_size", INT64_MAX);
+        job.rotateTime = entry.seconds("rotate_time", 0.001);
+        rules_.addOutput(job.output, entry.place("output"));
+        for (const char* const key : {"rotate_size", "rotate_time"})
+            if (entry.find(key) != nullptr)
+                rules_.rotateOutput(job.output, entry.place(key));
+        if (const auto source = url(job.url, entry.place("url"), receiveConfig))
+            rules_.addSource(*source, entry.place("url"));
+        return job;
+    }
+
+    RelayJob relay(TableReader& entry) {
+        RelayJob job;
+        job.from = entry.text("from");
+        const ConfigPlace fromPlace = entry.place("from");
+        const auto source = url(job.from, fromPlace, receiveConfig);
+        const size_t number =
+            rules_.addRelay(source ? rules_.addSource(*source, fromPlace) : std::nullopt);
+        const auto addDestination = [&](const toml::node& node, const std::string& field) {
+            job.to.push_back(entry.text(node, field));
+            const ConfigPlace place = placeOf(node.source(), field);
+            if (const auto destination = url(job.to.back(), place, sendConfig))
+                rules_.addDestination(*destination, place, number);
+        };
+        const toml::node* const to = entry.find("to");
+        if (const toml::array* const list = to != nullptr ? to->as_array() : nullptr) {
+            for (size_t i = 0; i < list->size(); ++i)
+                addDestination(*list->get(i), fmt::format("{}[{}]", entry.fieldOf("to"), i));
+        } else if (to != nullptr) {
+            addDestination(*to, entry.fieldOf("to"));  // a single one needs no brackets
+        }
+        if (to == nullptr || (to->is_array() && to->as_array()->empty()))
+            problems_.add(entry.place("to"), "at least one URL is needed");
+        job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
+        return job;
+    }
+
+    ConfigProblems& problems_;
+    ConfigRules rules_;
+};
+
+double inSeconds(std::chrono::milliseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
+
+// Stores what is set.
+struct TableWriter {
+    toml::table table;
+
+    template <typename Number>
+    void number(const char* key, const std::optional<Number>& value) {
+        if (value)
+            table.insert(key, static_cast<int64_t>(*value));
+    }
+    void seconds(const char* key, const std::optional<std::chrono::milliseconds>& value) {
+        if (value)
+            table.insert(key, inSeconds(*value));
+    }
+    void text(const char* key, const std::string& value) { table.insert(key, value); }
+    void url(const char* key, const std::string& value, bool destination) {
+        table.insert(key, fullUrl(parseStreamUrl(value), destination));
+    }
+};
+
+toml::table tableOf(const SendJob& job) {
+    TableWriter writer;
+    writer.text("input", job.input);
+    writer.url("url", job.url, true);
+    writer.number("bitrate", job.bitrate_bps);
+    writer.table.insert("loop", job.loop);
+    writer.seconds("start", job.start);
+    writer.seconds("duration", job.duration);
+    return std::move(writer.table);
+}
+
+toml::table tableOf(const ReceiveJob& job) {
+    TableWriter writer;
+    writer.url("url", job.url, false);
+    writer.text("output", job.output);
+    writer.seconds("duration", job.duration);
+    writer.number("bytes", job.bytes);
+    writer.seconds("idle_timeout", job.idleTimeout);
+    writer.number("rotate_size", job.rotateBytes);
+    writer.seconds("rotate_time", job.rotateTime);
+    return std::move(writer.table);
+}
+
+toml::table tableOf(const RelayJob& job) {
+    TableWriter writer;
+    writer.url("from", job.from, false);
+    toml::array to;
+    for (const std::string& url : job.to)
+        to.push_back(fullUrl(parseStreamUrl(url), true));
+    writer.table.insert("to", std::move(to));
+    writer.number("bitrate", job.bitrate_bps);
+    return std::move(writer.table);
+}
+
+template <typename Job>
+void store(toml::table& file, const char* section, const std::vector<Job>& jobs, bool evenNone) {
+    toml::array entries;
+    for (const Job& job : jobs)
+        entries.push_back(tableOf(job));
+    if (!entries.empty() || evenNone)
+        file.insert(section, std::move(entries));
+}
+
+template <typename Job>
+std::vector<Job> needed(std::vector<Job> jobs, const std::string& file, const char* section) {
+    if (jobs.empty())
+        throw Failure(fmt::format("'{}' has no [[{}]]", file, section));
+    return jobs;
+}
+
+}  // namespace
+
+ServiceConfig parseConfig(std::string_view text, const std::string& file) {
+    ConfigProblems problems(file);
+    ServiceConfig config;
+    try {
+        if (countDots(text) > kMostDots)
+            problems.add({1, 1, ""}, "there are too many dots outside of strings");
+        else
+            config = FileReader(problems).read(toml::parse(text));
+    } catch (const toml::parse_error& error) {
+        problems.add(placeOf(error.source(), ""), std::string(error.description()));
+    }
+    problems.throwIfAny();
+    return config;
+}
+
+ServiceConfig readConfig(const std::string& file) {
+    errno = 0;
+    std::ifstream stream(file, std::ios::binary);
+    std::string text(kLargestFile + 1, '\0');
+    stream.read(text.data(), static_cast<std::streamsize>(text.size()));
+    // A directory can be opened, but not read.
+    if (!stream.is_open() || stream.bad())
+        throw Failure(fmt::format("cannot read '{}': {}", file, std::strerror(errno)));
+    if (!stream.eof())
+        throw Failure(fmt::format("'{}' is too long for a configuration file", file));
+    text.resize(static_cast<size_t>(stream.gcount()));
+    return parseConfig(text, file);
+}
+
+std::vector<SendJob> readSendJobs(const std::string& file) {
+    return needed(readConfig(file).send, file, "send");
+}
+
+std::vector<ReceiveJob> readReceiveJobs(const std::string& file) {
+    return needed(readConfig(file).receive, file, "receive");
+}
+
+std::vector<RelayJob> readRelayJobs(const std::string& file) {
+    return needed(readConfig(file).relay, file, "relay");
+}
+
+std::string formatConfig(const ServiceConfig& config, bool json) {
+    toml::table file;
+    store(file, "send", config.send, json);
+    store(file, "receive", config.receive, json);
+    store(file, "relay", config.relay, json);
+    std::ostringstream text;
+    if (json)
+        text << toml::json_formatter(file) << '\n';
+    else
+        text << toml::toml_formatter(file) << '\n';
+    return text.str();
+}

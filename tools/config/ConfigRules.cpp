@@ -1,0 +1,269 @@
+#include "config/ConfigRules.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "base/Errors.h"
+#include "base/SafeText.h"
+#include "config/ConfigFile.h"
+
+namespace {
+
+// An address in its shortest form, so that equal ones are equal as text.
+std::string canonical(const std::string& address) {
+    const size_t percent = address.find('%');
+    const std::string zone = percent == std::string::npos ? "" : address.substr(percent);
+    in6_addr binary{};
+    char text[INET6_ADDRSTRLEN];
+    if (inet_pton(AF_INET6, address.substr(0, percent).c_str(), &binary) == 1 &&
+        inet_ntop(AF_INET6, &binary, text, sizeof text) != nullptr)
+        return text + zone;
+    return address;
+}
+
+// The address that a socket for receiving from a unicast URL is bound to.
+std::string listensOn(const StreamUrl& url) {
+    return canonical(url.localAddress.empty() ? url.host : url.localAddress);
+}
+
+bool isAny(const std::string& address) {
+    const auto kind = classifyAddress(address);
+    return kind && kind->any;
+}
+
+bool isLoopback(const std::string& address) {
+    return address.starts_with("127.") || address == "::1";
+}
+
+// A '%' without the rest of its conversion, which would vanish.
+bool endsInConversion(const std::string& pattern) {
+    for (size_t at = 0; (at = pattern.find('%', at)) != std::string::npos; ++at) {
+        at = pattern.find_first_not_of("EO", at + 1);
+        if (at == std::string::npos)
+            return true;
+    }
+    return false;
+}
+
+bool samePort(const StreamUrl& a, const StreamUrl& b) {
+    return a.port == b.port && a.ipv6 == b.ipv6 && a.multicast == b.multicast;
+}
+
+// Groups may be received twice; of the others, a port has one receiver.
+bool collide(const StreamUrl& a, const StreamUrl& b) {
+    if (a.multicast || !samePort(a, b))
+        return false;
+    const std::string x = listensOn(a);
+    const std::string y = listensOn(b);
+    return x == y || isAny(x) || isAny(y);
+}
+
+// Does what is sent to `to` come in from `from`? Between two interfaces that are both named, a
+// group may well keep its address.
+bool feeds(const StreamUrl& to, const StreamUrl& from) {
+    if (!samePort(to, from))
+        return false;
+    if (!from.multicast) {
+        const std::string local = listensOn(from);
+        return local == canonical(to.host) || (isAny(local) && isLoopback(canonical(to.host)));
+    }
+    return canonical(to.host) == canonical(from.host) &&
+           (to.localAddress.empty() || from.localAddress.empty() ||
+            canonical(to.localAddress) == canonical(from.localAddress));
+}
+
+ConfigPlace argument(const char* name, size_t index) {
+    return {0, 0, fmt::format("{} {}", name, index + 1)};
+}
+
+StreamUrl checkedUrl(const std::string& text, RtpChannelConfig (*convert)(const StreamUrl&)) {
+    StreamUrl url = parseStreamUrl(text);
+    convert(url);
+    return url;
+}
+
+}  // namespace
+
+void ConfigProblems::add(const ConfigPlace& place, std::string_view what) {
+    found_.emplace_back(place, what);
+}
+
+void ConfigProblems::throwIfAny() {
+    if (found_.empty())
+        return;
+    std::stable_sort(found_.begin(), found_.end(), [](const auto& a, const auto& b) {
+        return std::pair(a.first.line, a.first.column) < std::pair(b.first.line, b.first.column);
+    });
+    std::string all;
+    for (const auto& [place, what] : found_) {
+        // Strings of the file may contain anything, by escape sequences.
+        if (!all.empty())
+            all += '\n';
+        all += printable(fmt::format("{}:{}:{}: {}{}{}", file_, place.line, place.column,
+                                     place.field, place.field.empty() ? "" : ": ", what));
+    }
+    throw ConfigErrors(all);
+}
+
+void ConfigProblems::throwFirst() const {
+    if (!found_.empty())
+        throw UsageError(fmt::format("{}: {}", found_.front().first.field, found_.front().second));
+}
+
+std::string fullUrl(const StreamUrl& url, bool destination) {
+    const bool hasTtl = destination && url.multicast;
+    const std::string host = canonical(url.host);
+    std::string text = fmt::format("{}://{}{}{}:{}", url.rtp ? "rtp" : "udp", url.ipv6 ? "[" : "",
+                                   host, url.ipv6 ? "]" : "", url.port);
+    if (hasTtl)
+        text += fmt::format("?ttl={}", url.ttl);
+    if (!url.localAddress.empty())
+        text += fmt::format("{}localaddr={}", hasTtl ? '&' : '?', canonical(url.localAddress));
+    return text;
+}
+
+void ConfigRules::addInput(const std::string& path, const ConfigPlace& place) {
+    if (path != "-")
+        return;
+    const auto [first, isNew] = inputs_.emplace(path, place.field);
+    if (!isNew)
+        problems_.add(place, fmt::format("standard input is read by {} already", first->second));
+}
+
+void ConfigRules::addOutput(const std::string& path, const ConfigPlace& place) {
+    if (endsInConversion(path))
+        problems_.add(place,
+                      fmt::format("'{}' ends within a conversion; %% is a percent sign", path));
+    if (path.empty() || path == "/dev/null")
+        return;
+    const auto [first, isNew] = outputs_.emplace(path, place.field);
+    if (!isNew)
+        problems_.add(place,
+                      fmt::format("{} is written by {} already",
+                                  path == "-" ? "standard output" : fmt::format("'{}'", path),
+                                  first->second));
+}
+
+void ConfigRules::repeatInput(const std::string& path, const ConfigPlace& place) {
+    if (path == "-")
+        problems_.add(place, "standard input cannot be repeated");
+}
+
+void ConfigRules::rotateOutput(const std::string& path, const ConfigPlace& place) {
+    if (path == "-")
+        problems_.add(place, "standard output cannot be followed by a new file");
+}
+
+// A service, or a command, is one process, which has so many channels in a direction.
+bool ConfigRules::haveChannel(const ConfigPlace& place, std::string_view direction) {
+    const std::string section = place.field.substr(0, place.field.find_first_of("[ "));
+    const size_t count = ++channels_[fmt::format("{} {}", section, direction)];
+    if (count == QXV_RTP_CHANNELS + 1)
+        problems_.add(place,
+                      fmt::format("there are only {} channels to {}", QXV_RTP_CHANNELS, direction));
+    return count <= QXV_RTP_CHANNELS;
+}
+
+std::optional<size_t> ConfigRules::addSource(const StreamUrl& url, const ConfigPlace& place) {
+    if (!haveChannel(place, "receive"))
+        return std::nullopt;
+    for (const Source& other : sources_)
+        if (collide(url, other.url)) {
+            problems_.add(place, fmt::format("'{}': the port is used by {} already", url.text,
+                                             other.place.field));
+            break;
+        }
+    sources_.push_back({url, place});
+    return sources_.size() - 1;
+}
+
+size_t ConfigRules::addRelay(std::optional<size_t> source) {
+    relays_.push_back(source);
+    return relays_.size() - 1;
+}
+
+void ConfigRules::addDestination(const StreamUrl& url, const ConfigPlace& place,
+                                 std::optional<size_t> relay) {
+    if (!haveChannel(place, "send"))
+        return;
+    for (const Destination& other : destinations_)
+        if (samePort(url, other.url) && canonical(url.host) == canonical(other.url.host) &&
+            canonical(url.localAddress) == canonical(other.url.localAddress)) {
+            problems_.add(place,
+                          fmt::format("'{}': {} sends there already", url.text, other.place.field));
+            break;
+        }
+    destinations_.push_back({url, place, relay});
+}
+
+// Does what the relay takes in come to the relay `goal`, directly or by way of others?
+bool ConfigRules::reaches(size_t relay, size_t goal, std::vector<bool>& seen) const {
+    if (relay == goal)
+        return true;
+    if (seen[relay])
+        return false;
+    seen[relay] = true;
+    return std::any_of(destinations_.begin(), destinations_.end(), [&](const Destination& to) {
+        return to.relay == relay && feedsOneThatReaches(to, goal, seen);
+    });
+}
+
+bool ConfigRules::feedsOneThatReaches(const Destination& to, size_t goal,
+                                      std::vector<bool>& seen) const {
+    for (size_t next = 0; next < relays_.size(); ++next)
+        if (relays_[next] && feeds(to.url, sources_[*relays_[next]].url) &&
+            reaches(next, goal, seen))
+            return true;
+    return false;
+}
+
+void ConfigRules::finish() {
+    for (const Destination& to : destinations_) {
+        if (!to.relay)
+            continue;
+        std::vector<bool> seen(relays_.size());
+        if (feedsOneThatReaches(to, *to.relay, seen))
+            problems_.add(to.place,
+                          fmt::format("'{}': what is sent there comes back to "
+                                      "{}, without end",
+                                      to.url.text, sources_[*relays_[*to.relay]].place.field));
+    }
+}
+
+void checkArguments(const std::vector<SendJob>& jobs) {
+    ConfigProblems problems;
+    ConfigRules rules(problems);
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        rules.addInput(jobs[i].input, argument("INPUT", i));
+        if (jobs[i].loop)
+            rules.repeatInput(jobs[i].input, {0, 0, "--loop"});
+        rules.addDestination(checkedUrl(jobs[i].url, sendConfig), argument("URL", i));
+    }
+    problems.throwFirst();
+}
+
+void checkArguments(const std::vector<ReceiveJob>& jobs) {
+    ConfigProblems problems;
+    ConfigRules rules(problems);
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        rules.addSource(checkedUrl(jobs[i].url, receiveConfig), argument("URL", i));
+        rules.addOutput(jobs[i].output, argument("FILE", i));
+        if (jobs[i].rotateBytes || jobs[i].rotateTime)
+            rules.rotateOutput(jobs[i].output,
+                               {0, 0, jobs[i].rotateBytes ? "--rotate-size" : "--rotate-time"});
+    }
+    problems.throwFirst();
+}
+
+void checkArguments(const RelayJob& job) {
+    ConfigProblems problems;
+    ConfigRules rules(problems);
+    const auto source = rules.addSource(checkedUrl(job.from, receiveConfig), {0, 0, "FROM"});
+    const size_t relay = rules.addRelay(source);
+    for (size_t i = 0; i < job.to.size(); ++i)
+        rules.addDestination(checkedUrl(job.to[i], sendConfig), argument("TO", i), relay);
+    rules.finish();
+    problems.throwFirst();
+}

@@ -1,0 +1,94 @@
+// What the entries of a configuration file, or the arguments of a command, must not be to each
+// other, and the list of complaints.
+#ifndef TOOLS_CONFIG_CONFIGRULES_H
+#define TOOLS_CONFIG_CONFIGRULES_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "engine/Jobs.h"
+#include "media/StreamUrl.h"
+
+struct ConfigPlace {
+    uint32_t line;
+    uint32_t column;
+    std::string field;  // "send[1].url", or "URL 2" of a command line; empty = none in particular
+};
+
+class ConfigProblems {
+  public:
+    explicit ConfigProblems(std::string file = {}) : file_(std::move(file)) {}
+    void add(const ConfigPlace& place, std::string_view what);
+
+    // Throws ConfigErrors.
+    void throwIfAny();
+
+    // Throws the first as UsageError, for a command line.
+    void throwFirst() const;
+
+  private:
+    std::string file_;
+    std::vector<std::pair<ConfigPlace, std::string>> found_;
+};
+
+// The URL in one form: addresses as short as can be, and with the TTL where it is sent to a group.
+std::string fullUrl(const StreamUrl& url, bool destination);
+
+// Collects the ends of all streams, and complains where two exclude each other.
+class ConfigRules {
+  public:
+    explicit ConfigRules(ConfigProblems& problems) : problems_(problems) {}
+
+    void addInput(const std::string& path, const ConfigPlace& place);
+    void addOutput(const std::string& path, const ConfigPlace& place);
+
+    // The places are those of the wish.
+    void repeatInput(const std::string& path, const ConfigPlace& place);
+    void rotateOutput(const std::string& path, const ConfigPlace& place);
+
+    // Returns the number of the source, or none where there are too many.
+    std::optional<size_t> addSource(const StreamUrl& url, const ConfigPlace& place);
+    // Returns the number of the relay, which takes its stream from the source, where that is good.
+    size_t addRelay(std::optional<size_t> source);
+    void addDestination(const StreamUrl& url, const ConfigPlace& place,
+                        std::optional<size_t> relay = std::nullopt);
+
+    // To be called when all have been added: looks for relays that feed themselves.
+    void finish();
+
+  private:
+    struct Source {
+        StreamUrl url;
+        ConfigPlace place;
+    };
+    struct Destination {
+        StreamUrl url;
+        ConfigPlace place;
+        std::optional<size_t> relay;
+    };
+
+    bool haveChannel(const ConfigPlace& place, std::string_view direction);
+    bool reaches(size_t relay, size_t goal, std::vector<bool>& seen) const;
+    bool feedsOneThatReaches(const Destination& to, size_t goal, std::vector<bool>& seen) const;
+
+    ConfigProblems& problems_;
+    std::map<std::string, std::string> inputs_;   // "-" only, and the field that names it first
+    std::map<std::string, std::string> outputs_;  // the same for all files
+    std::map<std::string, size_t> channels_;      // by section and direction
+    std::vector<Source> sources_;
+    std::vector<Destination> destinations_;
+    std::vector<std::optional<size_t>> relays_;  // their sources
+};
+
+// Applies the rules to a command line: of pairs, or of one source and its destinations. Throws
+// UsageError.
+void checkArguments(const std::vector<SendJob>& jobs);
+void checkArguments(const std::vector<ReceiveJob>& jobs);
+void checkArguments(const RelayJob& job);
+
+#endif

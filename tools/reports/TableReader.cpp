@@ -1,0 +1,201 @@
+#include "reports/TableReader.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include "RtpContext.h"
+#include "base/Errors.h"
+#include "base/FileDescriptor.h"
+#include "base/SafeText.h"
+
+namespace {
+
+using Bytes = std::span<const uint8_t>;
+using Image = std::array<uint8_t, sizeof(RtpContext)>;
+
+uint32_t wordAt(Bytes bytes, size_t offset) {
+    uint32_t word = 0;
+    std::memcpy(&word, bytes.subspan(offset).data(), sizeof(word));
+    return word;
+}
+
+std::string addressText(const char (&field)[QXV_RTP_ADDRESS_SIZE]) {
+    return escapeBytes({field, strnlen(field, sizeof(field))});
+}
+
+bool isAnyAddress(std::string_view address) {
+    return address.find_first_not_of("0.:") == std::string_view::npos;
+}
+
+std::string userName(uid_t user) {
+    // Not thread-safe, like the rest of a command.
+    const passwd* const entry = getpwuid(user);
+    return entry == nullptr ? fmt::format("{}", user) : escapeBytes(entry->pw_name);
+}
+
+// A name under /tmp may be anybody's: a link is not followed, and neither a FIFO nor a device is
+// waited for.
+int openTable(const std::string& path) {
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    // Only the file's owner may leave its access time alone.
+    int descriptor = open(path.c_str(), kFlags | O_NOATIME);
+    if (descriptor < 0 && errno == EPERM)
+        descriptor = open(path.c_str(), kFlags);
+    if (descriptor >= 0)
+        return descriptor;
+    if (errno == ENOENT)
+        throw Failure(fmt::format("there is no table {}: no host has run here", path));
+    throw Failure(fmt::format("cannot read the table {}: {}", path,
+                              errno == ELOOP ? "it is a symbolic link" : std::strerror(errno)));
+}
+
+// A mapping would end in SIGBUS when somebody cuts the file off.
+Image copyTable(int descriptor, const std::string& path) {
+    Image image{};
+    size_t done = 0;
+    while (done < image.size()) {
+        const ssize_t count =
+            pread(descriptor, image.data() + done, image.size() - done, static_cast<off_t>(done));
+        if (count > 0)
+            done += static_cast<size_t>(count);
+        else if (count == 0 || errno != EINTR)
+            throw Failure(fmt::format("cannot read the table {}: {}", path,
+                                      count == 0 ? "it became shorter" : std::strerror(errno)));
+    }
+    return image;
+}
+
+ChannelState interpret(Bytes record, uint32_t direction, uint32_t number) {
+    RtpChannelConfig config;
+    std::memcpy(&config, record.data() + offsetof(RtpChannelContext, Config), sizeof(config));
+    ChannelState channel;
+    channel.send = direction == kSend;
+    channel.number = number;
+    channel.asked_bps = wordAt(record, offsetof(RtpChannelContext, Bitrate));
+    channel.measured_bps = wordAt(record, offsetof(RtpChannelContext, BitrateActual));
+    channel.bufferBytes = wordAt(record, offsetof(RtpChannelContext, BufferSize));
+    channel.running = channel.bufferBytes != 0;
+    channel.socketOpen =
+        channel.running && wordAt(record, offsetof(RtpChannelContext, Reopen)) == 0;
+    if (config.Rtp <= 1)
+        channel.mode = config.Rtp == 1 ? ChannelMode::kRtp : ChannelMode::kRaw;
+    channel.port = config.Port;
+    channel.ttl = config.Ttl;
+    const std::string local = addressText(config.LocalAddress);
+    channel.address = addressText(config.RemoteAddress);
+    // A unicast receiver has its own address there, and the any-address as the remote one.
+    if (!channel.send && config.Multicast == 0)
+        channel.address = local;
+    else if (!isAnyAddress(local))
+        channel.localAddress = local;
+    return channel;
+}
+
+bool hasNumbers(Bytes record, uint32_t direction, uint32_t number) {
+    return wordAt(record, offsetof(RtpChannelContext, Instance)) == 0 &&
+           wordAt(record, offsetof(RtpChannelContext, Direction)) == direction &&
+           wordAt(record, offsetof(RtpChannelContext, Channel)) == number;
+}
+
+bool isSameDirectory(const std::filesystem::path& one, const std::filesystem::path& other) {
+    struct stat status[2]{};
+    return stat(one.c_str(), &status[0]) == 0 && stat(other.c_str(), &status[1]) == 0 &&
+           status[0].st_dev == status[1].st_dev && status[0].st_ino == status[1].st_ino;
+}
+
+std::optional<TableHost> examine(pid_t pid, const std::filesystem::path& table, size_t& hidden) {
+    constexpr std::string_view kDeleted = " (deleted)";
+    const std::string process = fmt::format("/proc/{}/", pid);
+    std::ifstream maps(process + "maps");
+    if (!maps.is_open()) {
+        hidden += errno == ENOENT || errno == ESRCH ? 0 : 1;  // it may have ended just now
+        return std::nullopt;
+    }
+    std::optional<TableHost> host;
+    for (std::string line; std::getline(maps, line);) {
+        const size_t begin = line.find('/');
+        if (begin == std::string::npos)
+            continue;
+        const bool replaced = line.ends_with(kDeleted);
+        if (replaced)
+            line.resize(line.size() - kDeleted.size());
+        // The device and the inode that stand there are not always those that stat() tells. A
+        // process of another container has another file by that name: in another directory.
+        const std::filesystem::path mapped = line.substr(begin + 1);
+        if (mapped.filename() != table.filename() ||
+            !isSameDirectory(std::filesystem::path(process + "root") / mapped.parent_path(),
+                             table.parent_path()))
+            continue;
+        if (!host)
+            host = TableHost{pid, "", replaced};
+        host->replaced = host->replaced && replaced;
+    }
+    if (host) {
+        std::ifstream name(process + "comm");
+        std::getline(name, host->command);
+        host->command = escapeBytes(host->command);
+    }
+    return host;
+}
+
+}  // namespace
+
+ChannelTable readTable(const std::string& path) {
+    const FileDescriptor file(openTable(path));
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0)
+        throw Failure(fmt::format("cannot read the table {}: {}", path, std::strerror(errno)));
+    const std::string owner = userName(status.st_uid);
+    if (!S_ISREG(status.st_mode))
+        throw Failure(fmt::format("{} (of {}) is no table: it is not a regular file", path, owner));
+    if (status.st_size < static_cast<off_t>(sizeof(RtpContext)))
+        throw Failure(fmt::format("{} (of {}) is no table, or not yet: it has {} bytes, not {}",
+                                  path, owner, status.st_size, sizeof(RtpContext)));
+    const Image image = copyTable(file.get(), path);
+    const Bytes bytes(image);
+    ChannelTable table{path, owner, status.st_ino, true, 0, {}};
+    table.handles = wordAt(bytes, offsetof(RtpContext, HandleCount));
+    table.plausible = wordAt(bytes, offsetof(RtpContext, Instance)) == 0 &&
+                      wordAt(bytes, offsetof(RtpContext, TxChannelCount)) == kChannels &&
+                      wordAt(bytes, offsetof(RtpContext, RxChannelCount)) == kChannels;
+    for (uint32_t i = 0; i < kDirections * kChannels; ++i) {
+        const uint32_t direction = i / kChannels;
+        const uint32_t number = i % kChannels;
+        const Bytes record =
+            bytes.subspan(offsetof(RtpContext, Channels) + i * sizeof(RtpChannelContext),
+                          sizeof(RtpChannelContext));
+        table.plausible = table.plausible && hasNumbers(record, direction, number);
+        table.channels.push_back(interpret(record, direction, number));
+    }
+    return table;
+}
+
+TableHosts findHosts(const ChannelTable& table) {
+    TableHosts result;
+    std::error_code error;
+    const std::filesystem::path path = std::filesystem::absolute(table.path, error);
+    for (auto entry = std::filesystem::directory_iterator("/proc", error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        pid_t pid = 0;
+        if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr !=
+            name.data() + name.size())
+            continue;
+        if (auto host = examine(pid, path, result.hidden))
+            result.hosts.push_back(std::move(*host));
+    }
+    return result;
+}

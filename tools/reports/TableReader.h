@@ -1,0 +1,59 @@
+// Looks at the channel table of hosts that run, from outside and without the module: loading it
+// would replace the table.
+#ifndef TOOLS_REPORTS_TABLEREADER_H
+#define TOOLS_REPORTS_TABLEREADER_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+enum class ChannelMode { kRaw, kRtp, kUnknown };
+
+// One record. The file is other people's: addresses have been made one word of ASCII, and a
+// record's place alone decides which channel it is.
+struct ChannelState {
+    bool send = false;
+    uint32_t number = 0;
+    bool running = false;     // has been started and not ended
+    bool socketOpen = false;  // made, and matching the configuration
+    ChannelMode mode = ChannelMode::kUnknown;
+    std::string address;       // destination, group or own address
+    std::string localAddress;  // of the interface; "" = left to the system
+    uint16_t port = 0;
+    uint8_t ttl = 0;
+    uint32_t asked_bps = 0;  // 0 on receive channels
+    uint32_t measured_bps = 0;
+    uint32_t bufferBytes = 0;
+};
+
+struct ChannelTable {
+    std::string path;
+    std::string owner;       // user name, or number
+    ino_t inode = 0;         // another one: the table of another host
+    bool plausible = false;  // has what the module writes there at load
+    uint32_t handles = 0;    // as counted there
+    std::vector<ChannelState> channels;
+};
+
+// Copies and interprets the table; changes nothing, not even the file's access time where the
+// system allows that. Throws Failure when there is none.
+ChannelTable readTable(const std::string& path);
+
+// A process that has a table of that path in its memory.
+struct TableHost {
+    pid_t pid;
+    std::string command;
+    bool replaced;  // it has an earlier table, which has lost its name since
+};
+
+struct TableHosts {
+    std::vector<TableHost> hosts;
+    size_t hidden = 0;  // processes that this user may not look into
+};
+
+// Looks through the memory maps of all processes that can be seen from here.
+TableHosts findHosts(const ChannelTable& table);
+
+#endif
