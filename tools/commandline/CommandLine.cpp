@@ -2,8 +2,8 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <cmath>
+#include <cstdlib>
 
 #include "base/Errors.h"
 #include "base/Quantity.h"
@@ -35,8 +35,10 @@ uint32_t bitrate(const std::string& option, const std::string& text) {
 
 std::chrono::milliseconds duration(const std::string& option, const std::string& text,
                                    double smallest, double largest) {
-    double value = 0.0;
-    if (!CLI::detail::lexical_cast(text, value) || !(value >= smallest && value <= largest))
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    const bool isNumber = !text.empty() && end == text.c_str() + text.size();
+    if (!isNumber || !(value >= smallest && value <= largest))
         throw UsageError(fmt::format("{} '{}': a number of seconds from {} to {} is accepted",
                                      option, text, smallest, largest));
     return std::chrono::milliseconds(std::llround(value * 1000.0));

@@ -1,57 +1,28 @@
 #include "commandline/CommandModel.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <iterator>
 #include <sstream>
+#include <utility>
 
 namespace {
 
 // These stand for file names in usage texts.
 constexpr std::array kFileNames = {"FILE", "INPUT", "OUTPUT", "PATH", "DIRECTORY"};
 
-// A check for one of several values shows in the type: "TEXT:{tables,json}".
-void splitType(const std::string& type, OptionModel& model) {
-    model.value = type.substr(0, type.find(':'));
-    const size_t open = type.find('{');
-    if (open == std::string::npos || type.back() != '}')
-        return;
-    std::istringstream list(type.substr(open + 1, type.size() - open - 2));
-    for (std::string choice; std::getline(list, choice, ',');)
-        model.choices.push_back(choice);
+std::vector<std::string> splitNames(const std::string& names) {
+    std::vector<std::string> all;
+    std::istringstream list(names);
+    for (std::string name; std::getline(list, name, ',');)
+        all.push_back(name);
+    return all;
 }
 
-OptionModel modelOf(const CLI::Option& option) {
-    OptionModel model;
-    for (const std::string& name : option.get_snames())
-        model.names.push_back("-" + name);
-    for (const std::string& name : option.get_lnames())
-        model.names.push_back("--" + name);
-    if (option.get_items_expected_max() > 0)
-        splitType(option.get_type_name(), model);
-    if (option.get_positional())
-        model.value = option.get_name();
-    model.description = option.get_description();
-    model.required = option.get_required();
-    model.repeated = option.get_expected_max() > 1;
-    return model;
-}
-
-CommandModel modelOf(const CLI::App& app, const std::string& parent) {
-    CommandModel model;
-    model.name = app.get_name();
-    model.path = parent.empty() ? model.name : parent + ' ' + model.name;
-    model.description = app.get_description();
-    model.footer = app.get_footer();
-    for (const CLI::Option* option : app.get_options())
-        if (!option->get_group().empty())
-            (option->get_positional() ? model.arguments : model.options)
-                .push_back(modelOf(*option));
-    for (const CLI::App* command : app.get_subcommands({}))
-        if (!command->get_group().empty())
-            model.commands.push_back(modelOf(*command, model.path));
-    return model;
+void setPaths(CommandModel& command, const std::string& parent) {
+    command.path = parent + ' ' + command.name;
+    for (CommandModel& next : command.commands)
+        setPaths(next, command.path);
 }
 
 }  // namespace
@@ -64,13 +35,90 @@ bool OptionModel::isFile() const {
     });
 }
 
+const std::string& OptionModel::name() const {
+    return names.empty() ? value : names.back();
+}
+
+OptionModel& OptionModel::require() {
+    required = true;
+    return *this;
+}
+
+OptionModel& OptionModel::accept(std::vector<std::string> values) {
+    choices = std::move(values);
+    return *this;
+}
+
+OptionModel& OptionModel::exclude(std::vector<std::string> others) {
+    excludes = std::move(others);
+    return *this;
+}
+
+CommandModel::CommandModel(std::string commandName, std::string commandDescription)
+    : name(std::move(commandName)), path(name), description(std::move(commandDescription)) {
+    OptionModel& help = options.emplace_back();
+    help.names = {"-h", "--help"};
+    help.description = "Print this help message and exit";
+}
+
 bool CommandModel::takesFiles() const {
     return std::any_of(arguments.begin(), arguments.end(),
                        [](const OptionModel& argument) { return argument.isFile(); });
 }
 
-CommandModel modelOf(const CLI::App& app) {
-    return modelOf(app, "");
+OptionModel& CommandModel::addFlag(const std::string& names, bool& target, std::string text) {
+    OptionModel& option = options.emplace_back();
+    option.names = splitNames(names);
+    option.description = std::move(text);
+    option.target = &target;
+    return option;
+}
+
+OptionModel& CommandModel::addOption(const std::string& names, std::string& target,
+                                     std::string value, std::string text) {
+    OptionModel& option = options.emplace_back();
+    option.names = splitNames(names);
+    option.value = std::move(value);
+    option.description = std::move(text);
+    option.target = &target;
+    return option;
+}
+
+OptionModel& CommandModel::addArgument(std::string argument, std::string& target, std::string text,
+                                       std::string type) {
+    OptionModel& option = arguments.emplace_back();
+    option.value = std::move(argument);
+    option.type = std::move(type);
+    option.description = std::move(text);
+    option.target = &target;
+    return option;
+}
+
+OptionModel& CommandModel::addArguments(std::string argument, std::vector<std::string>& target,
+                                        std::string text, std::string type) {
+    OptionModel& option = arguments.emplace_back();
+    option.value = std::move(argument);
+    option.type = std::move(type);
+    option.description = std::move(text);
+    option.target = &target;
+    return option;
+}
+
+void CommandModel::addCommand(CommandModel command) {
+    setPaths(command, path);
+    commands.push_back(std::move(command));
+}
+
+void CommandModel::addVersion() {
+    OptionModel& version = options.emplace_back();
+    version.names = {"--version"};
+    version.description = "Display program version information and exit";
+}
+
+CommandModel CommandModel::shown() const {
+    CommandModel copy = *this;
+    std::erase_if(copy.commands, [](const CommandModel& command) { return command.hidden; });
+    return copy;
 }
 
 std::string replaced(std::string text, const std::string& from, const std::string& to) {

@@ -3,12 +3,9 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "commandline/CommandModel.h"
 
 namespace {
 
@@ -122,7 +119,7 @@ std::string zsh(const CommandModel& command) {
                                    option.value.empty() ? "" : zshValue(option));
         }
     for (const OptionModel& argument : command.arguments)
-        entries += fmt::format(" \\\n        '{}{}'", argument.repeated ? "*" : "",
+        entries += fmt::format(" \\\n        '{}{}'", argument.isRepeated() ? "*" : "",
                                (argument.required ? "" : ":") + zshValue(argument));
     if (command.commands.empty())
         return fmt::format("{}() {{\n    _arguments -s :{}\n}}\n", zshFunction(command), entries);
@@ -196,20 +193,21 @@ std::string fish(const CommandModel& command, const std::string& seen) {
 
 }  // namespace
 
-void addCompletionCommand(CLI::App& app) {
-    auto* const command = app.add_subcommand("completion", "Print a completion script for a shell");
-    command->group("");
+CommandModel completionCommand(const CommandModel& root) {
+    CommandModel command("completion", "Print a completion script for a shell");
+    command.hidden = true;
     const auto shell = std::make_shared<std::string>();
-    command->add_option("SHELL", *shell, "bash, zsh or fish")
-        ->required()
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
-    command->callback([&app, shell] {
-        const CommandModel root = modelOf(app);
+    command.addArgument("SHELL", *shell, "bash, zsh or fish", "TEXT")
+        .require()
+        .accept({"bash", "zsh", "fish"});
+    command.action = [&root, shell] {
+        const CommandModel shown = root.shown();
         if (*shell == "bash")
-            fmt::print("{}", bash(root));
+            fmt::print("{}", bash(shown));
         else if (*shell == "zsh")
-            fmt::print("#compdef qxvrtp\n{}{}_qxvrtp \"$@\"\n", kOrigin, zsh(root));
+            fmt::print("#compdef qxvrtp\n{}{}_qxvrtp \"$@\"\n", kOrigin, zsh(shown));
         else
-            fmt::print("{}complete -c qxvrtp -f\n{}", kOrigin, fish(root, ""));
-    });
+            fmt::print("{}complete -c qxvrtp -f\n{}", kOrigin, fish(shown, ""));
+    };
+    return command;
 }

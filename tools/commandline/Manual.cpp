@@ -3,7 +3,6 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
@@ -16,7 +15,6 @@
 #include <vector>
 
 #include "base/Errors.h"
-#include "commandline/CommandModel.h"
 
 namespace {
 
@@ -128,7 +126,7 @@ std::string synopsis(const CommandModel& command) {
         text += fmt::format(".{}{}\n", option.required ? "" : "Op ", flags(option, " | "));
     for (const OptionModel& argument : command.arguments)
         text += fmt::format(".{}Ar {}{}\n", argument.required ? "" : "Op ", word(argument.value),
-                            argument.repeated ? " ..." : "");
+                            argument.isRepeated() ? " ..." : "");
     return command.commands.empty() ? text : text + ".Ar COMMAND ...\n";
 }
 
@@ -255,16 +253,18 @@ void writeManual(const CommandModel& root, const std::string& name, const std::s
 
 }  // namespace
 
-void addManualCommand(CLI::App& app) {
+CommandModel manualCommand(const CommandModel& root) {
     struct Arguments {
         std::string name;
         std::string directory;
     };
-    auto* const command = app.add_subcommand("manual", "Print a manual page, mdoc");
-    command->group("");
+    CommandModel command("manual", "Print a manual page, mdoc");
+    command.hidden = true;
     const auto given = std::make_shared<Arguments>();
-    command->add_option("COMMAND", given->name, "Command to describe; without it, the tool");
-    command->add_option("--directory", given->directory, "Write all pages to this directory")
-        ->type_name("DIRECTORY");
-    command->callback([&app, given] { writeManual(modelOf(app), given->name, given->directory); });
+    command.addArgument("COMMAND", given->name, "Command to describe; without it, the tool",
+                        "TEXT");
+    command.addOption("--directory", given->directory, "DIRECTORY",
+                      "Write all pages to this directory");
+    command.action = [&root, given] { writeManual(root.shown(), given->name, given->directory); };
+    return command;
 }

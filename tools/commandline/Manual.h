@@ -1,12 +1,10 @@
 #ifndef TOOLS_COMMANDLINE_MANUAL_H
 #define TOOLS_COMMANDLINE_MANUAL_H
 
-namespace CLI {
-class App;
-}
+#include "commandline/CommandModel.h"
 
-// Adds the command that prints manual pages (mdoc), made from the commands' own help. Hidden: it is
-// for those who build and package the tool.
-void addManualCommand(CLI::App& app);
+// The command that prints manual pages (mdoc), made from the help of `root`, which outlives it, and
+// of its commands. Hidden: it is for those who build and package the tool.
+CommandModel manualCommand(const CommandModel& root);
 
 #endif

@@ -2,53 +2,61 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
 #include "config/ConfigFile.h"
 
 namespace {
 
-struct Arguments {
-    std::string file;
-    bool json = false;
-};
+CommandModel checkCommand() {
+    CommandModel command("check", "Print what is wrong with a file, and nothing else");
+    const auto file = std::make_shared<std::string>();
+    command.addArgument("FILE", *file, "Configuration file").require();
+    command.footer = fmt::format("Done (0) when nothing is wrong.\n{}", kExitCodes);
+    command.action = [file] { readConfig(*file); };
+    return command;
+}
 
-CLI::App* addAction(CLI::App& config, const std::shared_ptr<Arguments>& given,
-                    const std::string& name, const std::string& description) {
-    CLI::App* const action = config.add_subcommand(name, description);
-    action->add_option("FILE", given->file, "Configuration file")->required()->type_name("");
-    return action;
+CommandModel showCommand() {
+    struct Arguments {
+        std::string file;
+        bool json = false;
+    };
+    CommandModel command("show", "Print what a file comes to, with URLs and numbers in full");
+    const auto given = std::make_shared<Arguments>();
+    command.addArgument("FILE", given->file, "Configuration file").require();
+    command.addFlag("--json", given->json, "Print it as JSON");
+    command.footer = kExitCodes;
+    command.action = [given] {
+        fmt::print("{}", formatConfig(readConfig(given->file), given->json));
+    };
+    return command;
 }
 
 }  // namespace
 
-void addConfigOption(CLI::App& command, std::string& file, const std::string& beside) {
-    const auto others = command.get_options([&](CLI::Option* option) {
-        return option != command.get_help_ptr() && !option->check_name(beside);
-    });
-    auto* const config =
-        command
-            .add_option_function<std::string>(
-                "-c,--config",
-                [&file, others](const std::string& given) {
-                    file = given;
-                    for (CLI::Option* option : others)
-                        option->required(false);
-                },
-                fmt::format("Run all [[{}]] entries of this file instead; see qxvrtp config --help",
-                            command.get_name()))
-            ->type_name("FILE");
-    for (CLI::Option* option : others)
-        config->excludes(option);
+void addConfigOption(CommandModel& command, std::string& file, const std::string& beside) {
+    std::vector<std::string> others;
+    for (const auto* const list : {&command.arguments, &command.options})
+        for (const OptionModel& option : *list)
+            if (option.isSet() && option.name() != beside)
+                others.push_back(option.name());
+    command
+        .addOption(
+            "-c,--config", file, "FILE",
+            fmt::format("Run all [[{}]] entries of this file instead; see qxvrtp config --help",
+                        command.name))
+        .exclude(std::move(others));
 }
 
-void addConfigCommand(CLI::App& app) {
-    auto* const command = app.add_subcommand("config", "Check configuration files of services");
-    command->require_subcommand(1);
-    command->footer(fmt::format(
+CommandModel configCommand() {
+    CommandModel command("config", "Check configuration files of services");
+    command.footer = fmt::format(
         "A file has an entry for each stream; 'qxvrtp send --config FILE' runs all [[send]] "
         "entries\n"
         "in one process, 'receive' and 'relay' those of theirs:\n"
@@ -65,16 +73,8 @@ void addConfigCommand(CLI::App& app) {
         "  qxvrtp config check /etc/qxvrtp/news.toml && systemctl restart qxvrtp-send@news\n"
         "  qxvrtp config show --json news.toml | jq '.send[].url'\n"
         "\n{}",
-        kExitCodes));
-    const auto given = std::make_shared<Arguments>();
-    auto* const check =
-        addAction(*command, given, "check", "Print what is wrong with a file, and nothing else");
-    check->footer(fmt::format("Done (0) when nothing is wrong.\n{}", kExitCodes));
-    check->callback([given] { readConfig(given->file); });
-    auto* const show = addAction(*command, given, "show",
-                                 "Print what a file comes to, with URLs and numbers in full");
-    show->add_flag("--json", given->json, "Print it as JSON");
-    show->footer(kExitCodes);
-    show->callback(
-        [given] { fmt::print("{}", formatConfig(readConfig(given->file), given->json)); });
+        kExitCodes);
+    command.addCommand(checkCommand());
+    command.addCommand(showCommand());
+    return command;
 }

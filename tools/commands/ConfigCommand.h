@@ -3,15 +3,12 @@
 
 #include <string>
 
-namespace CLI {
-class App;
-}
+struct CommandModel;
 
 // Adds --config FILE to a command, in place of all arguments and options that it has, but for the
 // one named `beside`. `file` stays empty where the option is not given.
-void addConfigOption(CLI::App& command, std::string& file, const std::string& beside = "");
+void addConfigOption(CommandModel& command, std::string& file, const std::string& beside = "");
 
-// Adds the command to the command line.
-void addConfigCommand(CLI::App& app);
+CommandModel configCommand();
 
 #endif

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -17,6 +16,7 @@
 #include "base/Quantity.h"
 #include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
 #include "commands/DemoStream.h"
 #include "engine/HostModule.h"
 #include "media/LoopbackProbe.h"
@@ -340,32 +340,28 @@ void runDemo(const DemoOptions& options) {
         throw Failure("not every channel delivered what was sent");
 }
 
-void addDemoCommand(CLI::App& app) {
+CommandModel demoCommand() {
     struct Arguments {
         DemoOptions options;
         std::string duration;
     };
-    auto* const command = app.add_subcommand(
-        "demo", "Send a stream over all 16 channels on loopback, and check what arrives");
+    CommandModel command("demo",
+                         "Send a stream over all 16 channels on loopback, and check what arrives");
     const auto given = std::make_shared<Arguments>();
-    command
-        ->add_option("FILE", given->options.file,
-                     "Stream to send; without it, one that ffmpeg makes, or else a sample")
-        ->type_name("");
-    command
-        ->add_option("-d,--duration", given->duration,
-                     fmt::format("Length of the stream, {} if not given", given->options.seconds))
-        ->type_name("SECONDS");
-    command
-        ->add_option("--sample", given->options.sample, "Sample to send; ffmpeg is not asked then")
-        ->type_name("FILE");
-    command->footer("Done (0) when every byte came back on every channel. " +
-                    std::string(kExitCodes));
-    command->callback([given] {
+    command.addArgument("FILE", given->options.file,
+                        "Stream to send; without it, one that ffmpeg makes, or else a sample");
+    command.addOption("-d,--duration", given->duration, "SECONDS",
+                      fmt::format("Length of the stream, {} if not given", given->options.seconds));
+    command.addOption("--sample", given->options.sample, "FILE",
+                      "Sample to send; ffmpeg is not asked then");
+    command.footer =
+        "Done (0) when every byte came back on every channel. " + std::string(kExitCodes);
+    command.action = [given] {
         if (!given->duration.empty())
             given->options.seconds =
                 std::chrono::duration<double>(duration("--duration", given->duration, 0.1, 3600.0))
                     .count();
         runDemo(given->options);
-    });
+    };
+    return command;
 }

@@ -3,9 +3,7 @@
 
 #include <string>
 
-namespace CLI {
-class App;
-}
+struct CommandModel;
 
 struct DemoOptions {
     std::string file;    // empty = one that is made, or the sample
@@ -17,7 +15,6 @@ struct DemoOptions {
 // Failure when anything was lost or changed.
 void runDemo(const DemoOptions& options);
 
-// Adds the command to the command line.
-void addDemoCommand(CLI::App& app);
+CommandModel demoCommand();
 
 #endif

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <thread>
@@ -13,6 +12,7 @@
 #include "base/Quantity.h"
 #include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
 #include "engine/HostModule.h"
 #include "media/StreamUrl.h"
 #include "reports/ProbeReport.h"
@@ -75,24 +75,21 @@ void runProbe(const ProbeOptions& options) {
     fmt::print("{}", options.json ? probeJson(arrival, report) : probeText(arrival, report));
 }
 
-void addProbeCommand(CLI::App& app) {
+CommandModel probeCommand() {
     struct Arguments {
         ProbeOptions options;
         std::string duration;
     };
-    auto* const command = app.add_subcommand("probe", "Tell what arrives somewhere");
+    CommandModel command("probe", "Tell what arrives somewhere");
     const auto given = std::make_shared<Arguments>();
     command
-        ->add_option("URL", given->options.url,
+        .addArgument("URL", given->options.url,
                      "Group to join, or local address to listen on (udp://@:5000 = any)")
-        ->required()
-        ->type_name("");
-    command
-        ->add_option("-d,--duration", given->duration,
-                     "Listen for this many seconds; 5 if not given. SIGINT ends it earlier")
-        ->type_name("SECONDS");
-    command->add_flag("-j,--json", given->options.json, "Print one JSON object");
-    command->footer(fmt::format(
+        .require();
+    command.addOption("-d,--duration", given->duration, "SECONDS",
+                      "Listen for this many seconds; 5 if not given. SIGINT ends it earlier");
+    command.addFlag("-j,--json", given->options.json, "Print one JSON object");
+    command.footer = fmt::format(
         "Shows what a receive channel gets: RTP or raw, packet size, bitrates, programmes with\n"
         "their names, and for each PID what it carries, its bitrate and its continuity errors.\n"
         "\n"
@@ -111,10 +108,11 @@ void addProbeCommand(CLI::App& app) {
         "Examples:\n"
         "  qxvrtp probe rtp://239.1.1.1:5000\n"
         "  qxvrtp probe 'udp://@:5000' -d 60 --json | jq .continuity_errors\n{}",
-        urlHelp()));
-    command->callback([given] {
+        urlHelp());
+    command.action = [given] {
         if (!given->duration.empty())
             given->options.duration = duration("--duration", given->duration, 0.1, 1e6);
         runProbe(given->options);
-    });
+    };
+    return command;
 }

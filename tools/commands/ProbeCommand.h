@@ -4,9 +4,7 @@
 #include <chrono>
 #include <string>
 
-namespace CLI {
-class App;
-}
+struct CommandModel;
 
 struct ProbeOptions {
     std::string url;
@@ -18,7 +16,6 @@ struct ProbeOptions {
 // came.
 void runProbe(const ProbeOptions& options);
 
-// Adds the command to the command line.
-void addProbeCommand(CLI::App& app);
+CommandModel probeCommand();
 
 #endif

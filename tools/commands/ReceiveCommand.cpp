@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <climits>
@@ -16,6 +15,7 @@
 #include "base/Quantity.h"
 #include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
 #include "commands/ConfigCommand.h"
 #include "commands/Failures.h"
 #include "commands/ReceiveStatistics.h"
@@ -324,27 +324,26 @@ std::vector<ReceiveJob> makeJobs(const Arguments& given) {
     return jobs;
 }
 
-void addArguments(CLI::App& command, Arguments& given) {
+void addArguments(CommandModel& command, Arguments& given) {
     command
-        .add_option("URL FILE", given.streams,
-                    "Group to join, or local address to listen on (udp://@:5000 = any), and where "
-                    "to record; - is standard output. Up to 16 such pairs; the options are for all")
-        ->required()
-        ->type_name("...");
-    const auto add = [&command](const char* name, std::string& value, const char* type,
-                                const char* help) {
-        command.add_option(name, value, help)->type_name(type);
-    };
-    add("-d,--duration", given.duration, "SECONDS",
-        "End this many seconds after the socket was opened");
-    add("-n,--bytes", given.bytes, "NUMBER",
-        "End after exactly this many bytes (also with k, M, G)");
-    add("-i,--idle-timeout", given.idleTimeout, "SECONDS", "End when nothing has come for so long");
-    add("--rotate-size", given.rotateSize, "NUMBER",
-        "Begin a new file after so many bytes (also with k, M, G)");
-    add("--rotate-time", given.rotateTime, "SECONDS", "Begin a new file after so long");
-    command.add_flag("--statistics", given.statistics,
-                     "In the end, print one line of JSON per stream to standard error");
+        .addArguments("URL FILE", given.streams,
+                      "Group to join, or local address to listen on (udp://@:5000 = any), and "
+                      "where to record; - is standard output. Up to 16 such pairs; the options are "
+                      "for all",
+                      "...")
+        .require();
+    command.addOption("-d,--duration", given.duration, "SECONDS",
+                      "End this many seconds after the socket was opened");
+    command.addOption("-n,--bytes", given.bytes, "NUMBER",
+                      "End after exactly this many bytes (also with k, M, G)");
+    command.addOption("-i,--idle-timeout", given.idleTimeout, "SECONDS",
+                      "End when nothing has come for so long");
+    command.addOption("--rotate-size", given.rotateSize, "NUMBER",
+                      "Begin a new file after so many bytes (also with k, M, G)");
+    command.addOption("--rotate-time", given.rotateTime, "SECONDS",
+                      "Begin a new file after so long");
+    command.addFlag("--statistics", given.statistics,
+                    "In the end, print one line of JSON per stream to standard error");
 }
 
 }  // namespace
@@ -356,12 +355,12 @@ void runReceive(const std::vector<ReceiveJob>& jobs, bool statistics) {
     session.conclude(statistics);
 }
 
-void addReceiveCommand(CLI::App& app) {
-    auto* const command = app.add_subcommand("receive", "Record transport streams");
+CommandModel receiveCommand() {
+    CommandModel command("receive", "Record transport streams");
     const auto given = std::make_shared<Arguments>();
-    addArguments(*command, *given);
-    addConfigOption(*command, given->config, "--statistics");
-    command->footer(fmt::format(
+    addArguments(command, *given);
+    addConfigOption(command, given->config, "--statistics");
+    command.footer = fmt::format(
         "Raw and RTP streams are told apart by themselves, whatever the scheme. Done (0) when\n"
         "--bytes have come; without it when the time is up, nothing comes any more, or SIGINT or\n"
         "SIGTERM comes, and anything was received. Several streams do not wait for each other; if\n"
@@ -381,9 +380,10 @@ void addReceiveCommand(CLI::App& app) {
         "  qxvrtp receive udp://239.1.1.1:5000 one-%H%M.ts udp://239.1.1.2:5000 two-%H%M.ts \\\n"
         "      --rotate-time 600 --idle-timeout 30 --statistics\n"
         "\n{}",
-        urlHelp()));
-    command->callback([given] {
+        urlHelp());
+    command.action = [given] {
         runReceive(given->config.empty() ? makeJobs(*given) : readReceiveJobs(given->config),
                    given->statistics);
-    });
+    };
+    return command;
 }

@@ -5,9 +5,7 @@
 
 #include "engine/Jobs.h"
 
-namespace CLI {
-class App;
-}
+struct CommandModel;
 
 // Records each job on the channel of its number, until its limit is reached or SIGINT or SIGTERM
 // comes. `statistics` prints one line of JSON per job to standard error in the end. Throws
@@ -15,7 +13,6 @@ class App;
 // others go on.
 void runReceive(const std::vector<ReceiveJob>& jobs, bool statistics);
 
-// Adds the command to the command line.
-void addReceiveCommand(CLI::App& app);
+CommandModel receiveCommand();
 
 #endif

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <future>
 #include <list>
@@ -17,6 +16,7 @@
 #include "base/Quantity.h"
 #include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
 #include "commands/ConfigCommand.h"
 #include "commands/Failures.h"
 #include "commands/RelayOutput.h"
@@ -287,29 +287,25 @@ void runRelay(const std::vector<RelayJob>& jobs) {
     Relays(module, routes).run(stop);
 }
 
-void addRelayCommand(CLI::App& app) {
+CommandModel relayCommand() {
     struct Arguments {
         RelayJob job;
         std::string bitrate;
         std::string config;
     };
-    auto* const command = app.add_subcommand("relay", "Send on what arrives");
+    CommandModel command("relay", "Send on what arrives");
     const auto given = std::make_shared<Arguments>();
     command
-        ->add_option("FROM", given->job.from,
-                     "Group to join, or local address to listen on (udp://@:5000 = any)")
-        ->required()
-        ->type_name("URL");
-    command->add_option("TO", given->job.to, "Where to send it; up to 16 of them")
-        ->required()
-        ->type_name("URL");
-    command
-        ->add_option("-b,--bitrate", given->bitrate,
-                     "Rate of the stream in bits per second, like 2500000, 2500k or 2.5M; without "
-                     "it, the stream flows by its PCRs, or as it arrives where it has none")
-        ->type_name("RATE");
-    addConfigOption(*command, given->config);
-    command->footer(fmt::format(
+        .addArgument("FROM", given->job.from,
+                     "Group to join, or local address to listen on (udp://@:5000 = any)", "URL")
+        .require();
+    command.addArguments("TO", given->job.to, "Where to send it; up to 16 of them", "URL")
+        .require();
+    command.addOption("-b,--bitrate", given->bitrate, "RATE",
+                      "Rate of the stream in bits per second, like 2500000, 2500k or 2.5M; without "
+                      "it, the stream flows by its PCRs, or as it arrives where it has none");
+    addConfigOption(command, given->config);
+    command.footer = fmt::format(
         "Raw and RTP streams are told apart by themselves; each is sent as its URL says. The "
         "input\n"
         "may pause, change its rate, its packets' size or from raw to RTP; what is no packet is "
@@ -329,13 +325,14 @@ void addRelayCommand(CLI::App& app) {
         "\n"
         "Ends with SIGINT or SIGTERM: done (0). Failed (1) where a socket could not be opened to\n"
         "begin with.\n{}",
-        PacedQueue::kDelay * 1e3, PacedQueue::kMostDelay, PacedQueue::kSteering * 1e2, urlHelp()));
-    command->callback([given] {
+        PacedQueue::kDelay * 1e3, PacedQueue::kMostDelay, PacedQueue::kSteering * 1e2, urlHelp());
+    command.action = [given] {
         if (!given->bitrate.empty())
             given->job.bitrate_bps = bitrate("--bitrate", given->bitrate);
         if (given->config.empty())
             checkArguments(given->job);
         runRelay(given->config.empty() ? std::vector<RelayJob>{given->job}
                                        : readRelayJobs(given->config));
-    });
+    };
+    return command;
 }

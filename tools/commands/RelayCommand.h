@@ -5,16 +5,13 @@
 
 #include "engine/Jobs.h"
 
-namespace CLI {
-class App;
-}
+struct CommandModel;
 
 // Sends on what arrives until SIGINT or SIGTERM comes. Job by job, the inputs take receive channels
 // 0, 1, ..., and the outputs send channels 0, 1, .... Throws UsageError, or Failure when the
 // sockets of all jobs, or, at the end, of one of them could not be opened.
 void runRelay(const std::vector<RelayJob>& jobs);
 
-// Adds the command to the command line.
-void addRelayCommand(CLI::App& app);
+CommandModel relayCommand();
 
 #endif

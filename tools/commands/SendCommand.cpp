@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <atomic>
 #include <exception>
 #include <memory>
@@ -15,6 +14,7 @@
 #include "base/Errors.h"
 #include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
 #include "commands/ConfigCommand.h"
 #include "config/ConfigFile.h"
 #include "config/ConfigRules.h"
@@ -271,25 +271,23 @@ void runSend(const std::vector<SendJob>& jobs) {
     conclude(progress, tasks);
 }
 
-void addSendCommand(CLI::App& app) {
-    auto* const command = app.add_subcommand("send", "Send transport streams");
+CommandModel sendCommand() {
+    CommandModel command("send", "Send transport streams");
     const auto given = std::make_shared<Arguments>();
     command
-        ->add_option("INPUT URL", given->pairs,
-                     "Stream to send (- is standard input), and where to send it")
-        ->required()
-        ->type_name("...");
-    command
-        ->add_option("-b,--bitrate", given->bitrate,
-                     "Bits per second, like 2500000, 2500k or 2.5M, kept throughout; without it, "
-                     "the pace of the stream's PCRs")
-        ->type_name("RATE");
-    command->add_flag("-l,--loop", given->loop, "Repeat the input, a file, until a signal comes");
-    command->add_option("-s,--start", given->start, "Skip this much of the stream at the beginning")
-        ->type_name("SECONDS");
-    command->add_option("-d,--duration", given->duration, "Send this much of the stream, then end")
-        ->type_name("SECONDS");
-    addConfigOption(*command, given->config);
-    command->footer(kHelp + urlHelp());
-    command->callback([given] { runSend(jobsOf(*given)); });
+        .addArguments("INPUT URL", given->pairs,
+                      "Stream to send (- is standard input), and where to send it", "...")
+        .require();
+    command.addOption("-b,--bitrate", given->bitrate, "RATE",
+                      "Bits per second, like 2500000, 2500k or 2.5M, kept throughout; without it, "
+                      "the pace of the stream's PCRs");
+    command.addFlag("-l,--loop", given->loop, "Repeat the input, a file, until a signal comes");
+    command.addOption("-s,--start", given->start, "SECONDS",
+                      "Skip this much of the stream at the beginning");
+    command.addOption("-d,--duration", given->duration, "SECONDS",
+                      "Send this much of the stream, then end");
+    addConfigOption(command, given->config);
+    command.footer = kHelp + urlHelp();
+    command.action = [given] { runSend(jobsOf(*given)); };
+    return command;
 }

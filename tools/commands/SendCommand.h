@@ -5,16 +5,13 @@
 
 #include "engine/Jobs.h"
 
-namespace CLI {
-class App;
-}
+struct CommandModel;
 
 // Sends each job's stream on a channel of its own, at most 16, and returns when all of them have
 // left. A job that fails does not stop the others. Throws UsageError before anything is opened, or
 // Failure in the end.
 void runSend(const std::vector<SendJob>& jobs);
 
-// Adds the command to the command line.
-void addSendCommand(CLI::App& app);
+CommandModel sendCommand();
 
 #endif

@@ -4,13 +4,13 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <optional>
 
 #include "RtpContext.h"
 #include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
 #include "reports/TableReader.h"
 #include "reports/TableReport.h"
 
@@ -49,29 +49,28 @@ void runStatus(const StatusOptions& options) {
         fmt::print("{}", tableText(table, hosts, options.all, terminalWidth()));
 }
 
-void addStatusCommand(CLI::App& app) {
-    auto* const command = app.add_subcommand("status", "Show the channels of the running host");
+CommandModel statusCommand() {
+    CommandModel command("status", "Show the channels of the running host");
     const auto options = std::make_shared<StatusOptions>();
     options->path = kSharedMemoryPath;
-    command->add_flag("-a,--all", options->all, "Show idle channels, too");
-    auto* const json = command->add_flag("-j,--json", options->json, "Print one JSON object");
+    command.addFlag("-a,--all", options->all, "Show idle channels, too");
+    command.addFlag("-j,--json", options->json, "Print one JSON object");
     command
-        ->add_flag("-p,--prometheus", options->prometheus,
-                   "Print metrics in Prometheus' text format")
-        ->excludes(json);
-    command->add_option("--path", options->path, "Another table file, such as a container's")
-        ->type_name("FILE");
-    command->footer(
-        fmt::format("{}\n"
-                    "Failed (1) when there is no table.\n"
-                    "\n"
-                    "Examples:\n"
-                    "  qxvrtp status --all\n"
-                    "  qxvrtp status --json | jq '.channels[] | select(.bitrate_bps == 0)'\n"
-                    "  qxvrtp status --path /proc/1234/root{}\n"
-                    "For the textfile collector of Prometheus' node_exporter:\n"
-                    "  qxvrtp status -p > $DIR/qxvrtp.new && mv $DIR/qxvrtp.new $DIR/qxvrtp.prom\n"
-                    "{}",
-                    tableHelp(), kSharedMemoryPath, kExitCodes));
-    command->callback([options] { runStatus(*options); });
+        .addFlag("-p,--prometheus", options->prometheus, "Print metrics in Prometheus' text format")
+        .exclude({"--json"});
+    command.addOption("--path", options->path, "FILE", "Another table file, such as a container's");
+    command.footer =
+        (fmt::format("{}\n"
+                     "Failed (1) when there is no table.\n"
+                     "\n"
+                     "Examples:\n"
+                     "  qxvrtp status --all\n"
+                     "  qxvrtp status --json | jq '.channels[] | select(.bitrate_bps == 0)'\n"
+                     "  qxvrtp status --path /proc/1234/root{}\n"
+                     "For the textfile collector of Prometheus' node_exporter:\n"
+                     "  qxvrtp status -p > $DIR/qxvrtp.new && mv $DIR/qxvrtp.new $DIR/qxvrtp.prom\n"
+                     "{}",
+                     tableHelp(), kSharedMemoryPath, kExitCodes));
+    command.action = [options] { runStatus(*options); };
+    return command;
 }

@@ -3,9 +3,7 @@
 
 #include <string>
 
-namespace CLI {
-class App;
-}
+struct CommandModel;
 
 struct StatusOptions {
     std::string path;
@@ -17,8 +15,7 @@ struct StatusOptions {
 // Prints the channel table of the running host. Throws Failure when there is none.
 void runStatus(const StatusOptions& options);
 
-// Adds the command to the command line.
-void addStatusCommand(CLI::App& app);
+CommandModel statusCommand();
 
 // What 'status' and 'top' both say about the table.
 std::string tableHelp();

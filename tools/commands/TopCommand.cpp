@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -19,6 +18,7 @@
 #include "base/SafeText.h"
 #include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
 #include "commands/StatusCommand.h"
 #include "reports/TableReader.h"
 #include "reports/TableReport.h"
@@ -183,22 +183,22 @@ void runTop(const TopOptions& options) {
     watch.conclude();
 }
 
-void addTopCommand(CLI::App& app) {
+CommandModel topCommand() {
     struct Arguments {
         TopOptions options;
         std::string interval;
         std::string count;
     };
-    auto* const command = app.add_subcommand("top", "Watch the channels of the running host");
+    CommandModel command("top", "Watch the channels of the running host");
     const auto given = std::make_shared<Arguments>();
     given->options.path = kSharedMemoryPath;
-    command->add_option("-i,--interval", given->interval, "Time between two looks; 1 if not given")
-        ->type_name("SECONDS");
-    command->add_option("-n,--count", given->count, "End after so many looks")->type_name("NUMBER");
-    command->add_flag("-a,--all", given->options.all, "Show idle channels, too");
-    command->add_option("--path", given->options.path, "Another table file, such as a container's")
-        ->type_name("FILE");
-    command->footer(fmt::format(
+    command.addOption("-i,--interval", given->interval, "SECONDS",
+                      "Time between two looks; 1 if not given");
+    command.addOption("-n,--count", given->count, "NUMBER", "End after so many looks");
+    command.addFlag("-a,--all", given->options.all, "Show idle channels, too");
+    command.addOption("--path", given->options.path, "FILE",
+                      "Another table file, such as a container's");
+    command.footer = fmt::format(
         "On a terminal it fills the screen; 'q', SIGINT or SIGTERM ends it. Elsewhere it prints\n"
         "what 'status' does, again and again. The history is of the last {} looks, each channel's\n"
         "highest rate a full bar. When a new host replaces the table, that one is shown.\n"
@@ -210,12 +210,13 @@ void addTopCommand(CLI::App& app) {
         "  qxvrtp top --interval 0.5 --all\n"
         "  qxvrtp top --interval 10 >> channels.log\n"
         "{}",
-        kHistory, tableHelp(), kExitCodes));
-    command->callback([given] {
+        kHistory, tableHelp(), kExitCodes);
+    command.action = [given] {
         if (!given->interval.empty())
             given->options.interval = duration("--interval", given->interval, 0.1, 1e6);
         if (!given->count.empty())
             given->options.count = quantity("--count", given->count, 1, INT64_MAX);
         runTop(given->options);
-    });
+    };
+    return command;
 }

@@ -6,9 +6,7 @@
 #include <optional>
 #include <string>
 
-namespace CLI {
-class App;
-}
+struct CommandModel;
 
 struct TopOptions {
     std::string path;
@@ -21,7 +19,6 @@ struct TopOptions {
 // Throws Failure when there was no table in any pass.
 void runTop(const TopOptions& options);
 
-// Adds the command to the command line.
-void addTopCommand(CLI::App& app);
+CommandModel topCommand();
 
 #endif

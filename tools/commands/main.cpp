@@ -2,16 +2,15 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
-#include <iostream>
 #include <string>
 
 #include "base/Errors.h"
 #include "base/SafeText.h"
 #include "commandline/Completion.h"
 #include "commandline/Manual.h"
+#include "commandline/Parser.h"
 #include "commands/ConfigCommand.h"
 #include "commands/DemoCommand.h"
 #include "commands/ProbeCommand.h"
@@ -33,56 +32,25 @@ void complain(const std::string& text) {
     fmt::print(stderr, "qxvrtp: {}\n", printable(text));
 }
 
-// The parser would complain of a missing command where there is a wrong one.
-void checkCommand(const CLI::App& app, const std::string& first) {
-    std::string names;
-    for (const CLI::App* command : app.get_subcommands({})) {
-        if (command->get_name() == first)
-            return;
-        if (!command->get_group().empty())  // else it is hidden
-            names += (names.empty() ? "" : ", ") + command->get_name();
-    }
-    if (first.empty())
-        throw UsageError(fmt::format("a command is missing; commands are {}", names));
-    if (first.starts_with('-') && app.get_option_no_throw(first) == nullptr)
-        throw UsageError(fmt::format("there is no option '{}'; see 'qxvrtp --help'", first));
-    if (!first.starts_with('-'))
-        throw UsageError(fmt::format("there is no command '{}'; commands are {}", first, names));
+CommandModel commandLine() {
+    CommandModel root("qxvrtp", "Transport streams over UDP and RTP");
+    root.addVersion();
+    root.footer = "'qxvrtp COMMAND --help' tells more.";
+    for (const auto command : {sendCommand, receiveCommand, relayCommand, probeCommand,
+                               statusCommand, topCommand, demoCommand, configCommand})
+        root.addCommand(command());
+    return root;
 }
 
 int run(int argc, char** argv) {
-    CLI::App app("Transport streams over UDP and RTP", "qxvrtp");
-    app.set_version_flag("--version", "qxvrtp " QXV_VERSION);
-    app.require_subcommand(1);
-    app.footer("'qxvrtp COMMAND --help' tells more.");
-    addSendCommand(app);
-    addReceiveCommand(app);
-    addRelayCommand(app);
-    addProbeCommand(app);
-    addStatusCommand(app);
-    addTopCommand(app);
-    addDemoCommand(app);
-    addConfigCommand(app);
-    addCompletionCommand(app);
-    addManualCommand(app);
+    CommandModel root = commandLine();
+    root.addCommand(completionCommand(root));
+    root.addCommand(manualCommand(root));
     try {
-        checkCommand(app, argc > 1 ? argv[1] : "");
-        app.parse(argc, argv);
+        runCommandLine(root, "qxvrtp " QXV_VERSION, argc, argv);
         if (std::fflush(stdout) != 0)
             throw Failure("standard output cannot be written");
         return kDone;
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) {
-            app.exit(error);  // help or version, printed
-            if (std::cout.flush())
-                return kDone;
-            complain("standard output cannot be written");
-            return kFailed;
-        }
-        const auto chosen = app.get_subcommands();
-        complain(fmt::format("{}; see 'qxvrtp {}--help'", error.what(),
-                             chosen.empty() ? "" : chosen.front()->get_name() + " "));
-        return kMisused;
     } catch (const UsageError& error) {
         complain(error.what());
         return kMisused;
