@@ -11,7 +11,6 @@ namespace {
 constexpr size_t kSyncRun = 5;
 constexpr size_t kSyncRunAtLeast = 3;
 
-constexpr uint64_t kPcrModulus = (uint64_t{1} << 33) * 300;
 // PCRs come at least every 100 ms; muxers that are lax about it stay below this. A greater step,
 // and any step backwards, is a splice.
 constexpr uint64_t kPcrStepLimit = kPcrHz;
@@ -95,6 +94,13 @@ std::optional<Pcr> readPcr(const uint8_t* packet) {
         return std::nullopt;
     return Pcr{ts_get_pid(packet), tsaf_get_pcr(packet) * 300 + tsaf_get_pcrext(packet),
                isDiscontinuous(packet)};
+}
+
+void writePcr(uint8_t* packet, uint64_t ticks, bool announced) {
+    tsaf_set_pcr(packet, ticks / 300);
+    tsaf_set_pcrext(packet, ticks % 300);
+    if (announced)
+        tsaf_set_discontinuity(packet);
 }
 
 std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next) {

@@ -46,9 +46,13 @@ struct Pcr {
     bool discontinuous;  // by the packet's own word, a new clock begins here
 };
 inline constexpr uint64_t kPcrHz = 27'000'000;
+inline constexpr uint64_t kPcrModulus = (uint64_t{1} << 33) * 300;  // where it wraps
 
 // None: the packet has no PCR, or is marked as damaged.
 std::optional<Pcr> readPcr(const uint8_t* packet);
+
+// Replaces the PCR of a packet that has one. `announced`: a new clock is said to begin here.
+void writePcr(uint8_t* packet, uint64_t ticks, bool announced);
 
 // Ticks from one PCR of a PID to the next. None: a splice, where one clock ends and another begins;
 // a PCR that wraps is none.

@@ -1,0 +1,344 @@
+#include "ConstantRate.h"
+
+#include <bitstream/mpeg/ts.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "Parity.h"
+
+namespace ts {
+
+namespace {
+
+constexpr Ticks kMillisecond = kTicksPerSecond / 1000;
+
+// What the rate is told by. A live stream is held up by that much, for good.
+constexpr Ticks kMeasureFile = 2 * kTicksPerSecond;
+constexpr Ticks kMeasureLive = 1 * kTicksPerSecond;
+// With a rate given, it is only to be seen whether the stream has it already.
+constexpr Ticks kMeasureGiven = kTicksPerSecond / 4;
+constexpr size_t kEnoughIntervals = 4;
+constexpr size_t kMostMeasured = 65'536;  // packets
+constexpr double kSameRate = 20e-6;
+
+constexpr Ticks kMostLate = 2 * kTicksPerSecond;
+
+// By more than that, a clock has jumped.
+constexpr int64_t kClockJump = 50 * kMillisecond;
+// Less is what the even spread of packets between PCRs is off.
+constexpr int64_t kClockSlack = 20 * kMillisecond;
+constexpr int64_t kClockMeanTime = 10 * kTicksPerSecond;
+constexpr int64_t kClockSteerTime = 100 * kTicksPerSecond;
+constexpr int64_t kClockMostSteering_ppm = 100;
+constexpr int kSteeringBits = 16;
+
+uint64_t modulo(Ticks ticks) {
+    constexpr auto kModulus = static_cast<Ticks>(kPcrModulus);
+    return static_cast<uint64_t>((ticks % kModulus + kModulus) % kModulus);
+}
+
+int64_t difference(uint64_t a, uint64_t b) {
+    const uint64_t ahead = (a + kPcrModulus - b) % kPcrModulus;
+    return ahead < kPcrModulus / 2
+               ? static_cast<int64_t>(ahead)
+               : static_cast<int64_t>(ahead) - static_cast<int64_t>(kPcrModulus);
+}
+
+Ticks delayOf(Time delay) {
+    return std::clamp<Ticks>(delay.count() * 27 / 1000, 0, kTicksPerSecond);
+}
+
+std::array<uint8_t, kPacketWithParityBytes> makeNull() {
+    std::array<uint8_t, kPacketWithParityBytes> packet;
+    packet.fill(0xFF);
+    ts_pad(packet.data());
+    writeParity(packet.data());
+    return packet;
+}
+
+void writeNull(uint8_t* packet, size_t size) {
+    static const auto kNullPacket = makeNull();
+    std::copy_n(kNullPacket.begin(), size, packet);
+}
+
+}  // namespace
+
+ConstantRate::ConstantRate(size_t packetSize, InputKind kind, const Options& options)
+    : packetSize_(packetSize),
+      kind_(kind),
+      options_(options),
+      delay_(delayOf(options.delay)),
+      times_(packetSize, kind, options.latency),
+      busy_(packetSize) {}
+
+void ConstantRate::push(std::span<const uint8_t> packets, Time arrival) {
+    for (; packets.size() >= packetSize_; packets = packets.subspan(packetSize_)) {
+        times_.push(packets.data(), arrival);
+        if (!rate_)
+            check_.add(packets.data());
+        else if (untouched_ && !check_.keeps(packets.data()))
+            beginShaping();
+    }
+    if (starved_)
+        lag_ = std::max(lag_, times_.toTicks(arrival) - (slot_ ? slot_->time() : times_.time()));
+    starved_ = false;
+    if (!rate_ && measured())
+        decide(arrival);
+}
+
+void ConstantRate::finish() {
+    finished_ = true;
+    if (!rate_) {
+        times_.finish();
+        decide(times_.toTime(0));
+    }
+    times_.finish();
+}
+
+bool ConstantRate::measured() const {
+    if (options_.rate_bps && check_.intervals() >= kEnoughIntervals)
+        return true;
+    const Ticks length = options_.rate_bps           ? kMeasureGiven
+                         : kind_ == InputKind::kLive ? kMeasureLive
+                                                     : kMeasureFile;
+    return (!times_.empty() && times_.knownTo() - times_.time() >= length) ||
+           times_.size() + times_.untimed() >= kMostMeasured;
+}
+
+void ConstantRate::decide(Time now) {
+    times_.settle(now);
+    const auto constant = check_.settle(packetSize_);
+    const auto given = options_.rate_bps;
+    untouched_ = constant && (!given || std::abs(*constant / *given - 1.0) <= kSameRate);
+    if (given) {
+        rate_ = given;
+    } else if (untouched_) {
+        rate_ = static_cast<uint32_t>(std::clamp(std::round(*constant), 1.0, double{UINT32_MAX}));
+    } else if (times_.rate() && !times_.empty()) {
+        LeastRate least(packetSize_);
+        for (size_t i = 0; i < times_.size(); ++i) {
+            if (ts_get_pid(times_.bytes(i)) != kNullPid)
+                least.add(times_.time(i));
+        }
+        rate_ = roundUpRate(std::max<double>(least.find(delay_), least.mean(times_.knownTo())));
+    } else {
+        failed_ = true;
+        return;
+    }
+    if (kind_ == InputKind::kFile)
+        times_.assumeRate(*rate_);
+    else if (!times_.empty())
+        times_.putOff(std::max<Ticks>(times_.toTicks(now) - times_.time(), 0));
+    if (!untouched_)
+        beginShaping();
+}
+
+void ConstantRate::beginShaping() {
+    if (std::exchange(untouched_, false))
+        ++ownCuts_;
+    slot_.reset();
+}
+
+// Whether what goes into the next datagram is known.
+bool ConstantRate::canFill() const {
+    if (kind_ == InputKind::kLive || finished_)
+        return slot_ || !times_.empty();
+    constexpr auto kSlots = static_cast<Ticks>(kPacketsPerDatagram);
+    return slot_ ? times_.knownTo() > slot_->time() + kSlots * (slot_->length() + 1)
+                 : !times_.empty();
+}
+
+bool ConstantRate::needsInput(Time until) const {
+    if (finished_ || failed_)
+        return false;
+    const Ticks end = times_.toTicks(until) - lag_;
+    constexpr auto kSlots = static_cast<Ticks>(kPacketsPerDatagram);
+    return !rate_ || !times_.started() ||
+           times_.knownTo() <= end + (slot_ ? kSlots * (slot_->length() + 1) : kMillisecond);
+}
+
+size_t ConstantRate::pull(std::span<uint8_t> datagrams, Time until) {
+    const size_t datagramBytes = kPacketsPerDatagram * packetSize_;
+    times_.settle(until);
+    if (!rate_ && !failed_ && measured())
+        decide(until);
+    if (!rate_)
+        return 0;
+    const Ticks end = times_.toTicks(until) - lag_;
+    size_t written = 0;
+    while (datagrams.size() - written >= datagramBytes) {
+        uint8_t* const datagram = datagrams.data() + written;
+        const size_t bytes = untouched_ ? pullUntouched(datagram, end) : pullShaped(datagram, end);
+        if (bytes == 0)
+            break;
+        written += bytes;
+    }
+    return written;
+}
+
+size_t ConstantRate::pullUntouched(uint8_t* datagram, Ticks until) {
+    if (times_.empty() || times_.time() > until ||
+        (times_.size() < kPacketsPerDatagram && !finished_)) {
+        starved_ = kind_ == InputKind::kFile && !finished_ && times_.size() < kPacketsPerDatagram &&
+                   times_.knownTo() <= until;
+        return 0;
+    }
+    for (size_t i = 0; i < kPacketsPerDatagram; ++i, datagram += packetSize_) {
+        if (times_.empty()) {
+            writeNull(datagram, packetSize_);
+            continue;
+        }
+        std::copy_n(times_.bytes(), packetSize_, datagram);
+        times_.pop();
+    }
+    return kPacketsPerDatagram * packetSize_;
+}
+
+size_t ConstantRate::pullShaped(uint8_t* datagram, Ticks until) {
+    skipNulls();
+    if (isOver())
+        return 0;
+    if (!slot_ && !times_.empty()) {
+        slot_.emplace(packetSize_, *rate_);
+        slot_->begin(times_.time());
+    }
+    if (!slot_ || slot_->time() > until)
+        return 0;
+    if (!canFill()) {
+        starved_ = kind_ == InputKind::kFile;
+        return 0;
+    }
+    for (size_t i = 0; i < kPacketsPerDatagram; ++i, datagram += packetSize_) {
+        if (!takePacket(datagram)) {
+            writeNull(datagram, packetSize_);
+            ++nulls_;
+        }
+        slot_->advance();
+    }
+    return kPacketsPerDatagram * packetSize_;
+}
+
+void ConstantRate::skipNulls() {
+    while (!times_.empty() && ts_get_pid(times_.bytes()) == kNullPid)
+        times_.pop();
+}
+
+// False: nothing is due for this slot.
+bool ConstantRate::takePacket(uint8_t* slot) {
+    skipNulls();
+    dropLate();
+    if (times_.empty() || times_.time() > slot_->time())
+        return false;
+    const Ticks own = times_.time();
+    noteWait(own, slot_->time() - own);
+    std::copy_n(times_.bytes(), packetSize_, slot);
+    times_.pop();
+    restamp(slot, own);
+    return true;
+}
+
+void ConstantRate::noteWait(Ticks own, Ticks wait) {
+    meanWait_ += (wait - meanWait_) / 64;
+    if (wait <= slot_->length())
+        busy_.clear();
+    busy_.add(own);
+    // Packets wait for the beginning of a slot in any case.
+    const bool late = wait > delay_ + slot_->length();
+    if (late && !late_)
+        lateSince_ = slot_->time();
+    if (late_ && (!late || slot_->time() - lateSince_ > kMostLate))
+        publishNeed();
+    late_ = late;
+}
+
+void ConstantRate::publishNeed() {
+    const uint32_t least = std::max(busy_.find(delay_), *rate_ + 1);
+    needed_bps_ = std::max(needed_bps_, roundUpRate(least));
+    lateSince_ = slot_->time();
+}
+
+void ConstantRate::dropLate() {
+    if (times_.empty() || slot_->time() - times_.time() <= delay_ + kMostLate)
+        return;
+    while (!times_.empty() && times_.time() < slot_->time() - delay_) {
+        if (ts_get_pid(times_.bytes()) != kNullPid) {
+            busy_.add(times_.time());
+            ++dropped_;
+        }
+        times_.pop();
+    }
+    publishNeed();
+    skipNulls();
+}
+
+void ConstantRate::restamp(uint8_t* packet, Ticks own) {
+    const auto pcr = readPcr(packet);
+    if (!pcr)
+        return;
+    const uint64_t wanted = modulo(static_cast<Ticks>(pcr->ticks) - own - delay_);
+    const auto [found, isNew] = clocks_.try_emplace(pcr->pid);
+    Clock& clock = found->second;
+    const bool continues = !isNew && pcrStep(clock.lastPcr, *pcr);
+    const uint64_t cuts = ownCuts_ + times_.cuts();
+    const bool cut = cuts != clock.cuts;
+    const int64_t error = difference(wanted, clock.offset);
+    if (!continues || cut || std::abs(error) > kClockJump) {
+        clock.offset = wanted;
+        clock.meanError = clock.steering = 0;
+    } else {
+        follow(clock, error, slot_->time() - clock.lastTime);
+    }
+    clock.lastPcr = pcr->ticks;
+    clock.lastTime = slot_->time();
+    clock.cuts = cuts;
+    writePcr(packet, modulo(slot_->time() + static_cast<Ticks>(clock.offset)), cut);
+    if (packetSize_ == kPacketWithParityBytes)
+        writeParity(packet);
+}
+
+// Moves the offset after what the source says, so slowly that no PCR is off by it.
+void ConstantRate::follow(Clock& clock, int64_t error, Ticks elapsed) {
+    elapsed = std::clamp<Ticks>(elapsed, 0, kTicksPerSecond);
+    clock.meanError += (error - clock.meanError) * elapsed / kClockMeanTime;
+    const int64_t beyond = clock.meanError - std::clamp(clock.meanError, -kClockSlack, kClockSlack);
+    const int64_t most = (elapsed << kSteeringBits) * kClockMostSteering_ppm / 1'000'000;
+    clock.steering += std::clamp(
+        (beyond << kSteeringBits) / (kClockSteerTime / kMillisecond) * elapsed / kMillisecond,
+        -most, most);
+    const int64_t ticks = clock.steering >> kSteeringBits;
+    clock.steering -= ticks << kSteeringBits;
+    clock.meanError -= ticks;
+    clock.offset = modulo(static_cast<Ticks>(clock.offset) + ticks);
+}
+
+std::optional<Time> ConstantRate::next() const {
+    if (!rate_)
+        return std::nullopt;
+    if (untouched_) {
+        if (times_.empty() || (times_.size() < kPacketsPerDatagram && !finished_))
+            return std::nullopt;
+        return times_.toTime(times_.time() + lag_);
+    }
+    if (isOver() || !canFill())
+        return std::nullopt;
+    return times_.toTime((slot_ ? slot_->time() : times_.time()) + lag_);
+}
+
+std::optional<uint32_t> ConstantRate::rate() const {
+    return rate_;
+}
+
+ShaperStatus ConstantRate::status() const {
+    ShaperStatus status;
+    status.rateKnown = rate_.has_value();
+    status.rate_bps = rate_.value_or(0);
+    status.rateNeeded_bps = needed_bps_;
+    status.delay = TimedPackets::toDuration(meanWait_);
+    status.nullPackets = nulls_;
+    status.dropped = dropped_;
+    status.untouched = untouched_;
+    return status;
+}
+
+}  // namespace ts

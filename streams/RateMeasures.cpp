@@ -1,0 +1,136 @@
+#include "RateMeasures.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ts {
+
+namespace {
+
+// 500 ns for the PCR at either end, and as much again for those who round.
+constexpr double kPcrNoise = 54.0;
+constexpr size_t kFewestIntervals = 3;
+
+constexpr Ticks kPointLength = kTicksPerSecond / 500;
+// Of the oldest, the first half goes.
+constexpr size_t kMostPoints = 1 << 14;
+
+}  // namespace
+
+std::optional<ConstantCheck::Step> ConstantCheck::next(const uint8_t* packet) {
+    const uint64_t position = position_++;
+    const auto pcr = readPcr(packet);
+    if (!pcr)
+        return std::nullopt;
+    const auto [found, isNew] = lines_.try_emplace(pcr->pid);
+    Line& line = found->second;
+    const auto step = isNew ? std::nullopt : pcrStep(line.lastPcr, *pcr);
+    if (!step) {
+        line = {pcr->ticks, position, 0, 0};
+        return std::nullopt;
+    }
+    const uint64_t packets = position - line.lastPosition;
+    line = {pcr->ticks, position, line.ticks + *step, line.packets + packets};
+    return Step{*step, packets, &line};
+}
+
+void ConstantCheck::add(const uint8_t* packet) {
+    const auto step = next(packet);
+    if (!step)
+        return;
+    points_.push_back(*step->line);
+    if (step->line->ticks > longest_.ticks)
+        longest_ = *step->line;
+}
+
+// Whether that many packets take that time at the rate of the longest line.
+bool ConstantCheck::fits(uint64_t ticks, uint64_t packets) const {
+    const double time = static_cast<double>(ticks) - static_cast<double>(packets) *
+                                                         static_cast<double>(longest_.ticks) /
+                                                         static_cast<double>(longest_.packets);
+    return std::abs(time) <= kPcrNoise;
+}
+
+std::optional<double> ConstantCheck::settle(size_t packetSize) {
+    const bool constant = points_.size() >= kFewestIntervals && longest_.ticks > 0 &&
+                          std::all_of(points_.begin(), points_.end(), [this](const Line& at) {
+                              return fits(at.ticks, at.packets);
+                          });
+    points_ = {};
+    if (!constant)
+        return std::nullopt;
+    return static_cast<double>(longest_.packets * packetSize * 8) * double{kTicksPerSecond} /
+           static_cast<double>(longest_.ticks);
+}
+
+bool ConstantCheck::keeps(const uint8_t* packet) {
+    const auto step = next(packet);
+    return !step || fits(step->ticks, step->packets);
+}
+
+void LeastRate::add(Ticks time) {
+    if (!points_.empty() && time - points_.back().time < kPointLength) {
+        ++points_.back().packets;
+        return;
+    }
+    if (points_.size() == kMostPoints)
+        points_.erase(points_.begin(), points_.begin() + kMostPoints / 2);
+    points_.push_back({time, 1});
+}
+
+bool LeastRate::passes(double rate_bps, Ticks delay) const {
+    double end = 0.0;
+    const double packetTime = static_cast<double>(packetBits_) * double{kTicksPerSecond} / rate_bps;
+    for (const auto& [time, packets] : points_) {
+        const auto own = static_cast<double>(time - points_.front().time);
+        end = std::max(end, own) + packetTime * static_cast<double>(packets);
+        // Slots do not begin with the packets.
+        if (end > own + static_cast<double>(delay))
+            return false;
+    }
+    return true;
+}
+
+uint32_t LeastRate::find(Ticks delay) const {
+    uint32_t low = 0;
+    uint32_t high = UINT32_MAX;
+    while (high - low > 1 + low / 4096) {
+        const uint32_t middle = low + (high - low) / 2;
+        (passes(middle, delay) ? high : low) = middle;
+    }
+    return high;
+}
+
+double LeastRate::mean(Ticks end) const {
+    uint64_t packets = 0;
+    for (const Point& point : points_)
+        packets += point.packets;
+    const Ticks length = points_.empty() ? 0 : end - points_.front().time;
+    return length <= 0 ? 0.0
+                       : static_cast<double>(packets * packetBits_) * double{kTicksPerSecond} /
+                             static_cast<double>(length);
+}
+
+uint32_t roundUpRate(double rate_bps) {
+    double unit = 1.0;
+    while (rate_bps / unit > 99.0)
+        unit *= 10.0;
+    return static_cast<uint32_t>(
+        std::clamp(std::ceil(rate_bps / unit) * unit, 1.0, double{UINT32_MAX}));
+}
+
+SlotClock::SlotClock(size_t packetSize, uint32_t rate_bps)
+    : rate_(rate_bps),
+      whole_(static_cast<Ticks>(packetSize * 8 * kPcrHz / rate_bps)),
+      rest_(packetSize * 8 * kPcrHz % rate_bps) {}
+
+void SlotClock::advance() {
+    time_ += whole_;
+    fraction_ += rest_;
+    if (fraction_ >= rate_) {
+        fraction_ -= rate_;
+        ++time_;
+    }
+}
+
+}  // namespace ts

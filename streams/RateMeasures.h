@@ -1,0 +1,100 @@
+// What a stream's packets and their times say about a constant rate.
+#ifndef STREAMS_RATEMEASURES_H
+#define STREAMS_RATEMEASURES_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "TimedPackets.h"
+
+namespace ts {
+
+// Whether the PCRs of a stream stand where they would stand at a constant rate, but for the noise
+// that analysers and multiplexers have. Each PID is its own clock; at a splice it begins anew.
+class ConstantCheck {
+  public:
+    // Packets are added in order, each of them, until settle().
+    void add(const uint8_t* packet);
+
+    size_t intervals() const { return points_.size(); }
+
+    // Ends the measurement. None: the rate is not constant, or there are too few PCRs.
+    std::optional<double> settle(size_t packetSize);
+
+    // For the packets behind: whether the rate is kept.
+    bool keeps(const uint8_t* packet);
+
+  private:
+    struct Line {
+        uint64_t lastPcr = 0;
+        uint64_t lastPosition = 0;
+        uint64_t ticks = 0;  // since the clock began
+        uint64_t packets = 0;
+    };
+    struct Step {
+        uint64_t ticks;
+        uint64_t packets;
+        const Line* line;
+    };
+    std::optional<Step> next(const uint8_t* packet);
+    bool fits(uint64_t ticks, uint64_t packets) const;
+
+    uint64_t position_ = 0;
+    std::map<uint16_t, Line> lines_;
+    std::vector<Line> points_;
+    Line longest_;
+};
+
+// The least rate at which a stream passes through a smoothing buffer.
+class LeastRate {
+  public:
+    explicit LeastRate(size_t packetSize) : packetBits_(packetSize * 8) {}
+
+    // A packet that has to leave, and its own time, which never goes back.
+    void add(Ticks time);
+    void clear() { points_.clear(); }
+    bool empty() const { return points_.empty(); }
+
+    // Such that no packet that was added waits longer than `delay`; in bits per second.
+    uint32_t find(Ticks delay) const;
+
+    // The mean rate from the first packet to the given time.
+    double mean(Ticks end) const;
+
+  private:
+    struct Point {
+        Ticks time;
+        uint64_t packets;
+    };
+    bool passes(double rate_bps, Ticks delay) const;
+
+    uint64_t packetBits_;
+    std::vector<Point> points_;  // packets of a few milliseconds each
+};
+
+// The next number of two significant digits.
+uint32_t roundUpRate(double rate_bps);
+
+// Moments at which packets follow each other at a rate, exact for ever.
+class SlotClock {
+  public:
+    SlotClock(size_t packetSize, uint32_t rate_bps);
+
+    void begin(Ticks time) { time_ = time, fraction_ = 0; }
+    void advance();
+    Ticks time() const { return time_; }
+    Ticks length() const { return whole_; }  // of a packet, rounded down
+
+  private:
+    uint64_t rate_;
+    Ticks whole_;
+    uint64_t rest_;  // in 1/rate of a tick
+    Ticks time_ = 0;
+    uint64_t fraction_ = 0;
+};
+
+}  // namespace ts
+
+#endif

@@ -1,0 +1,234 @@
+#include "TimedPackets.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ts {
+
+namespace {
+
+// PIDs without a PCR for so long do not count any more.
+constexpr Ticks kClockSilence = kTicksPerSecond;
+// What a file has between two PCRs at most, where they are not to be waited for any longer.
+constexpr size_t kMostUntimed = 16'384;
+constexpr Ticks kRateWindow = kTicksPerSecond / 2;
+constexpr double kRateMemory_s = 4.0;
+
+constexpr Ticks kMostEarly = kTicksPerSecond;
+constexpr double kMeanTime = 2.0 * kTicksPerSecond;  // longer than the jitter of most networks
+constexpr double kSteerTime = 30.0 * kTicksPerSecond;
+constexpr double kMostSteering = 0.02;
+
+// whole * part / parts, rounded down, without an overflow on the way.
+Ticks share(Ticks whole, uint64_t part, uint64_t parts) {
+    const auto divisor = static_cast<Ticks>(parts);
+    const auto factor = static_cast<Ticks>(part);
+    return whole / divisor * factor + whole % divisor * factor / divisor;
+}
+
+}  // namespace
+
+TimedPackets::TimedPackets(size_t packetSize, InputKind kind, Time latency)
+    : packetSize_(packetSize),
+      kind_(kind),
+      latency_(latency.count() * 27 / 1000),
+      hasOffset_(kind == InputKind::kFile) {}
+
+Ticks TimedPackets::toTicks(Time time) const {
+    const int64_t ns = (time - origin_).count();
+    return ns / 1000 * 27 + ns % 1000 * 27 / 1000;
+}
+
+Time TimedPackets::toDuration(Ticks ticks) {
+    return Time(ticks / 27 * 1000 + ticks % 27 * 1000 / 27);
+}
+
+Time TimedPackets::toTime(Ticks ticks) const {
+    return origin_ + toDuration(ticks);
+}
+
+void TimedPackets::push(const uint8_t* packet, Time arrival) {
+    if (!std::exchange(hasOrigin_, true))
+        origin_ = arrival;
+    const Ticks now = toTicks(arrival);
+    if (const auto pcr = readPcr(packet))
+        follow(*pcr, now);
+    if (kind_ == InputKind::kLive && !isClocked(now))
+        measureArrival(now);
+    Packet& added = packets_.emplace_back();
+    std::copy_n(packet, packetSize_, added.bytes.begin());
+    added.arrival = now;
+    ++sinceClock_;
+    if (kind_ == InputKind::kFile && untimed() > kMostUntimed && ratePackets_ != 0)
+        spread(next_ + guess(untimed()));
+}
+
+void TimedPackets::pop() {
+    packets_.pop_front();
+    --timed_;
+}
+
+void TimedPackets::finish() {
+    if (untimed() > 0)
+        spread(next_ + guess(untimed()));
+    hasOffset_ = true;
+}
+
+void TimedPackets::assumeRate(uint32_t rate_bps) {
+    if (ratePackets_ != 0)
+        return;
+    ratePackets_ = rate_bps;
+    rateTicks_ = static_cast<Ticks>(packetSize_ * 8) * kTicksPerSecond;
+}
+
+void TimedPackets::putOff(Ticks ticks) {
+    offset_ += ticks;
+    if (kind_ == InputKind::kFile)
+        return;
+    latency_ += ticks;
+    meanDelay_ += static_cast<double>(ticks);
+}
+
+Ticks TimedPackets::guess(size_t packets) const {
+    return ratePackets_ == 0 ? 0 : share(rateTicks_, packets, ratePackets_);
+}
+
+bool TimedPackets::isClocked(Ticks now) const {
+    return clock_ && now - clockSeen_ <= kClockSilence;
+}
+
+// Whether the PCR's PID is the one to follow, by now or still.
+bool TimedPackets::follows(const Pcr& pcr, Ticks now) {
+    if (!clock_ || clock_->pid == pcr.pid)
+        return true;
+    if (!candidate_)
+        candidate_ = pcr;
+    if (candidate_->pid != pcr.pid)
+        return kind_ == InputKind::kLive && !isClocked(now);
+    const auto silence = (pcr.ticks + kPcrModulus - candidate_->ticks) % kPcrModulus;
+    return silence > kClockSilence;
+}
+
+// The packet with the PCR is about to be added.
+void TimedPackets::follow(const Pcr& pcr, Ticks now) {
+    if (!follows(pcr, now))
+        return;
+    const auto step = clock_ && clock_->pid == pcr.pid ? pcrStep(clock_->ticks, pcr) : std::nullopt;
+    // A clock that stands still measures nothing, and is not followed for long.
+    if (step && *step == 0)
+        return;
+    if (step) {
+        rateTicks_ = static_cast<Ticks>(*step);
+        ratePackets_ = sinceClock_;
+        noteRate(static_cast<double>(sinceClock_),
+                 static_cast<double>(*step) / double{kTicksPerSecond});
+        clockTime_ += rateTicks_;
+        // What came before the first PCR of all flows as what follows it.
+        if (!everTimed_ && untimed() > sinceClock_) {
+            next_ -= guess(untimed() - sinceClock_);
+            if (kind_ == InputKind::kFile)
+                offset_ = -next_;
+        }
+        spread(clockTime_);
+    } else {
+        if (everTimed_)
+            spread(next_ + guess(untimed()));
+        clockTime_ = next_;
+    }
+    clock_ = pcr;
+    candidate_.reset();
+    clockSeen_ = now;
+    sinceClock_ = 0;
+    if (everTimed_)
+        observation_ = {clockTime_, now};
+}
+
+void TimedPackets::noteRate(double packets, double seconds) {
+    shownPackets_ += packets;
+    shownSeconds_ += seconds;
+    if (shownSeconds_ > kRateMemory_s) {
+        shownPackets_ /= 2.0;
+        shownSeconds_ /= 2.0;
+    }
+}
+
+// Stands in while there is no PCR. A pause is not the rate.
+void TimedPackets::measureArrival(Ticks now) {
+    const Ticks length = now - windowBegin_;
+    if (length >= kRateWindow && windowPackets_ > 0) {
+        if (length < 2 * kRateWindow)
+            noteRate(static_cast<double>(windowPackets_),
+                     static_cast<double>(length) / double{kTicksPerSecond});
+        windowPackets_ = 0;
+    }
+    if (windowPackets_++ == 0)
+        windowBegin_ = now;
+}
+
+// Gives the packets that have no time yet theirs, evenly up to `end`. Those that were timed by
+// guess may have gone beyond.
+void TimedPackets::spread(Ticks end) {
+    const size_t count = untimed();
+    const Ticks length = std::max<Ticks>(end - next_, 0);
+    for (size_t i = 0; i < count; ++i)
+        packets_[timed_ + i].time = next_ + share(length, i, count);
+    timed_ += count;
+    next_ += length;
+    everTimed_ = true;
+}
+
+void TimedPackets::settle(Time time) {
+    const Ticks now = toTicks(time);
+    if (kind_ == InputKind::kFile)
+        return;
+    // Without a clock, a packet's own time is that at which it came.
+    if (untimed() > 0 && !isClocked(now) && now - packets_[timed_].arrival > latency_ / 2) {
+        if (!hasOffset_) {
+            hasOffset_ = true;
+            offset_ = latency_;
+            meanDelay_ = static_cast<double>(latency_);
+        }
+        for (; timed_ < packets_.size(); ++timed_) {
+            Packet& packet = packets_[timed_];
+            next_ = std::max(next_, packet.arrival + latency_ - offset_);
+            packet.time = next_;
+        }
+        everTimed_ = true;
+        clock_.reset();
+        return;
+    }
+    if (observation_)
+        steer();
+}
+
+// Steers the offset by what the packet that came last will have to wait. After a hold-up many come
+// at once, and only the last of them tells how things stand.
+void TimedPackets::steer() {
+    const auto [streamTime, now] = *observation_;
+    observation_.reset();
+    const auto elapsed = static_cast<double>(std::clamp<Ticks>(now - steered_, 0, kTicksPerSecond));
+    steered_ = std::max(steered_, now);
+    const auto wanted = static_cast<double>(latency_);
+    const Ticks delay = hasOffset_ ? offset_ + streamTime - now : 0;
+    meanDelay_ += (static_cast<double>(delay) - meanDelay_) * std::min(elapsed / kMeanTime, 1.0);
+    if (!hasOffset_ || delay < -latency_ || delay > latency_ + kMostEarly || meanDelay_ < 0.0 ||
+        meanDelay_ > wanted + kMostEarly / 2.0) {
+        offset_ = now + latency_ - streamTime;
+        meanDelay_ = wanted;
+        cuts_ += std::exchange(hasOffset_, true) ? 1 : 0;
+        return;
+    }
+    const double change = (wanted - meanDelay_) / kSteerTime;
+    steering_ += std::clamp(change, -kMostSteering, kMostSteering) * elapsed;
+    const double ticks = std::trunc(steering_);
+    steering_ -= ticks;
+    offset_ += static_cast<Ticks>(ticks);
+}
+
+std::optional<double> TimedPackets::rate() const {
+    if (shownSeconds_ <= 0.0)
+        return std::nullopt;
+    return shownPackets_ * static_cast<double>(packetSize_ * 8) / shownSeconds_;
+}
+
+}  // namespace ts
