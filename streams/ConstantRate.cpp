@@ -49,19 +49,6 @@ Ticks delayOf(Time delay) {
     return std::clamp<Ticks>(delay.count() * 27 / 1000, 0, kTicksPerSecond);
 }
 
-std::array<uint8_t, kPacketWithParityBytes> makeNull() {
-    std::array<uint8_t, kPacketWithParityBytes> packet;
-    packet.fill(0xFF);
-    ts_pad(packet.data());
-    writeParity(packet.data());
-    return packet;
-}
-
-void writeNull(uint8_t* packet, size_t size) {
-    static const auto kNullPacket = makeNull();
-    std::copy_n(kNullPacket.begin(), size, packet);
-}
-
 }  // namespace
 
 ConstantRate::ConstantRate(size_t packetSize, InputKind kind, const Options& options)
@@ -80,9 +67,6 @@ void ConstantRate::push(std::span<const uint8_t> packets, Time arrival) {
         else if (untouched_ && !check_.keeps(packets.data()))
             beginShaping();
     }
-    if (starved_)
-        lag_ = std::max(lag_, times_.toTicks(arrival) - (slot_ ? slot_->time() : times_.time()));
-    starved_ = false;
     if (!rate_ && measured())
         decide(arrival);
 }
@@ -152,7 +136,7 @@ bool ConstantRate::canFill() const {
 bool ConstantRate::needsInput(Time until) const {
     if (finished_ || failed_)
         return false;
-    const Ticks end = times_.toTicks(until) - lag_;
+    const Ticks end = times_.toTicks(until);
     constexpr auto kSlots = static_cast<Ticks>(kPacketsPerDatagram);
     return !rate_ || !times_.started() ||
            times_.knownTo() <= end + (slot_ ? kSlots * (slot_->length() + 1) : kMillisecond);
@@ -165,7 +149,7 @@ size_t ConstantRate::pull(std::span<uint8_t> datagrams, Time until) {
         decide(until);
     if (!rate_)
         return 0;
-    const Ticks end = times_.toTicks(until) - lag_;
+    const Ticks end = times_.toTicks(until);
     size_t written = 0;
     while (datagrams.size() - written >= datagramBytes) {
         uint8_t* const datagram = datagrams.data() + written;
@@ -178,20 +162,12 @@ size_t ConstantRate::pull(std::span<uint8_t> datagrams, Time until) {
 }
 
 size_t ConstantRate::pullUntouched(uint8_t* datagram, Ticks until) {
-    if (times_.empty() || times_.time() > until ||
-        (times_.size() < kPacketsPerDatagram && !finished_)) {
-        starved_ = kind_ == InputKind::kFile && !finished_ && times_.size() < kPacketsPerDatagram &&
-                   times_.knownTo() <= until;
+    if (!times_.hasDatagram() || times_.time() > until) {
+        if (!times_.hasDatagram() && times_.nextDue() <= until)
+            times_.starve(times_.nextDue());
         return 0;
     }
-    for (size_t i = 0; i < kPacketsPerDatagram; ++i, datagram += packetSize_) {
-        if (times_.empty()) {
-            writeNull(datagram, packetSize_);
-            continue;
-        }
-        std::copy_n(times_.bytes(), packetSize_, datagram);
-        times_.pop();
-    }
+    times_.takeDatagram(datagram);
     return kPacketsPerDatagram * packetSize_;
 }
 
@@ -206,12 +182,12 @@ size_t ConstantRate::pullShaped(uint8_t* datagram, Ticks until) {
     if (!slot_ || slot_->time() > until)
         return 0;
     if (!canFill()) {
-        starved_ = kind_ == InputKind::kFile;
+        times_.starve(slot_->time());
         return 0;
     }
     for (size_t i = 0; i < kPacketsPerDatagram; ++i, datagram += packetSize_) {
         if (!takePacket(datagram)) {
-            writeNull(datagram, packetSize_);
+            writeNullPacket(datagram, packetSize_);
             ++nulls_;
         }
         slot_->advance();
@@ -316,13 +292,11 @@ std::optional<Time> ConstantRate::next() const {
     if (!rate_)
         return std::nullopt;
     if (untouched_) {
-        if (times_.empty() || (times_.size() < kPacketsPerDatagram && !finished_))
-            return std::nullopt;
-        return times_.toTime(times_.time() + lag_);
+        return times_.hasDatagram() ? std::optional(times_.toTime(times_.time())) : std::nullopt;
     }
     if (isOver() || !canFill())
         return std::nullopt;
-    return times_.toTime((slot_ ? slot_->time() : times_.time()) + lag_);
+    return times_.toTime(slot_ ? slot_->time() : times_.time());
 }
 
 std::optional<uint32_t> ConstantRate::rate() const {

@@ -88,8 +88,6 @@ class ConstantRate : public Shaper {
     bool untouched_ = false;
 
     std::optional<SlotClock> slot_;  // where the next packet goes, once something is shaped
-    Ticks lag_ = 0;                  // by which a file's output has waited for it
-    bool starved_ = false;
     std::unordered_map<uint16_t, Clock> clocks_;
     uint64_t ownCuts_ = 0;  // jumps of PCRs that the source does not have
 

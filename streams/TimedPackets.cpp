@@ -35,7 +35,7 @@ TimedPackets::TimedPackets(size_t packetSize, InputKind kind, Time latency)
       hasOffset_(kind == InputKind::kFile) {}
 
 Ticks TimedPackets::toTicks(Time time) const {
-    const int64_t ns = (time - origin_).count();
+    const int64_t ns = (time - origin_ - lag_).count();
     return ns / 1000 * 27 + ns % 1000 * 27 / 1000;
 }
 
@@ -44,12 +44,15 @@ Time TimedPackets::toDuration(Ticks ticks) {
 }
 
 Time TimedPackets::toTime(Ticks ticks) const {
-    return origin_ + toDuration(ticks);
+    return origin_ + lag_ + toDuration(ticks);
 }
 
 void TimedPackets::push(const uint8_t* packet, Time arrival) {
     if (!std::exchange(hasOrigin_, true))
         origin_ = arrival;
+    if (starved_ && kind_ == InputKind::kFile)
+        lag_ += std::max(arrival - toTime(*starved_), Time(0));
+    starved_.reset();
     const Ticks now = toTicks(arrival);
     if (const auto pcr = readPcr(packet))
         follow(*pcr, now);
@@ -68,7 +71,19 @@ void TimedPackets::pop() {
     --timed_;
 }
 
+void TimedPackets::takeDatagram(uint8_t* datagram) {
+    for (size_t i = 0; i < kPacketsPerDatagram; ++i, datagram += packetSize_) {
+        if (empty()) {
+            writeNullPacket(datagram, packetSize_);
+            continue;
+        }
+        std::copy_n(bytes(), packetSize_, datagram);
+        pop();
+    }
+}
+
 void TimedPackets::finish() {
+    finished_ = true;
     if (untimed() > 0)
         spread(next_ + guess(untimed()));
     hasOffset_ = true;

@@ -50,6 +50,11 @@ class TimedPackets {
     Ticks time(size_t index = 0) const { return packets_[index].time + offset_; }
     void pop();
 
+    // The next seven, where there are as many or, at the end, any at all; null packets in place of
+    // those that are missing.
+    bool hasDatagram() const { return timed_ >= (finished_ ? 1 : kPacketsPerDatagram); }
+    void takeDatagram(uint8_t* datagram);
+
     // Up to where the times of packets are known.
     Ticks knownTo() const { return next_ + offset_; }
     bool started() const { return hasOrigin_ && hasOffset_; }
@@ -58,7 +63,13 @@ class TimedPackets {
     Ticks toTicks(Time time) const;
     Time toTime(Ticks ticks) const;
 
-    // From now on, everything is due that much later.
+    // Input is missing at that time. Nothing of a file is left out, so all that is pushed behind is
+    // due later, by as much as it comes too late.
+    void starve(Ticks due) { starved_ = due; }
+    // When the next packet would be due.
+    Ticks nextDue() const { return empty() ? knownTo() : time(); }
+
+    // From now on, everything is due that much later, which live input becomes accustomed to.
     void putOff(Ticks ticks);
 
     // By the PCRs of the last seconds or, without them, by the arrivals: in bits per second.
@@ -94,6 +105,9 @@ class TimedPackets {
 
     bool hasOrigin_ = false;
     Time origin_{0};
+    Time lag_{0};  // by which the output has waited for a file
+    std::optional<Ticks> starved_;
+    bool finished_ = false;
     bool hasOffset_;
     Ticks offset_ = 0;  // between the stream's time and ours
     uint64_t cuts_ = 0;

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <utility>
 
+#include "Parity.h"
+
 namespace {
 
 constexpr size_t kSyncRun = 5;
@@ -80,11 +82,21 @@ std::optional<size_t> findPackets(std::span<const uint8_t> data, size_t packetSi
     return std::nullopt;
 }
 
+void writeNullPacket(uint8_t* packet, size_t packetSize) {
+    static const auto kNullPacket = [] {
+        std::array<uint8_t, kPacketWithParityBytes> made{};
+        made.fill(0xFF);
+        ts_pad(made.data());
+        ts::writeParity(made.data());
+        return made;
+    }();
+    std::copy_n(kNullPacket.begin(), packetSize, packet);
+}
+
 void appendNullPackets(std::vector<uint8_t>& data, size_t packetSize, size_t count) {
     for (size_t i = 0; i < count; ++i) {
-        const size_t begin = data.size();
-        data.resize(begin + packetSize, 0xFF);
-        ts_pad(data.data() + begin);
+        data.resize(data.size() + packetSize);
+        writeNullPacket(data.data() + data.size() - packetSize, packetSize);
     }
 }
 
