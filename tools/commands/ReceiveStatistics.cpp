@@ -15,11 +15,43 @@ uint64_t ReceiveStatistics::bitrate_bps() const {
     return static_cast<uint64_t>(std::llround(static_cast<double>(bytes) * 8.0 / dataSeconds));
 }
 
+ReceiveStatistics makeStatistics(const ReceiveJob& job, const StreamUrl& url,
+                                 const ReceiveChain& chain) {
+    const auto seconds = [](auto time) {
+        return std::round(std::chrono::duration<double>(time).count() * 1e3) / 1e3;
+    };
+    ReceiveStatistics result;
+    result.url = url.text;
+    result.output = job.output;
+    result.files = chain.output().files();
+    result.datagrams = chain.datagrams();
+    result.datagramsDropped = chain.datagramsDropped();
+    result.bytes = chain.figures().bytes;
+    result.packets = chain.packets().packets();
+    result.packetSize = chain.packets().packetSize();
+    result.continuityErrors = chain.packets().continuityErrors();
+    result.syncLosses = chain.packets().syncLosses();
+    result.skippedBytes = chain.packets().skippedBytes();
+    result.gaps = chain.packets().gaps();
+    if (result.datagrams > 0)
+        result.rtp = chain.figures().rtp;
+    result.seconds = seconds(chain.sinceOpened());
+    result.dataSeconds = seconds(chain.withData());
+    result.error = chain.error();
+    return result;
+}
+
+std::string describeSkipped(const ReceiveStatistics& statistics) {
+    return fmt::format("{}: skipped {} bytes ({} {}) that are not TS packets", statistics.url,
+                       statistics.skippedBytes, statistics.gaps,
+                       statistics.gaps == 1 ? "gap" : "gaps");
+}
+
 std::string describe(const ReceiveStatistics& statistics) {
     const auto time = std::chrono::milliseconds(std::llround(statistics.seconds * 1e3));
     return fmt::format(
         "received {} in {} from {} ({}): {}, {} datagrams, {} continuity errors, "
-        "{} times out of step",
+        "{} sync losses",
         formatBytes(statistics.bytes), formatTime(time), statistics.url,
         statistics.rtp.value_or(false) ? "rtp" : "raw", formatBitrate(statistics.bitrate_bps()),
         statistics.datagrams, statistics.continuityErrors, statistics.syncLosses);
@@ -41,6 +73,9 @@ std::string toJson(const ReceiveStatistics& statistics) {
                                         {"packets", statistics.packets},
                                         {"packet_size", statistics.packetSize},
                                         {"bitrate_bps", statistics.bitrate_bps()},
+                                        {"skipped_bytes", statistics.skippedBytes},
+                                        {"gaps", statistics.gaps},
+                                        {"datagrams_dropped", statistics.datagramsDropped},
                                         {"continuity_errors", statistics.continuityErrors},
                                         {"sync_losses", statistics.syncLosses},
                                         {"error", text(statistics.error)}};
