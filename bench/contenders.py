@@ -1,5 +1,6 @@
 """The programs that are compared, ours among them: each is a command line, or one per channel."""
 
+import os
 import shutil
 from collections.abc import Callable
 from dataclasses import dataclass, field
@@ -39,7 +40,7 @@ class Contenders:
         rest = [str(word) for word in words]
         return [
             Contender(name, load, [[f"{build}/bin/{program}", *rest]],
-                      build.name if len(self.builds) > 1 else "")
+                      os.path.relpath(build) if len(self.builds) > 1 else "")
             for build in self.builds
         ]
 

@@ -186,18 +186,19 @@ class Bench:
         there, here = self.places(pinned)
         with run(commands, here) as receiver:
             wait_for_sockets(receiver, load)
-            errors = udp_count("InErrors")
             # The rings are filled once: a page that is new costs more than the datagrams on it.
             fast = Load(load.channels, 70_000_000, load.form)
             with run([self.routine("bursts", fast, 0.7)], there) as sender:
                 sender.wait(20)
+            time.sleep(0.05)
+            lost = udp_count("InErrors") + receiver.output()
             with run([self.routine(way, load)], there):
                 time.sleep(self.warm_up_s)
                 # What the kernel drops costs the receiver nothing.
                 values, before, after = usage_during(
                     receiver, seconds, lambda: udp_count("OutDatagrams") - udp_count("InErrors"))
             time.sleep(0.05)
-            lost = udp_count("InErrors") - errors + receiver.output()
+            lost = udp_count("InErrors") + receiver.output() - lost
         return for_datagrams(values, after - before) | {LOST: lost}
 
     def sending(self, commands: Commands, load: Load, seconds: float, pinned: bool) -> Values:
