@@ -1,5 +1,5 @@
 # The Python package, against the real module: python_test.py SAMPLE
-import os, pathlib, signal, socket, sys, time, unittest
+import array, ctypes, os, pathlib, signal, socket, sys, time, unittest
 from qxv_rtp import *
 
 SAMPLE = pathlib.Path(sys.argv.pop(1)).read_bytes()
@@ -60,6 +60,59 @@ class PythonTest(unittest.TestCase):
         self.assertRaises(ChannelError, module.send, 0, "udp://127.0.0.1:5009", 1_000_000)
         self.assertEqual(Table.read().started(), [])
 
+    def test_a_write_that_a_signal_handler_cuts_in_on_does_not_reach_the_next_owner(self):
+        with Module() as module:
+            old, new = module.send(0, "udp://127.0.0.1:5009", 1_000_000), []
+
+            def replace(*_):
+                old.close()
+                self.assertTrue(old.closed)
+                self.assertRaises(ChannelCancelled, old.configure, Config("127.0.0.1", 5011))
+                try:
+                    new.append(module.send(0, "udp://127.0.0.1:5010", 1000))
+                except ChannelError as error:
+                    self.assertIn("in use", str(error))
+
+            call = old._library.call
+
+            def interrupted(function, *arguments):
+                if function == "Send" and arguments[1].startswith(b"\x47\x1f"):
+                    signal.raise_signal(signal.SIGALRM)
+                return call(function, *arguments)
+
+            signal.signal(signal.SIGALRM, replace)
+            old._library.call = interrupted
+            try:
+                self.assertRaises(ChannelCancelled, old.write, b"\x47\x1f\xff\x10".ljust(188, b"\xff") * 1000)
+            finally:
+                del old._library.call
+            new = new or [module.send(0, "udp://127.0.0.1:5010", 1000)]
+            self.assertEqual((new[0].buffered, old.statistics().started), (0, False))
+            old.close()
+            self.assertRaises(ChannelError, module.send, 0, "udp://127.0.0.1:5011", 1000)
+
+    def test_what_starts_while_its_module_is_closed_is_ended(self):
+        module = Module()
+        closing = type("Closing", (), {"closed": property(lambda _: module.close() or True), "close": lambda _: None})
+        module._channels.append(closing())  # it is asked when the new channel joins the list
+        self.assertRaises(ChannelError, module.send, 0, "udp://127.0.0.1:5009", 1000)
+        self.assertRaises(ChannelError, module.receive, 0, "udp://:5009")
+        self.assertEqual(Table.read().started(), [])
+
+    def test_any_buffer_is_written_and_floats_are_refused(self):
+        data = SAMPLE[: 188 * 70]
+        with Module() as module, module.receive(0, "udp://127.0.0.1:5015") as source, module.send(0, "udp://127.0.0.1:5015", 20_000_000) as channel:
+            twice = bytes(byte for byte in data for _ in (0, 1))
+            for buffer in (bytearray(data), array.array("H", data), (ctypes.c_uint16 * (len(data) // 2)).from_buffer_copy(data),
+                           memoryview(data).cast("B", (70, 188)), memoryview(twice)[::2], b"", array.array("d")):
+                channel.write(buffer)
+                if len(memoryview(buffer)):
+                    self.assertEqual(source.read(len(data), 10), data)
+            self.assertRaises(TypeError, channel.write, "text")
+            for call in (lambda: source.read(1.0), lambda: source.read_some(1.0), lambda: channel.set_bitrate(1e6), lambda: module.send(1.0, "udp://127.0.0.1:1", 1),
+                         lambda: module.send(1, "udp://127.0.0.1:1", 1e6), lambda: channel.configure(Config("127.0.0.1", 5015.0))):
+                self.assertRaises(TypeError, call)
+
     def test_a_signal_handler_may_close(self):
         for _ in range(20):
             module = Module()
@@ -112,8 +165,8 @@ class PythonTest(unittest.TestCase):
                     "udp://127.0.0.2@239.1.1.1:1", "udp://239.1.1.1:1?dscp=64", "udp://239.1.1.1:1?dscp=af41"):
             self.assertRaises(ConfigError, Config.for_receiving, url)
         with Module() as module, module.receive(0, "udp://:5005") as source:
-            self.assertRaises(ValueError, source.read, -1)
-            self.assertRaises(ValueError, source.read_some, 0)
+            for read, size in (source.read, -1), (source.read_some, -1), (source.read_some, 0):
+                self.assertRaises(ValueError, read, size)
             for number, url in ((0, "udp://:5006"), (16, "udp://:5006"), (1, "udp://192.0.2.1:5006"), (1, "udp://[fe80::1%none]:5006")):
                 self.assertRaises(ChannelError, module.receive, number, url, open_timeout=1.5)
             with self.assertRaises(ChannelCancelled), module.send(0, "udp://127.0.0.1:5007", 10_000_000) as channel:

@@ -58,9 +58,9 @@ class Library:
                 f"the module cannot be loaded: {error}; QXV_RTP_LIBRARY tells where it is"
             ) from None
         self.process = os.getpid()
-        self._in_use: set[tuple[int, int]] = set()  # channels, as (direction, number)
-        # Guards _in_use. A signal handler may close a channel while its thread is inside.
-        self._lock = threading.RLock()
+        # Channels, as (direction, number), and whose they are. Its methods are single steps for
+        # threads and signal handlers alike.
+        self._in_use: dict[tuple[int, int], object] = {}
         self.handle: int | None = self._library.QXV_RTP_Create(0)
         if not self.handle:
             raise LibraryError("the module could not set up its shared table in /tmp")
@@ -72,16 +72,13 @@ class Library:
     def destroy(self) -> None:
         self._library.QXV_RTP_Destroy(self.handle)
 
-    def reserve(self, direction: int, channel: int) -> bool:
+    def reserve(self, direction: int, channel: int, owner: object) -> bool:
         """A second start would end the channel under its first user."""
-        with self._lock:
-            free = (direction, channel) not in self._in_use
-            self._in_use.add((direction, channel))
-            return free
+        return self._in_use.setdefault((direction, channel), owner) is owner
 
-    def release(self, direction: int, channel: int) -> None:
-        with self._lock:
-            self._in_use.discard((direction, channel))
+    def release(self, direction: int, channel: int, owner: object) -> None:
+        if self._in_use.get((direction, channel)) is owner:
+            self._in_use.pop((direction, channel))
 
     def call(self, function: str, *arguments: Any) -> bool:
         return bool(getattr(self._library, "QXV_RTP_" + function)(self.handle, *arguments))
@@ -102,9 +99,17 @@ class Library:
         return bitrate.value
 
 
+_loading = threading.RLock()
+
+
 @functools.lru_cache(maxsize=None)
+def _load() -> Library:
+    chosen = os.environ.get("QXV_RTP_LIBRARY")
+    return Library((chosen,) if chosen else _NAMES)
+
+
 def load() -> Library:
     """Loads the module with the first call. That replaces the shared table, so that who watches
     it sees this process's channels from then on."""
-    chosen = os.environ.get("QXV_RTP_LIBRARY")
-    return Library((chosen,) if chosen else _NAMES)
+    with _loading:
+        return _load()

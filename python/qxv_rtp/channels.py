@@ -15,13 +15,16 @@ import threading
 import time
 from collections.abc import Callable, Iterator
 from types import TracebackType
-from typing import TypeVar
+from typing import TYPE_CHECKING, TypeVar
 
 from . import _library
 from .config import Config
 from .errors import ChannelCancelled, ChannelError
 from .statistics import Statistics
 from .table import CHANNELS, RECEIVE, SEND
+
+if TYPE_CHECKING:
+    from _typeshed import ReadableBuffer
 
 OPEN_TIMEOUT = 3.0  # seconds; the module tries once a second to open a receive channel's socket
 _POLL = 0.001  # seconds
@@ -30,6 +33,7 @@ _UNIT = 256  # bytes, of a send channel's buffer size
 _LARGEST_BUFFER = 4 << 20  # bytes
 _PACKETS = 7  # in a datagram
 _DETECTION = 2048  # bytes by which a send channel tells the packet size
+_Result = TypeVar("_Result")
 _Self = TypeVar("_Self", bound="_Channel")
 
 
@@ -62,6 +66,7 @@ class _Channel:
 
     def __init__(self, library: _library.Library, number: int, config: Config, *start: int,
                  open_timeout: float | None) -> None:
+        number = operator.index(number)
         if not 0 <= number < CHANNELS:
             raise ChannelError(f"there is no channel {number}; channels are 0 to {CHANNELS - 1}")
         self.number = number
@@ -69,7 +74,8 @@ class _Channel:
         # Held for each step, none of which waits, so that the channel does not end meanwhile, and
         # its number is not another object's. Reentrant, since a signal handler may cut in.
         self._lock = threading.RLock()
-        if not library.reserve(self._direction, number):
+        self._depth = 0  # steps under way in the thread that has the lock
+        if not library.reserve(self._direction, number, self):
             raise ChannelError(f"{self._name.lower()} channel {number} is in use")
         self._closed = False
         self._stopped = False  # by cancel()
@@ -86,28 +92,44 @@ class _Channel:
             self.close()
             raise
 
+    def _step(self, action: Callable[[], _Result]) -> _Result:
+        """What a signal handler closes in the midst of a step ends when the step is over."""
+        with self._lock:
+            self._depth += 1
+            try:
+                return action()
+            finally:
+                self._depth -= 1
+                if self._closed:
+                    self._end()
+
     def configure(self, config: Config) -> None:
         """Stores another configuration. A running channel gets a new socket: a send channel with
         its next datagram, a receive channel within a second."""
         data = ctypes.create_string_buffer(config.pack())
-        with self._lock:
+
+        def store() -> bool:
             self._check_open()
-            if not self._library.call("SetConfig", self._direction, self.number, data):
-                raise ChannelError(
-                    f"the module refuses {config}; does a zone behind '%' name an interface?"
-                )
+            return self._library.call("SetConfig", self._direction, self.number, data)
+
+        if not self._step(store):
+            raise ChannelError(
+                f"the module refuses {config}; does a zone behind '%' name an interface?"
+            )
 
     @property
     def config(self) -> Config:
         """The configuration as it is now: a receive channel's `rtp` is what has been detected."""
-        with self._lock:
+        def load() -> Config:
             self._check_open()
             return self._library.config(self._direction, self.number)
 
+        return self._step(load)
+
     def statistics(self) -> Statistics:
         """State and counters as they are now, or as they were when the channel had ended."""
-        with self._lock:
-            return self._final or self._library.statistics(self._direction, self.number)
+        return self._step(
+            lambda: self._final or self._library.statistics(self._direction, self.number))
 
     @property
     def closed(self) -> bool:
@@ -126,12 +148,13 @@ class _Channel:
     def cancel(self) -> None:
         """Makes a write or read that waits in another thread raise ChannelCancelled. The channel
         must still be closed."""
-        if self._closed:  # asked first, since another thread's close() may take a second
-            return
-        with self._lock:
+        def stop() -> None:
             if not self._closed:
                 self._stopped = True
                 self._library.call(self._name + "Cancel", self.number)
+
+        if not self._closed:  # asked first, since another thread's close() may take a second
+            self._step(stop)
 
     def _check_open(self) -> None:
         if self._closed:
@@ -147,12 +170,20 @@ class _Channel:
         if os.getpid() != self._library.process:
             return  # a child of fork() has the object, but the channel is its parent's
         with self._lock:
-            if self._closed:
-                return
             self._closed = True
-            self._library.call(self._name + "End", self.number)
-            self._final = self._library.statistics(self._direction, self.number)
-            self._library.release(self._direction, self.number)
+            self._end()
+
+    def _end(self) -> None:
+        if self._depth:  # the step under way does it
+            return
+        self._depth += 1
+        try:
+            if self._final is None:
+                self._library.call(self._name + "End", self.number)
+                self._final = self._library.statistics(self._direction, self.number)
+            self._library.release(self._direction, self.number, self)
+        finally:
+            self._depth -= 1
 
     def __enter__(self: _Self) -> _Self:
         return self
@@ -180,22 +211,30 @@ class SendChannel(_Channel):
         super().__init__(library, number, config, self._bitrate, -(-buffer_size // _UNIT),
                          open_timeout=open_timeout)
 
-    def write(self, data: bytes | bytearray | memoryview, timeout: float | None = None) -> None:
-        """Hands all of `data`, bytes of a transport stream, to the channel; waits while the buffer
-        is full. TimeoutError when that took more than `timeout` seconds: a part was taken."""
-        view = memoryview(data).cast("B")
+    def write(self, data: ReadableBuffer, timeout: float | None = None) -> None:
+        """Hands all of `data`, the bytes of a transport stream in any object that has a buffer, to
+        the channel; waits while the channel's own buffer is full. TimeoutError when that took more than `timeout` seconds: a part was taken."""
+        view = memoryview(data)
+        if view.format != "B" or not view.c_contiguous:
+            view = memoryview(view.tobytes())
+        view = view.cast("B")
         deadline = _Deadline(timeout)
         done = 0
+
+        def store() -> int:
+            self._check()
+            count = min(self.statistics().free_bytes, len(view) - done)
+            piece = view[done : done + count].tobytes()
+            # It refuses when the channel has stopped: the next check tells.
+            if not count or not self._library.call("Send", self.number, piece, count):
+                return 0
+            self._head += piece[: 3 * 188 - len(self._head)]
+            self._written += count
+            return count
+
         while done < len(view):
-            with self._lock:
-                self._check()
-                count = min(self.statistics().free_bytes, len(view) - done)
-                piece = view[done : done + count].tobytes()
-                # It refuses when the channel has stopped: the next check tells.
-                if count and self._library.call("Send", self.number, piece, count):
-                    self._head += piece[: 3 * 188 - len(self._head)]
-                    self._written += count
-                    done += count
+            count = self._step(store)
+            done += count
             if not count and not deadline.wait():
                 raise TimeoutError(f"{done} of {len(view)} bytes were taken in {timeout} seconds")
 
@@ -227,10 +266,13 @@ class SendChannel(_Channel):
     def set_bitrate(self, bitrate: int) -> None:
         """Changes the pace from now on, in bits per second."""
         bitrate = _valid_bitrate(bitrate)
-        with self._lock:
+
+        def store() -> None:
             self._check()
             self._library.call("SetBitrate", self.number, bitrate)
             self._bitrate = bitrate
+
+        self._step(store)
 
     def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
                  trace: TracebackType | None) -> None:
@@ -262,11 +304,10 @@ class ReceiveChannel(_Channel):
     @property
     def bitrate(self) -> int:
         """Measured, in bits per second; refreshed once a second, 0 when closed."""
-        with self._lock:
-            return 0 if self._closed else self._library.bitrate(self.number)
+        return self._step(lambda: 0 if self._closed else self._library.bitrate(self.number))
 
     def _take(self, most: int) -> int:
-        with self._lock:
+        def load() -> int:
             self._check()
             count = min(self.buffered, most)
             data = bytearray(count)
@@ -276,9 +317,13 @@ class ReceiveChannel(_Channel):
             self._pending += data
             return count
 
+        return self._step(load)
+
     def read(self, size: int, timeout: float | None = None) -> bytes:
         """Exactly `size` bytes. TimeoutError when they did not come in `timeout` seconds; what
-        has come is then there for the next read."""
+        has come is then there for the next read. ValueError for a negative size: a stream has no
+        end to read to."""
+        size = operator.index(size)
         if size < 0:
             raise ValueError(f"{size} bytes cannot be read")
         deadline = _Deadline(timeout)
@@ -290,7 +335,9 @@ class ReceiveChannel(_Channel):
         return data
 
     def read_some(self, most: int = 65536, timeout: float | None = None) -> bytes:
-        """What is there, 1 to `most` bytes; waits for the first. b"" when the time is up."""
+        """What is there, 1 to `most` bytes; waits for the first. b"" when the time is up.
+        ValueError for less than one byte."""
+        most = operator.index(most)
         if most < 1:
             raise ValueError(f"at most {most} bytes cannot be read")
         deadline = _Deadline(timeout)
@@ -345,9 +392,9 @@ class Module:
         if not self._closed:
             channel = make()
             with self._lock:
-                if not self._closed:
-                    self._channels = [one for one in self._channels if not one.closed] + [channel]
-                    return channel
+                self._channels = [one for one in self._channels if not one.closed] + [channel]
+            if not self._closed:
+                return channel
             channel.close()  # closed while the channel was waiting for its socket
         raise ChannelError("this Module is closed")
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import ipaddress
+import operator
 import re
 import struct
 import urllib.parse
@@ -131,7 +132,7 @@ class Config:
             raise ConfigError(f"{local} and {self.remote} are not of one address family")
         for name, value, least, most in (("port", self.port, 1, 65535), ("ttl", self.ttl, 0, 255),
                                          ("dscp", self.dscp, 0, 63)):
-            if not least <= value <= most:
+            if not least <= operator.index(value) <= most:
                 raise ConfigError(f"{name} {value} is not {least} to {most}")
         text = self.remote
         if self.source:
