@@ -57,7 +57,10 @@ ConstantRate::ConstantRate(size_t packetSize, InputKind kind, const Options& opt
       options_(options),
       delay_(delayOf(options.delay)),
       times_(packetSize, kind, options.latency),
-      busy_(packetSize) {}
+      busy_(packetSize) {
+    if (options.rate_bps)
+        times_.assumeRate(*options.rate_bps);
+}
 
 void ConstantRate::push(std::span<const uint8_t> packets, Time arrival) {
     for (; packets.size() >= packetSize_; packets = packets.subspan(packetSize_)) {
@@ -110,9 +113,7 @@ void ConstantRate::decide(Time now) {
         failed_ = true;
         return;
     }
-    if (kind_ == InputKind::kFile)
-        times_.assumeRate(*rate_);
-    else if (!times_.empty())
+    if (kind_ == InputKind::kLive && !times_.empty())
         times_.putOff(std::max<Ticks>(times_.toTicks(now) - times_.time(), 0));
     if (!untouched_)
         beginShaping();
@@ -136,10 +137,13 @@ bool ConstantRate::canFill() const {
 bool ConstantRate::needsInput(Time until) const {
     if (finished_ || failed_)
         return false;
+    if (!rate_ || !times_.started())
+        return true;
     const Ticks end = times_.toTicks(until);
+    if (untouched_)
+        return times_.wholeTo() <= end;
     constexpr auto kSlots = static_cast<Ticks>(kPacketsPerDatagram);
-    return !rate_ || !times_.started() ||
-           times_.knownTo() <= end + (slot_ ? kSlots * (slot_->length() + 1) : kMillisecond);
+    return times_.knownTo() <= end + (slot_ ? kSlots * (slot_->length() + 1) : 0);
 }
 
 size_t ConstantRate::pull(std::span<uint8_t> datagrams, Time until) {

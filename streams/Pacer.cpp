@@ -9,7 +9,6 @@ namespace {
 
 // Of a file, where no PCR tells the pace.
 constexpr size_t kMostUntimed = 65'536;
-constexpr Ticks kAhead = kTicksPerSecond / 50;
 constexpr uint64_t kMostSeconds = 2;
 
 }  // namespace
@@ -27,8 +26,7 @@ void Pacer::finish() {
 
 bool Pacer::needsInput(Time until) const {
     return !finished_ && times_.untimed() < kMostUntimed &&
-           (!times_.started() || times_.size() < kPacketsPerDatagram ||
-            times_.knownTo() <= times_.toTicks(until) + kAhead);
+           (!times_.started() || times_.wholeTo() <= times_.toTicks(until));
 }
 
 size_t Pacer::pull(std::span<uint8_t> datagrams, Time until) {
@@ -76,8 +74,8 @@ FixedRate::FixedRate(size_t packetSize, InputKind kind, const Options& options)
       slot_(datagramBytes_, options.rate_bps) {}
 
 void FixedRate::push(std::span<const uint8_t> packets, Time arrival) {
-    // What has come too late, if it was missing, begins anew.
-    if (!origin_ || (!hasDatagram() && due() < arrival)) {
+    // Time begins anew with what has come too late.
+    if (!origin_ || (std::exchange(starved_, false) && due() < arrival)) {
         origin_ = arrival + latency_;
         slot_.begin(0);
     }
@@ -110,6 +108,7 @@ size_t FixedRate::pull(std::span<uint8_t> datagrams, Time until) {
             writeNullPacket(datagrams.data() + written + at, packetSize_);
         slot_.advance();
     }
+    starved_ = origin_ && !hasDatagram() && due() <= until;
     return written;
 }
 

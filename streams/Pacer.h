@@ -70,6 +70,7 @@ class FixedRate : public Shaper {
     std::deque<uint8_t> bytes_;
     SlotClock slot_;
     std::optional<Time> origin_;  // of the slots
+    bool starved_ = false;
     bool finished_ = false;
     uint64_t dropped_ = 0;
 };

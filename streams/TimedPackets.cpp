@@ -11,6 +11,9 @@ namespace {
 constexpr Ticks kClockSilence = kTicksPerSecond;
 // What a file has between two PCRs at most, where they are not to be waited for any longer.
 constexpr size_t kMostUntimed = 16'384;
+// PCRs come every 100 ms at least; with laxer ones, live packets behind the last are due before the
+// next one has come.
+constexpr Ticks kPcrPatience = kTicksPerSecond * 150 / 1000;
 constexpr Ticks kRateWindow = kTicksPerSecond / 2;
 constexpr double kRateMemory_s = 4.0;
 
@@ -212,6 +215,8 @@ void TimedPackets::settle(Time time) {
         clock_.reset();
         return;
     }
+    if (untimed() > 0 && everTimed_ && now - packets_[timed_].arrival > kPcrPatience)
+        spread(next_ + guess(untimed()));
     if (observation_)
         steer();
 }

@@ -37,7 +37,7 @@ class TimedPackets {
     // What has no time yet gets it at the last rate.
     void finish();
 
-    // Of a file without PCRs: the rate at which its packets follow each other.
+    // As long as no PCR tells: the rate at which a file's packets follow each other.
     void assumeRate(uint32_t rate_bps);
 
     // Times what has waited too long for a PCR, and steers; before packets are taken.
@@ -54,6 +54,11 @@ class TimedPackets {
     // those that are missing.
     bool hasDatagram() const { return timed_ >= (finished_ ? 1 : kPacketsPerDatagram); }
     void takeDatagram(uint8_t* datagram);
+    // When the first datagram is due that is not whole yet.
+    Ticks wholeTo() const {
+        const size_t whole = timed_ - timed_ % kPacketsPerDatagram;
+        return whole == timed_ ? knownTo() : time(whole);
+    }
 
     // Up to where the times of packets are known.
     Ticks knownTo() const { return next_ + offset_; }

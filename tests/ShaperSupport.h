@@ -117,9 +117,7 @@ inline constexpr ts::Time kEpoch = std::chrono::hours(1000);
 // Pulls datagram by datagram, each when it is due.
 inline void drain(ts::Shaper& shaper, size_t packetSize, ts::Time until, Outcome& outcome) {
     Bytes datagram(7 * packetSize);
-    while (const auto next = shaper.next()) {
-        if (*next > until)
-            return;
+    for (auto next = shaper.next(); next && *next <= until; next = shaper.next()) {
         if (shaper.pull(datagram, *next - ts::Time(1000)) != 0)
             ADD_FAILURE() << "a datagram before its time";
         if (shaper.pull(datagram, *next + ts::Time(50)) != datagram.size()) {
@@ -129,6 +127,7 @@ inline void drain(ts::Shaper& shaper, size_t packetSize, ts::Time until, Outcome
         outcome.Data.insert(outcome.Data.end(), datagram.begin(), datagram.end());
         outcome.Times.push_back(*next);
     }
+    EXPECT_EQ(shaper.pull(datagram, until), 0u);
 }
 
 // As a file, which is read when the shaper needs it.

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "ConstantRate.h"
+#include "Pacer.h"
 #include "ShaperSupport.h"
 #include "TransportStream.h"
 
@@ -227,6 +228,164 @@ TEST(ConstantRate, FarTooLowARateDropsWhatIsLateAndKeepsTheClock) {
     const size_t sent = stream.Data.size() / 188 - shaper.status().dropped;
     EXPECT_NEAR(static_cast<double>(sent), 60.0 * rate / 1504, 3.0 * rate / 1504);
     EXPECT_NEAR(shaper.status().rateNeeded_bps, 1'550'000.0, 150'000.0);
+}
+
+// 40 packets in 40 ms, with PCRs that are half a microsecond off, this way and that.
+TestStream constantStream(size_t intervals) {
+    TestStream stream;
+    for (size_t i = 0; i < intervals; ++i) {
+        stream.Offset = kWrap - 5 * kSecond + (i % 3 == 0 ? 13 : i % 3 == 1 ? -13 : 0);
+        stream.Null = i % 9 == 0;
+        stream.Interval(40);
+    }
+    return stream;
+}
+
+TEST(ConstantRate, ConstantStreamIsNotTouchedUntilItVaries) {
+    TestStream stream = constantStream(500);
+    const uint32_t own = 188 * 8 * 1000;
+    for (const auto& rate : {std::optional<uint32_t>(), std::optional(own)}) {
+        ConstantRate shaper(188, InputKind::kFile, {.rate_bps = rate});
+        const Outcome outcome = playFile(shaper, 188, stream.Data);
+        EXPECT_EQ(shaper.rate(), own);
+        EXPECT_TRUE(shaper.status().untouched);
+        ASSERT_GE(outcome.Data.size(), stream.Data.size());
+        EXPECT_TRUE(std::equal(stream.Data.begin(), stream.Data.end(), outcome.Data.begin()));
+        for (size_t i = 0; i < outcome.Times.size(); ++i) {
+            const auto time = outcome.Times[i] - kEpoch - toTime(slotTime(7 * i, 188, own));
+            ASSERT_LE(std::abs(time.count()), 2000);  // the noise of two PCRs
+        }
+    }
+    ConstantRate faster(188, InputKind::kFile, {.rate_bps = own + own / 100});
+    playFile(faster, 188, stream.Data);
+    EXPECT_FALSE(faster.status().untouched);
+    EXPECT_NEAR(static_cast<double>(faster.status().nullPackets), 200 + 500.0 * 40 / 9 / 40, 100);
+
+    for (size_t i = 0; i < 250; ++i)
+        stream.Interval(picture(i) / 2);
+    ConstantRate varies(188, InputKind::kFile, {});
+    const Outcome outcome = playFile(varies, 188, stream.Data);
+    EXPECT_FALSE(varies.status().untouched);
+    size_t announced = 0;
+    Clock27 first = -1;
+    const auto packets = parseAll(outcome.Data, 188);
+    for (size_t n = 0; n < packets.size(); ++n) {
+        announced += packets[n].announced ? 1 : 0;
+        if (!packets[n].pcr || announced == 0)
+            continue;
+        const Clock27 offset = (*packets[n].pcr - slotTime(n, 188, own) % kWrap + kWrap) % kWrap;
+        first = first < 0 ? offset : first;
+        ASSERT_LE(std::abs(offset - first), 1);
+    }
+    EXPECT_EQ(announced, 1u);
+}
+
+TEST(ConstantRate, StreamWithoutPcrsNeedsARateAndGetsIt) {
+    Bytes data;
+    for (int64_t i = 0; i < 20'003; ++i)
+        append(data, {.pid = 0x44, .number = i}, 188);
+    ConstantRate lost(188, InputKind::kFile, {});
+    playFile(lost, 188, data);
+    EXPECT_FALSE(lost.rate());
+    ConstantRate shaper(188, InputKind::kFile, {.rate_bps = 3'000'000});
+    expectConstantRate(playFile(shaper, 188, data), data, {.Rate = 3'000'000, .Clocks = 0});
+    EXPECT_LT(shaper.status().nullPackets, 7u);
+}
+
+// The jitter of a network: what comes within 30 ms comes together.
+Clock27 jitter(Clock27 time) {
+    return (time / (kSecond * 3 / 100) + 1) * (kSecond * 3 / 100);
+}
+
+TEST(ConstantRate, LiveStreamKeepsItsRateThroughJitterDriftAndPauses) {
+    for (const double drift : {0.0, 80e-6, -80e-6}) {
+        TestStream stream;
+        for (size_t i = 0; i < 15'000; ++i)
+            stream.Interval(picture(i));
+        const uint32_t rate = 1'900'000;
+        ConstantRate shaper(188, InputKind::kLive, {.rate_bps = rate});
+        const auto late = [&](const TestPacket& packet) {
+            const auto drifted = static_cast<double>(packet.due) * (1 + drift);
+            return jitter(static_cast<Clock27>(drifted) +
+                          (packet.due > kSecond * 590 ? kSecond * 3 : 0));
+        };
+        const Outcome outcome = playLive(shaper, 188, stream.Data, late);
+        const auto packets = parseAll(outcome.Data, 188);
+        int64_t next = 0;
+        size_t announced = 0;
+        std::optional<std::pair<size_t, Clock27>> before;
+        for (size_t n = 0; n < packets.size(); ++n) {
+            const TestPacket& packet = packets[n];
+            if (packet.pid == kNull)
+                continue;
+            ASSERT_EQ(packet.number, next++);
+            // It leaves after it came, within latency and delay.
+            const Clock27 left =
+                slotTime(n, 188, rate) + (outcome.Times[0] - kEpoch).count() / 1000 * 27;
+            ASSERT_LE(late(packet) - left, kSecond / 50) << n;
+            ASSERT_LE(left - late(packet), kSecond * 8 / 10) << n;
+            if (!packet.pcr)
+                continue;
+            if (packet.announced)
+                ++announced;
+            else if (before) {  // 500 ns, at the rate of the source's clock
+                const Clock27 bytes = slotTime(n, 188, rate) - slotTime(before->first, 188, rate);
+                const Clock27 step = (*packet.pcr - before->second + kWrap) % kWrap;
+                const double error = static_cast<double>(step - bytes);
+                ASSERT_LE(std::abs(error), 13 + 110e-6 * static_cast<double>(bytes)) << n;
+            }
+            before = {n, *packet.pcr};
+        }
+        EXPECT_EQ(next, stream.Number);
+        EXPECT_EQ(announced, 1u);
+        EXPECT_EQ(shaper.status().rateNeeded_bps, 0u);
+    }
+}
+
+TEST(Pacer, DatagramsLeaveWithTheirFirstPacketWhateverTheRate) {
+    TestStream stream;
+    for (size_t i = 0; i < 10'000; ++i) {
+        if (i == 5'000)
+            stream.Offset = 9 * kSecond;
+        stream.Interval(i / 100 % 2 == 0 ? picture(i) : 4);
+    }
+    ts::Pacer file(188, InputKind::kFile, {});
+    const Outcome outcome = playFile(file, 188, stream.Data);
+    EXPECT_TRUE(std::equal(stream.Data.begin(), stream.Data.end(), outcome.Data.begin()));
+    for (size_t i = 0; i < outcome.Times.size(); ++i) {
+        const Clock27 due = parse(&outcome.Data[i * 7 * 188]).due;
+        // The interval in front of the splice has no length but that of the one before.
+        ASSERT_LE(std::abs((outcome.Times[i] - kEpoch - toTime(due)).count()),
+                  due < 5'000 * (kSecond / 25) ? 1000 : 80'000'000);
+    }
+    ts::Pacer live(188, InputKind::kLive, {});
+    const Outcome relayed = playLive(live, 188, stream.Data,
+                                     [](const TestPacket& packet) { return jitter(packet.due); });
+    EXPECT_TRUE(std::equal(stream.Data.begin(), stream.Data.end(), relayed.Data.begin()));
+    for (size_t i = 1000; i < relayed.Times.size(); ++i) {
+        const Clock27 due = parse(&relayed.Data[i * 7 * 188]).due;
+        ASSERT_NEAR(static_cast<double>((relayed.Times[i] - kEpoch - toTime(due)).count()), 215e6,
+                    80e6)
+            << i;
+    }
+}
+
+TEST(FixedRate, IsKeptAndWaitsForWhatComesLate) {
+    TestStream stream;
+    for (size_t i = 0; i < 100; ++i)
+        stream.Interval(40);
+    for (const InputKind kind : {InputKind::kFile, InputKind::kLive}) {
+        ts::FixedRate shaper(188, kind, {.rate_bps = 2'000'000});
+        const Outcome outcome =
+            kind == InputKind::kFile
+                ? playFile(shaper, 188, stream.Data)
+                : playLive(shaper, 188, stream.Data, [](const TestPacket& p) { return p.due / 2; });
+        EXPECT_TRUE(std::equal(stream.Data.begin(), stream.Data.end(), outcome.Data.begin()));
+        for (size_t i = 0; i < outcome.Times.size(); ++i) {
+            const auto time = outcome.Times[i] - outcome.Times[0];
+            ASSERT_LE(std::abs((time - toTime(slotTime(7 * i, 188, 2'000'000))).count()), 80);
+        }
+    }
 }
 
 }  // namespace
