@@ -4,15 +4,13 @@
 
 // The load routine and the housekeeping thread use both before any static constructor has run.
 constinit RtpChannelContextExt g_ContextExt[1][kDirections][kChannels];
-
 static constinit ChannelInternals g_Internals[kDirections][kChannels];
 
 Channel FindChannel(void* handle, uint32_t direction, uint32_t number) {
     if (handle == nullptr || direction >= kDirections || number >= kChannels)
         return {};
     return {&static_cast<RtpContext*>(handle)->Channels[direction][number],
-            &g_ContextExt[0][direction][number], &g_Internals[direction][number], direction,
-            number};
+            &g_ContextExt[0][direction][number], &g_Internals[direction][number], direction};
 }
 
 // A record says itself which channel it is; its place in the table says the same and cannot be
@@ -25,4 +23,11 @@ Channel FindChannel(RtpChannelContext* record) {
         return {};  // as for null
     const auto number = static_cast<uint32_t>(place);
     return FindChannel(g_pContext, number / kChannels, number % kChannels);
+}
+
+bool ChannelInternals::IsUsed(const CZAQSimpleBuffer* ring) const {
+    const RingUser* user = Users;
+    while (user != nullptr && user->Ring != ring)
+        user = user->Next;
+    return user != nullptr;
 }

@@ -8,9 +8,72 @@
 #ifndef MODULE_CHANNEL_H
 #define MODULE_CHANNEL_H
 
-#include "ChannelInternals.h"
 #include "RtpContext.h"
 #include "RtpContextExt.h"
+#include "ThreadSafety.h"
+
+// What has happened since the channel was started. Each number has one writer at a time, so that it
+// needs no read-modify-write; QXV_RTP_GetStatistics reads all of them without a lock.
+struct ChannelCounters {  // NOLINT(clang-analyzer-optin.performance.Padding)
+    // Size of the ring in bytes, 0 while there is none. Written under `State`.
+    std::atomic<uint32_t> Capacity{0};
+    std::atomic<uint64_t> HostBytes{0};  // that Send stored or Receive took; written under `State`
+
+    // Written by the transmit thread, or by the intake under `Intake`; on cache lines of their own,
+    // since they change with every datagram.
+    alignas(128) std::atomic<uint64_t> NetworkBytes{0};  // taken from the ring, or stored there
+    std::atomic<uint64_t> Datagrams{0};                  // sent, or stored
+    std::atomic<uint64_t> Bytes{0};                      // their payload
+    std::atomic<uint64_t> Dropped{0};
+    std::atomic<uint64_t> SendFailures{0};
+    std::atomic<uint32_t> ModeChanges{0};
+
+    // Written by the thread that opens the socket.
+    std::atomic<uint32_t> SocketsOpened{0};
+};
+
+template <typename Number>
+void Add(std::atomic<Number>& counter, Number count) {
+    // Release: whoever reads this number with acquire finds the ring's position moved by as much.
+    counter.store(counter.load(std::memory_order_relaxed) + count, std::memory_order_release);
+}
+
+// A host thread that is copying bytes into a ring or out of it.
+struct RingUser {
+    CZAQSimpleBuffer* Ring;
+    RingUser* Next;
+};
+
+// What a channel needs in this process beside its runtime row.
+//
+// Lock order: Lifecycle, State, Intake, and then the stream timer's own. No lock is held while a
+// thread waits for room or data, nor while it touches the host's memory: a page of that may take
+// for ever to arrive. Cancelling takes no lock, so that a signal handler may do it.
+struct ChannelInternals {
+    // Held over a whole start or end and, on receive channels, while housekeeping opens a socket:
+    // so a socket that is being opened is neither lost nor left to a channel that has ended.
+    zaq::Mutex Lifecycle ZAQ_ACQUIRED_BEFORE(State);
+    // Held for moments: for groups of stores to pointers and configuration that belong together,
+    // and by host threads and housekeeping while they use the timer.
+    zaq::Mutex State ZAQ_ACQUIRED_BEFORE(Intake);
+    // Held by the intake for one datagram. Our own socket library makes one callback at a time and
+    // none after the socket is destroyed, so that nobody ever waits here. Another library might let
+    // a callback finish after Destroy, when the channel has ended or has another socket.
+    zaq::Mutex Intake;
+
+    RingUser* Users ZAQ_GUARDED_BY(State) = nullptr;  // a list
+    bool IsUsed(const CZAQSimpleBuffer* ring) const ZAQ_REQUIRES(State);
+
+    // How often the host has cancelled the channel. A transfer that waits may see Cancel only after
+    // the next start has cleared it.
+    std::atomic<uint32_t> Cancels{0};
+
+    // Tells the transmit thread to end, like Cancel, where a start replaces it: a Send that waits
+    // must not see a cancel. Written under `Lifecycle`.
+    std::atomic<bool> StopThread{false};
+
+    ChannelCounters Counters;
+};
 
 // All of it is null when there is no such channel.
 struct Channel {
@@ -18,7 +81,6 @@ struct Channel {
     RtpChannelContextExt* Row = nullptr;
     ChannelInternals* Internals = nullptr;
     uint32_t Direction = 0;
-    uint32_t Number = 0;
 
     explicit operator bool() const { return Record != nullptr; }
     bool IsSend() const { return Direction == kSend; }

@@ -29,34 +29,24 @@ void MaintainReceiveSocket(const Channel& channel) {
 }
 
 void Pass() {
-    for (uint32_t channel = 0; channel < kChannels; ++channel) {
-        const Channel send = FindChannel(g_pContext, kSend, channel);
-        if (IsRunning(send))
-            Measure(send);
-    }
-    for (uint32_t channel = 0; channel < kChannels; ++channel) {
-        const Channel receive = FindChannel(g_pContext, kReceive, channel);
-        if (IsRunning(receive)) {
-            MaintainReceiveSocket(receive);
-            Measure(receive);
+    for (const uint32_t direction : {kSend, kReceive}) {
+        for (uint32_t number = 0; number < kChannels; ++number) {
+            const Channel channel = FindChannel(g_pContext, direction, number);
+            if (!IsRunning(channel))
+                continue;
+            if (!channel.IsSend())
+                MaintainReceiveSocket(channel);
+            Measure(channel);
         }
     }
-}
-
-bool MustQuit() {
-    return g_ThreadQuit.load(std::memory_order_acquire) != 0;
 }
 
 }  // namespace
 
 void ThreadHouseKeep(void* /*argument*/) {
-    if (MustQuit())
-        return;
-    for (uint32_t tick = 0;; ++tick) {
+    for (uint32_t tick = 0; g_ThreadQuit.load(std::memory_order_acquire) == 0; ++tick) {
         if (tick % kSleepsPerPass == 0)
             Pass();
         usleep(kSleep_us);
-        if (MustQuit())
-            return;
     }
 }

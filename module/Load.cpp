@@ -24,15 +24,6 @@ namespace {
 constexpr uint16_t kFirstPort[kDirections] = {10000, 10100};
 constexpr uint8_t kDefaultTtl = 255;
 
-void ResetRow(RtpChannelContextExt& row, uint32_t cancel) {
-    row.Cancel.store(cancel);
-    row.Running.store(0);
-    row.Socket.store(nullptr);
-    row.Thread.store(nullptr);
-    row.Timer.store(nullptr);
-    row.Buffer.store(nullptr);
-}
-
 // A channel as it is before anybody configures it: RTP to or from group 224.1.direction.channel.
 void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
     RtpChannelContext& record = context.Channels[direction][channel];
@@ -56,7 +47,7 @@ void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
     config.Port = static_cast<uint16_t>(kFirstPort[direction] + channel);
     config.Reserved = 0;
 
-    ResetRow(g_ContextExt[0][direction][channel], 1);
+    g_ContextExt[0][direction][channel].Cancel.store(1);
 }
 
 void LayDownDefaults(RtpContext& context) {
@@ -125,19 +116,23 @@ bool OpenTable() {
 int QXV_RTP_Constructor() {
     const zaq::NoCancellation noCancellation;
     for (auto& direction : g_ContextExt[0]) {
-        for (RtpChannelContextExt& row : direction)
-            ResetRow(row, 0);
+        for (RtpChannelContextExt& row : direction) {
+            row.Cancel.store(0);
+            row.Running.store(0);
+            row.Socket.store(nullptr);
+            row.Thread.store(nullptr);
+            row.Timer.store(nullptr);
+            row.Buffer.store(nullptr);
+        }
     }
-    const bool usable = OpenTable();
-    if (usable) {
-        g_pContext = reinterpret_cast<RtpContext*>(g_ShareMemory.Address);
-        if (g_ShareMemory.Owner != 0)
-            LayDownDefaults(*g_pContext);
-    }
-    ForgetSegment();
-    if (!usable)
+    if (!OpenTable()) {
+        ForgetSegment();
         return 0;
-
+    }
+    g_pContext = reinterpret_cast<RtpContext*>(g_ShareMemory.Address);
+    if (g_ShareMemory.Owner != 0)
+        LayDownDefaults(*g_pContext);
+    ForgetSegment();
     g_ThreadQuit.store(0, std::memory_order_release);
     // Where the system refuses the thread, the object has none; where there is no memory, there is
     // no object. Sending works either way, and receive sockets wait for the next load.

@@ -13,7 +13,7 @@
 #include "ZAQThread.h"
 
 // The runtime row of one channel, 40 bytes. The pointers are owning; null means absent. The start
-// operations fill them, the end operations free them; ChannelObjects.h says why no thread uses an
+// operations fill them, the end operations free them; Lifecycle.cpp says why no thread uses an
 // object that is being freed.
 //
 //   field    written by                                       read by
