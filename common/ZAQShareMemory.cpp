@@ -28,9 +28,10 @@ int OpenFile(const char* name, int flags) {
     return other;
 }
 
-bool NameFits(const char* name) {
-    return name != nullptr &&
-           strnlen(name, sizeof(CZAQShareMemory::Name)) < sizeof(CZAQShareMemory::Name);
+// Can the object take this file, being closed?
+bool CanTake(const CZAQShareMemory& segment, const char* name) {
+    return segment.Address == nullptr && segment.File == 0 && name != nullptr &&
+           strnlen(name, sizeof(segment.Name)) < sizeof(segment.Name);
 }
 
 // Grows the file to `size` by writing single zero bytes: unlike ftruncate() this leaves no holes,
@@ -47,16 +48,18 @@ bool FillWithZeros(int file, uint32_t size) {
     return true;
 }
 
-bool Map(CZAQShareMemory& segment, uint32_t size) {
+// Maps the object's file, or closes it.
+int Map(CZAQShareMemory& segment, const char* name, uint32_t size) {
     void* const address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, segment.File, 0);
     if (address == MAP_FAILED) {
-        segment.Address = nullptr;
         close(segment.File);
         segment.File = 0;
-        return false;
+        return 0;
     }
     segment.Address = static_cast<unsigned char*>(address);
-    return true;
+    segment.Size = size;
+    memcpy(segment.Name, name, strlen(name) + 1);  // it fits: CanTake
+    return 1;
 }
 
 int Synchronize(const CZAQShareMemory& segment, int flags) {
@@ -84,7 +87,7 @@ uint32_t CZAQShareMemory::GetSize() {
 }
 
 int CZAQShareMemory::Create(char* name, unsigned int size, int openExisting) {
-    if (Address != nullptr || File != 0 || !NameFits(name))
+    if (!CanTake(*this, name))
         return 0;
     // An earlier process of this user keeps its mapping of the file, which loses its name here.
     unlink(name);
@@ -105,26 +108,20 @@ int CZAQShareMemory::Create(char* name, unsigned int size, int openExisting) {
             return 0;
         Owner = 0;
     }
-    if (!Map(*this, size)) {
-        if (Owner != 0)
-            unlink(name);
-        return 0;
-    }
-    Size = size;
-    memcpy(Name, name, strlen(name) + 1);  // NameFits
-    return 1;
+    const int mapped = Map(*this, name, size);
+    if (mapped == 0 && Owner != 0)
+        unlink(name);
+    return mapped;
 }
 
 int CZAQShareMemory::Open(char* name, unsigned int size) {
-    if (Address != nullptr || File != 0 || !NameFits(name))
+    if (!CanTake(*this, name))
         return 0;
     unlink(name);
     File = OpenFile(name, 0);
-    if (File < 0 || !Map(*this, size))
+    if (File < 0 || Map(*this, name, size) == 0)
         return 0;
-    Size = size;
     Owner = 0;
-    memcpy(Name, name, strlen(name) + 1);  // NameFits
     return 1;
 }
 

@@ -11,36 +11,24 @@ uint32_t Distance(const unsigned char* from, const unsigned char* to, uint32_t l
     return to < from ? difference + length : difference;
 }
 
-// Calls copy(at, done, bytes) for `count` bytes of the ring from `position` on, in one piece or,
-// where they go round the end, in two. Returns the position behind them.
-template <typename Copy>
-unsigned char* Move(const CZAQSimpleBuffer& ring, unsigned char* position, uint32_t count,
-                    Copy copy) {
+// The position behind `count` bytes from `position` on.
+unsigned char* Behind(const CZAQSimpleBuffer& ring, unsigned char* position, uint32_t count) {
     const auto tail = static_cast<uint32_t>(ring.DataEnd - position);
-    copy(position, 0, std::min(count, tail));
-    if (count < tail)
-        return position + count;
-    if (count > tail)
-        copy(ring.Data, tail, count - tail);
-    return ring.Data + (count - tail);
+    return count < tail ? position + count : ring.Data + (count - tail);
 }
 
-auto To(unsigned char* destination) {
-    return [destination](const unsigned char* at, uint32_t done, uint32_t bytes) {
-        memcpy(destination + done, at, bytes);
-    };
+// Copies in one piece or, where the bytes go round the end, in two.
+void CopyOut(const CZAQSimpleBuffer& ring, const unsigned char* position,
+             unsigned char* destination, uint32_t count) {
+    const auto tail = static_cast<uint32_t>(ring.DataEnd - position);
+    memcpy(destination, position, std::min(count, tail));
+    if (count > tail)
+        memcpy(destination + tail, ring.Data, count - tail);
 }
 
 }  // namespace
 
-CZAQSimpleBuffer::CZAQSimpleBuffer() noexcept
-    : Data(nullptr),
-      DataEnd(nullptr),
-      Length(0),
-      ReadPos(nullptr),
-      WritePos(nullptr),
-      SamplePos(nullptr),
-      TotalWritten(0) {}
+CZAQSimpleBuffer::CZAQSimpleBuffer() noexcept = default;
 
 CZAQSimpleBuffer::CZAQSimpleBuffer(unsigned int size) : CZAQSimpleBuffer() {
     CZAQSimpleBuffer::Initialize(size);
@@ -81,13 +69,11 @@ int CZAQSimpleBuffer::Cleanup() {
     delete[] Data;
     Data = DataEnd = nullptr;
     Length = 0;
-    CZAQSimpleBuffer::Reset();
-    return 1;
+    return CZAQSimpleBuffer::Reset();
 }
 
 int CZAQSimpleBuffer::Reset() {
-    // Both sides are quiet here, and whoever starts them again orders these stores before their
-    // use.
+    // Both sides are quiet here, and whoever starts them again orders these stores before that.
     ReadPos.store(Data, std::memory_order_relaxed);
     WritePos.store(Data, std::memory_order_relaxed);
     SamplePos.store(Data, std::memory_order_relaxed);
@@ -96,8 +82,6 @@ int CZAQSimpleBuffer::Reset() {
 }
 
 uint32_t CZAQSimpleBuffer::GetDataSize() {
-    if (Data == nullptr)
-        return 0;
     // Each side loads the other's position with acquire, pairing with the release store in Write or
     // Read: what lies between the positions has been filled, or has been copied out, by then. For a
     // side's own position the acquire is not needed and costs nothing.
@@ -107,16 +91,11 @@ uint32_t CZAQSimpleBuffer::GetDataSize() {
 }
 
 uint32_t CZAQSimpleBuffer::GetFreeSize() {
-    // A ring without storage, or with storage of zero bytes, has no room; the subtraction below
-    // would promise 2^32 - 1 bytes of it.
-    if (Data == nullptr || Length == 0)
-        return 0;
-    return Length - 1 - GetDataSize();
+    // A ring without storage has no room; the subtraction would promise 2^32 - 1 bytes of it.
+    return Length != 0 ? Length - 1 - GetDataSize() : 0;
 }
 
 uint32_t CZAQSimpleBuffer::GetSampleSize() {
-    if (Data == nullptr)
-        return 0;
     const unsigned char* const sample = SamplePos.load(std::memory_order_relaxed);  // reader's own
     const unsigned char* const write = WritePos.load(std::memory_order_acquire);    // as above
     return Distance(sample, write, Length);
@@ -127,13 +106,13 @@ int CZAQSimpleBuffer::Write(unsigned char* source, unsigned int count) {
         return 0;
     if (count == 0)
         return 1;
-    unsigned char* const position =
-        Move(*this, WritePos.load(std::memory_order_relaxed), count,  // the writer's own
-             [source](unsigned char* at, uint32_t done, uint32_t bytes) {
-                 memcpy(at, source + done, bytes);
-             });
+    unsigned char* const position = WritePos.load(std::memory_order_relaxed);  // the writer's own
+    const auto tail = static_cast<uint32_t>(DataEnd - position);
+    memcpy(position, source, std::min(count, tail));
+    if (count > tail)
+        memcpy(Data, source + tail, count - tail);
     // Release: the bytes are in place before the reader's acquire of the position can see it.
-    WritePos.store(position, std::memory_order_release);
+    WritePos.store(Behind(*this, position, count), std::memory_order_release);
     // Only the writer adds, so a plain read-modify-write loses nothing.
     TotalWritten.store(TotalWritten.load(std::memory_order_relaxed) + count,
                        std::memory_order_relaxed);
@@ -145,11 +124,11 @@ int CZAQSimpleBuffer::Read(unsigned char* destination, unsigned int count) {
         return 0;
     if (count == 0)
         return 1;
-    unsigned char* const position =
-        Move(*this, ReadPos.load(std::memory_order_relaxed), count, To(destination));
+    unsigned char* const position = ReadPos.load(std::memory_order_relaxed);  // the reader's own
+    CopyOut(*this, position, destination, count);
     // Release: the bytes are copied out before the writer's acquire can see their room as free.
-    ReadPos.store(position, std::memory_order_release);
-    SamplePos.store(position, std::memory_order_relaxed);  // the reader's own
+    ReadPos.store(Behind(*this, position, count), std::memory_order_release);
+    ResetSample();
     return 1;
 }
 
@@ -158,7 +137,8 @@ int CZAQSimpleBuffer::Sample(unsigned char* destination, unsigned int count) {
         return 0;
     if (count == 0)
         return 1;
-    SamplePos.store(Move(*this, SamplePos.load(std::memory_order_relaxed), count, To(destination)),
-                    std::memory_order_relaxed);  // the reader's own
+    unsigned char* const position = SamplePos.load(std::memory_order_relaxed);  // the reader's own
+    CopyOut(*this, position, destination, count);
+    SamplePos.store(Behind(*this, position, count), std::memory_order_relaxed);
     return 1;
 }

@@ -45,15 +45,15 @@ class ZAQ_EXPORT CZAQSimpleBuffer {
     // other side's cache lines, by two lines each, as processors fetch lines in pairs.
 
     // Fixed while either side transfers.
-    unsigned char* Data;
-    unsigned char* DataEnd;
-    uint32_t Length;
+    unsigned char* Data = nullptr;
+    unsigned char* DataEnd = nullptr;
+    uint32_t Length = 0;
 
     // Written by the reader (ReadPos, SamplePos) and by the writer (WritePos, TotalWritten).
-    alignas(128) std::atomic<unsigned char*> ReadPos;
-    alignas(128) std::atomic<unsigned char*> WritePos;
-    alignas(128) std::atomic<unsigned char*> SamplePos;
-    alignas(128) std::atomic<uint64_t> TotalWritten;
+    alignas(128) std::atomic<unsigned char*> ReadPos{nullptr};
+    alignas(128) std::atomic<unsigned char*> WritePos{nullptr};
+    alignas(128) std::atomic<unsigned char*> SamplePos{nullptr};
+    alignas(128) std::atomic<uint64_t> TotalWritten{0};
 };
 
 #endif

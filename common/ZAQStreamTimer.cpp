@@ -23,8 +23,22 @@ uint32_t LowBits(double value) {
 
 // The timestamp follows the count of blocks, not the clock, so that jitter of the sending thread
 // never enters the stream.
-uint32_t TimeStamp(uint64_t blocks, double ticksPerBlock, uint32_t base) {
-    return LowBits(static_cast<double>(blocks) * ticksPerBlock) + base;
+uint32_t TimeStamp(const CZAQStreamTimer& timer) ZAQ_REQUIRES(timer.Lock) {
+    const auto blocks = timer.BlocksTransfered.load(std::memory_order_relaxed);
+    return LowBits(static_cast<double>(blocks) * timer.TicksPerBlock) + timer.TimestampBase;
+}
+
+// Starts all counts anew at `now`.
+void Restart(CZAQStreamTimer& timer, uint32_t blockSize, uint32_t bitrate, uint64_t now)
+    ZAQ_REQUIRES(timer.Lock) {
+    timer.BlockSize.store(blockSize, std::memory_order_relaxed);
+    timer.TargetBitrate.store(bitrate, std::memory_order_relaxed);
+    timer.MeasuredBitrate.store(0, std::memory_order_relaxed);
+    timer.StartTick = timer.LastTick = now;
+    timer.BlocksTransfered.store(0, std::memory_order_relaxed);
+    timer.LastBlocks = 0;
+    timer.SequenceNumber = 0;
+    timer.TimestampBase = 0;
 }
 
 void Store(unsigned int* output, uint32_t value) {
@@ -34,19 +48,7 @@ void Store(unsigned int* output, uint32_t value) {
 
 }  // namespace
 
-CZAQStreamTimer::CZAQStreamTimer() noexcept
-    : BlockSize(0),
-      TargetBitrate(0),
-      MeasuredBitrate(0),
-      StartTick(0),
-      LastTick(0),
-      BlocksTransfered(0),
-      LastBlocks(0),
-      BlocksPerSecond(0.0),
-      SequenceNumber(0),
-      TicksPerBlock(0.0),
-      TimestampBase(0) {}
-
+CZAQStreamTimer::CZAQStreamTimer() noexcept = default;
 CZAQStreamTimer::~CZAQStreamTimer() = default;
 
 // The relaxed accesses in this file: the four values are independent numbers that publish no other
@@ -82,14 +84,7 @@ int CZAQStreamTimer::TxInitialize(unsigned int blockSize, unsigned int bitrate) 
     if (bitrate == 0 || blockSize == 0)
         return 0;
     const MutexLock lock(Lock);
-    BlockSize.store(blockSize, std::memory_order_relaxed);
-    TargetBitrate.store(bitrate, std::memory_order_relaxed);
-    MeasuredBitrate.store(0, std::memory_order_relaxed);
-    StartTick = LastTick = PaceTick.GetTickValue();
-    BlocksTransfered.store(0, std::memory_order_relaxed);
-    LastBlocks = 0;
-    SequenceNumber = 0;
-    TimestampBase = 0;
+    Restart(*this, blockSize, bitrate, PaceTick.GetTickValue());
     BlocksPerSecond = static_cast<double>(bitrate) / static_cast<double>(blockSize * 8u);
     TicksPerBlock = kRtpClock_Hz / BlocksPerSecond;
     return 1;
@@ -110,16 +105,8 @@ int CZAQStreamTimer::RxInitialize(unsigned int blockSize) {
     if (blockSize == 0)
         return 0;
     const MutexLock lock(Lock);
-    BlockSize.store(blockSize, std::memory_order_relaxed);
-    TargetBitrate.store(0, std::memory_order_relaxed);
-    MeasuredBitrate.store(0, std::memory_order_relaxed);
-    StartTick = LastTick = MeasureTick.GetTickValue();
-    BlocksPerSecond = 0.0;
-    TicksPerBlock = 0.0;
-    BlocksTransfered.store(0, std::memory_order_relaxed);
-    LastBlocks = 0;
-    SequenceNumber = 0;
-    TimestampBase = 0;
+    Restart(*this, blockSize, 0, MeasureTick.GetTickValue());
+    BlocksPerSecond = TicksPerBlock = 0.0;
     return 1;
 }
 
@@ -157,14 +144,12 @@ uint64_t CZAQStreamTimer::GetDelayMicroSeconds() {
 
 uint32_t CZAQStreamTimer::GetRTPTimeStamp() {
     const MutexLock lock(Lock);
-    return TimeStamp(BlocksTransfered.load(std::memory_order_relaxed), TicksPerBlock,
-                     TimestampBase);
+    return TimeStamp(*this);
 }
 
 int CZAQStreamTimer::FillRTPHeader(unsigned char* header) {
     const MutexLock lock(Lock);
-    const uint32_t timestamp =
-        TimeStamp(BlocksTransfered.load(std::memory_order_relaxed), TicksPerBlock, TimestampBase);
+    const uint32_t timestamp = TimeStamp(*this);
     header[0] = kRtpVersion << 6;
     header[1] = kRtpPayloadTypeMp2t;
     header[2] = static_cast<unsigned char>(SequenceNumber >> 8);

@@ -67,17 +67,17 @@ class ZAQ_EXPORT CZAQStreamTimer {
     // lock; of these only BlocksTransfered is also changed without it.
     CZAQTickValue PaceTick ZAQ_GUARDED_BY(Lock);
     CZAQTickValue MeasureTick ZAQ_GUARDED_BY(Lock);
-    std::atomic<uint32_t> BlockSize;
-    std::atomic<uint32_t> TargetBitrate;
-    std::atomic<uint32_t> MeasuredBitrate;
-    uint64_t StartTick ZAQ_GUARDED_BY(Lock);
-    uint64_t LastTick ZAQ_GUARDED_BY(Lock);
-    std::atomic<uint64_t> BlocksTransfered;
-    uint64_t LastBlocks ZAQ_GUARDED_BY(Lock);
-    double BlocksPerSecond ZAQ_GUARDED_BY(Lock);
-    uint16_t SequenceNumber ZAQ_GUARDED_BY(Lock);
-    double TicksPerBlock ZAQ_GUARDED_BY(Lock);
-    uint32_t TimestampBase ZAQ_GUARDED_BY(Lock);
+    std::atomic<uint32_t> BlockSize{0};
+    std::atomic<uint32_t> TargetBitrate{0};
+    std::atomic<uint32_t> MeasuredBitrate{0};
+    uint64_t StartTick ZAQ_GUARDED_BY(Lock) = 0;
+    uint64_t LastTick ZAQ_GUARDED_BY(Lock) = 0;
+    std::atomic<uint64_t> BlocksTransfered{0};
+    uint64_t LastBlocks ZAQ_GUARDED_BY(Lock) = 0;
+    double BlocksPerSecond ZAQ_GUARDED_BY(Lock) = 0.0;
+    uint16_t SequenceNumber ZAQ_GUARDED_BY(Lock) = 0;
+    double TicksPerBlock ZAQ_GUARDED_BY(Lock) = 0.0;
+    uint32_t TimestampBase ZAQ_GUARDED_BY(Lock) = 0;
 
     // Last in order: nothing else is locked while it is held, and no virtual function of the
     // timer's.
