@@ -1,7 +1,5 @@
 #include "Channel.h"
 
-#include "Module.h"
-
 // The load routine and the housekeeping thread use both before any static constructor has run.
 constinit RtpChannelContextExt g_ContextExt[1][kDirections][kChannels];
 static constinit ChannelInternals g_Internals[kDirections][kChannels];

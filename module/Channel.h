@@ -8,8 +8,7 @@
 #ifndef MODULE_CHANNEL_H
 #define MODULE_CHANNEL_H
 
-#include "RtpContext.h"
-#include "RtpContextExt.h"
+#include "Module.h"
 #include "ThreadSafety.h"
 
 // What has happened since the channel was started. Each number has one writer at a time, so that it

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "Module.h"
 #include "ZAQSockets.h"
 
 namespace {
@@ -53,13 +52,11 @@ bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]) {
     return memchr(address, '\0', sizeof(address)) != nullptr;
 }
 
-bool HasCurrentSocket(const Channel& channel) {
+bool RenewSocket(const Channel& channel) {
     // Acquire of Reopen pairs with the release after a new configuration was stored.
-    return channel.Row->Socket.load(std::memory_order_acquire) != nullptr &&
-           channel.Record->Reopen.load(std::memory_order_acquire) == 0;
-}
-
-bool ReopenSocket(const Channel& channel) {
+    if (channel.Row->Socket.load(std::memory_order_acquire) != nullptr &&
+        channel.Record->Reopen.load(std::memory_order_acquire) == 0)
+        return true;
     CloseSocket(channel);
     // The socket library gets a copy: it reads strings up to their NUL, and those in the table may
     // change meanwhile, or have none.

@@ -12,13 +12,12 @@ void StoreConfig(RtpChannelContext& record, const RtpChannelConfig& config);
 // Does the address field have a NUL? A field without one is never read as text.
 bool IsTerminated(const char (&address)[QXV_RTP_ADDRESS_SIZE]);
 
-// True when the row has a socket that was made from the configuration as it stands.
-bool HasCurrentSocket(const Channel& channel);
+// Both are for the thread that owns the row's Socket at the time.
 
-// Closes the row's socket and makes another one from the configuration as it stands; then clears
-// Reopen, unless the configuration has changed meanwhile. False when there is none: Reopen keeps
-// its value then. The caller owns the row's Socket at the time.
-bool ReopenSocket(const Channel& channel);
+// Where the row has no socket that was made from the configuration as it stands, makes one in place
+// of the old one, and clears Reopen, unless the configuration has changed meanwhile. False when
+// there is no socket then: Reopen keeps its value.
+bool RenewSocket(const Channel& channel);
 
 // Destroys the row's socket, if there is one, and clears the field.
 void CloseSocket(const Channel& channel);

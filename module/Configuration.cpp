@@ -2,7 +2,6 @@
 #include <cstring>
 
 #include "ChannelSocket.h"
-#include "QXV_RTP.h"
 #include "ZAQSockets.h"
 
 namespace {

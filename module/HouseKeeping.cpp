@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include "ChannelSocket.h"
-#include "Module.h"
 
 namespace {
 
@@ -24,8 +23,8 @@ void Measure(const Channel& channel) {
 void MaintainReceiveSocket(const Channel& channel) {
     const zaq::MutexLock lock(channel.Internals->Lifecycle);
     // The channel may have been ended while this thread waited for the lock.
-    if (IsRunning(channel) && !HasCurrentSocket(channel))
-        ReopenSocket(channel);  // a failure is tried again with the next pass
+    if (IsRunning(channel))
+        RenewSocket(channel);  // a failure is tried again with the next pass
 }
 
 void Pass() {

@@ -1,6 +1,5 @@
 // The intake of one datagram: finds out whether the channel carries RTP, and stores the payload.
 #include "Channel.h"
-#include "Module.h"
 #include "StreamFormat.h"
 #include "ZAQSockets.h"
 

@@ -3,7 +3,6 @@
 #include <new>
 
 #include "ChannelSocket.h"
-#include "Module.h"
 
 namespace {
 

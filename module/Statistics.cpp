@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "Channel.h"
-#include "QXV_RTP.h"
 
 static_assert(sizeof(QXV_RTP_Statistics) == 64);
 static_assert(offsetof(QXV_RTP_Statistics, BufferedBytes) == 16);

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include "ChannelSocket.h"
-#include "Module.h"
 #include "StreamFormat.h"
 #include "Tick.h"
 #include "ZAQSockets.h"
@@ -25,11 +24,8 @@ class Transmitter {
     void Run() {
         while (!MustEnd())
             Pass();
-        void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);  // own thread's
-        if (socket != nullptr)
-            ZAQUDPSocket_Destroy(socket);
+        CloseSocket(m_Channel);
         m_Channel.Record->Reopen.store(1, std::memory_order_release);
-        m_Channel.Row->Socket.store(nullptr, std::memory_order_release);
     }
 
   private:
@@ -42,7 +38,7 @@ class Transmitter {
 
     // Sends one datagram, or waits for what it lacks.
     void Pass() {
-        if (!HasCurrentSocket(m_Channel) && !ReopenSocket(m_Channel)) {
+        if (!RenewSocket(m_Channel)) {
             usleep(kSocketRetry_us);
             return;
         }
@@ -103,7 +99,7 @@ class Transmitter {
             CancelOwnChannel();
             return;
         }
-        void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);
+        void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);  // own thread's
         if (ZAQUDPSocket_SendAll(socket, m_Datagram, header + m_PayloadSize) != 0) {
             Timer().IncreaseBlocksTransfered();
             Add<uint64_t>(counters.Datagrams, 1);

@@ -9,8 +9,8 @@
 #include <new>
 
 #include "FaultInjector.h"
+#include "Module.h"
 #include "ModuleLibrary.h"
-#include "RtpContextExt.h"
 
 namespace {
 
