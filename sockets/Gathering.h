@@ -17,17 +17,11 @@ class Gathering {
   public:
     using Duration = std::chrono::microseconds;
 
-    // What one socket got in the present window, by the share of its buffer that this would fill.
-    class Share {
-      public:
-        // The buffer's size, as the kernel counts; 0 when it is not known.
-        explicit Share(uint32_t bufferBytes) : m_BufferBytes(bufferBytes) {}
-
-      private:
-        friend class Gathering;
-        const uint32_t m_BufferBytes;
-        uint32_t m_Window = 0;  // the number of that window
-        uint64_t m_Bytes = 0;
+    // What one socket got in a window, by the share of its buffer that this would fill.
+    struct Share {
+        uint32_t BufferBytes = 0;  // as the kernel counts; 0 when it is not known
+        uint32_t Window = 0;       // the window's number
+        uint64_t Bytes = 0;
     };
 
     // The socket got a message of this length.
@@ -36,10 +30,10 @@ class Gathering {
         constexpr uint64_t kFrameBytes = 1500;
         constexpr uint64_t kCountedBytes = 2304;
         ++m_Messages;
-        if (std::exchange(share.m_Window, m_Window) != m_Window)
-            share.m_Bytes = 0;
-        share.m_Bytes += (length / kFrameBytes + 1) * kCountedBytes;
-        m_Fullest = std::max(m_Fullest, double(share.m_Bytes) / (share.m_BufferBytes + 1.0));
+        if (std::exchange(share.Window, m_Window) != m_Window)
+            share.Bytes = 0;
+        share.Bytes += (length / kFrameBytes + 1) * kCountedBytes;
+        m_Fullest = std::max(m_Fullest, double(share.Bytes) / (share.BufferBytes + 1.0));
     }
 
     // How long to sleep after a round in which all that had arrived was taken; 0 = not at all.
@@ -76,8 +70,8 @@ class Gathering {
 
     // Ends with a millisecond of the clock, as the sleeps of others do that send and receive by the
     // millisecond: so one timer interrupt wakes them all. A thread that had to wait for others must
-    // not be due before them next time: its timer would then be programmed anew, and theirs, too.
-    // So an eighth of the lateness stays.
+    // not be due before them next time, or the timer would be programmed once more for each. So an
+    // eighth of the lateness stays.
     static Duration UntilTick(Duration ticks) {
         const auto clock = std::chrono::system_clock::now().time_since_epoch();
         const Duration late = std::chrono::duration_cast<Duration>(clock) % kTick;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <new>
+#include <optional>
 
 #include "GroupWatch.h"
 #include "ReceiveBatch.h"
@@ -14,10 +15,9 @@
 namespace zaqsockets {
 
 // All guarded by g_Lock.
-static ReceiveLoop* g_Loop = nullptr;  // in service
-static pthread_t g_Ended;              // a thread that ended by itself and was not waited for yet
-static bool g_HasEnded = false;
-static pid_t g_Process = 0;  // whose threads these are
+static ReceiveLoop* g_Loop = nullptr;     // in service
+static std::optional<pthread_t> g_Ended;  // a thread that ended by itself, not waited for yet
+static pid_t g_Process = 0;               // whose threads these are
 
 // Thread safety: it belongs to its own thread, apart from what is marked.
 class ReceiveLoop {
@@ -109,7 +109,6 @@ class ReceiveLoop {
             if (over && !isAwaited) {
                 g_Loop = nullptr;
                 g_Ended = Thread;
-                g_HasEnded = true;
             }
         }
         Free(dead);
@@ -158,18 +157,11 @@ class ReceiveLoop {
 
 namespace {
 
-uint32_t BufferOf(const Descriptor& socket) {
-    uint32_t bytes = 0;
-    socklen_t size = sizeof(bytes);
-    getsockopt(socket.Number(), SOL_SOCKET, SO_RCVBUF, &bytes, &size);
-    return bytes;
-}
-
 // With g_Lock held.
 bool StartLoop() {
     // The thread that has ended holds no lock and calls nothing any more.
-    if (std::exchange(g_HasEnded, false))
-        pthread_join(g_Ended, nullptr);
+    if (g_Ended)
+        pthread_join(*std::exchange(g_Ended, std::nullopt), nullptr);
     auto loop = std::make_unique<ReceiveLoop>();
     if (!loop->Start())
         return false;
@@ -181,24 +173,27 @@ bool StartLoop() {
 
 // cppcheck-suppress uninitDerivedMemberVar ; the braces initialise all of them
 ReceiveSocket::ReceiveSocket(Descriptor file, void* context, ZAQReceiveCallback callback)
-    : UdpSocket{std::move(file), context, this}, Callback(callback), Share(BufferOf(File)) {}
+    : UdpSocket{std::move(file), context, this}, Callback(callback) {
+    socklen_t size = sizeof(Share.BufferBytes);
+    getsockopt(File.Number(), SOL_SOCKET, SO_RCVBUF, &Share.BufferBytes, &size);
+}
 
 void EndUnusedThreads(bool all) {
     EndUnusedWatch();
-    pthread_t ended[2];
-    int count = 0;
+    std::optional<pthread_t> ended;
+    std::optional<pthread_t> unused;
     {
         const std::lock_guard lock(g_Lock);
-        if (std::exchange(g_HasEnded, false))
-            ended[count++] = g_Ended;
+        ended = std::exchange(g_Ended, std::nullopt);
         if (g_Loop != nullptr && g_Loop->SocketCount == 0 && !g_Loop->IsOwnThread() &&
             (all || !g_Loop->InCallback)) {
-            ended[count++] = g_Loop->Thread;
+            unused = g_Loop->Thread;
             std::exchange(g_Loop, nullptr)->Wake();
         }
     }
-    while (count > 0)
-        pthread_join(ended[--count], nullptr);
+    for (const auto& thread : {ended, unused})
+        if (thread)
+            pthread_join(*thread, nullptr);
 }
 
 bool AttachSocket(ReceiveSocket& socket) {
@@ -207,7 +202,7 @@ bool AttachSocket(ReceiveSocket& socket) {
     if (g_Process != getpid()) {
         g_Process = getpid();
         g_Loop = nullptr;
-        g_HasEnded = false;
+        g_Ended.reset();
         ForgetWatch();
     }
     if (g_Loop == nullptr && !StartLoop())

@@ -18,6 +18,21 @@ constexpr time_t kSendTimeout_s = 1;
 #define IPV6_MULTICAST_ALL 29  // missing in older headers
 #endif
 
+// Sets an option that both families have, by the name that it has in the address's family.
+bool SetFor(const Address& address, const Descriptor& socket, int nameIPv4, int nameIPv6,
+            int value) {
+    return address.IsIPv6() ? Set(socket, IPPROTO_IPV6, nameIPv6, value)
+                            : Set(socket, IPPROTO_IP, nameIPv4, value);
+}
+
+Descriptor OpenSocket(const Address& address, int flags) {
+    Descriptor socket(::socket(address.Family(), SOCK_DGRAM | SOCK_CLOEXEC | flags, IPPROTO_UDP));
+    // An IPv6 socket would otherwise take the IPv4 port, too (ipv6(7)).
+    if (socket && address.IsIPv6() && !Set(socket, IPPROTO_IPV6, IPV6_V6ONLY, 1))
+        return Descriptor();
+    return socket;
+}
+
 // Linux otherwise delivers every group that any socket of the machine has joined to every socket
 // that is bound to the port and not to another address (ip(7), IP_MULTICAST_ALL).
 bool OwnGroupsOnly(const Descriptor& socket, const Address& address) {
@@ -48,11 +63,7 @@ bool SetMulticastOutput(const Descriptor& socket, const Address& local, Address&
 
 // DSCP are the upper six bits of the byte that the IP header has for it (RFC 2474).
 bool SetDscp(const Descriptor& socket, const RemoteAddress& remote) {
-    if (remote.Dscp < 0)
-        return true;
-    const int value = remote.Dscp << 2;
-    return remote.Host.IsIPv6() ? Set(socket, IPPROTO_IPV6, IPV6_TCLASS, value)
-                                : Set(socket, IPPROTO_IP, IP_TOS, value);
+    return remote.Dscp < 0 || SetFor(remote.Host, socket, IP_TOS, IPV6_TCLASS, remote.Dscp << 2);
 }
 
 // Bound to the port at the loopback address. No other socket of any address has the port then, nor
@@ -64,22 +75,12 @@ Descriptor HoldPort(const Address& any, uint32_t port) {
     loopback.SetPort(port);
     Descriptor socket = OpenSocket(loopback, 0);
     // The loopback interface may be down.
-    const bool bound = socket &&
-                       (any.IsIPv6() ? Set(socket, IPPROTO_IPV6, IPV6_FREEBIND, 1)
-                                     : Set(socket, IPPROTO_IP, IP_FREEBIND, 1)) &&
-                       Bind(socket, loopback);
+    const bool bound =
+        socket && SetFor(any, socket, IP_FREEBIND, IPV6_FREEBIND, 1) && Bind(socket, loopback);
     return bound ? std::move(socket) : Descriptor();
 }
 
 }  // namespace
-
-Descriptor OpenSocket(const Address& address, int flags) {
-    Descriptor socket(::socket(address.Family(), SOCK_DGRAM | SOCK_CLOEXEC | flags, IPPROTO_UDP));
-    // An IPv6 socket would otherwise take the IPv4 port, too (ipv6(7)).
-    if (socket && address.IsIPv6() && !Set(socket, IPPROTO_IPV6, IPV6_V6ONLY, 1))
-        return Descriptor();
-    return socket;
-}
 
 Descriptor OpenReceiveSocket(const Address& address) {
     Descriptor socket = OpenSocket(address, SOCK_NONBLOCK);
@@ -118,9 +119,9 @@ Descriptor OpenSendSocket(const Address& local, const RemoteAddress& remote, uin
         return Descriptor();
     // A datagram above the path's MTU is fragmented. Otherwise the kernel refuses it, once a router
     // has reported a smaller MTU (ip(7), IP_MTU_DISCOVER).
+    static_assert(IP_PMTUDISC_DONT == IPV6_PMTUDISC_DONT);
     const bool fragmentation =
-        destination.IsIPv6() ? Set(socket, IPPROTO_IPV6, IPV6_MTU_DISCOVER, IPV6_PMTUDISC_DONT)
-                             : Set(socket, IPPROTO_IP, IP_MTU_DISCOVER, IP_PMTUDISC_DONT);
+        SetFor(destination, socket, IP_MTU_DISCOVER, IPV6_MTU_DISCOVER, IP_PMTUDISC_DONT);
     // A subnet's broadcast address is a destination like another.
     const bool broadcast = destination.IsIPv6() || Set(socket, SOL_SOCKET, SO_BROADCAST, 1);
     // A send queue that never moves again must not hold the sending thread for ever.

@@ -23,8 +23,6 @@ bool Set(const Descriptor& socket, int level, int name, const Value& value) {
     return setsockopt(socket.Number(), level, name, &value, sizeof(value)) == 0;
 }
 
-Descriptor OpenSocket(const Address& address, int flags);
-
 // Not blocking, with a large buffer, for trains of datagrams (udp(7), UDP_GRO) and for no group
 // that only other sockets have joined.
 Descriptor OpenReceiveSocket(const Address& address);

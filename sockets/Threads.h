@@ -3,6 +3,7 @@
 #define SOCKETS_THREADS_H
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <mutex>
 
@@ -12,10 +13,23 @@ namespace zaqsockets {
 // never while a callback runs, a thread is joined, or a system call changes memberships. It is
 // constant-initialised and trivially destroyed, so that a thread may use it while the process
 // exits. A receive socket's Busy may be held when it is taken, never the other way round.
-extern std::mutex g_Lock;
+inline constinit std::mutex g_Lock;
 
 // Starts a thread of the library. False when the system refuses it.
-bool StartThread(pthread_t& thread, void* (*run)(void*), void* argument);
+inline bool StartThread(pthread_t& thread, void* (*run)(void*), void* argument) {
+    // The thread inherits the mask: the host's signal handlers run on the host's threads. Signals
+    // that a thread brings on itself stay open: blocked, they would end the process past any
+    // handler.
+    sigset_t blocked;
+    sigset_t previous;
+    sigfillset(&blocked);
+    for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
+        sigdelset(&blocked, own);
+    pthread_sigmask(SIG_SETMASK, &blocked, &previous);
+    const bool started = pthread_create(&thread, nullptr, run, argument) == 0;
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return started;
+}
 
 // As long as it exists, a pending pthread_cancel() of the calling thread has to wait. Otherwise a
 // system call would unwind the stack from within code that does not expect it.
