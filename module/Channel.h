@@ -93,4 +93,14 @@ Channel FindChannel(void* handle, uint32_t direction, uint32_t number);
 // The channel of a record of the table, which a thread or a callback was given.
 Channel FindChannel(RtpChannelContext* record);
 
+// Both are for the thread that owns the row's Socket at the time.
+
+// Where the row has no socket that was made from the configuration as it stands, makes one in place
+// of the old one, and clears Reopen, unless the configuration has changed meanwhile. False when
+// there is no socket then: Reopen keeps its value.
+bool RenewSocket(const Channel& channel);
+
+// Destroys the row's socket, if there is one, and clears the field.
+void CloseSocket(const Channel& channel);
+
 #endif

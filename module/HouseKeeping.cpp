@@ -2,7 +2,7 @@
 // the sockets of receive channels.
 #include <unistd.h>
 
-#include "ChannelSocket.h"
+#include "Channel.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include <memory>
 #include <new>
 
-#include "ChannelSocket.h"
+#include "Channel.h"
 
 namespace {
 

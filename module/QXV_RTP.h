@@ -45,19 +45,11 @@ extern "C" {
 /** Marks what the library exports. */
 #define QXV_RTP_API __attribute__((visibility("default")))
 
-/** Direction: send. */
-#define QXV_RTP_SEND 0u
-/** Direction: receive. */
-#define QXV_RTP_RECEIVE 1u
-
-/** Channels in each direction, numbered from 0. */
-#define QXV_RTP_CHANNELS 16u
-
-/** Size of an address field, the terminating NUL included. */
-#define QXV_RTP_ADDRESS_SIZE 256u
-
-/** Unit of QXV_RTP_SendStart's buffer size, in bytes. */
-#define QXV_RTP_BUFFER_UNIT 256u
+#define QXV_RTP_SEND 0u           /**< direction: send */
+#define QXV_RTP_RECEIVE 1u        /**< direction: receive */
+#define QXV_RTP_CHANNELS 16u      /**< channels in each direction, numbered from 0 */
+#define QXV_RTP_ADDRESS_SIZE 256u /**< size of an address field, the terminating NUL included */
+#define QXV_RTP_BUFFER_UNIT 256u  /**< unit of QXV_RTP_SendStart's buffer size, in bytes */
 
 /**
  * Configuration of one channel: 520 bytes, the layout of the shared table and the same in every
@@ -75,20 +67,16 @@ typedef struct RtpChannelConfig {
     char LocalAddress[QXV_RTP_ADDRESS_SIZE];
     /** 256: send: destination; receive: multicast group, or the any-address */
     char RemoteAddress[QXV_RTP_ADDRESS_SIZE];
-    /** 512: 1 exactly when RemoteAddress is a multicast group */
-    uint8_t Multicast;
+    uint8_t Multicast; /**< 512: 1 exactly when RemoteAddress is a multicast group */
     /** 513: send: 1 = put an RTP header in front of each datagram; receive: the form detected last
         (1 RTP, 0 raw), with which the channel starts: see QXV_RTP_Receive() */
     uint8_t Rtp;
-    /** 514: TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams */
-    uint8_t Ttl;
+    uint8_t Ttl; /**< 514: TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams */
     /** 515: receive from a group: 0 = join on the interface of LocalAddress, 1 = join on every
         multicast-capable interface that is up */
     uint8_t MulticastOption;
-    /** 516: UDP port: destination of a send channel, own port of a receive one */
-    uint16_t Port;
-    /** 518: 0 */
-    uint16_t Reserved;
+    uint16_t Port; /**< 516: UDP port: destination of a send channel, own port of a receive one */
+    uint16_t Reserved; /**< 518: 0 */
 } RtpChannelConfig;
 
 /** Largest buffer size, in units of 256 bytes, that SendStart is meant for: 16384 (4 MiB). */
@@ -206,11 +194,8 @@ QXV_RTP_API uint32_t QXV_RTP_Cancel(void* handle);
 QXV_RTP_API uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate);
 
 /**
- * Gives the measured bitrate of the *receive* channel of that number, which is refreshed once a
- * second. Does not block.
- * @param[in]  handle   of QXV_RTP_Create()
- * @param[in]  channel  0 to 15
- * @param[out] bitrate  bits per second
+ * Gives the measured bitrate of the *receive* channel of that number in `bitrate` (out), which is
+ * refreshed once a second. Does not block.
  */
 QXV_RTP_API uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t* bitrate);
 
@@ -266,32 +251,25 @@ QXV_RTP_API uint32_t QXV_RTP_ReceiveCancel(void* handle, uint32_t channel);
  * what both know.
  */
 typedef struct QXV_RTP_Statistics {
-    /** offset 0: in: sizeof(QXV_RTP_Statistics); out: the number of bytes that were filled */
-    uint32_t Size;
-    /** 4: 1 = started and not ended */
-    uint32_t Started;
+    uint32_t Size;    /**< offset 0: in: sizeof(QXV_RTP_Statistics); out: bytes that were filled */
+    uint32_t Started; /**< 4: 1 = started and not ended */
     /** 8: 1 = Send and Receive return 0, since the host has cancelled the channel, or the channel
         itself has because its stream lost the sync byte; also 1 while it is not started */
     uint32_t Cancelled;
-    /** 12: 1 = the channel's socket is open */
-    uint32_t SocketOpen;
+    uint32_t SocketOpen; /**< 12: 1 = the channel's socket is open */
     /** 16: bytes in the buffer: so many Receive takes without waiting, or so many are to be sent */
     uint32_t BufferedBytes;
     /** 20: bytes for which the buffer has room: Send stores so many without waiting */
     uint32_t FreeBytes;
     /** 24: sockets opened; above 1 after a new configuration, or after sending has failed */
     uint32_t SocketsOpened;
-    /** 28: receive: changes between raw and RTP */
-    uint32_t ModeChanges;
-    /** 32: datagrams sent, or received and stored in the buffer */
-    uint64_t Datagrams;
-    /** 40: bytes of their payload, without RTP headers */
-    uint64_t Bytes;
+    uint32_t ModeChanges; /**< 28: receive: changes between raw and RTP */
+    uint64_t Datagrams;   /**< 32: sent, or received and stored in the buffer */
+    uint64_t Bytes;       /**< 40: of their payload, without RTP headers */
     /** 48: receive: datagrams lost because the buffer had no room for them, or because their RTP
         header is longer than they are */
     uint64_t DatagramsDropped;
-    /** 56: send: datagrams lost because the system refused them */
-    uint64_t SendFailures;
+    uint64_t SendFailures; /**< 56: send: datagrams lost because the system refused them */
 } QXV_RTP_Statistics;
 
 /**
@@ -300,11 +278,8 @@ typedef struct QXV_RTP_Statistics {
  * instant. BufferedBytes and FreeBytes never promise too much to the thread that receives or sends:
  * it moves so many bytes without waiting.
  *
- * Returns 0 also where `statistics` is null or its Size is less than 64.
- * @param[in]     handle      of QXV_RTP_Create()
- * @param[in]     direction   QXV_RTP_SEND or QXV_RTP_RECEIVE
- * @param[in]     channel     0 to 15
- * @param[in,out] statistics  Size must be set
+ * The caller sets Size in `statistics` (in, out). Returns 0 also where that is null, or its Size is
+ * less than 64.
  */
 QXV_RTP_API uint32_t QXV_RTP_GetStatistics(void* handle, uint32_t direction, uint32_t channel,
                                            QXV_RTP_Statistics* statistics);

@@ -1,7 +1,7 @@
 // The transmit thread of one send channel: frames, paces and sends datagrams.
 #include <unistd.h>
 
-#include "ChannelSocket.h"
+#include "Channel.h"
 #include "StreamFormat.h"
 #include "Tick.h"
 #include "ZAQSockets.h"
@@ -29,8 +29,7 @@ class Transmitter {
     }
 
   private:
-    // Acquire pairs with the releases in a cancel, and in the start that takes this
-    // thread's place.
+    // Acquire pairs with the releases in a cancel, and in a start that takes this thread's place.
     bool MustEnd() const {
         return m_Channel.Row->Cancel.load(std::memory_order_acquire) != 0 ||
                m_Channel.Internals->StopThread.load(std::memory_order_acquire);
@@ -52,29 +51,23 @@ class Transmitter {
         }
         if (Timer().GetBlockSize() == 0)
             StartPacing();
-        if (Timer().GetTxBlocks() == 0) {
+        if (Timer().GetTxBlocks() == 0)
             SleepToTick();
-            return;
-        }
-        SendDatagram();
+        else
+            SendDatagram();
     }
 
-    // Finds the packet size from the first bytes of the stream. One that fits both sizes is taken
-    // as 188.
+    // Finds the packet size from the first bytes. A stream that fits both sizes is taken as 188.
     bool Detect() {
         Buffer().Sample(m_Datagram, kDetectionSize);
-        const auto synchronised = [this](size_t packetSize) {
-            return m_Datagram[packetSize] == kSyncByte && m_Datagram[2 * packetSize] == kSyncByte;
-        };
-        if (m_Datagram[0] != kSyncByte)
-            return false;
-        if (synchronised(kPacketSize))
-            m_PayloadSize = kPacketsPerDatagram * kPacketSize;
-        else if (synchronised(kLongPacketSize))
-            m_PayloadSize = kPacketsPerDatagram * kLongPacketSize;
-        else
-            return false;
-        return true;
+        for (const uint32_t packetSize : {kPacketSize, kLongPacketSize}) {
+            if (m_Datagram[0] == kSyncByte && m_Datagram[packetSize] == kSyncByte &&
+                m_Datagram[2 * packetSize] == kSyncByte) {
+                m_PayloadSize = kPacketsPerDatagram * packetSize;
+                return true;
+            }
+        }
+        return false;
     }
 
     // The timer refuses a bitrate of 0, which SetBitrate may have left in the record; its block
