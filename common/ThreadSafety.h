@@ -24,7 +24,6 @@
 #define ZAQ_REQUIRES(...) ZAQ_TSA(requires_capability(__VA_ARGS__))
 #define ZAQ_ACQUIRE(...) ZAQ_TSA(acquire_capability(__VA_ARGS__))
 #define ZAQ_RELEASE(...) ZAQ_TSA(release_capability(__VA_ARGS__))
-#define ZAQ_EXCLUDES(...) ZAQ_TSA(locks_excluded(__VA_ARGS__))
 
 namespace zaq {
 

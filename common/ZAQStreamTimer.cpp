@@ -21,8 +21,7 @@ uint32_t LowBits(double value) {
                                             : 0;
 }
 
-// The timestamp follows the count of blocks, not the clock, so that jitter of the sending thread
-// never enters the stream.
+// The timestamp follows the count of blocks, not the clock, so the thread's jitter stays outside.
 uint32_t TimeStamp(const CZAQStreamTimer& timer) ZAQ_REQUIRES(timer.Lock) {
     const auto blocks = timer.BlocksTransfered.load(std::memory_order_relaxed);
     return LowBits(static_cast<double>(blocks) * timer.TicksPerBlock) + timer.TimestampBase;

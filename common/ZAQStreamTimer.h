@@ -80,7 +80,7 @@ class ZAQ_EXPORT CZAQStreamTimer {
     uint32_t TimestampBase ZAQ_GUARDED_BY(Lock) = 0;
 
     // Last in order: nothing else is locked while it is held, and no virtual function of the
-    // timer's.
+    // timer's is called.
     zaq::Mutex Lock;
 };
 

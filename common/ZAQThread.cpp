@@ -37,8 +37,7 @@ int CZAQThread::StartThread(void (*routine)(void*), void* argument, int priority
         failed = pthread_attr_setschedparam(&attributes, &parameters);
     }
     // The host's signal handlers run on the host's threads, and interrupt no sleep of this one. A
-    // signal that a thread causes itself cannot wait: if it were blocked, it would end the process
-    // without a call of its handler.
+    // signal that a thread causes itself would, if it were blocked, end the process at once.
     sigset_t blocked;
     sigfillset(&blocked);
     constexpr int kCaused[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
@@ -59,8 +58,7 @@ int CZAQThread::StartThread(void (*routine)(void*), void* argument, int priority
 void CZAQThread::CloseWithWait() {
     // After fork() the child has a copy of the object but not the thread, and the C library may
     // have recycled the thread's descriptor: neither join nor detach may touch it. The join
-    // releases all that the thread held, so there is nothing left to detach; the identifier may by
-    // then belong to another thread.
+    // releases all that the thread held; the identifier may then belong to another thread.
     if (ThreadId != 0 && ProcessId == getpid())
         pthread_join(ThreadId, nullptr);
     ThreadId = 0;

@@ -7,8 +7,7 @@
 
 #include "Export.h"
 
-// The wrapper has no stop signal: the routine ends by its own means, and the owner then waits for
-// it or lets it go.
+// The wrapper has no stop signal: the routine ends by its own means, and the owner waits for that.
 //
 // Thread safety: one owner at a time. The started thread touches only Routine and Argument, which
 // are set before it exists. In a child of fork() the thread is not there; closing or destroying the

@@ -7,8 +7,7 @@
 #include "Export.h"
 
 // The wall clock in milliseconds, cut to 32 bits (it wraps every 49.7 days) and extended to 64 bits
-// by counting the wraps. It follows the wall clock: a step back of less than 2^31 ms makes the tick
-// go back by as much.
+// by counting the wraps. Where that clock steps back by less than 2^31 ms, the tick does so, too.
 //
 // Thread safety: none; each object has one user at a time (the stream timer locks its own).
 class ZAQ_EXPORT CZAQTickValue {

@@ -22,10 +22,3 @@ Channel FindChannel(RtpChannelContext* record) {
     const auto number = static_cast<uint32_t>(place);
     return FindChannel(g_pContext, number / kChannels, number % kChannels);
 }
-
-bool ChannelInternals::IsUsed(const CZAQSimpleBuffer* ring) const {
-    const RingUser* user = Users;
-    while (user != nullptr && user->Ring != ring)
-        user = user->Next;
-    return user != nullptr;
-}

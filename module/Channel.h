@@ -26,9 +26,7 @@ struct ChannelCounters {  // NOLINT(clang-analyzer-optin.performance.Padding)
     std::atomic<uint64_t> Dropped{0};
     std::atomic<uint64_t> SendFailures{0};
     std::atomic<uint32_t> ModeChanges{0};
-
-    // Written by the thread that opens the socket.
-    std::atomic<uint32_t> SocketsOpened{0};
+    std::atomic<uint32_t> SocketsOpened{0};  // written by the thread that opens the socket
 };
 
 template <typename Number>
@@ -61,10 +59,15 @@ struct ChannelInternals {
     zaq::Mutex Intake;
 
     RingUser* Users ZAQ_GUARDED_BY(State) = nullptr;  // a list
-    bool IsUsed(const CZAQSimpleBuffer* ring) const ZAQ_REQUIRES(State);
+    bool IsUsed(const CZAQSimpleBuffer* ring) const ZAQ_REQUIRES(State) {
+        const RingUser* user = Users;
+        while (user != nullptr && user->Ring != ring)
+            user = user->Next;
+        return user != nullptr;
+    }
 
-    // How often the host has cancelled the channel. A transfer that waits may see Cancel only after
-    // the next start has cleared it.
+    // How often the host has cancelled the channel: a start that follows may clear Cancel before a
+    // transfer that waits looks at it.
     std::atomic<uint32_t> Cancels{0};
 
     // Tells the transmit thread to end, like Cancel, where a start replaces it: a Send that waits
@@ -86,8 +89,7 @@ struct Channel {
 };
 
 // The channel that the host's arguments name; none for a null handle and for a number out of range.
-// There is one instance, so that the table's word for it, which other processes may overwrite, is
-// not read.
+// The table's Instance, which other processes may overwrite, is not read: there is only one.
 Channel FindChannel(void* handle, uint32_t direction, uint32_t number);
 
 // The channel of a record of the table, which a thread or a callback was given.

@@ -31,8 +31,7 @@ Detection Detect(CZAQStreamTimer& timer, unsigned char* data, uint32_t length) {
 }
 
 // Switches the mode with a hysteresis and returns the one in force. The test is for equality: after
-// a switch the counter stays at its limit, and one datagram of the mode in force must set it back
-// before the next switch.
+// a switch, one datagram of the mode in force must set the counter back before the next switch.
 uint8_t UpdateMode(const Channel& channel, uint8_t detected) {
     RtpChannelContext& record = *channel.Record;
     // Relaxed: only this thread counts; other threads and processes just look.
@@ -68,8 +67,7 @@ void RxProcess(void* socket, void* /*reserved*/, sockaddr* /*source*/, unsigned 
 
     const Detection detection = Detect(*timer, data, length);
     const uint32_t offset = UpdateMode(channel, detection.Rtp) == 1 ? detection.HeaderSize : 0;
-    // Wraps to nearly 2^32 when the CSRC list is longer than the datagram; the ring then refuses
-    // it.
+    // Wraps to nearly 2^32, which the ring refuses, when the CSRC list is longer than the datagram.
     const uint32_t payload = length - offset;
     if (timer->GetBlockSize() != payload)
         timer->RxInitialize(payload);

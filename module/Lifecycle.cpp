@@ -11,8 +11,7 @@ constexpr uint32_t kReceiveRingSize = 0x400000;
 // Four stores meet when a cancel and a start run at the same time: Cancel 1, Running 0 here, and
 // Cancel 0, Running 1 there. Each side looks once more at Cancel after its last store, and both see
 // one order of all accesses (sequential consistency): the cancel that finds its 1 gone has been
-// overtaken by a start, and repeats; the start that finds a 1 has been cancelled, and is not
-// running.
+// overtaken by a start, and repeats; the start that finds a 1 was cancelled, and clears Running.
 uint32_t Cancel(const Channel& channel) {
     if (!channel)
         return 0;
@@ -24,35 +23,28 @@ uint32_t Cancel(const Channel& channel) {
     return 1;
 }
 
-void ResetCounters(ChannelCounters& counters, uint32_t capacity) {
-    constexpr auto relaxed = std::memory_order_relaxed;
-    counters.HostBytes.store(0, relaxed);
-    counters.NetworkBytes.store(0, relaxed);
-    counters.Datagrams.store(0, relaxed);
-    counters.Bytes.store(0, relaxed);
-    counters.Dropped.store(0, relaxed);
-    counters.SendFailures.store(0, relaxed);
-    counters.ModeChanges.store(0, relaxed);
-    counters.SocketsOpened.store(0, relaxed);
-    counters.Capacity.store(capacity, relaxed);
+void ResetCounters(ChannelCounters& counters) {
+    for (auto* const counter : {&counters.HostBytes, &counters.NetworkBytes, &counters.Datagrams,
+                                &counters.Bytes, &counters.Dropped, &counters.SendFailures})
+        counter->store(0, std::memory_order_relaxed);
+    for (auto* const counter : {&counters.ModeChanges, &counters.SocketsOpened})
+        counter->store(0, std::memory_order_relaxed);
 }
 
-// Puts both objects, or null, into the row and frees those that were there. This keeps them from
-// being freed under their users:
-//   host threads, with the ring       are RingUsers; the last one frees a ring that was taken out
-//   host threads, housekeeping, with  hold `State`
-//     the timer
-//   transmit thread                   it has been joined before
-//   intake                            holds `Intake`
+// Puts both objects, or null, into the row and frees the earlier ones. This protects their users:
+//   Send, Receive            are RingUsers; the last one frees a ring that was taken out
+//   SetBitrate, measurement  hold `State`
+//   transmit thread          has been joined before
+//   intake                   holds `Intake`
 void ReplaceObjects(const Channel& channel, CZAQStreamTimer* timer, CZAQSimpleBuffer* ring) {
     ChannelCounters& counters = channel.Internals->Counters;
     {
         const zaq::MutexLock state(channel.Internals->State);
         const zaq::MutexLock intake(channel.Internals->Intake);
         if (ring != nullptr)
-            ResetCounters(counters, ring->GetBufferSize());
-        else
-            counters.Capacity.store(0, std::memory_order_relaxed);
+            ResetCounters(counters);
+        counters.Capacity.store(ring != nullptr ? ring->GetBufferSize() : 0,
+                                std::memory_order_relaxed);
         // Release: whoever finds the pointer, with acquire, finds the object complete.
         timer = channel.Row->Timer.exchange(timer, std::memory_order_acq_rel);
         ring = channel.Row->Buffer.exchange(ring, std::memory_order_acq_rel);
@@ -95,8 +87,7 @@ uint32_t Start(const Channel& channel, uint32_t bitrate, uint32_t bufferSize) {
     channel.Row->Cancel.store(0);
     CZAQThread* thread = nullptr;
     try {
-        // The earlier objects are replaced, not freed before, so that a Send or Receive that waits
-        // always finds a ring.
+        // The earlier objects stay meanwhile, so that a transfer that waits always finds a ring.
         auto timer = std::make_unique<CZAQStreamTimer>();
         auto* const ring = new CZAQSimpleBuffer(bufferSize);
         ReplaceObjects(channel, timer.release(), ring);

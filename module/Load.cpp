@@ -92,8 +92,7 @@ void ForgetSegment() {
 
 // True when the segment object has the table. Where another process creates the file at the same
 // moment, this one may open it half written. The next attempt removes its name and creates another
-// file, as if this process had been loaded a moment later. A short file that belongs to another
-// user is refused in the end.
+// file, as if this process had been loaded later. Another user's short file is refused in the end.
 bool OpenTable() {
     constexpr int kAttempts = 10;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {

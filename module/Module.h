@@ -1,5 +1,4 @@
-// The module's own routines and globals. They are visible as ordinary symbols, but a host needs
-// none of them.
+// The module's own routines and globals: ordinary symbols, but a host needs none of them.
 #ifndef MODULE_MODULE_H
 #define MODULE_MODULE_H
 
@@ -17,8 +16,7 @@
 #include "ZAQThread.h"
 
 // The runtime row of one channel, 40 bytes. The pointers are owning; null means absent. The start
-// operations fill them, the end operations free them; Lifecycle.cpp says why no thread uses an
-// object that is being freed.
+// operations fill them, the end operations free them; Lifecycle.cpp says what protects them.
 //
 //   field    written by                                       read by
 //   Cancel   load; start (0); cancel, end, transmit thread (1)  Send, Receive, transmit thread

@@ -52,8 +52,7 @@ extern "C" {
 #define QXV_RTP_BUFFER_UNIT 256u  /**< unit of QXV_RTP_SendStart's buffer size, in bytes */
 
 /**
- * Configuration of one channel: 520 bytes, the layout of the shared table and the same in every
- * process.
+ * Configuration of one channel: 520 bytes, as in the shared table and the same in every process.
  *
  * Addresses are NUL-terminated text: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone (RFC
  * 4007) where one is needed ("ff02::1%eth0"). RemoteAddress may say more:
@@ -213,8 +212,7 @@ QXV_RTP_API uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel);
  * Reads exactly `length` bytes into `data` (out); blocks until they are there. Returns 0 when the
  * channel is or becomes cancelled, or is not started; bytes read up to then are gone. A length of 0
  * always succeeds. A datagram for which the buffer has no room is dropped whole. A host that serves
- * several channels from one thread asks QXV_RTP_GetStatistics() first, and reads no more than is
- * there.
+ * several channels from one thread reads no more than QXV_RTP_GetStatistics() says is there.
  *
  * What is read is the payload of the datagrams in the order of their arrival; nobody looks whether
  * it consists of packets. Four datagrams in a row of the other form switch the channel between RTP
@@ -245,10 +243,8 @@ QXV_RTP_API uint32_t QXV_RTP_ReceiveCancel(void* handle, uint32_t channel);
 
 /**
  * What has happened to a channel, and how it stands. The counters begin at 0 with every start and
- * stay as they are after the end, until the next start.
- *
- * The structure may grow in later versions, at its end: the caller sets Size, and the library fills
- * what both know.
+ * stay as they are after the end, until the next start. The structure may grow at its end in later
+ * versions: the caller sets Size, and the library fills what both know.
  */
 typedef struct QXV_RTP_Statistics {
     uint32_t Size;    /**< offset 0: in: sizeof(QXV_RTP_Statistics); out: bytes that were filled */

@@ -1,7 +1,6 @@
 /**
  * @file
- * Version of libQXV_RTP.so and libZAQSockets.so at compile time; the build takes the version from
- * here.
+ * Version of libQXV_RTP.so and libZAQSockets.so at compile time, from which the build takes it.
  *
  * A new major or minor number may bring functions, a new patch number brings none. What a host that
  * was compiled against another version may expect is in docs/packaging.md.

@@ -11,15 +11,13 @@
 #include "QXV_RTP_table.h"
 
 inline constexpr char kSharedMemoryPath[] = QXV_RTP_TABLE_PATH;
-
 inline constexpr uint32_t kSend = QXV_RTP_SEND;
 inline constexpr uint32_t kReceive = QXV_RTP_RECEIVE;
 inline constexpr uint32_t kDirections = 2;
 inline constexpr uint32_t kChannels = QXV_RTP_CHANNELS;
 
-// One channel, as QXV_RTP_table.h draws it for other processes. The counters are atomic because
-// threads and processes share them; a lock-free atomic has the size and the address-free access of
-// the plain number.
+// One channel, as QXV_RTP_table.h draws it for other processes. Threads and processes share the
+// numbers; a lock-free atomic has the size and the address-free access of the plain number.
 struct RtpChannelContext {
     std::atomic<uint32_t> Instance;
     std::atomic<uint32_t> Direction;
@@ -43,7 +41,6 @@ struct RtpContext {
 
 static_assert(std::atomic<uint32_t>::is_always_lock_free);
 static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t));
-
 static_assert(sizeof(RtpChannelConfig) == 520);
 static_assert(offsetof(RtpChannelConfig, LocalAddress) == 0);
 static_assert(offsetof(RtpChannelConfig, RemoteAddress) == 256);

@@ -14,7 +14,6 @@ constexpr uint32_t kLongPacketSize = 204;  // with 16 bytes of Reed-Solomon pari
 constexpr uint32_t kPacketsPerDatagram = 7;
 // As a payload size it stands for "not known yet": that many bytes decide on the packet size.
 constexpr uint32_t kDetectionSize = 2048;
-
 constexpr useconds_t kSocketRetry_us = 1000000;
 
 class Transmitter {

@@ -38,7 +38,6 @@ class Address {
     uint32_t Zone() const { return IsIPv6() ? m_Storage.IPv6.sin6_scope_id : 0; }
     void SetZone(uint32_t zone) { m_Storage.IPv6.sin6_scope_id = zone; }
     void SetPort(uint32_t port);
-
     const sockaddr* Get() const { return &m_Storage.Any; }
     socklen_t Size() const { return IsIPv6() ? sizeof(sockaddr_in6) : sizeof(sockaddr_in); }
 
@@ -59,7 +58,6 @@ struct RemoteAddress {
 
     // As Address::Parse.
     bool Parse(std::string_view text);
-
     bool HasSource() const { return Source.Family() != AF_UNSPEC; }
 
     Address Host;

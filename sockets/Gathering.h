@@ -46,8 +46,7 @@ class Gathering {
             // A window that took longer contains a time in which nothing came.
             const bool steady = window < 2 * kWindow && m_Messages >= kLeastMessages &&
                                 (m_Ticks > 0 || m_Wakeups >= kLeastWakeups);
-            // As many as fill an eighth of the fullest socket's buffer. So the rate may rise to the
-            // eightfold without a loss.
+            // As many as fill an eighth of the fullest buffer: the rate may rise to the eightfold.
             const double ticks = double(window / kTick) * kMostFilled / m_Fullest;
             m_Ticks = steady ? static_cast<int>(std::min(ticks, kMostTicks)) : 0;
             m_UsuallyFullest = m_Fullest;

@@ -47,15 +47,11 @@ bool Join(const Descriptor& socket, const Meaning& meaning, uint32_t interface) 
 // On the interface that the system finds for an IPv4 address: one of a network that is local as a
 // whole, such as 127.0.0.5, or any where rtnetlink is refused.
 bool JoinByAddress(const Descriptor& socket, const Meaning& meaning) {
-    ip_mreqn membership{};
-    membership.imr_multiaddr = meaning.Remote.Host.IPv4();
-    membership.imr_address = meaning.Local.IPv4();
+    const in_addr group = meaning.Remote.Host.IPv4();
+    const in_addr local = meaning.Local.IPv4();
     if (!meaning.Remote.HasSource())
-        return Set(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership);
-    ip_mreq_source filtered{};
-    filtered.imr_multiaddr = membership.imr_multiaddr;
-    filtered.imr_interface = membership.imr_address;
-    filtered.imr_sourceaddr = meaning.Remote.Source.IPv4();
+        return Set(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, ip_mreq{group, local});
+    const ip_mreq_source filtered{group, local, meaning.Remote.Source.IPv4()};
     return Set(socket, IPPROTO_IP, IP_ADD_SOURCE_MEMBERSHIP, filtered);
 }
 

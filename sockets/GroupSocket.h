@@ -20,8 +20,7 @@ struct ReceiveSocket;
 // Thread safety: it belongs to the thread that creates the socket, and from then on to the watch
 // thread; but Socket is guarded by g_Lock, and IsDestroyed may be read by any thread.
 struct Group {
-    // Fixed after the creation. The addresses stay text, since a zone's name may come to mean
-    // another interface.
+    // Fixed after the creation. Addresses stay text: a zone's name may come to mean another interface.
     std::string Local;
     std::string Remote;
     uint32_t Port = 0;
@@ -41,9 +40,8 @@ struct Group {
 // the remote address may name. Empty, with nothing left open, when any step fails.
 Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces);
 
-// Ends the membership on an interface that is gone. It would count to the limit; and where an
-// interface comes with the same number, as from another network namespace, it would pass for a good
-// one.
+// Ends the membership on an interface that is gone. It would count to the limit, and would pass for
+// a good one where another interface, as from another network namespace, gets the same number.
 void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface);
 
 // After interfaces have changed: joins on those that are new, and leaves those that are gone. Where

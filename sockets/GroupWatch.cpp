@@ -96,9 +96,8 @@ class Watch {
     }
 
     void TakeMessages() {
-        // Apart from interfaces that are gone it does not matter what the messages say, and the
-        // kernel drops what has no room: every one, and ENOBUFS for the dropped ones, says that
-        // something has changed.
+        // Apart from interfaces that are gone it does not matter what the messages say: each, and
+        // ENOBUFS for those that the kernel has dropped, says that something has changed.
         constexpr int kMost = 1000;  // the rest waits for the next time
         struct {
             nlmsghdr Header;

@@ -18,10 +18,8 @@ namespace zaqsockets {
 class InterfaceList {
   public:
     InterfaceList();
-
     // False when the system did not tell. The list is then empty.
     explicit operator bool() const { return m_Entries != nullptr; }
-
     uint32_t WithAddress(const Address& address) const;
     bool Has(uint32_t interface) const;
     // Those that are up and can multicast.
@@ -35,8 +33,7 @@ class InterfaceList {
 // The interface to which the route to the group leads.
 uint32_t RouteTo(const Address& group);
 
-// A socket that gets the messages of so many groups (rtnetlink(7)). Empty, with errno set, when the
-// system refuses it.
+// A socket that gets these groups' messages (rtnetlink(7)). Empty, with errno set, when refused.
 Descriptor OpenNetlink(uint32_t groups);
 
 }  // namespace zaqsockets

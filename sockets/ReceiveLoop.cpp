@@ -25,9 +25,7 @@ class ReceiveLoop {
     ReceiveLoop()
         : m_Epoll(epoll_create1(EPOLL_CLOEXEC)),
           m_Wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-          m_Batch(new ReceiveBatch) {
-        m_Batch->Prepare();
-    }
+          m_Batch(new ReceiveBatch) {}
     ~ReceiveLoop() { Free(Dead); }
 
     // With g_Lock held. The thread frees the loop when it ends.
@@ -104,12 +102,11 @@ class ReceiveLoop {
             const std::lock_guard lock(g_Lock);
             dead = std::exchange(Dead, nullptr);
             InCallback = false;
-            const bool isAwaited = g_Loop != this;
-            over = isAwaited || SocketCount == 0;
-            if (over && !isAwaited) {
+            if (g_Loop == this && SocketCount == 0) {
                 g_Loop = nullptr;
                 g_Ended = Thread;
             }
+            over = g_Loop != this;
         }
         Free(dead);
         return over;
@@ -171,13 +168,6 @@ bool StartLoop() {
 
 }  // namespace
 
-// cppcheck-suppress uninitDerivedMemberVar ; the braces initialise all of them
-ReceiveSocket::ReceiveSocket(Descriptor file, void* context, ZAQReceiveCallback callback)
-    : UdpSocket{std::move(file), context, this}, Callback(callback) {
-    socklen_t size = sizeof(Share.BufferBytes);
-    getsockopt(File.Number(), SOL_SOCKET, SO_RCVBUF, &Share.BufferBytes, &size);
-}
-
 void EndUnusedThreads(bool all) {
     EndUnusedWatch();
     std::optional<pthread_t> ended;
@@ -197,6 +187,8 @@ void EndUnusedThreads(bool all) {
 }
 
 bool AttachSocket(ReceiveSocket& socket) {
+    socklen_t size = sizeof(socket.Share.BufferBytes);
+    getsockopt(socket.File.Number(), SOL_SOCKET, SO_RCVBUF, &socket.Share.BufferBytes, &size);
     const std::lock_guard lock(g_Lock);
     // After fork() the parent's threads are of no use to the child: they are not there.
     if (g_Process != getpid()) {
@@ -210,8 +202,7 @@ bool AttachSocket(ReceiveSocket& socket) {
     socket.Loop = g_Loop;
     if (socket.Joined && !WatchGroup(socket.Joined, socket))
         return false;
-    // The thread may serve the socket at once, and its callback destroy it; but that needs the
-    // lock.
+    // The thread may serve the socket at once, but a callback that destroys it needs the lock.
     if (g_Loop->Register(socket)) {
         ++g_Loop->SocketCount;
         return true;
@@ -264,8 +255,7 @@ bool ExchangeFile(ReceiveSocket& socket, const Descriptor& file) {
 static const pid_t g_LoadedBy = getpid();
 
 // Unloading, and exit: a thread that a callback brought to its end must be gone before the code is.
-// Not in a child of fork(), which has none of the threads, and where one of them may have left a
-// lock closed.
+// A child of fork() has none of the threads, and one of them may have left a lock closed there.
 __attribute__((destructor)) static void EndAtUnload() {
     const CancellationOff uncancelled;
     if (g_LoadedBy == getpid())

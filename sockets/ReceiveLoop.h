@@ -34,7 +34,8 @@ struct UdpSocket {
 
 // Made by its creator, then handed to the loop, which frees it.
 struct ReceiveSocket : UdpSocket {
-    ReceiveSocket(Descriptor file, void* context, ZAQReceiveCallback callback);
+    ReceiveSocket(void* context, ZAQReceiveCallback callback)
+        : UdpSocket{Descriptor(), context, this}, Callback(callback) {}
 
     // Fixed after the creation.
     const ZAQReceiveCallback Callback;
@@ -63,8 +64,7 @@ void DetachSocket(ReceiveSocket* socket);
 // for a receive thread that may still be in a callback.
 void EndUnusedThreads(bool all);
 
-// Lets another file take the place of a socket's, under the same number. With g_Lock held, which
-// keeps the socket attached.
+// With g_Lock held: lets another file take the place of a socket's, under the same number.
 bool ExchangeFile(ReceiveSocket& socket, const Descriptor& file);
 
 }  // namespace zaqsockets

@@ -42,8 +42,7 @@ bool OwnGroupsOnly(const Descriptor& socket, const Address& address) {
     return Set(socket, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0) || errno == ENOPROTOOPT;
 }
 
-// The TTL of sent multicast and its interface. That it comes back to this machine, too, is the
-// system's default.
+// The TTL of sent multicast and its interface. By default it comes back to this machine, too.
 bool SetMulticastOutput(const Descriptor& socket, const Address& local, Address& group, int ttl) {
     if (!group.IsIPv6()) {
         ip_mreqn interface {};
@@ -134,8 +133,7 @@ Descriptor OpenSendSocket(const Address& local, const RemoteAddress& remote, uin
 
 // With SO_REUSEADDR, another socket that has it, too, could bind the same address and port, and
 // would silently get the datagrams. So a named address goes without. But the any-address collides
-// with groups on the same port, which are no rivals: for those, earlier and later ones, it is
-// shared.
+// with groups on the same port, which are no rivals: it is shared for earlier and later ones.
 Descriptor OpenUnicastSocket(const Address& local, uint32_t port) {
     Descriptor socket = OpenReceiveSocket(local);
     Address bound = local;

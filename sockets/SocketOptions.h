@@ -29,8 +29,7 @@ Descriptor OpenReceiveSocket(const Address& address);
 
 bool Bind(const Descriptor& socket, const Address& address);
 
-// The interface that the addresses name, by a zone or by its own address. 0 = none, or one that is
-// not there.
+// The interface that the addresses name, by a zone or by its own address. 0 = there is none.
 uint32_t GroupInterface(const Address& local, const Address& group,
                         const InterfaceList& interfaces);
 

@@ -17,9 +17,8 @@ inline constinit std::mutex g_Lock;
 
 // Starts a thread of the library. False when the system refuses it.
 inline bool StartThread(pthread_t& thread, void* (*run)(void*), void* argument) {
-    // The thread inherits the mask: the host's signal handlers run on the host's threads. Signals
-    // that a thread brings on itself stay open: blocked, they would end the process past any
-    // handler.
+    // The thread inherits the mask: the host's signal handlers run on the host's threads. A signal
+    // that a thread brings on itself would, if it were blocked, end the process past any handler.
     sigset_t blocked;
     sigset_t previous;
     sigfillset(&blocked);

@@ -19,20 +19,6 @@ using namespace zaqsockets;
 constexpr uint32_t kHighestPort = 65535;
 constexpr int kHighestTtl = 255;
 
-UdpSocket* Receive(Descriptor file, std::shared_ptr<Group> group, ZAQReceiveCallback callback,
-                   void* context) {
-    if (!file)
-        return nullptr;
-    auto socket = std::make_unique<ReceiveSocket>(std::move(file), context, callback);
-    socket->Joined = std::move(group);
-    // From the success on, the loop's thread has it, and a callback may already have destroyed it.
-    UdpSocket* const handle = socket.get();
-    if (!AttachSocket(*socket))
-        return nullptr;
-    static_cast<void>(socket.release());
-    return handle;
-}
-
 }  // namespace
 
 void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, uint32_t localPort,
@@ -48,28 +34,33 @@ void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, u
         remotePort > kHighestPort || ttl < 0 || ttl > kHighestTtl ||
         (send == 0 && callback == nullptr))
         return nullptr;
-    UdpSocket* socket = nullptr;
     try {
         if (send != 0) {
             Descriptor file = OpenSendSocket(local, remote, remotePort, ttl);
             return file ? new UdpSocket{std::move(file), context, nullptr} : nullptr;
         }
+        auto socket = std::make_unique<ReceiveSocket>(context, callback);
         if (remote.Host.IsMulticast()) {
             auto group = std::make_shared<Group>();
             group->Local = localAddress;
             group->Remote = remoteAddress;
             group->Port = localPort;
             group->Everywhere = multicastOption == 1;
-            Descriptor file = OpenGroupSocket(*group, InterfaceList());
-            socket = Receive(std::move(file), std::move(group), callback, context);
+            socket->File = OpenGroupSocket(*group, InterfaceList());
+            socket->Joined = std::move(group);
         } else {
-            socket = Receive(OpenUnicastSocket(local, localPort), nullptr, callback, context);
+            socket->File = OpenUnicastSocket(local, localPort);
+        }
+        // From the success on, the loop's thread has it, and a callback may have destroyed it.
+        UdpSocket* const handle = socket.get();
+        if (socket->File && AttachSocket(*socket)) {
+            static_cast<void>(socket.release());
+            return handle;
         }
     } catch (const std::bad_alloc&) {
     }
-    if (socket == nullptr)
-        EndUnusedThreads(false);  // those that were started for this socket
-    return socket;
+    EndUnusedThreads(false);  // those that were started for this socket
+    return nullptr;
 }
 
 void ZAQUDPSocket_Destroy(void* socket) {
