@@ -20,7 +20,7 @@ struct ReceiveSocket;
 // Thread safety: it belongs to the thread that creates the socket, and from then on to the watch
 // thread; but Socket is guarded by g_Lock, and IsDestroyed may be read by any thread.
 struct Group {
-    // Fixed after the creation. Addresses stay text: a zone's name may come to mean another interface.
+    // Fixed after the creation. Addresses stay text: a zone may come to mean another interface.
     std::string Local;
     std::string Remote;
     uint32_t Port = 0;
