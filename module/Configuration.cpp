@@ -53,7 +53,7 @@ void Normalise(RtpChannelConfig& config, uint32_t direction, uint32_t family) {
 // takes half a microsecond, a few times in a channel's life. The order against Reopen comes from
 // that flag's own release and acquire.
 RtpChannelConfig LoadConfig(const Channel& channel) {
-    RtpChannelConfig config;
+    RtpChannelConfig config{};
     auto* const from = reinterpret_cast<unsigned char*>(&channel.Record->Config);
     auto* const to = reinterpret_cast<unsigned char*>(&config);
     const zaq::MutexLock lock(channel.Internals->State);

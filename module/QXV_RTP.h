@@ -193,8 +193,8 @@ QXV_RTP_API uint32_t QXV_RTP_Cancel(void* handle);
 QXV_RTP_API uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate);
 
 /**
- * Gives the measured bitrate of the *receive* channel of that number in `bitrate` (out), which is
- * refreshed once a second. Does not block.
+ * Gives in `bitrate` (out) the measured bitrate, in bits per second, of the *receive* channel of
+ * that number, which is refreshed once a second. Does not block.
  */
 QXV_RTP_API uint32_t QXV_RTP_GetBitrate(void* handle, uint32_t channel, uint32_t* bitrate);
 

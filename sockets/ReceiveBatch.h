@@ -24,6 +24,7 @@ struct ReceiveBatch {
     unsigned char Slots[kMessages][kSlotBytes];
 
     // The slots stay untouched, and so without memory behind them, until datagrams fill them.
+    // cppcheck-suppress uninitMemberVar ; for that reason
     ReceiveBatch() {
         for (int i = 0; i < kMessages; ++i) {
             Vectors[i] = {Slots[i], kLargestDatagram};

@@ -34,6 +34,7 @@ struct UdpSocket {
 
 // Made by its creator, then handed to the loop, which frees it.
 struct ReceiveSocket : UdpSocket {
+    // cppcheck-suppress uninitDerivedMemberVar ; the braces initialise all of them
     ReceiveSocket(void* context, ZAQReceiveCallback callback)
         : UdpSocket{Descriptor(), context, this}, Callback(callback) {}
 
