@@ -49,6 +49,15 @@ qxv_pkgconfig(zaqsockets ZAQSockets "UDP sockets with a receive callback")
 
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.cpp" PATTERN "CMakeLists.txt")
-install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+# Headers and the Python package are installed elsewhere: their links become plain names.
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS *.md docs/*.md)
+foreach(document ${documents})
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${document})
+    file(READ ${document} text)
+    string(REGEX REPLACE "\\[([^]]*)\\]\\((\\.\\./)?(module|sockets|python)/[^)]*\\)" "\\1" text "${text}")
+    file(WRITE ${PROJECT_BINARY_DIR}/documents/${document} "${text}")
+endforeach()
+install(DIRECTORY ${PROJECT_BINARY_DIR}/documents/ DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    COMPONENT development)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
-    FILES_MATCHING PATTERN "*.md" PATTERN "*.png")
+    FILES_MATCHING PATTERN "*.png")

@@ -64,6 +64,16 @@ if [ "$1" = inside ]; then
         [ "$("$plugin/example_plugin_c" | grep -c '^send .* 224\.1\.0\.')" = 16 ]
     done
     /usr/bin/python3 -Bc 'import qxv_rtp; qxv_rtp.Module().close()'
+
+    # The links in documents lead to what came with them.
+    (
+        cd /usr/share/doc/libqxv-rtp-dev
+        for text in *.md docs/*.md; do
+            grep -oE '\]\([^)#:]+\)' "$text" | sed 's/^..//; s/.$//' | while read -r link; do
+                [ -e "$(dirname "$text")/$link" ] || { echo "$text: $link leads nowhere" && exit 1; }
+            done
+        done
+    )
     dpkg -P qxvrtp python3-qxv-rtp libqxv-rtp0 >/dev/null
     [ -z "$(ldconfig -p | grep -E 'QXV|ZAQ')" ]
     exit

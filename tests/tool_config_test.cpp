@@ -42,18 +42,68 @@ TEST(ToolConfig, AllErrorsNameTheirLineColumnAndField) {
     }
 }
 
+TEST(ToolConfig, UnknownKeyIsAnsweredWithOneThatIsNearOnly) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"bitrat", "bitrate"}, {"inptu", "input"}, {"uri", "url"},  {"lop", "loop"},
+        {"foo", nullptr},      {"name", nullptr},  {"to", nullptr}, {"output", nullptr}};
+    for (const auto& [key, meant] : cases) {
+        try {
+            parseConfig(std::string("[[send]]\ninput='a'\nurl='udp://[::1]:1'\n") + key + "='1'",
+                        "f");
+            ADD_FAILURE() << key;
+        } catch (const ConfigErrors& errors) {
+            const std::string advice = meant ? "; is '" + std::string(meant) + "' meant?" : "";
+            EXPECT_EQ(errors.what(),
+                      "f:4:1: send[0]." + std::string(key) + ": unknown key" + advice);
+        }
+    }
+}
+
+// Names stay names: where they lead to shows only when the service runs.
+TEST(ToolConfig, EntriesExcludeEachOtherOnOneInterfaceOnly) {
+    const struct {
+        const char* first;
+        const char* second;
+        bool relay;  // from the first to the second, instead of sending to both
+        bool good;
+    } cases[] = {
+        {"udp://239.1.1.1:1?iface=a", "udp://239.1.1.1:1?iface=a", false, false},
+        {"udp://239.1.1.1:1?iface=a", "udp://239.1.1.1:1?iface=b", false, true},
+        {"udp://Encoder:1", "rtp://encoder:1", false, false},
+        {"udp://encoder:1", "udp://encoder:2", false, true},
+        {"udp://239.1.1.1:1?iface=a", "udp://239.1.1.1:1", true, false},
+        {"udp://239.1.1.1:1?iface=a", "udp://239.1.1.1:1?iface=b", true, true},
+        {"udp://192.0.2.9@239.1.1.1:1", "udp://239.1.1.1:1", true, true},
+    };
+    for (const auto& c : cases) {
+        const std::string first = c.first, second = c.second;
+        const std::string text = c.relay
+                                     ? "relay = [{from = '" + first + "', to = '" + second + "'}]"
+                                     : "send = [{input = '/a', url = '" + first +
+                                           "'}, {input = '/a', url = '" + second + "'}]";
+        try {
+            parseConfig(text, "f");
+            EXPECT_TRUE(c.good) << text;
+        } catch (const ConfigErrors& errors) {
+            EXPECT_FALSE(c.good) << errors.what();
+        }
+    }
+}
+
 TEST(ToolConfig, GoodFileComesToTheSameWhenItsFullFormIsRead) {
     const char* const text =
         "send = [{input = '/a', url = 'RTP://@[ff15:0::1]:5?localaddr=[::1]', bitrate = '2.5M'}]\n"
+        "receive = [{url = 'udp://Encoder@232.1.1.1:9?iface=lo&fifo_size=5&ttl=1', output = 'a'}]\n"
         "relay = [{from = 'udp://239.1.1.1:7?localaddr=127.0.0.1', to = ['udp://127.0.0.1:7',\n"
-        " 'udp://239.1.1.1:7?ttl=3&localaddr=127.0.0.2']}]\n";
+        " 'udp://239.1.1.1:7?ttl=3&dscp=34&localaddr=127.0.0.2']}]\n";
     const std::string full = formatConfig(parseConfig(text, "f"), false);
     const std::string json = formatConfig(parseConfig(full, "f"), true);
     EXPECT_EQ(
         std::regex_replace(json, std::regex("\\s"), ""),
-        R"({"receive":[],"relay":[{"from":"udp://239.1.1.1:7?localaddr=127.0.0.1",)"
-        R"("to":["udp://127.0.0.1:7","udp://239.1.1.1:7?ttl=3&localaddr=127.0.0.2"]}],"send":)"
-        R"([{"bitrate":2500000,"input":"/a","loop":false,)"
+        R"({"receive":[{"output":"a","url":"udp://232.1.1.1:9?source=encoder&iface=lo"}],)"
+        R"("relay":[{"from":"udp://239.1.1.1:7?localaddr=127.0.0.1",)"
+        R"("to":["udp://127.0.0.1:7","udp://239.1.1.1:7?ttl=3&dscp=34&localaddr=127.0.0.2"]}],)"
+        R"("send":[{"bitrate":2500000,"input":"/a","loop":false,)"
         R"("url":"rtp://[ff15::1]:5?ttl=16&localaddr=::1"}]})");
 }
 

@@ -14,6 +14,7 @@
 #include "TransportStream.h"
 #include "base/Errors.h"
 #include "base/Quantity.h"
+#include "media/HostNames.h"
 #include "media/StreamUrl.h"
 
 namespace {
@@ -58,9 +59,16 @@ Bytes packets(size_t count, size_t packetSize) {
 }
 
 std::string describe(const StreamUrl& url) {
-    return fmt::format("{} {} {} {} {} {}", url.rtp ? "rtp" : "raw",
-                       url.multicast ? "group" : "host", url.host, url.port, url.ttl,
-                       url.localAddress);
+    std::string text = fmt::format("{} {} {} {} {} {}", url.rtp ? "rtp" : "raw",
+                                   url.hostIsName  ? "name"
+                                   : url.multicast ? "group"
+                                                   : "host",
+                                   url.host, url.port, url.ttl, url.localAddress);
+    if (!url.source.empty())
+        text += fmt::format("from {} {}", url.sourceIsName ? "name" : "host", url.source);
+    if (!url.interface.empty())
+        text += " on " + url.interface;
+    return url.dscp ? fmt::format("{} marked {}", text, *url.dscp) : text;
 }
 
 TEST(ToolUrl, AcceptsWhatTheFieldWrites) {
@@ -71,28 +79,107 @@ TEST(ToolUrl, AcceptsWhatTheFieldWrites) {
         {"udp://[ff15::1]:1?ttl=255&localaddr=[::1]", "raw group ff15::1 1 255 ::1"},
         {"rtp://@[fe80::1%eth0]:7", "rtp host fe80::1%eth0 7 16 "},
         {"udp://224.0.0.1:9?localaddr=10.0.0.1", "raw group 224.0.0.1 9 16 10.0.0.1"},
+        {"udp://Encoder7.example.:5000", "raw name encoder7.example. 5000 16 "},
+        {"rtp://my_host-2:5000?dscp=34&iface=eth0.7",
+         "rtp name my_host-2 5000 16  on eth0.7 marked 34"},
+        {"rtp://192.0.2.9@232.1.1.1:5?dscp=0",
+         "rtp group 232.1.1.1 5 16 from host 192.0.2.9 marked 0"},
+        {"udp://[2001:db8::9]@[ff3e::1]:5", "raw group ff3e::1 5 16 from host 2001:db8::9"},
+        {"udp://@[ff3e::1]:5?source=2001:db8::9", "raw group ff3e::1 5 16 from host 2001:db8::9"},
+        {"udp://232.1.1.1:5?sources=encoder7", "raw group 232.1.1.1 5 16 from name encoder7"},
+        {"udp://@239.1.1.1:5?pkt_size=1316&fifo_size=1000000&overrun_nonfatal=1&buffer_size=65536"
+         "&reuse=1&reuse_addr&connect=0&ttl=4",
+         "raw group 239.1.1.1 5 4 "},
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(describe(parseStreamUrl(text)), expected) << text;
-    const RtpChannelConfig unicast = receiveConfig(parseStreamUrl("udp://[::1]:5000"));
-    EXPECT_STREQ(unicast.LocalAddress, "::1");
-    EXPECT_STREQ(sendConfig(parseStreamUrl("udp://[::1]:5000")).LocalAddress, "::");
 }
 
-TEST(ToolUrl, RefusesWhatCannotBeMeant) {
+TEST(ToolUrl, RefusesWhatCannotBeMeantAndSaysWhatCan) {
+    const std::pair<const char*, const char*> advice[] = {
+        {"127.0.0.1:5000", "write udp://"},
+        {"http://127.0.0.1:1", "write udp://"},
+        {"udp://::1:5000", "udp://[::1]:5000"},
+        {"udp://10.1:5", "encoder7"},
+        {"udp://1.2.3.4:5?localaddr=eth0", "iface=NAME"},
+        {"udp://1.2.3.4:5?ttl=256", "0 to 255"},
+        {"udp://239.1.1.1:5?dscp=64", "0 to 63"},
+        {"udp://239.1.1.1:5?foo=1", "source=HOST"},
+        {"udp://239.1.1.1:5?pkt_size=1472", "1316"},
+        {"udp://239.1.1.1:5?miface=eth0", "iface=NAME"},
+        {"udp://239.1.1.1:5?timeout=1000000", "--idle-timeout"},
+        {"rtp://239.1.1.1:5?rtcpport=6", "no RTCP"},
+        {"udp://239.1.1.1:5?bitrate=1000000", "--bitrate"},
+        {"udp://239.1.1.1:5?block=10.0.0.1", "source=ADDRESS"},
+        {"udp://239.1.1.1:5?sources=10.0.0.1,10.0.0.2", "one source"},
+        {"udp://10.0.0.1@239.1.1.1:5?source=10.0.0.2", "one source"},
+        {"udp://10.0.0.1@10.0.0.2:5", "only a group"},
+        {"udp://[::1]@239.1.1.1:5", "IPv4"},
+        {"udp://239.1.1.1:5?iface=eth0&localaddr=10.0.0.1", "one of them"},
+    };
+    for (const auto& [text, expected] : advice) {
+        try {
+            ADD_FAILURE() << describe(parseStreamUrl(text));
+        } catch (const UsageError& error) {
+            EXPECT_NE(std::string(error.what()).find(expected), std::string::npos)
+                << error.what() << ", without " << expected;
+        }
+    }
     std::istringstream urls(
-        "127.0.0.1:5000 http://127.0.0.1:1 udp:// udp://127.0.0.1 udp://1.2.3.4:0"
-        " udp://1.2.3.4:65536 udp://1.2.3.4:-1 udp://1.2.3.4:5x udp://host:5000"
-        " udp://::1:5000 udp://[::1:5000 udp://[::1]5000 udp://[]:5 udp://[1.2.3.4]:5"
-        " udp://[fe80::1%]:5 udp://1.2.3.4%lo:5 udp://1.1.1.1@239.1.1.1:5"
-        " udp://1.2.3.4:5?ttl=256 udp://1.2.3.4:5?ttl udp://1.2.3.4:5?pkt_size=1316"
-        " udp://1.2.3.4:5?localaddr=::1 udp://1.2.3.4:5?localaddr=239.1.1.1");
+        "udp:// udp://127.0.0.1 udp://1.2.3.4:0"
+        " udp://1.2.3.4:65536 udp://1.2.3.4:-1 udp://1.2.3.4:5x udp://300.1.1.1:5 "
+        "udp://0x7f000001:5"
+        " udp://-host:5 udp://ho$t:5 udp://.:5"
+        " udp://[::1:5000 udp://[::1]5000 udp://[]:5 udp://[1.2.3.4]:5 udp://[host]:5"
+        " udp://[fe80::1%]:5 udp://1.2.3.4%lo:5 udp://239.1.1.2@239.1.1.1:5 udp://@@239.1.1.1:5"
+        " udp://1.2.3.4:5?ttl udp://239.1.1.1:5?source udp://239.1.1.1:5?iface="
+        " udp://1.2.3.4:5?localaddr=::1 udp://1.2.3.4:5?localaddr=239.1.1.1"
+        " udp://239.1.1.1:5?iface=a234567890123456");
     for (std::string text; urls >> text;)
         EXPECT_THROW(parseStreamUrl(text), UsageError) << text;
     EXPECT_THROW(parseStreamUrl(""), UsageError);
-    EXPECT_THROW(sendConfig(parseStreamUrl("udp://@:5000")), UsageError);
-    EXPECT_THROW(receiveConfig(parseStreamUrl("udp://127.0.0.1:5?localaddr=127.0.0.1")),
-                 UsageError);
+    EXPECT_THROW(checkDestination(parseStreamUrl("udp://@:5000")), UsageError);
+    for (const char* const option : {"localaddr=127.0.0.1", "iface=lo"})
+        EXPECT_THROW(checkSource(parseStreamUrl(std::string("udp://127.0.0.1:5?") + option)),
+                     UsageError);
+}
+
+// In the test's network there is the loopback interface only; its names are in every hosts file.
+TEST(ToolUrl, NamesOfHostsAndInterfacesGiveWayToAddresses) {
+    const struct {
+        const char* url;
+        const char* sent;      // remote and local address
+        const char* received;  // empty = refused
+    } cases[] = {
+        {"udp://[::1]:5", "::1 ::", "::1 ::1"},
+        {"udp://localhost:5?localaddr=127.0.0.1", "127.0.0.1 127.0.0.1", ""},
+        {"udp://239.1.1.1:5?iface=lo", "239.1.1.1 127.0.0.1", "239.1.1.1 127.0.0.1"},
+        {"udp://[ff15::1]:5?iface=lo", "ff15::1%lo ::", "ff15::1%lo ::"},
+        {"udp://[fe80::1]:5?iface=lo", "fe80::1%lo ::", ""},
+        {"udp://239.1.1.1:5?source=localhost&dscp=34", "127.0.0.1@239.1.1.1?dscp=34 0.0.0.0",
+         "127.0.0.1@239.1.1.1?dscp=34 0.0.0.0"},
+    };
+    const auto addresses = [](const RtpChannelConfig& config) {
+        return fmt::format("{} {}", config.RemoteAddress, config.LocalAddress);
+    };
+    for (const auto& c : cases) {
+        const StreamUrl url = parseStreamUrl(c.url);
+        EXPECT_EQ(addresses(sendConfig(url)), c.sent) << c.url;
+        if (*c.received != '\0')
+            EXPECT_EQ(addresses(receiveConfig(url)), c.received) << c.url;
+        else
+            EXPECT_THROW(receiveConfig(url), UsageError) << c.url;
+    }
+    for (const char* const text : {"udp://no-such.invalid:5", "udp://239.1.1.1:5?iface=no-such",
+                                   "udp://239.1.1.1:5?source=no-such.invalid"}) {
+        try {
+            lookUp(parseStreamUrl(text));
+            ADD_FAILURE() << text;
+        } catch (const Failure& failure) {
+            EXPECT_NE(std::string(failure.what()).find("no-such"), std::string::npos);
+        }
+    }
+    EXPECT_THROW(lookUp(parseStreamUrl("udp://localhost:5?source=127.0.0.1")), UsageError);
 }
 
 TEST(ToolQuantity, TakesDecimalsWithSuffixAndNothingElse) {
@@ -101,6 +188,11 @@ TEST(ToolQuantity, TakesDecimalsWithSuffixAndNothingElse) {
     for (const char* text :
          {"", "k", "-1", "+1", "1e6", "0x10", "inf", "nan", "1kk", "99999999999G"})
         EXPECT_EQ(parseQuantity(text), std::nullopt) << text;
+}
+
+TEST(ToolQuantity, OneThingIsNotSeveral) {
+    EXPECT_EQ(counted(0, "break") + ", " + counted(1, "break") + ", " + counted(2, "break"),
+              "0 breaks, 1 break, 2 breaks");
 }
 
 TEST(ToolPackets, AreFoundBehindGarbage) {

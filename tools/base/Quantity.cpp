@@ -64,3 +64,7 @@ std::string formatTime(std::chrono::milliseconds time) {
         return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
     return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
 }
+
+std::string counted(uint64_t number, std::string_view thing) {
+    return fmt::format("{} {}{}", number, thing, number == 1 ? "" : "s");
+}

@@ -21,4 +21,7 @@ std::string formatBytes(uint64_t bytes);
 // "0:07", "1:02:03".
 std::string formatTime(std::chrono::milliseconds time);
 
+// "1 datagram", "2 datagrams": `thing` is the word for one of them.
+std::string counted(uint64_t number, std::string_view thing);
+
 #endif

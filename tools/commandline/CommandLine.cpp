@@ -11,10 +11,16 @@
 
 std::string urlHelp() {
     return fmt::format(
-        "\nURL: udp://HOST:PORT (raw) or rtp://HOST:PORT, with an '@' in front of HOST or not.\n"
-        "HOST is numeric: IPv4, or IPv6 in brackets, with %zone where one is needed.\n"
-        "Behind it: ?ttl=0..255 (of datagrams to groups, {} if not given) and\n"
-        "localaddr=ADDRESS (of the interface to use), joined by '&'.\n{}",
+        "\nURL: udp://HOST:PORT (raw) or rtp://HOST:PORT, with or without an '@' before HOST. "
+        "HOST\n"
+        "is an IPv4 address, an IPv6 address in brackets (with %zone where one is needed) or a\n"
+        "name. Options follow behind '?', joined by '&':\n"
+        "  iface=NAME         use this interface; localaddr=ADDRESS names it by its address\n"
+        "  source=HOST        receive the group from this sender only; HOST@GROUP means the same\n"
+        "  ttl=0..255         datagrams to a group: 0 keeps them on this machine, 1 on its\n"
+        "                     network, each router on the way takes one more; {} if not given\n"
+        "  dscp=0..63         mark datagrams for precedence; 34 is usual for video\n"
+        "Options by which ffmpeg and VLC size buffers are accepted and have no effect.\n{}",
         kDefaultTtl, kExitCodes);
 }
 

@@ -77,8 +77,6 @@ void checkCommand(const CommandModel& root, const CLI::App& app, const std::stri
         if (!command.hidden)
             names += (names.empty() ? "" : ", ") + command.name;
     }
-    if (first.empty())
-        throw UsageError(fmt::format("a command is missing; commands are {}", names));
     if (first.starts_with('-') && app.get_option_no_throw(first) == nullptr)
         throw UsageError(fmt::format("there is no option '{}'; see 'qxvrtp --help'", first));
     if (!first.starts_with('-'))
@@ -92,8 +90,10 @@ void runCommandLine(const CommandModel& root, const std::string& version, int ar
     CLI::App app(root.description, root.name);
     app.set_version_flag("--version", version);
     build(app, root);
-    checkCommand(root, app, argc > 1 ? argv[1] : "");
     try {
+        if (argc < 2)
+            throw CLI::CallForHelp();
+        checkCommand(root, app, argv[1]);
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         const auto chosen = app.get_subcommands();

@@ -14,10 +14,10 @@
 namespace {
 
 CommandModel checkCommand() {
-    CommandModel command("check", "Print what is wrong with a file, and nothing else");
+    CommandModel command("check", "Print the errors of a file, and nothing else");
     const auto file = std::make_shared<std::string>();
     command.addArgument("FILE", *file, "Configuration file").require();
-    command.footer = fmt::format("Done (0) when nothing is wrong.\n{}", kExitCodes);
+    command.footer = fmt::format("Succeeds (0) when there are none.\n{}", kExitCodes);
     command.action = [file] { readConfig(*file); };
     return command;
 }
@@ -27,7 +27,8 @@ CommandModel showCommand() {
         std::string file;
         bool json = false;
     };
-    CommandModel command("show", "Print what a file comes to, with URLs and numbers in full");
+    CommandModel command("show",
+                         "Print the effective configuration, with URLs and numbers in full");
     const auto given = std::make_shared<Arguments>();
     command.addArgument("FILE", given->file, "Configuration file").require();
     command.addFlag("--json", given->json, "Print it as JSON");
@@ -67,7 +68,8 @@ CommandModel configCommand() {
         "  bitrate = \"2.5M\"\n"
         "  loop = true\n"
         "\n"
-        "qxvrtp.toml(5) describes all of it. Every error is one line: file, line, column, field.\n"
+        "qxvrtp.toml(5) describes the format. Every error is one line: file, line, column, field.\n"
+        "Names of hosts and interfaces are not looked up before a stream is opened.\n"
         "\n"
         "Examples:\n"
         "  qxvrtp config check /etc/qxvrtp/news.toml && systemctl restart qxvrtp-send@news\n"

@@ -353,9 +353,9 @@ CommandModel demoCommand() {
     command.addOption("-d,--duration", given->duration, "SECONDS",
                       fmt::format("Length of the stream, {} if not given", given->options.seconds));
     command.addOption("--sample", given->options.sample, "FILE",
-                      "Sample to send; ffmpeg is not asked then");
+                      "Stream to send instead; ffmpeg is not run then");
     command.footer =
-        "Done (0) when every byte came back on every channel. " + std::string(kExitCodes);
+        "Succeeds (0) when every byte came back on every channel. " + std::string(kExitCodes);
     command.action = [given] {
         if (!given->duration.empty())
             given->options.seconds =

@@ -80,7 +80,7 @@ CommandModel probeCommand() {
         ProbeOptions options;
         std::string duration;
     };
-    CommandModel command("probe", "Tell what arrives somewhere");
+    CommandModel command("probe", "Analyse an incoming stream");
     const auto given = std::make_shared<Arguments>();
     command
         .addArgument("URL", given->options.url,

@@ -205,15 +205,15 @@ void addArguments(CommandModel& command, Arguments& given) {
     command.addOption("-n,--bytes", given.bytes, "NUMBER",
                       "End after exactly this many bytes (also with k, M, G)");
     command.addOption("-i,--idle-timeout", given.idleTimeout, "SECONDS",
-                      "End when nothing has come for so long");
+                      "End when nothing has arrived for this long");
     command.addOption("--rotate-size", given.rotateSize, "NUMBER",
-                      "Begin a new file after so many bytes (also with k, M, G)");
+                      "Begin a new file after this many bytes (also with k, M, G)");
     command.addOption("--rotate-time", given.rotateTime, "SECONDS",
-                      "Begin a new file after so long");
+                      "Begin a new file after this long");
     command.addOption("--patience", given.patience, "SECONDS",
                       "How long to try to open the socket before giving up (3)");
     command.addFlag("--statistics", given.statistics,
-                    "In the end, print one line of JSON per stream to standard error");
+                    "At the end, print one line of JSON per stream to standard error");
 }
 
 }  // namespace
@@ -231,22 +231,22 @@ CommandModel receiveCommand() {
     addArguments(command, *given);
     addConfigOption(command, given->config, "--statistics");
     command.footer = fmt::format(
-        "Raw and RTP streams are told apart automatically, whatever the scheme. Done (0) when\n"
-        "--bytes have come; without it when the time is up, nothing comes any more, or SIGINT or\n"
-        "SIGTERM comes, and anything was received. Several streams do not wait for each other; if\n"
-        "one fails (1), the others go on.\n"
+        "Whether a stream is raw or RTP is detected, whatever the scheme. Succeeds (0) when as\n"
+        "much as --bytes says has arrived; without it, when anything has arrived by the time that\n"
+        "the duration or the idle timeout is over, or SIGINT or SIGTERM comes. If one of several\n"
+        "streams fails (1), the others go on.\n"
         "\n"
         "Only packets are recorded, and what is skipped between them is reported. What arrives is\n"
         "written 25 times a second, so that a pipe adds up to 40 ms of delay. While a pipe or a\n"
-        "disk takes nothing, 4 MiB of each stream wait; what comes beyond is dropped, which is\n"
-        "reported, and makes the stream fail (1) in the end. A disk that is full is tried again\n"
-        "once a second, and so is a socket that is lost. With --config there is no --patience: "
-        "all\n"
-        "is tried for ever.\n"
+        "disk takes nothing, up to 4 MiB of each stream wait; what comes beyond is dropped, which\n"
+        "is reported and makes the stream fail (1) at the end. A full disk is tried again once a\n"
+        "second, and so is a lost socket. With --config there is no --patience: everything is\n"
+        "tried for ever.\n"
         "\n"
-        "FILE is a pattern of strftime: %Y-%m-%d_%H%M%S is the time at which the file begins, %% "
+        "FILE is a pattern for strftime(3): %Y-%m-%d_%H%M%S is the time at which the file begins, "
+        "%% "
         "a\n"
-        "percent sign. A file that is there is overwritten, but not when files are rotated: "
+        "percent sign. An existing file is overwritten, but not when files are rotated: "
         "without\n"
         "a '%', and where the name is taken, a number comes in front of the suffix "
         "(name-0001.ts).\n"

@@ -103,12 +103,12 @@ class Relay {
             dropped += output.dropped();
             changes += output.rateChanges();
         }
-        return fmt::format(
-            "{} {} {}, delay {:.0f} + {} ms, {} breaks, {} changes of rate, {} continuity errors, "
-            "{} datagrams dropped",
-            formatBytes(bytes_), channel_.isRtp() ? "rtp" : "raw",
-            formatBitrate(queue_.bitrate().value_or(0)), queue_.delay() * 1e3, buffered,
-            queue_.offsets(), changes, continuity_.errors(), dropped);
+        return fmt::format("{} {} {}, delay {:.0f} + {} ms, {}, {} of rate, {}, {} dropped",
+                           formatBytes(bytes_), channel_.isRtp() ? "rtp" : "raw",
+                           formatBitrate(queue_.bitrate().value_or(0)), queue_.delay() * 1e3,
+                           buffered, counted(queue_.offsets(), "break"), counted(changes, "change"),
+                           counted(continuity_.errors(), "continuity error"),
+                           counted(dropped, "datagram"));
     }
 
     const std::string& name() const { return route_.from.text; }
@@ -293,37 +293,38 @@ CommandModel relayCommand() {
         std::string bitrate;
         std::string config;
     };
-    CommandModel command("relay", "Send on what arrives");
+    CommandModel command("relay", "Forward an incoming stream to other addresses");
     const auto given = std::make_shared<Arguments>();
     command
         .addArgument("FROM", given->job.from,
                      "Group to join, or local address to listen on (udp://@:5000 = any)", "URL")
         .require();
-    command.addArguments("TO", given->job.to, "Where to send it; up to 16 of them", "URL")
+    command.addArguments("TO", given->job.to, "Where to forward it; up to 16 URLs", "URL")
         .require();
     command.addOption("-b,--bitrate", given->bitrate, "RATE",
                       "Rate of the stream in bits per second, like 2500000, 2500k or 2.5M; without "
                       "it, the stream flows by its PCRs, or as it arrives where it has none");
     addConfigOption(command, given->config);
     command.footer = fmt::format(
-        "Raw and RTP streams are told apart by themselves; each is sent as its URL says. The "
+        "Whether the input is raw or RTP is detected; each output has the form of its URL. The "
         "input\n"
-        "may pause, change its rate, its packets' size or from raw to RTP; what is no packet is "
-        "left\n"
-        "out. Packets leave {:.0f} ms after they came, on average, and at most {:.1f} s: that "
+        "may pause, or change its rate, its packet size or its form; bytes that are not packets "
+        "are\n"
+        "left out. Packets leave {:.0f} ms after they came, on average, and at most {:.1f} s: that "
         "evens out\n"
         "jitter of the network. The pace is steered by up to {:.1f} %, so that a source with "
         "another\n"
         "clock is followed for as long as it runs. When the input pauses for half a second, null\n"
         "packets fill up the last datagram. An output that takes less than comes loses whole\n"
-        "datagrams, which is reported; the others do not suffer.\n"
+        "datagrams, which is reported; the others are not affected.\n"
         "\n"
         "Examples:\n"
         "  qxvrtp relay rtp://239.1.1.1:5000 udp://192.0.2.8:5000\n"
         "  qxvrtp relay 'udp://239.1.1.1:5000?localaddr=192.0.2.7' rtp://[2001:db8::8]:5000 \\\n"
         "      'rtp://239.2.2.2:5000?ttl=4&localaddr=198.51.100.7'\n"
         "\n"
-        "Ends with SIGINT or SIGTERM: done (0). Failed (1) where a socket could not be opened to\n"
+        "Ends with SIGINT or SIGTERM, successfully (0). Fails (1) where a socket could not be "
+        "opened to\n"
         "begin with.\n{}",
         PacedQueue::kDelay * 1e3, PacedQueue::kMostDelay, PacedQueue::kSteering * 1e2, urlHelp());
     command.action = [given] {

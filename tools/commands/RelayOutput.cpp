@@ -6,6 +6,7 @@
 
 #include "TransportStream.h"
 #include "base/Errors.h"
+#include "base/Quantity.h"
 
 namespace {
 
@@ -138,8 +139,9 @@ void RelayOutput::watchBacklog() {
 }
 
 void RelayOutput::reportDrops() {
-    progress_.warn(fmt::format("{} datagrams to {} were dropped, {} in all",
-                               dropped_ - droppedReported_, url_.text, dropped_));
+    progress_.warn(fmt::format("dropped {} to {}, {} in all",
+                               counted(dropped_ - droppedReported_, "datagram"), url_.text,
+                               dropped_));
     droppedReported_ = dropped_;
 }
 

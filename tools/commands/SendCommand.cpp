@@ -229,8 +229,8 @@ std::vector<SendJob> jobsOf(const Arguments& given) {
 
 constexpr auto kHelp =
     "Options apply to all pairs. Each pair is sent on a channel of its own, 16 at most; one that\n"
-    "fails does not stop the others. Done (0) when all have left or, with --loop, when SIGINT or\n"
-    "SIGTERM comes.\n"
+    "fails does not stop the others. Succeeds (0) when all have been sent or, with --loop, when\n"
+    "SIGINT or SIGTERM comes.\n"
     "\n"
     "Examples:\n"
     "  qxvrtp send film.ts rtp://239.1.1.1:5000\n"

@@ -35,7 +35,7 @@ void complain(const std::string& text) {
 CommandModel commandLine() {
     CommandModel root("qxvrtp", "Transport streams over UDP and RTP");
     root.addVersion();
-    root.footer = "'qxvrtp COMMAND --help' tells more.";
+    root.footer = "'qxvrtp COMMAND --help' explains a command.";
     for (const auto command : {sendCommand, receiveCommand, relayCommand, probeCommand,
                                statusCommand, topCommand, demoCommand, configCommand})
         root.addCommand(command());

@@ -163,7 +163,8 @@ class TableReader {
                                      return distance(word.str(), a) < distance(word.str(), b);
                                  });
             std::string advice;
-            if (distance(key.str(), *nearest) <= (nearest->size() + 1) / 2)
+            const size_t shorter = std::min(key.str().size(), nearest->size());
+            if (2 * distance(key.str(), *nearest) < shorter)
                 advice = fmt::format("; is '{}' meant?", *nearest);
             problems_.add(placeOf(key.source(), fieldOf(key.str())),
                           fmt::format("unknown key{}", advice));
@@ -220,14 +221,14 @@ class FileReader {
         }
     }
 
-    // Reads a URL with `convert`, which refuses what is no good for its direction.
+    // Reads a URL and passes it to `check`, which refuses what is no good for its direction.
     std::optional<StreamUrl> url(const std::string& text, const ConfigPlace& place,
-                                 RtpChannelConfig (*convert)(const StreamUrl&)) {
+                                 void (*check)(const StreamUrl&)) {
         if (text.empty())
             return std::nullopt;  // complained of already
         try {
             StreamUrl url = parseStreamUrl(text);
-            convert(url);
+            check(url);
             return url;
         } catch (const UsageError& error) {
             problems_.add(place, error.what());
@@ -246,7 +247,7 @@ class FileReader {
         rules_.addInput(job.input, entry.place("input"));
         if (job.loop)
             rules_.repeatInput(job.input, entry.place("loop"));
-        if (const auto destination = url(job.url, entry.place("url"), sendConfig))
+        if (const auto destination = url(job.url, entry.place("url"), checkDestination))
             rules_.addDestination(*destination, entry.place("url"));
         return job;
     }
@@ -264,7 +265,7 @@ class FileReader {
         for (const char* const key : {"rotate_size", "rotate_time"})
             if (entry.find(key) != nullptr)
                 rules_.rotateOutput(job.output, entry.place(key));
-        if (const auto source = url(job.url, entry.place("url"), receiveConfig))
+        if (const auto source = url(job.url, entry.place("url"), checkSource))
             rules_.addSource(*source, entry.place("url"));
         return job;
     }
@@ -273,13 +274,13 @@ class FileReader {
         RelayJob job;
         job.from = entry.text("from");
         const ConfigPlace fromPlace = entry.place("from");
-        const auto source = url(job.from, fromPlace, receiveConfig);
+        const auto source = url(job.from, fromPlace, checkSource);
         const size_t number =
             rules_.addRelay(source ? rules_.addSource(*source, fromPlace) : std::nullopt);
         const auto addDestination = [&](const toml::node& node, const std::string& field) {
             job.to.push_back(entry.text(node, field));
             const ConfigPlace place = placeOf(node.source(), field);
-            if (const auto destination = url(job.to.back(), place, sendConfig))
+            if (const auto destination = url(job.to.back(), place, checkDestination))
                 rules_.addDestination(*destination, place, number);
         };
         const toml::node* const to = entry.find("to");

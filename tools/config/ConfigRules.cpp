@@ -23,8 +23,11 @@ std::string canonical(const std::string& address) {
     return address;
 }
 
-// The address that a socket for receiving from a unicast URL is bound to.
+// The address that a socket for receiving from a unicast URL is bound to; an interface stands for
+// its own.
 std::string listensOn(const StreamUrl& url) {
+    if (!url.interface.empty())
+        return url.interface;
     return canonical(url.localAddress.empty() ? url.host : url.localAddress);
 }
 
@@ -47,6 +50,14 @@ bool endsInConversion(const std::string& pattern) {
     return false;
 }
 
+bool namesInterface(const StreamUrl& url) {
+    return !url.localAddress.empty() || !url.interface.empty();
+}
+
+bool sameInterface(const StreamUrl& a, const StreamUrl& b) {
+    return canonical(a.localAddress) == canonical(b.localAddress) && a.interface == b.interface;
+}
+
 bool samePort(const StreamUrl& a, const StreamUrl& b) {
     return a.port == b.port && a.ipv6 == b.ipv6 && a.multicast == b.multicast;
 }
@@ -61,7 +72,8 @@ bool collide(const StreamUrl& a, const StreamUrl& b) {
 }
 
 // Does what is sent to `to` come in from `from`? Between two interfaces that are both named, a
-// group may well keep its address.
+// group may well keep its address; and one source of a group is hardly this machine. What is behind
+// a name does not show before it is looked up.
 bool feeds(const StreamUrl& to, const StreamUrl& from) {
     if (!samePort(to, from))
         return false;
@@ -69,18 +81,18 @@ bool feeds(const StreamUrl& to, const StreamUrl& from) {
         const std::string local = listensOn(from);
         return local == canonical(to.host) || (isAny(local) && isLoopback(canonical(to.host)));
     }
-    return canonical(to.host) == canonical(from.host) &&
-           (to.localAddress.empty() || from.localAddress.empty() ||
-            canonical(to.localAddress) == canonical(from.localAddress));
+    const bool anyInterface = !namesInterface(to) || !namesInterface(from);
+    return canonical(to.host) == canonical(from.host) && from.source.empty() &&
+           (anyInterface || sameInterface(to, from));
 }
 
 ConfigPlace argument(const char* name, size_t index) {
     return {0, 0, fmt::format("{} {}", name, index + 1)};
 }
 
-StreamUrl checkedUrl(const std::string& text, RtpChannelConfig (*convert)(const StreamUrl&)) {
+StreamUrl checkedUrl(const std::string& text, void (*check)(const StreamUrl&)) {
     StreamUrl url = parseStreamUrl(text);
-    convert(url);
+    check(url);
     return url;
 }
 
@@ -113,14 +125,23 @@ void ConfigProblems::throwFirst() const {
 }
 
 std::string fullUrl(const StreamUrl& url, bool destination) {
-    const bool hasTtl = destination && url.multicast;
     const std::string host = canonical(url.host);
     std::string text = fmt::format("{}://{}{}{}:{}", url.rtp ? "rtp" : "udp", url.ipv6 ? "[" : "",
                                    host, url.ipv6 ? "]" : "", url.port);
-    if (hasTtl)
-        text += fmt::format("?ttl={}", url.ttl);
+    char separator = '?';
+    const auto add = [&](const char* key, const std::string& value) {
+        text += fmt::format("{}{}={}", std::exchange(separator, '&'), key, value);
+    };
+    if (destination && (url.multicast || url.hostIsName))
+        add("ttl", std::to_string(url.ttl));
+    if (destination && url.dscp)
+        add("dscp", std::to_string(*url.dscp));
+    if (!destination && !url.source.empty())
+        add("source", canonical(url.source));
+    if (!url.interface.empty())
+        add("iface", url.interface);
     if (!url.localAddress.empty())
-        text += fmt::format("{}localaddr={}", hasTtl ? '&' : '?', canonical(url.localAddress));
+        add("localaddr", canonical(url.localAddress));
     return text;
 }
 
@@ -190,7 +211,7 @@ void ConfigRules::addDestination(const StreamUrl& url, const ConfigPlace& place,
         return;
     for (const Destination& other : destinations_)
         if (samePort(url, other.url) && canonical(url.host) == canonical(other.url.host) &&
-            canonical(url.localAddress) == canonical(other.url.localAddress)) {
+            sameInterface(url, other.url)) {
             problems_.add(place,
                           fmt::format("'{}': {} sends there already", url.text, other.place.field));
             break;
@@ -239,7 +260,7 @@ void checkArguments(const std::vector<SendJob>& jobs) {
         rules.addInput(jobs[i].input, argument("INPUT", i));
         if (jobs[i].loop)
             rules.repeatInput(jobs[i].input, {0, 0, "--loop"});
-        rules.addDestination(checkedUrl(jobs[i].url, sendConfig), argument("URL", i));
+        rules.addDestination(checkedUrl(jobs[i].url, checkDestination), argument("URL", i));
     }
     problems.throwFirst();
 }
@@ -248,7 +269,7 @@ void checkArguments(const std::vector<ReceiveJob>& jobs) {
     ConfigProblems problems;
     ConfigRules rules(problems);
     for (size_t i = 0; i < jobs.size(); ++i) {
-        rules.addSource(checkedUrl(jobs[i].url, receiveConfig), argument("URL", i));
+        rules.addSource(checkedUrl(jobs[i].url, checkSource), argument("URL", i));
         rules.addOutput(jobs[i].output, argument("FILE", i));
         if (jobs[i].rotateBytes || jobs[i].rotateTime)
             rules.rotateOutput(jobs[i].output,
@@ -260,10 +281,10 @@ void checkArguments(const std::vector<ReceiveJob>& jobs) {
 void checkArguments(const RelayJob& job) {
     ConfigProblems problems;
     ConfigRules rules(problems);
-    const auto source = rules.addSource(checkedUrl(job.from, receiveConfig), {0, 0, "FROM"});
+    const auto source = rules.addSource(checkedUrl(job.from, checkSource), {0, 0, "FROM"});
     const size_t relay = rules.addRelay(source);
     for (size_t i = 0; i < job.to.size(); ++i)
-        rules.addDestination(checkedUrl(job.to[i], sendConfig), argument("TO", i), relay);
+        rules.addDestination(checkedUrl(job.to[i], checkDestination), argument("TO", i), relay);
     rules.finish();
     problems.throwFirst();
 }

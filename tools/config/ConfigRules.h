@@ -36,7 +36,8 @@ class ConfigProblems {
     std::vector<std::pair<ConfigPlace, std::string>> found_;
 };
 
-// The URL in one form: addresses as short as can be, and with the TTL where it is sent to a group.
+// The URL in one form: addresses as short as can be, names as they are, and with the options that
+// matter in its direction, the TTL of groups included.
 std::string fullUrl(const StreamUrl& url, bool destination);
 
 // Collects the ends of all streams, and complains where two exclude each other.

@@ -2,12 +2,37 @@
 
 #include <dlfcn.h>
 #include <fmt/format.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <thread>
 
 #include "QXV_RTP_table.h"
+
+namespace {
+
+// Why the module has no table, as far as the file shows it, and what helps.
+std::string tableTrouble() {
+    struct stat file {};
+    if (lstat(QXV_RTP_TABLE_PATH, &file) != 0)
+        return "no file can be made there; is the directory writable, and has it space?";
+    const passwd* const owner = getpwuid(file.st_uid);
+    const std::string name = owner != nullptr ? owner->pw_name : "?";
+    if (file.st_uid != geteuid())
+        return fmt::format(
+            "the file belongs to user '{}' ({}), and only that user or root can remove it: "
+            "'sudo rm {}' does, once nothing of theirs runs; or give this command a /tmp of its "
+            "own, as PrivateTmp=yes does for a service",
+            name, file.st_uid, QXV_RTP_TABLE_PATH);
+    return S_ISDIR(file.st_mode) ? "it is a directory; remove it"
+                                 : "the file cannot be replaced; is its directory writable, and "
+                                   "has it space?";
+}
+
+}  // namespace
 
 HostModule::Library::Library() : library_(dlopen(QXV_MODULE_FILE, RTLD_NOW | RTLD_LOCAL)) {
     if (library_ == nullptr)
@@ -38,7 +63,8 @@ HostModule::HostModule()
                  TOOLS_RESOLVE(Receive),       TOOLS_RESOLVE(ReceiveEnd)},
       handle_(functions_.Create(0)) {
     if (handle_ == nullptr)
-        throw Failure(fmt::format("the module could not set up its table {}", QXV_RTP_TABLE_PATH));
+        throw Failure(fmt::format("the module could not set up its table {}: {}",
+                                  QXV_RTP_TABLE_PATH, tableTrouble()));
 }
 
 #undef TOOLS_RESOLVE

@@ -12,33 +12,55 @@
 // Far enough for a campus, and the value that other senders start from.
 inline constexpr uint8_t kDefaultTtl = 16;
 
-// SCHEME://[@]HOST:PORT[?KEY=VALUE[&KEY=VALUE]], where
+// SCHEME://[[SOURCE]@]HOST:PORT[?KEY[=VALUE][&KEY[=VALUE]]], where
 //   SCHEME  udp (raw) or rtp
-//   @       means nothing; other tools write it in front of a group or of an address to listen on
-//   HOST    a numeric IPv4 address, or a numeric IPv6 address in brackets, with %zone if need be;
-//           left out, any IPv4 address
-//   KEY     ttl (0 to 255) or localaddr (a numeric address of the interface to use)
+//   SOURCE  the only sender from which a group is received; without it, the '@' means nothing:
+//           other tools write it in front of a group or of an address to listen on
+//   HOST    an IPv4 address, an IPv6 address in brackets, with %zone if need be, or a name; left
+//           out, any IPv4 address
+//   KEY     ttl (0 to 255), dscp (0 to 63), source (as SOURCE), iface (name of the interface to
+//           use) or localaddr (its address). Options by which ffmpeg and VLC size their buffers
+//           are accepted and have no effect.
 struct StreamUrl {
     std::string text;  // as given
     bool rtp = false;
-    bool ipv6 = false;
+    bool ipv6 = false;  // what is not known of a name counts as false
     bool multicast = false;
     bool anyHost = false;  // no host, or the any-address
-    std::string host;      // without brackets, with its zone
+    bool hostIsName = false;
+    bool sourceIsName = false;
+    std::string host;  // an address without brackets, with its zone; or a name
     uint16_t port = 0;
     uint8_t ttl = kDefaultTtl;
-    std::string localAddress;  // empty = not given
+    std::string localAddress;  // empty = not given; also the others
+    std::string interface;
+    std::string source;
+    std::optional<uint8_t> dscp = std::nullopt;
+
+    // Does lookUp() (HostNames.h) have to find addresses before anything can be opened?
+    bool hasNames() const { return hostIsName || sourceIsName || !interface.empty(); }
 };
 
 // Throws UsageError, which says what is wrong and what is accepted.
 StreamUrl parseStreamUrl(std::string_view text);
 
-// The channel configuration for sending to the URL, or for receiving from it; they throw UsageError
-// for a URL that is good only for the other direction. A receive channel starts out expecting RTP,
-// whatever the scheme: raw datagrams are then stored whole from the first on, whereas RTP
-// datagrams would keep their headers until the channel has switched from raw.
+// They throw UsageError where the URL cannot be sent to, or received from, as far as that shows
+// before its names are looked up.
+void checkDestination(const StreamUrl& url);
+void checkSource(const StreamUrl& url);
+
+// The channel configuration for sending to the URL, or for receiving from it. Names are looked up
+// each time, which may take seconds: those who must not wait pass what lookUp() has returned. They
+// throw UsageError as above, or Failure where a name has no address. A receive channel starts out
+// expecting RTP, whatever the scheme: raw datagrams are then stored whole from the first on,
+// whereas RTP datagrams would keep their headers until the channel has switched from raw.
 RtpChannelConfig sendConfig(const StreamUrl& url);
 RtpChannelConfig receiveConfig(const StreamUrl& url);
+
+// Stores addresses in place of names, and whatever depends on the address's kind. They throw
+// UsageError where the URL's parts do not fit together.
+void setHost(StreamUrl& url, std::string_view address);
+void checkParts(const StreamUrl& url);
 
 // What a numeric address, without brackets, is.
 struct AddressKind {
