@@ -5,9 +5,10 @@
  *
  * Each process that loads the module removes the file QXV_RTP_TABLE_PATH and makes a new one of
  * sizeof(QXV_RTP_Table) bytes, on which it works from then on. Where it may not remove the file,
- * because it is another user's, it works on the one that is there. So a watcher sees the process
- * that loaded the module last. It needs only the file, not the library, and opens the path again
- * when another file has taken its place (st_ino). The file stays when the process ends.
+ * because it is another user's, it works on the one that is there if it may write to it; else
+ * QXV_RTP_Create returns null. So a watcher sees the process that loaded the module last. It needs
+ * only the file, not the library, and opens the path again when another file has taken its place
+ * (st_ino). The file stays when the process ends.
  *
  * A watcher maps the file for reading. All numbers are in host byte order and change at any time,
  * each by itself: read them as volatile, or with __atomic_load_n. The texts and bytes of a
