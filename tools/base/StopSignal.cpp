@@ -3,21 +3,17 @@
 #include <csignal>
 #include <ctime>
 
-namespace {
-
-sigset_t stopSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    return set;
-}
-
-}  // namespace
-
-StopSignal::StopSignal() {
-    const sigset_t set = stopSignals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+StopSignal::StopSignal(std::initializer_list<int> further) {
+    sigemptyset(&signals_);
+    sigaddset(&signals_, SIGINT);
+    sigaddset(&signals_, SIGTERM);
+    for (const int signal : further) {
+        // A signal that is ignored comes all the same once it is blocked.
+        struct sigaction now {};
+        if (sigaction(signal, nullptr, &now) == 0 && now.sa_handler != SIG_IGN)
+            sigaddset(&signals_, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, nullptr);
@@ -25,9 +21,8 @@ StopSignal::StopSignal() {
 
 bool StopSignal::requested() {
     if (signal_ == 0) {
-        const sigset_t set = stopSignals();
         const timespec noWait{};
-        const int signal = sigtimedwait(&set, nullptr, &noWait);
+        const int signal = sigtimedwait(&signals_, nullptr, &noWait);
         if (signal > 0)
             signal_ = signal;
     }
@@ -35,5 +30,14 @@ bool StopSignal::requested() {
 }
 
 const char* StopSignal::name() const {
-    return signal_ == SIGTERM ? "SIGTERM" : "SIGINT";
+    switch (signal_) {
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGHUP:
+            return "SIGHUP";
+        case SIGQUIT:
+            return "SIGQUIT";
+        default:
+            return "SIGINT";
+    }
 }
