@@ -1,7 +1,105 @@
 // The tool as a process, against itself; clients_test.py sets it against other programs.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "Excerpt.h"
+#include "OwnPace.h"
 #include "ToolSupport.h"
 
 namespace {
+
+using Seconds = std::chrono::duration<double>;
+
+// A stream of packets with their number in them, whose PCRs go by `bitrate` at each moment.
+std::string Stream(double seconds, double (*bitrate)(double)) {
+    std::string stream;
+    double time = 0.0;
+    double pcr = 0.0;
+    for (uint32_t n = 0; time < seconds; ++n) {
+        std::array<char, 188> packet{0x47, 1, 0, 0x10};
+        if (time >= pcr) {
+            pcr = time + 0.03;
+            const auto ticks = static_cast<uint64_t>(std::llround(time * 27e6));
+            const uint64_t base = ticks / 300, rest = ticks % 300;
+            packet[3] = 0x30;
+            packet[4] = 7;
+            packet[5] = 0x10;
+            for (int i = 0; i < 4; ++i)
+                packet[6 + i] = static_cast<char>(base >> (25 - 8 * i));
+            packet[10] = static_cast<char>(base << 7 | 0x7E | rest >> 8);
+            packet[11] = static_cast<char>(rest);
+        }
+        memcpy(&packet[20], &n, sizeof(n));
+        stream.append(packet.data(), packet.size());
+        time += 188 * 8 / bitrate(time);
+    }
+    return stream;
+}
+
+// Feeds the shaper as an engine does, with input as it is needed or at most `late` after its time,
+// and returns when each datagram left, the first one at 0.
+std::vector<double> Departures(ts::OwnPace& shaper, const std::string& stream) {
+    std::vector<double> times;
+    std::vector<uint8_t> data(7 * 188);
+    std::string sent;
+    size_t pushed = 0;
+    for (ts::Time now{0}; pushed < stream.size() || shaper.next();
+         now += std::chrono::milliseconds(1)) {
+        for (; shaper.needsInput(now) && pushed < stream.size(); pushed += 188 * 10) {
+            const std::string piece = stream.substr(pushed, 188 * 10);
+            shaper.push({reinterpret_cast<const uint8_t*>(piece.data()), piece.size()}, now);
+            if (pushed + 188 * 10 >= stream.size())
+                shaper.finish();
+        }
+        while (const size_t size = shaper.pull(data, now)) {
+            times.push_back(Seconds(now).count());
+            sent.append(reinterpret_cast<const char*>(data.data()), size);
+        }
+    }
+    EXPECT_TRUE(sent.substr(0, stream.size()) == stream) << "not a byte is changed";
+    return times;
+}
+
+TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
+    const auto constant = [](double) { return 2e6; };
+    const auto steps = [](double time) { return std::fmod(time, 4.0) < 2.0 ? 0.5e6 : 8e6; };
+    struct Case {
+        double (*bitrate)(double);
+        std::optional<uint32_t> given;
+        bool keepsRate, varies;
+        double tolerance;
+    };
+    const Case cases[] = {{constant, std::nullopt, false, false, 0.002},
+                          {constant, std::nullopt, true, false, 0.002},
+                          {constant, 4'000'000, true, false, 0.002},
+                          {steps, std::nullopt, false, false, 0.3},
+                          {steps, std::nullopt, true, true, 0.4}};
+    for (const Case& one : cases) {
+        const std::string stream = Stream(12.0, one.bitrate);
+        ts::OwnPace shaper(188, one.given, one.keepsRate);
+        const auto times = Departures(shaper, stream);
+        EXPECT_EQ(shaper.varies(), one.varies);
+        ASSERT_EQ(times.size(), (stream.size() / 188 + 6) / 7);
+        double due = 0.0;
+        for (size_t n = 0; n < times.size(); ++n) {
+            EXPECT_NEAR(times[n] - times[0], due, one.tolerance) << n;
+            for (int packet = 0; packet < 7; ++packet)
+                due += 188 * 8 / (one.given ? *one.given : one.bitrate(due));
+        }
+    }
+}
+
+TEST(OwnPace, AStreamWhosePcrsEndGoesOnAtItsRate) {
+    std::string stream = Stream(20.0, [](double) { return 1e6; });
+    for (size_t at = stream.size() / 4 / 188 * 188; at < stream.size(); at += 188)
+        stream.replace(at + 3, 3, std::string("\x10pp"));
+    ts::OwnPace shaper(188, std::nullopt, false);
+    EXPECT_NEAR(Departures(shaper, stream).back(), 20.0, 0.05);
+}
 
 TEST(Tool, ReceiveRecordsByteForByteWhatSendSendsWithItsTail) {
     const std::tuple<std::string, size_t, const char*> cases[] = {
@@ -27,6 +125,142 @@ TEST(Tool, ReceiveRecordsByteForByteWhatSendSendsWithItsTail) {
         for (size_t at = input.size(); at < recording.size(); at += 188)
             EXPECT_EQ(recording.substr(at, 4), "\x47\x1F\xFF\x10") << "null packet";
     }
+}
+
+// When each datagram came to a port of this host; reads until nothing more comes.
+std::vector<double> Arrivals(int port, const std::function<void()>& send) {
+    const int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
+    const int size = 8 << 20;
+    setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
+    const int on = 1;
+    setsockopt(socket, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    send();
+    std::vector<double> times;
+    char data[2048], control[256];
+    for (;;) {
+        iovec vector{data, sizeof(data)};
+        msghdr message{};
+        message.msg_iov = &vector;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        if (recvmsg(socket, &message, MSG_DONTWAIT) < 0)
+            break;
+        timespec stamp{};
+        memcpy(&stamp, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(stamp));
+        times.push_back(static_cast<double>(stamp.tv_sec) +
+                        static_cast<double>(stamp.tv_nsec) / 1e9);
+    }
+    close(socket);
+    return times;
+}
+
+// By the kernel's stamps, and for the best of a few runs: a busy machine makes single datagrams
+// late, but no stream shorter or longer.
+TEST(Tool, SendKeepsThePaceOnTheWire) {
+    struct Case {
+        const char* scheme;
+        double (*bitrate)(double);
+        const char* options;
+        double factor, tolerance;
+    };
+    const auto constant = [](double) { return 3e6; };
+    const auto steps = [](double time) { return std::fmod(time, 2.0) < 1.0 ? 0.14e6 : 29e6; };
+    const Case cases[] = {{"udp", constant, "", 1.0, 0.3},
+                          {"rtp", constant, "", 1.0, 0.3},
+                          {"rtp", constant, "-b 6M", 2.0, 0.3},
+                          {"udp", steps, "", 1.0, 1.0}};
+    for (const Case& one : cases) {
+        const std::string stream = Stream(5.0, one.bitrate);
+        std::ofstream("/tmp/paced") << stream;
+        std::vector<double> due;
+        double time = 0.0;
+        for (size_t n = 0; n < stream.size() / 188; ++n, time += 188 * 8 / one.bitrate(time))
+            if (n % 7 == 0)
+                due.push_back(time / one.factor);
+        double worst = 1e9;
+        for (int attempt = 0; attempt < 4 && worst >= one.tolerance; ++attempt) {
+            const auto times = Arrivals(7040, [&] {
+                EXPECT_EQ(Process::Tool(std::string("send /dev/fd/3 ") + one.scheme +
+                                        "://127.0.0.1:7040 " + one.options + " 3< /tmp/paced")
+                              .Wait(),
+                          0);
+            });
+            ASSERT_EQ(times.size(), due.size());
+            double most = 0.0, least = 0.0;
+            for (size_t n = 0; n < times.size(); ++n) {
+                most = std::max(most, times[n] - times[0] - due[n]);
+                least = std::min(least, times[n] - times[0] - due[n]);
+            }
+            worst = std::min(worst, std::max(most, -least));
+        }
+        EXPECT_LT(worst, one.tolerance) << one.scheme << one.options;
+    }
+}
+
+// The route goes away for longer than any patience, and later for a moment; to begin with, a
+// service waits for it.
+TEST(Tool, SendSurvivesOutagesAndSaysSoOnce) {
+    const auto lines = [](const char* file) {
+        const std::string text = Contents(file);
+        return std::count(text.begin(), text.end(), '\n');
+    };
+    const auto bytes = [] { return std::filesystem::file_size("/tmp/7041"); };
+    std::ofstream("/tmp/outage.toml")
+        << "[[send]]\ninput = '" << kSample << "'\nurl = 'udp://198.51.100.9:7041'\nloop = true\n";
+    Process sender = Process::Tool("send --config /dev/fd/3 3< /tmp/outage.toml 2> /tmp/said");
+    Process receiver = Receive("udp://:7041", 7041);
+    for (int outage = 0; outage < 3; ++outage) {
+        EXPECT_TRUE(Await([&] { return lines("/tmp/said") == 2 * outage + 1; })) << outage;
+        usleep(outage == 1 ? 3'500'000 : 10'000);
+        const size_t before = bytes();
+        EXPECT_EQ(Process("ip addr add 198.51.100.9/32 dev lo").Wait(), 0);
+        EXPECT_TRUE(Await([&] { return bytes() > before + 50'000; }, bytes, 15)) << outage;
+        EXPECT_TRUE(Await([&] { return lines("/tmp/said") == 2 * outage + 2; })) << outage;
+        EXPECT_EQ(Process("ip addr del 198.51.100.9/32 dev lo").Wait(), 0);
+    }
+    EXPECT_EQ(sender.End(SIGTERM), 0);
+    for (const char* part : {"; is there a route to it? Trying on.\n", "goes on after 0:0"})
+        EXPECT_NE(Contents("/tmp/said").find(part), std::string::npos) << Contents("/tmp/said");
+}
+
+// At ten times its rate, each is repeated three times a second.
+TEST(Tool, MemoryOfSixteenLoopsIsSmallAndStaysAsItIs) {
+    std::string pairs;
+    for (int i = 0; i < 16; ++i)
+        pairs += ' ' + kSampleArg + " rtp://127.0.0.1:" + std::to_string(7060 + i);
+    Process sender("unshare --mount " PRIVATE_TMP " " TOOL_COMMAND " send --loop -b 8M" + pairs +
+                   " & echo $! > /tmp/pid; wait $!");
+    const auto resident_KiB = [] {
+        const std::string status = Contents(
+            "/proc/" + Contents("/tmp/pid").substr(0, Contents("/tmp/pid").find('\n')) + "/status");
+        const size_t at = status.find("VmRSS:");
+        return at == std::string::npos ? 0 : std::stol(status.substr(at + 6));
+    };
+    const auto sent = [] {
+        const std::string all = Contents("/proc/net/snmp");
+        long in, none, errors, out = 0;
+        sscanf(all.c_str() + all.rfind("Udp: ", all.find("UdpLite")), "Udp: %ld %ld %ld %ld", &in,
+               &none, &errors, &out);
+        return out;
+    };
+    const auto await = [&](long datagrams) {
+        const long begin = sent();
+        return Await([&] { return sent() > begin + datagrams; }, sent, 15);
+    };
+    EXPECT_TRUE(await(20'000));
+    const long before = resident_KiB();
+    EXPECT_TRUE(await(40'000));
+    EXPECT_GT(before, 1024);
+    EXPECT_LT(before, 32 * 1024);
+    EXPECT_LT(resident_KiB(), before + 512);
+    EXPECT_EQ(Process("kill $(cat /tmp/pid)").Wait(), 0);
+    EXPECT_EQ(sender.Wait(), 0);
 }
 
 TEST(Tool, SendKeepsToThePaceOfAVariableRateUnderRtp) {
@@ -65,7 +299,7 @@ TEST(Tool, SendSkipsWhatIsNoPacketAndGoesOnWhenAnotherInputFails) {
         Process second = Receive("udp://:7006", 7006, "-n " + std::to_string(length));
         EXPECT_EQ(Process::Tool("send /dev/fd/3 udp://127.0.0.1:7005 /nonexistent "
                                 "udp://127.0.0.1:7007 /dev/fd/4 rtp://127.0.0.1:7006 "
-                                "3< /tmp/damaged 4< /tmp/sound 2> /tmp/said")
+                                "--as-is 3< /tmp/damaged 4< /tmp/sound 2> /tmp/said")
                       .Wait(),
                   1);
         EXPECT_EQ(first.Wait() + second.Wait(), 0) << size;

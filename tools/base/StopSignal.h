@@ -1,12 +1,11 @@
-// A clean end on SIGINT, SIGTERM and the like.
+// A clean end on SIGINT and SIGTERM.
 #ifndef TOOLS_BASE_STOPSIGNAL_H
 #define TOOLS_BASE_STOPSIGNAL_H
 
 #include <atomic>
-#include <csignal>
-#include <initializer_list>
+#include <chrono>
 
-// Blocks the signals for the calling thread and all threads that it starts from then on, and lets
+// Blocks both signals for the calling thread and all threads that it starts from then on, and lets
 // the commands ask in between whether one has come. Nothing runs in a signal handler, and no
 // blocking call is left half done.
 //
@@ -15,17 +14,18 @@
 // Thread safety: any thread asks.
 class StopSignal {
   public:
-    // Further signals may end the command in the same way, unless they are ignored, as by nohup.
-    explicit StopSignal(std::initializer_list<int> further = {});
+    StopSignal();
 
     // True from the first of the signals on.
     bool requested();
 
-    // "SIGINT", for example; only after requested() has returned true.
+    // Waits for so long, or until one of the signals comes.
+    void await(std::chrono::nanoseconds time);
+
+    // "SIGINT" or "SIGTERM"; only after requested() has returned true.
     const char* name() const;
 
   private:
-    sigset_t signals_;
     std::atomic<int> signal_{0};
 };
 

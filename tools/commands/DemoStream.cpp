@@ -27,6 +27,7 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 constexpr auto kEncoderPatience = 60s;
+constexpr size_t kMeasureBytes = size_t{8} * 1024 * 1024;
 
 // An empty file of its own name, removed with the object.
 class TemporaryFile {
@@ -143,27 +144,47 @@ std::string findSample(const std::string& sample) {
     return fs::exists(installed, error) ? installed.lexically_normal().string() : QXV_SAMPLE_SOURCE;
 }
 
+// The next packets; none where the stream has ended, or a stop is requested.
+std::span<const uint8_t> take(PacketSource& source, size_t limit, StopSignal& stop) {
+    while (!source.ended() && !stop.requested()) {
+        if (const auto packets = source.take(limit); !packets.empty())
+            return packets;
+        if (source.isDry())
+            std::this_thread::sleep_for(10ms);
+    }
+    return {};
+}
+
 DemoStream load(const std::string& path, std::string origin, double seconds, StopSignal& stop) {
     PacketSource source(path, false);
-    source.open(true, stop);
-    const auto bitrate = source.bitrate();
-    if (!bitrate || *bitrate == 0 || *bitrate > UINT32_MAX)
-        throw Failure(fmt::format("{} has no PCRs to tell its rate by", source.name()));
+    while (!source.findFirstPacket() && !stop.requested())
+        std::this_thread::sleep_for(10ms);
 
     DemoStream stream;
     stream.origin = std::move(origin);
     stream.packetSize = source.packetSize();
-    stream.bitrate_bps = static_cast<uint32_t>(*bitrate);
+    PcrBitrate rate(stream.packetSize);
+    const auto add = [&](std::span<const uint8_t> packets) {
+        for (size_t at = 0; at < packets.size(); at += stream.packetSize)
+            rate.add(packets.data() + at);
+        stream.data.insert(stream.data.end(), packets.begin(), packets.end());
+    };
+    // The rate is that of the first megabytes, which may be more than is to be sent.
+    while (stream.data.size() < kMeasureBytes && !source.ended() && !stop.requested())
+        add(take(source, kMeasureBytes - stream.data.size(), stop));
+    const auto bitrate = rate.bitrate();
+    if (!stop.requested() && (!bitrate || *bitrate == 0 || *bitrate > UINT32_MAX))
+        throw Failure(fmt::format("{} has no PCRs to tell its rate by", source.name()));
+    stream.bitrate_bps = static_cast<uint32_t>(bitrate.value_or(1));
+
     // A channel looks at 2048 bytes before it sends the first datagram, which takes two of them.
     const size_t payload = stream.payloadBytes();
     const auto wanted =
-        std::max<size_t>(
-            static_cast<size_t>(seconds * static_cast<double>(*bitrate) / 8.0) / payload, 2) *
+        std::max<size_t>(static_cast<size_t>(seconds * stream.bitrate_bps / 8.0) / payload, 2) *
         payload;
-    while (stream.data.size() < wanted && !source.ended() && !stop.requested()) {
-        const auto packets = source.take(wanted - stream.data.size(), 50ms);
-        stream.data.insert(stream.data.end(), packets.begin(), packets.end());
-    }
+    while (stream.data.size() < wanted && !source.ended() && !stop.requested())
+        add(take(source, wanted - stream.data.size(), stop));
+    stream.data.resize(std::min(stream.data.size(), wanted));
     while (stream.data.size() % payload != 0 || stream.data.size() < 2 * payload)
         appendNullPackets(stream.data, stream.packetSize, 1);
     return stream;

@@ -2,14 +2,9 @@
 
 #include <fmt/format.h>
 
-#include <atomic>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
-#include <thread>
-#include <utility>
 
 #include "base/Errors.h"
 #include "base/StopSignal.h"
@@ -18,126 +13,11 @@
 #include "commands/ConfigCommand.h"
 #include "config/ConfigFile.h"
 #include "config/ConfigRules.h"
-#include "engine/HostModule.h"
-#include "engine/PacedStream.h"
-#include "engine/Sending.h"
-#include "media/StreamUrl.h"
+#include "engine/Runner.h"
+#include "engine/SendChain.h"
 #include "terminal/Progress.h"
 
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr auto kBoardInterval = 20ms;
-
-// The module, loaded when the first input has turned out to be a stream: an input that is none does
-// not replace the shared table of this machine's other users.
-//
-// Thread safety: any thread asks for it.
-class SharedModule {
-  public:
-    HostModule& get() {
-        std::call_once(once_, [this] { module_.emplace(); });
-        return *module_;
-    }
-
-  private:
-    std::once_flag once_;
-    std::optional<HostModule> module_;
-};
-
-// One job, on a thread of its own, so that an input that is slow to come holds up no other one.
-//
-// Thread safety: one thread, the owner, calls the functions.
-class Task {
-  public:
-    Task(const SendJob& job, uint32_t channel, SharedModule& module, StopSignal& stop)
-        : job_(job),
-          url_(parseStreamUrl(job.url)),
-          channel_(channel),
-          module_(module),
-          stop_(stop) {
-        sendConfig(url_);  // refuses what cannot be sent to
-    }
-    Task(const Task&) = delete;
-    Task& operator=(const Task&) = delete;
-    ~Task() {
-        if (thread_.joinable())
-            thread_.join();
-    }
-
-    void start() {
-        thread_ = std::thread([this] {
-            try {
-                run();
-            } catch (...) {
-                failure_ = std::current_exception();
-            }
-            ended_.store(true, std::memory_order_release);
-        });
-    }
-
-    // The release pairs with this: what the thread has written is there.
-    bool ended() const { return ended_.load(std::memory_order_acquire); }
-    std::string line() const {
-        const std::lock_guard lock(lineLock_);
-        return line_;
-    }
-
-    // When it has ended.
-    const std::exception_ptr& failure() const { return failure_; }
-    const std::string& summary() const { return summary_; }  // empty = nothing was sent
-    const std::vector<std::string>& warnings() const { return warnings_; }
-    const SendJob& job() const { return job_; }
-
-  private:
-    void run() {
-        report("opening");
-        // Under RTP a change of the bitrate would begin the sequence numbers anew.
-        PacedStream stream(job_, url_.rtp);
-        stream.open(stop_);  // may wait for the writer of a FIFO
-        bool complete = false;
-        if (!stop_.requested()) {
-            Sending sending(stream, module_.get(), channel_, url_, !job_.bitrate_bps, stop_,
-                            [this](const std::string& line) { report(line); });
-            complete = sending.run();
-            summary_ = sending.summary();
-            if (sending.raises() > 0)
-                warnings_.push_back(fmt::format(
-                    "{}: its rate rose too far: sequence numbers to {} began anew, {} in all",
-                    stream.source().name(), url_.text, sending.raises()));
-        }
-        const PacketSource& source = stream.source();
-        if (source.skippedBytes() > 0)
-            warnings_.push_back(fmt::format("{}: {} bytes in {} places are no packets: skipped",
-                                            source.name(), source.skippedBytes(),
-                                            source.skippedPlaces()));
-        // A loop has no other end, unless it was given one.
-        if (!complete && !job_.loop)
-            throw Failure(
-                fmt::format("stopped by {} before the end of {}", stop_.name(), source.name()));
-    }
-
-    void report(const std::string& line) {
-        const std::lock_guard lock(lineLock_);
-        line_ = line;
-    }
-
-    const SendJob& job_;
-    const StreamUrl url_;
-    const uint32_t channel_;
-    SharedModule& module_;
-    StopSignal& stop_;
-    mutable std::mutex lineLock_;  // guards line_
-    std::string line_;
-    std::exception_ptr failure_;
-    std::string summary_;
-    std::vector<std::string> warnings_;
-    std::atomic<bool> ended_{false};
-    std::thread thread_;  // last: it uses the rest
-};
-
-using Tasks = std::vector<std::unique_ptr<Task>>;
 
 std::string message(const std::exception_ptr& failure) {
     try {
@@ -147,53 +27,100 @@ std::string message(const std::exception_ptr& failure) {
     }
 }
 
-std::string shortName(const Task& task) {
-    return fmt::format("{} -> {}", task.job().input, task.job().url);
+std::string shortName(const SendChain& chain) {
+    return fmt::format("{} -> {}", chain.job().input, chain.job().url);
 }
 
-void showProgress(Progress& progress, const Tasks& tasks) {
-    if (!progress.due())
-        return;
-    std::vector<std::string> lines;
-    for (const auto& task : tasks) {
-        const std::string state = !task->ended()    ? task->line()
-                                  : task->failure() ? "failed"
-                                                    : task->summary();
-        lines.push_back(tasks.size() == 1 ? state : fmt::format("{}  {}", shortName(*task), state));
-    }
-    progress.show(lines);
-}
-
-// Shows how far the tasks are until all have ended, and says at once when one fails.
-void attend(Progress& progress, const Tasks& tasks) {
-    std::set<const Task*> done;
-    while (done.size() < tasks.size()) {
-        for (const auto& task : tasks) {
-            if (!task->ended() || !done.insert(task.get()).second)
-                continue;
-            if (task->failure() && tasks.size() > 1)
-                progress.warn(fmt::format("{}: {}", shortName(*task), message(task->failure())));
+// All streams of a command.
+class Sending {
+  public:
+    Sending(const std::vector<SendJob>& jobs, std::optional<std::chrono::milliseconds> patience)
+        : runner_(stop_) {
+        for (const SendJob& job : jobs) {
+            chains_.push_back(std::make_unique<SendChain>(
+                job, static_cast<uint32_t>(chains_.size()), module_, patience));
+            runner_.add(*chains_.back());
         }
-        showProgress(progress, tasks);
-        std::this_thread::sleep_for(kBoardInterval);
+        told_.resize(jobs.size());
     }
-}
+    Sending(const Sending&) = delete;
+    Sending& operator=(const Sending&) = delete;
+    ~Sending() {
+        for (const auto& chain : chains_)
+            chain->cancel();
+    }
 
-void conclude(Progress& progress, const Tasks& tasks) {
-    size_t failed = 0;
-    for (const auto& task : tasks) {
-        if (!task->summary().empty())
-            progress.summary(task->summary());
-        for (const std::string& warning : task->warnings())
-            progress.warn(warning);
-        failed += task->failure() ? 1 : 0;
+    void run() {
+        runner_.run([this] { attend(); });
+        attend();
+        conclude();
     }
-    if (failed > 0 && tasks.size() == 1)
-        std::rethrow_exception(tasks.front()->failure());
-    if (failed > 0)
-        throw Failure(
-            fmt::format("{} of {} streams were not sent to their end", failed, tasks.size()));
-}
+
+  private:
+    // Says at once what has happened.
+    void attend() {
+        for (size_t i = 0; i < chains_.size(); ++i) {
+            for (const std::string& event : chains_[i]->takeEvents())
+                progress_.warn(event);
+            if (!runner_.failure(i) || told_[i])
+                continue;
+            told_[i] = true;
+            chains_[i]->cancel();
+            if (chains_.size() > 1)
+                warn(i, message(runner_.failure(i)));
+        }
+        if (!progress_.due())
+            return;
+        std::vector<std::string> lines;
+        for (size_t i = 0; i < chains_.size(); ++i) {
+            SendChain& chain = *chains_[i];
+            const std::string state = runner_.failure(i) ? "failed"
+                                      : runner_.ended(i) ? chain.summary()
+                                                         : chain.describe(Runner::Clock::now());
+            lines.push_back(chains_.size() == 1 ? state
+                                                : fmt::format("{}  {}", shortName(chain), state));
+        }
+        progress_.show(lines);
+    }
+
+    void warn(size_t i, const std::string& text) {
+        progress_.warn(fmt::format("{}: {}", shortName(*chains_[i]), text));
+    }
+
+    // A loop has no other end than a signal, unless it was given one.
+    std::exception_ptr failure(size_t i) const {
+        if (runner_.ended(i) || chains_[i]->job().loop)
+            return runner_.failure(i);
+        return std::make_exception_ptr(Failure(fmt::format("stopped by {} before the end of {}",
+                                                           stop_.name(), chains_[i]->inputName())));
+    }
+
+    void conclude() {
+        size_t failed = 0;
+        for (size_t i = 0; i < chains_.size(); ++i) {
+            if (const std::string summary = chains_[i]->summary(); !summary.empty())
+                progress_.summary(summary);
+            for (const std::string& warning : chains_[i]->warnings())
+                progress_.warn(warning);
+            const auto why = failure(i);
+            failed += why ? 1 : 0;
+            if (why && !told_[i] && chains_.size() > 1)
+                warn(i, message(why));
+        }
+        if (failed > 0 && chains_.size() == 1)
+            std::rethrow_exception(failure(0));
+        if (failed > 0)
+            throw Failure(
+                fmt::format("{} of {} streams were not sent to their end", failed, chains_.size()));
+    }
+
+    StopSignal stop_;
+    Runner runner_;
+    ModuleOnDemand module_;
+    std::vector<std::unique_ptr<SendChain>> chains_;
+    std::vector<bool> told_;
+    Progress progress_;
+};
 
 // What the command line gives: pairs of an input and a URL, and options for all of them.
 struct Arguments {
@@ -201,9 +128,24 @@ struct Arguments {
     std::string bitrate;
     std::string start;
     std::string duration;
+    std::string patience = "3";
+    std::string cbr;
+    std::string delay;
+    bool asIs = false;
     std::string config;
     bool loop = false;
 };
+
+Shaping shaping(const std::string& cbr, const std::string& delay, bool asIs) {
+    Shaping shaping;
+    shaping.constant = !cbr.empty();
+    shaping.asIs = asIs;
+    if (!cbr.empty() && cbr != "auto")
+        shaping.rate_bps = bitrate("--cbr", cbr);
+    if (!delay.empty())
+        shaping.delay = duration("--delay", delay, 0.0, 1.0);
+    return shaping;
+}
 
 std::vector<SendJob> jobsOf(const Arguments& given) {
     if (!given.config.empty())
@@ -217,6 +159,7 @@ std::vector<SendJob> jobsOf(const Arguments& given) {
         job.start = duration("--start", given.start, 0.0, 1e9);
     if (!given.duration.empty())
         job.duration = duration("--duration", given.duration, 0.001, 1e9);
+    job.shaping = shaping(given.cbr, given.delay, given.asIs);
     std::vector<SendJob> jobs;
     for (size_t i = 0; i < given.pairs.size(); i += 2) {
         job.input = given.pairs[i];
@@ -238,16 +181,20 @@ constexpr auto kHelp =
     "  qxvrtp send film.ts udp://192.0.2.7:5000 --start 600 --duration 30\n"
     "  ffmpeg ... -f mpegts - | qxvrtp send - 'udp://239.1.1.1:5000?ttl=4'\n"
     "\n"
-    "Rate: without --bitrate, a stream goes at the pace of its PCRs. udp:// follows a rate that\n"
-    "varies, up to four times a second, where it would otherwise be 20 ms early or late. rtp://\n"
-    "follows it from PCR to PCR by what it hands to the channel, whose own rate lies above: a\n"
-    "change of that would begin the sequence numbers anew, and receivers drop what seems to be\n"
-    "late. It is told by the first 8 MB (of a pipe: by the first second). Where the stream stays\n"
-    "faster later on, it falls 2 s behind before the change is made, which a warning tells. RTP\n"
-    "timestamps count datagrams at the channel's rate. Live input is delayed by the second that\n"
-    "is measured.\n"
-    "Bytes: packets have 188 or 204 bytes, and the rate counts all of them. They are sent as they\n"
-    "are; null packets fill up the last datagram. Bytes that are no packets are skipped, which a\n"
+    "Rate: without --bitrate, a stream goes at the pace of its PCRs. udp:// sends it as it is,\n"
+    "and changes the channel's rate where the stream would otherwise be 20 ms early or late.\n"
+    "rtp:// makes a stream that varies constant, since RTP's timestamps follow from the rate:\n"
+    "null packets fill the gaps, and PCRs are set anew. A stream of constant rate is left as it\n"
+    "is, byte for byte. With --as-is, none is changed; timestamps then count at a ceiling.\n"
+    "Where a stream needs more than the rate later on, it comes late, which a line tells with the\n"
+    "rate that would have done. Live input is delayed by the second in which its rate is\n"
+    "measured.\n"
+    "Outages: a stream whose output fails (no socket, no route) goes on within a second when it\n"
+    "works again, however long that takes: a file where it stopped; what came from a pipe\n"
+    "meanwhile is lost. Only an output that does not even begin ends the stream, after\n"
+    "--patience; with --config, it is tried for ever.\n"
+    "Bytes: packets have 188 or 204 bytes, and the rate counts all of them. Null packets fill up\n"
+    "the last datagram. Bytes that are no packets are skipped, which a\n"
     "warning tells in the end.\n"
     "Loop: the seam takes no time, keeps the rate, and changes no byte: PCRs and continuity\n"
     "counters jump there, unannounced, as in any stream that is spliced without being remade.\n"
@@ -257,18 +204,8 @@ constexpr auto kHelp =
 
 }  // namespace
 
-void runSend(const std::vector<SendJob>& jobs) {
-    SharedModule module;
-    StopSignal stop;
-    Tasks tasks;
-    for (const SendJob& job : jobs)
-        tasks.push_back(
-            std::make_unique<Task>(job, static_cast<uint32_t>(tasks.size()), module, stop));
-    Progress progress;
-    for (const auto& task : tasks)
-        task->start();
-    attend(progress, tasks);
-    conclude(progress, tasks);
+void runSend(const std::vector<SendJob>& jobs, std::optional<std::chrono::milliseconds> patience) {
+    Sending(jobs, patience).run();
 }
 
 CommandModel sendCommand() {
@@ -286,8 +223,22 @@ CommandModel sendCommand() {
                       "Skip this much of the stream at the beginning");
     command.addOption("-d,--duration", given->duration, "SECONDS",
                       "Send this much of the stream, then end");
+    command
+        .addOption(
+            "--cbr", given->cbr, "RATE",
+            "Give the stream this constant rate, or with 'auto' the least that its beginning "
+            "allows; rtp:// has 'auto' if nothing else is given")
+        .exclude({"--bitrate", "--as-is"});
+    command.addOption("--delay", given->delay, "SECONDS",
+                      "Buffer that evens out the rate of --cbr, up to 1; 0.5 if not given");
+    command.addFlag("--as-is", given->asIs, "Change no byte of a stream that varies over rtp://");
+    command.addOption("--patience", given->patience, "SECONDS",
+                      "How long to wait for an output that does not begin; 3 if not given");
     addConfigOption(command, given->config);
     command.footer = kHelp + urlHelp();
-    command.action = [given] { runSend(jobsOf(*given)); };
+    command.action = [given] {
+        const auto patience = duration("--patience", given->patience, 0.0, 1e9);
+        runSend(jobsOf(*given), given->config.empty() ? std::optional(patience) : std::nullopt);
+    };
     return command;
 }

@@ -236,12 +236,31 @@ class FileReader {
         }
     }
 
+    Shaping shaping(TableReader& entry) {
+        Shaping shaping;
+        const toml::node* const cbr = entry.find("cbr");
+        if (cbr != nullptr && cbr->is_boolean())
+            shaping.constant = entry.flag("cbr");
+        else
+            shaping.rate_bps = entry.quantity<uint32_t>("cbr", UINT32_MAX);
+        shaping.constant = shaping.constant || shaping.rate_bps;
+        shaping.delay = entry.seconds("delay", 0.0);
+        if (shaping.delay > std::chrono::seconds(1))
+            problems_.add(entry.place("delay"), "is 1 second at most");
+        shaping.asIs = entry.flag("as_is");
+        for (const char* const key : {"as_is", "bitrate"})
+            if (shaping.constant && entry.find(key) != nullptr)
+                problems_.add(entry.place(key), "excludes 'cbr'");
+        return shaping;
+    }
+
     SendJob send(TableReader& entry) {
         SendJob job;
         job.input = entry.text("input");
         job.url = entry.text("url");
         job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
         job.loop = entry.flag("loop");
+        job.shaping = shaping(entry);
         job.start = entry.seconds("start", 0.0);
         job.duration = entry.seconds("duration", 0.001);
         rules_.addInput(job.input, entry.place("input"));
@@ -318,6 +337,14 @@ struct TableWriter {
             table.insert(key, inSeconds(*value));
     }
     void text(const char* key, const std::string& value) { table.insert(key, value); }
+    void shaping(const Shaping& shaping) {
+        number("cbr", shaping.rate_bps);
+        if (shaping.constant && !shaping.rate_bps)
+            table.insert("cbr", true);
+        seconds("delay", shaping.delay);
+        if (shaping.asIs)
+            table.insert("as_is", true);
+    }
     void url(const char* key, const std::string& value, bool destination) {
         table.insert(key, fullUrl(parseStreamUrl(value), destination));
     }
@@ -328,6 +355,7 @@ toml::table tableOf(const SendJob& job) {
     writer.text("input", job.input);
     writer.url("url", job.url, true);
     writer.number("bitrate", job.bitrate_bps);
+    writer.shaping(job.shaping);
     writer.table.insert("loop", job.loop);
     writer.seconds("start", job.start);
     writer.seconds("duration", job.duration);

@@ -99,10 +99,10 @@ QXV_RTP_Statistics HostChannel::statistics() const {
 }
 
 SendChannel::SendChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config,
-                         uint32_t bitrate_bps)
+                         uint32_t bitrate_bps, uint32_t ringBytes)
     : HostChannel(module, QXV_RTP_SEND, channel, config) {
-    if (module_.call().SendStart(module_.handle(), channel_, bitrate_bps, ringUnits(bitrate_bps)) ==
-        0)
+    if (module_.call().SendStart(module_.handle(), channel_, bitrate_bps,
+                                 ringUnits(bitrate_bps, ringBytes)) == 0)
         throw Failure(fmt::format("send channel {} could not be started", channel_));
 }
 
@@ -110,11 +110,12 @@ SendChannel::~SendChannel() {
     module_.call().SendEnd(module_.handle(), channel_);
 }
 
-uint32_t SendChannel::ringUnits(uint32_t bitrate_bps) {
+uint32_t SendChannel::ringUnits(uint32_t bitrate_bps, uint32_t leastBytes) {
     constexpr uint32_t kSmallest = 64 * 1024;
     constexpr uint32_t kLargest = 4 * 1024 * 1024;
     const uint32_t quarterSecond = bitrate_bps / 8 / 4;
-    return std::clamp(quarterSecond, kSmallest, kLargest) / QXV_RTP_BUFFER_UNIT;
+    return std::clamp(quarterSecond, std::max(kSmallest, leastBytes), kLargest) /
+           QXV_RTP_BUFFER_UNIT;
 }
 
 bool SendChannel::send(std::span<const uint8_t> data) {

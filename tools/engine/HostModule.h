@@ -90,13 +90,14 @@ class HostChannel {
 // A started send channel; its destruction drops what has not been sent.
 class SendChannel : public HostChannel {
   public:
+    // `ringBytes` is the least size of the buffer.
     SendChannel(HostModule& module, uint32_t channel, const RtpChannelConfig& config,
-                uint32_t bitrate_bps);
+                uint32_t bitrate_bps, uint32_t ringBytes = 0);
     ~SendChannel();
 
     // Bytes that the ring buffer holds for the given rate: a quarter of a second. Longer only adds
     // delay; much shorter, and a busy machine lets it run dry.
-    static uint32_t ringUnits(uint32_t bitrate_bps);
+    static uint32_t ringUnits(uint32_t bitrate_bps, uint32_t leastBytes = 0);
 
     bool send(std::span<const uint8_t> data);  // blocks while the data does not fit
 

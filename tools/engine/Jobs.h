@@ -8,6 +8,15 @@
 #include <string>
 #include <vector>
 
+// Whether null packets and new PCRs give a stream a constant rate. What is neither asked for nor
+// excluded depends on the URL: under RTP, which needs a constant rate for its timestamps, yes.
+struct Shaping {
+    bool constant = false;
+    std::optional<uint32_t> rate_bps = std::nullopt;  // none = the least that the beginning allows
+    std::optional<std::chrono::milliseconds> delay = std::nullopt;
+    bool asIs = false;
+};
+
 struct SendJob {
     std::string input;  // "-" = standard input
     std::string url;
@@ -16,6 +25,7 @@ struct SendJob {
     // Both in the stream's own time: what is skipped at the beginning, and what is sent.
     std::optional<std::chrono::milliseconds> start = std::nullopt;
     std::optional<std::chrono::milliseconds> duration = std::nullopt;
+    Shaping shaping = {};
 };
 
 struct ReceiveJob {

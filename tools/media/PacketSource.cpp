@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,17 +16,16 @@
 
 namespace {
 
-constexpr size_t kReadBytes = size_t{256} * 1024;
-constexpr size_t kMeasureBytes = size_t{8} * 1024 * 1024;
-constexpr double kMeasureSeconds = 1.0;  // of a pipe, which makes a live source wait
+constexpr size_t kReadBytes = size_t{128} * 1024;
+constexpr uint64_t kFetchBytes = uint64_t{2} * 1024 * 1024;
+constexpr int kPipeBytes = 1024 * 1024;
 constexpr size_t kFullRunBytes = 5 * kPacketWithParityBytes;
 constexpr size_t kSearchBytes = size_t{1024} * 1024;
-constexpr std::chrono::milliseconds kStopLatency{50};
 
 int openInput(const std::string& path) {
     if (path == "-")
         return STDIN_FILENO;
-    // Nobody waits here for the writer of a FIFO: a signal has to get through meanwhile.
+    // Nobody waits here for the writer of a FIFO.
     const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         throw Failure(fmt::format("cannot read '{}': {}", path, std::strerror(errno)));
@@ -47,25 +47,51 @@ PacketSource::PacketSource(const std::string& path, bool loop)
     regular_ = S_ISREG(status.st_mode) && path != "-";
     if (loop_ && !regular_)
         throw UsageError(fmt::format("--loop repeats a file; {} cannot be rewound", name_));
+    // Whoever writes has to get rid of what comes between two looks; a smaller pipe is no error.
+    if (S_ISFIFO(status.st_mode))
+        static_cast<void>(fcntl(file_.get(), F_SETPIPE_SZ, kPipeBytes));
 }
 
-// Adds what is there to read. False: nothing came within the time.
-bool PacketSource::fill(std::chrono::milliseconds wait) {
+// As read(), but with EAGAIN where the file's next bytes are still to come from the disk.
+ssize_t PacketSource::readFile(std::span<uint8_t> space) {
+    const uint64_t position = bufferBegin_ + end_;
+    if (position + kFetchBytes / 2 > fetchedTo_) {
+        posix_fadvise(file_.get(), static_cast<off_t>(position), kFetchBytes, POSIX_FADV_WILLNEED);
+        fetchedTo_ = position + kFetchBytes;
+    }
+    const iovec vector{space.data(), space.size()};
+    if (tellsWhatIsThere_) {
+        const ssize_t count = preadv2(file_.get(), &vector, 1, -1, RWF_NOWAIT);
+        if (count < 0 && errno == EAGAIN)
+            fetchedTo_ = 0;  // it may have been dropped from memory meanwhile
+        if (count >= 0 || (errno != EOPNOTSUPP && errno != EINVAL && errno != ENOSYS))
+            return count;
+        tellsWhatIsThere_ = false;
+    }
+    return read(file_.get(), space.data(), space.size());
+}
+
+// Adds what is there to read. False: nothing is, for the time being.
+bool PacketSource::fill() {
     if (!regular_) {
         pollfd readable{file_.get(), POLLIN, 0};
-        if (poll(&readable, 1, static_cast<int>(wait.count())) <= 0)
+        if (poll(&readable, 1, 0) <= 0)
             return false;
     }
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(begin_));
-    bufferBegin_ += std::exchange(begin_, 0);
-    const size_t size = pending_.size();
-    pending_.resize(size + kReadBytes);
-    const ssize_t count = read(file_.get(), pending_.data() + size, kReadBytes);
-    pending_.resize(size + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
+              buffer_.begin() + static_cast<std::ptrdiff_t>(end_), buffer_.begin());
+    bufferBegin_ += begin_;
+    end_ -= std::exchange(begin_, 0);
+    if (buffer_.size() < end_ + kReadBytes)
+        buffer_.resize(end_ + kReadBytes);
+    const auto space = std::span(buffer_).subspan(end_, kReadBytes);
+    const ssize_t count =
+        regular_ ? readFile(space) : read(file_.get(), space.data(), space.size());
     if (count < 0 && errno != EINTR && errno != EAGAIN)
         throw Failure(fmt::format("cannot read {}: {}", name_, std::strerror(errno)));
+    end_ += static_cast<size_t>(std::max<ssize_t>(count, 0));
     ended_ = count == 0;
-    return true;
+    return count >= 0;
 }
 
 // False where there is nothing to repeat; a file that was emptied meanwhile has to end rather than
@@ -75,9 +101,9 @@ bool PacketSource::rewind() {
         return false;
     if (lseek(file_.get(), static_cast<off_t>(loopBegin_), SEEK_SET) < 0)
         throw Failure(fmt::format("cannot rewind {}: {}", name_, std::strerror(errno)));
-    pending_.clear();
-    begin_ = 0;
+    begin_ = end_ = 0;
     bufferBegin_ = loopBegin_;
+    fetchedTo_ = 0;
     searching_ = false;
     rewound_ = true;
     yielded_ = false;
@@ -85,46 +111,28 @@ bool PacketSource::rewind() {
     return true;
 }
 
-bool PacketSource::findFirstPacket(StopSignal& stop) {
+bool PacketSource::findFirstPacket() {
     // What findPackets may take for the end of a stream is the end of what has been read so far;
     // only when there is no more, a shorter run of packets is enough.
     constexpr size_t kEnough = 2 * kFullRunBytes;
-    while (!stop.requested()) {
-        if (ended_ || pending_.size() >= kEnough) {
-            const auto layout = findPackets(pending_);
-            if (layout) {
-                layout_ = *layout;
-                skip(layout->offset);
-                startOfGap_ = true;
-                loopFromHere();
-                return true;
-            }
-            if (ended_ || pending_.size() >= kSearchBytes)
-                throw Failure(
-                    fmt::format("{} is not a transport stream: no run of packets of 188 "
-                                "or 204 bytes in its first {} bytes",
-                                name_, pending_.size()));
+    do {
+        if (!ended_ && available() < kEnough)
+            continue;
+        const auto layout = findPackets(rest());
+        if (layout) {
+            layout_ = *layout;
+            skip(layout->offset);
+            startOfGap_ = true;
+            loopFrom(0);
+            return true;
         }
-        fill(kStopLatency);
-    }
+        if (ended_ || available() >= kSearchBytes)
+            throw Failure(
+                fmt::format("{} is not a transport stream: no run of packets of 188 "
+                            "or 204 bytes in its first {} bytes",
+                            name_, available()));
+    } while (fill());
     return false;
-}
-
-void PacketSource::open(bool measure, StopSignal& stop) {
-    if (!findFirstPacket(stop) || !measure)
-        return;
-    rate_.emplace(packetSize());
-    size_t measured = begin_;
-    while (!stop.requested()) {
-        for (; measured + packetSize() <= pending_.size(); measured += packetSize())
-            rate_->add(pending_.data() + measured);
-        if (ended_ || available() >= kMeasureBytes ||
-            (!regular_ && rate_->seconds() >= kMeasureSeconds))
-            return;
-        const size_t dropped = begin_;
-        fill(kStopLatency);
-        measured -= dropped - begin_;
-    }
 }
 
 void PacketSource::skip(size_t count) {
@@ -136,13 +144,13 @@ void PacketSource::skip(size_t count) {
 }
 
 // A packet counts when another one, or the end, follows it.
-size_t PacketSource::countPackets(size_t most) {
+size_t PacketSource::countPackets(size_t most) const {
     size_t count = 0;
     for (size_t at = begin_; count < most && !searching_; ++count, at += packetSize()) {
         const size_t next = at + packetSize();
-        if (next > pending_.size() || pending_[at] != kSyncByte)
+        if (next > end_ || buffer_[at] != kSyncByte)
             break;
-        if (next == pending_.size() ? !ended_ : pending_[next] != kSyncByte)
+        if (next == end_ ? !ended_ : buffer_[next] != kSyncByte)
             break;
     }
     return count;
@@ -151,9 +159,8 @@ size_t PacketSource::countPackets(size_t most) {
 // The packet in front is not followed by another. It may have lost some bytes, so that the next one
 // begins within it; otherwise it is the last one before the gap and still counts.
 void PacketSource::leaveRun() {
-    const auto rest = std::span<const uint8_t>(pending_).subspan(begin_);
-    const auto next = findPackets(rest.subspan(1), packetSize(), !ended_);
-    const bool whole = rest.size() >= packetSize() && rest.front() == kSyncByte &&
+    const auto next = findPackets(rest().subspan(1), packetSize(), !ended_);
+    const bool whole = available() >= packetSize() && rest().front() == kSyncByte &&
                        (!next || *next + 1 >= packetSize());
     searching_ = true;
     startOfGap_ = true;
@@ -164,28 +171,28 @@ void PacketSource::leaveRun() {
 }
 
 void PacketSource::search() {
-    const auto rest = std::span<const uint8_t>(pending_).subspan(begin_);
-    const auto found = findPackets(rest, packetSize(), !ended_);
-    const size_t kept = ended_ ? 0 : std::min(rest.size(), kFullRunBytes);
-    skip(found ? *found : rest.size() - kept);
+    const auto found = findPackets(rest(), packetSize(), !ended_);
+    const size_t kept = ended_ ? 0 : std::min(available(), kFullRunBytes);
+    skip(found ? *found : available() - kept);
     searching_ = !found;
 }
 
-std::span<const uint8_t> PacketSource::take(size_t limit, std::chrono::milliseconds wait) {
+std::span<const uint8_t> PacketSource::take(size_t limit) {
     const size_t most = limit / packetSize();
     size_t count = countPackets(most);
+    dry_ = false;
     if (count == 0 && most > 0) {
         // What tells a packet that lost some bytes from one before a gap, and a run from chance.
         const bool enough = ended_ || available() >= packetSize() + kFullRunBytes;
         if (available() == 0 ? !ended_ || rewind() : !enough)
-            fill(wait);
+            dry_ = !fill();
         else if (searching_)
             search();
         else if (available() > 0)
             leaveRun();
         count = std::exchange(lastOfRun_, false) ? 1 : countPackets(most);
     }
-    const std::span<const uint8_t> packets(pending_.data() + begin_, count * packetSize());
+    const auto packets = rest().first(count * packetSize());
     begin_ += packets.size();
     yielded_ = yielded_ || !packets.empty();
     return packets;

@@ -1,0 +1,72 @@
+// Sends a stream as it is, at a given rate or at the pace of its own clock.
+#ifndef STREAMS_OWNPACE_H
+#define STREAMS_OWNPACE_H
+
+#include <deque>
+#include <optional>
+#include <vector>
+
+#include "RateFollower.h"
+#include "Shaper.h"
+
+namespace ts {
+
+// No byte is changed but for null packets behind the last one. Without a given rate, the stream is
+// timed by its PCRs, evenly within each stretch of a tenth of a second; the first second shows
+// the rate.
+//
+// Where the channel has to keep its rate, since a change would begin the sequence numbers of RTP
+// anew, a stream of constant rate is timed by that rate, which its PCRs confirm. One that turns out
+// to vary is timed by its PCRs from then on, and the rate is a ceiling.
+class OwnPace : public Shaper {
+  public:
+    OwnPace(size_t packetSize, std::optional<uint32_t> bitrate_bps, bool keepsRate);
+
+    void push(std::span<const uint8_t> packets, Time arrival) override;
+    void finish() override;
+    bool needsInput(Time until) const override;
+    size_t pull(std::span<uint8_t> datagrams, Time until) override;
+    std::optional<Time> next() const override;
+    std::optional<uint32_t> rate() const override;
+    ShaperStatus status() const override;
+
+    // The rate is a ceiling only: the channel sends what it is fed at once.
+    bool varies() const { return varies_; }
+
+  private:
+    using Point = RateFollower::Point;
+
+    void measure();
+    void note(const Point& point);
+    bool isEven(const Point& point);
+    Time timeOf(uint64_t byte) const;
+    Time coveredTo() const;
+    bool complete() const { return bytes_.size() - begin_ >= datagramBytes_; }
+    void passPoints();
+
+    const size_t packetSize_;
+    const size_t datagramBytes_;
+    const bool keepsRate_;
+    std::optional<uint32_t> rate_bps_;
+    bool linear_;  // by the rate alone
+    bool varies_ = false;
+    bool finished_ = false;
+    std::optional<RateFollower> follower_;
+
+    std::vector<uint8_t> bytes_;
+    size_t begin_ = 0;     // of what has not been pulled
+    uint64_t pulled_ = 0;  // bytes
+    uint64_t pushed_ = 0;
+
+    Time arrival_{0};
+    std::optional<Time> silentSince_;  // when the first packets behind the last point came
+    std::optional<Time> origin_;       // when the first byte leaves
+    Point passed_;                     // the stretch that pulled_ lies in begins here
+    std::deque<Point> points_;         // and ends at the first of these
+    double stretch_bps_ = 0.0;         // of the stretch that ended last
+    Point even_;                       // up to here, the constant rate has been confirmed
+};
+
+}  // namespace ts
+
+#endif
