@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
+#include <map>
+#include <string>
 
 namespace {
 
@@ -51,6 +54,13 @@ class Converter {
     iconv_t descriptor_;
 };
 
+// To open one takes far longer than to use it, and a stream decides how often it is needed. There
+// are about twenty encodings, so all that were used stay open.
+const Converter& converterFor(const char* encoding) {
+    thread_local std::map<std::string, Converter, std::less<>> converters;
+    return converters.try_emplace(encoding, encoding).first->second;
+}
+
 std::u32string decode(std::span<const uint8_t> text) {
     const uint8_t* begin = text.data();
     size_t length = text.size();
@@ -58,7 +68,7 @@ std::u32string decode(std::span<const uint8_t> text) {
     // A selection that says nothing to us: ASCII is what most tables have in common.
     if (encoding == nullptr || *encoding == '\0')
         encoding = "US-ASCII";
-    const Converter converter(encoding);
+    const Converter& converter = converterFor(encoding);
     std::span<const uint8_t> rest(begin, length);
     if (!converter.isOpen())
         return std::u32string(rest.empty() ? 0 : 1, kUnreadable);

@@ -235,11 +235,12 @@ void PsiTables::addSection(uint16_t pid, Bytes section) {
     }
     if (!psi_get_current(section.data()))
         return;
+    const Bytes crc = section.last(PSI_CRC_SIZE);
     section = section.first(section.size() - PSI_CRC_SIZE);
     if (pat)
         addPat(section);
     else if (sdt)
-        addSdt(section);
+        addSdt(section, crc);
     else
         addPmt(pid, section);
 }
@@ -292,9 +293,15 @@ void PsiTables::addPmt(uint16_t pid, Bytes section) {
     }
 }
 
-void PsiTables::addSdt(Bytes section) {
+void PsiTables::addSdt(Bytes section, Bytes crc) {
     constexpr uint8_t kServiceDescriptor = 0x48;
     if (section.size() < SDT_HEADER_SIZE)
+        return;
+    // Most sections come again and again, and their names are the costliest part of a stream.
+    std::array<uint8_t, PSI_CRC_SIZE> known{};
+    std::copy_n(crc.begin(), known.size(), known.begin());
+    const auto last = sdtSections_.find(psi_get_section(section.data()));
+    if (last != sdtSections_.end() && last->second == known)
         return;
     for (Bytes rest = section.subspan(SDT_HEADER_SIZE); rest.size() >= SDT_SERVICE_SIZE;) {
         const size_t length = SDT_SERVICE_SIZE + sdtn_get_desclength(rest.data());
@@ -312,6 +319,7 @@ void PsiTables::addSdt(Bytes section) {
             });
         rest = rest.subspan(length);
     }
+    sdtSections_.insert_or_assign(psi_get_section(section.data()), known);
 }
 
 const char* reservedPidName(uint16_t pid) {

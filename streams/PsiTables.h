@@ -3,6 +3,7 @@
 #ifndef STREAMS_PSITABLES_H
 #define STREAMS_PSITABLES_H
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -64,7 +65,7 @@ class PsiTables {
     void addSection(uint16_t pid, std::span<const uint8_t> section);
     void addPat(std::span<const uint8_t> section);
     void addPmt(uint16_t pid, std::span<const uint8_t> section);
-    void addSdt(std::span<const uint8_t> section);
+    void addSdt(std::span<const uint8_t> section, std::span<const uint8_t> crc);
 
     SectionAssembler pat_;
     SectionAssembler sdt_;
@@ -73,6 +74,7 @@ class PsiTables {
     uint8_t patVersion_ = 0;
     std::map<uint16_t, Programme> programmes_;
     std::map<uint16_t, Service> services_;
+    std::map<uint8_t, std::array<uint8_t, 4>> sdtSections_;  // by number: the CRC of the last
     uint64_t damaged_ = 0;
 };
 
