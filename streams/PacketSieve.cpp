@@ -13,7 +13,8 @@ constexpr int kRunOfKnownSize = 3;
 constexpr size_t kRtpHeader = 12;
 constexpr size_t kLongestRtpHeader = 512;  // with an extension longer than any in use
 
-enum class Verdict { kNo, kNeedsMore, kYes };
+// kEnds: as far as the data goes, and it ends with a packet.
+enum class Verdict { kNo, kNeedsMore, kEnds, kYes };
 
 // The length of the RTP header at the beginning of the data. None: it is no header. More than the
 // data: more is needed.
@@ -33,7 +34,9 @@ std::optional<size_t> rtpHeader(std::span<const uint8_t> data) {
 // Whether packets of that size begin with the first byte, be it with RTP headers between them.
 Verdict isRun(std::span<const uint8_t> data, size_t packetSize, int wanted) {
     for (int found = 0; found < wanted; ++found) {
-        if (found > 0 && !data.empty() && data[0] != kSyncByte) {
+        if (found > 0 && data.empty())
+            return Verdict::kEnds;
+        if (found > 0 && data[0] != kSyncByte) {
             const auto header = rtpHeader(data);
             if (!header)
                 return Verdict::kNo;
@@ -56,25 +59,37 @@ size_t otherSize(size_t packetSize) {
 
 }  // namespace
 
+// Whether packets begin with the first byte; then packetSize_ is their size.
+bool PacketSieve::synchronise(std::span<const uint8_t> data, bool ended, bool& needsMore) {
+    needsMore = false;
+    for (const size_t size : {kPacketBytes, kPacketWithParityBytes}) {
+        const int wanted = size == packetSize_ ? kRunOfKnownSize : kRunOfNewSize;
+        const Verdict verdict = isRun(data, size, wanted);
+        if (verdict == Verdict::kYes || (verdict == Verdict::kEnds && ended)) {
+            packetSize_ = size;
+            synchronised_ = true;
+            return true;
+        }
+        needsMore |= verdict != Verdict::kNo && !ended;
+    }
+    return false;
+}
+
 // How much to skip in front of what are packets, or may be when more has come.
 size_t PacketSieve::find(std::span<const uint8_t> data, bool ended) {
+    bool needsMore = false;
+    // A header is skipped as a whole, since it may hold what looks like a packet's first byte.
+    if (const auto header = data.empty() ? std::nullopt : rtpHeader(data)) {
+        const auto packets = data.subspan(std::min(*header, data.size()));
+        if (synchronise(packets, ended, needsMore))
+            return *header;
+        if (needsMore)
+            return 0;
+    }
     for (size_t at = 0; at < data.size(); ++at) {
         if (data[at] != kSyncByte)
             continue;
-        const auto rest = data.subspan(at);
-        bool needsMore = false;
-        for (const size_t size : {kPacketBytes, kPacketWithParityBytes}) {
-            const int wanted = size == packetSize_ ? kRunOfKnownSize : kRunOfNewSize;
-            const Verdict verdict = isRun(rest, size, wanted);
-            const bool isLast = ended && verdict == Verdict::kNeedsMore && rest.size() >= size;
-            if (verdict == Verdict::kYes || isLast) {
-                packetSize_ = size;
-                synchronised_ = true;
-                return at;
-            }
-            needsMore |= verdict == Verdict::kNeedsMore;
-        }
-        if (needsMore && !ended)
+        if (synchronise(data.subspan(at), ended, needsMore) || needsMore)
             return at;
     }
     return data.size();
@@ -104,7 +119,7 @@ PacketSieve::Run PacketSieve::next(std::span<const uint8_t> data, bool ended) {
             isLast ? isRun(packet, otherSize(packetSize_), kRunOfNewSize) : Verdict::kNo;
         if (change == Verdict::kYes && run.length == 0)
             packetSize_ = otherSize(packetSize_);
-        else if (change == Verdict::kYes || (change == Verdict::kNeedsMore && !ended))
+        else if (change == Verdict::kYes || (change != Verdict::kNo && !ended))
             break;
         continuity_.add(packet.data());
         ++packets_;

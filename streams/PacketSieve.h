@@ -28,6 +28,7 @@ class PacketSieve {
     uint64_t syncLosses() const { return syncLosses_; }  // gaps that are not at the beginning
 
   private:
+    bool synchronise(std::span<const uint8_t> data, bool ended, bool& needsMore);
     size_t find(std::span<const uint8_t> data, bool ended);
     void countSkipped(size_t bytes);
 

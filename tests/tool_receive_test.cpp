@@ -1,8 +1,12 @@
 // Recording: where it goes, what it holds, and what happens when something is in the way.
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
 #include <regex>
 
 #include "PacketSieve.h"
@@ -101,6 +105,189 @@ TEST(Tool, ReceiveGoesOnBesideAPipeThatNobodyReads) {
     EXPECT_TRUE(Says("/tmp/said", "bytes from udp://127.0.0.1:7124 after SIGTERM"))
         << Contents("/tmp/said");
     EXPECT_TRUE(Says("/tmp/said", "qxvrtp: 1 of 3 streams failed\n")) << Contents("/tmp/said");
+}
+
+// Sends each text as a datagram, slowly enough for every buffer.
+void SendDatagrams(int port, const std::vector<std::string>& datagrams) {
+    const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (const std::string& datagram : datagrams) {
+        sendto(sender, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to),
+               sizeof(to));
+        usleep(200);
+    }
+    close(sender);
+}
+
+std::string RtpHeader(uint8_t first, uint8_t payloadType, const std::string& behind) {
+    return std::string{static_cast<char>(first), static_cast<char>(payloadType)} +
+           std::string("\1\2\3\4G\6\7\10\11\12", 10) + behind;
+}
+
+TEST(PacketSieve, GivesAllPacketsAndNothingElseHoweverTheStreamIsCut) {
+    const std::string sample = Contents(kSample).substr(0, 188 * 420);
+    const std::string header = RtpHeader(0x80, 33, "");
+    const std::string extended = RtpHeader(0x92, 96, std::string("GABCDEFG\0\1\0\2extended", 20));
+    const std::tuple<size_t, size_t, std::string, std::string, uint64_t> cases[] = {
+        // packet size, packets in a datagram, in front of and behind them; gaps
+        {188, 7, "", "", 0},
+        {188, 7, header, "", 60},
+        {188, 1, extended, "", 420},
+        {188, 3, extended, "", 140},
+        {188, 7, "", std::string("\0\0\0\4", 4), 60},
+        {204, 7, header, "", 60},
+        {204, 2, extended, "", 210}};
+    for (const auto& [size, count, front, back, gaps] : cases) {
+        std::string stream, packets;
+        for (size_t i = 0; i < 420; ++i) {
+            const std::string packet =
+                sample.substr(i * 188, 188) + std::string(size - 188, static_cast<char>(i));
+            stream += (i % count == 0 ? front : "") + packet + (i % count == count - 1 ? back : "");
+            packets += packet;
+        }
+        for (const size_t piece : {size_t{1}, size_t{61}, size_t{1316}, stream.size()}) {
+            PacketSieve sieve;
+            std::string kept, taken;
+            const auto take = [&](bool ended) {
+                for (;;) {
+                    const auto run = sieve.next(
+                        {reinterpret_cast<const uint8_t*>(kept.data()), kept.size()}, ended);
+                    taken += kept.substr(run.skip, run.length);
+                    kept.erase(0, run.skip + run.length);
+                    if (run.skip + run.length == 0)
+                        return;
+                }
+            };
+            for (size_t at = 0; at < stream.size(); at += piece) {
+                kept += stream.substr(at, piece);
+                take(false);
+            }
+            take(true);
+            ASSERT_TRUE(taken == packets) << size << ' ' << count << ' ' << piece;
+            EXPECT_EQ(sieve.packets(), 420u);
+            EXPECT_EQ(sieve.packetSize(), size);
+            EXPECT_EQ(sieve.gaps(), gaps) << size << ' ' << count << ' ' << piece;
+            EXPECT_EQ(sieve.skippedBytes(), stream.size() - packets.size());
+            EXPECT_EQ(sieve.continuityErrors(), 0u);
+        }
+    }
+}
+
+TEST(Tool, ReceiveRecordsWholePacketsThroughChangesOfFormAndSaysWhatItSkipped) {
+    const std::string sample = Contents(kSample);
+    const std::string forms[] = {"", RtpHeader(0x80, 33, ""), "", RtpHeader(0x80, 96, ""),
+                                 RtpHeader(0x90, 33, std::string("\0\0\0\1extd", 8))};
+    std::vector<std::string> datagrams;
+    for (size_t i = 0; i < 500; ++i)
+        datagrams.push_back(forms[i / 100] + sample.substr(i * 3 * 188, 3 * 188));
+    Process receiver("exec " TOOL_COMMAND
+                     " receive udp://127.0.0.1:7130 /tmp/packets --statistics 2> /tmp/said");
+    ASSERT_TRUE(Await([] { return IsBound(7130); }));
+    SendDatagrams(7130, datagrams);
+    EXPECT_TRUE(Await([] { return std::filesystem::file_size("/tmp/packets") >= 500 * 564; }));
+    EXPECT_EQ(receiver.End(SIGINT), 0);
+    EXPECT_TRUE(Contents("/tmp/packets") == sample.substr(0, 1500 * 188));
+    // Three headers until the channel knows that RTP comes, then all that are of another form.
+    for (const char* part :
+         {"skipped 3236 bytes (203 gaps) that are not TS packets", "\"skipped_bytes\":3236",
+          "\"gaps\":203,", "\"datagrams\":500,\"bytes\":282000,\"packets\":1500"})
+        EXPECT_TRUE(Says("/tmp/said", part)) << part << '\n' << Contents("/tmp/said");
+    Process none("exec " TOOL_COMMAND " receive udp://127.0.0.1:7131 /tmp/none 2> /tmp/said");
+    ASSERT_TRUE(Await([] { return IsBound(7131); }));
+    SendDatagrams(7131, {"no packets", "at all"});
+    usleep(100'000);
+    EXPECT_EQ(none.End(SIGINT), 1);
+    EXPECT_TRUE(Says("/tmp/said", "not TS packets came from udp://127.0.0.1:7131: 16"));
+}
+
+// Standard error is closed for the first; standard output for the second.
+TEST(Tool, ReceiveWithClosedStandardStreamsKeepsMessagesOutOfTheRecording) {
+    Process receiver("exec " TOOL_COMMAND
+                     " receive udp://127.0.0.1:7134 /tmp/own --statistics 0<&- 1>&- 2>&-");
+    ASSERT_TRUE(Await([] { return IsBound(7134); }));
+    EXPECT_EQ(Process::Tool("send " + kSampleArg + " udp://127.0.0.1:7134 -b 20M").Wait(), 0);
+    EXPECT_TRUE(Await([] { return std::filesystem::file_size("/tmp/own") >= 354004; }));
+    EXPECT_EQ(receiver.End(SIGTERM), 0);
+    EXPECT_TRUE(Contents("/tmp/own") == Contents(kSample));
+    EXPECT_EQ(Process(TOOL_COMMAND " --version >&-").Wait(), 1);
+    Process toNobody("exec " TOOL_COMMAND " receive udp://127.0.0.1:7135 - >&- 2> /tmp/said");
+    ASSERT_TRUE(Await([] { return IsBound(7135); }));
+    EXPECT_EQ(Process::Tool("send " + kSampleArg + " udp://127.0.0.1:7135 -b 20M").Wait(), 0);
+    EXPECT_TRUE(Await([] { return Says("/tmp/said", "cannot write standard output"); }));
+    EXPECT_EQ(toNobody.End(SIGTERM), 1);
+}
+
+double Number(const std::string& json, const std::string& key) {
+    const size_t at = json.find("\"" + key + "\":");
+    return at == std::string::npos ? -1.0 : std::atof(json.c_str() + at + key.size() + 3);
+}
+
+TEST(Tool, ReceiveKeepsToItsDurationAndToTheTimesOfItsFiles) {
+    Process endless =
+        Process::Tool("send " + kSampleArg + " udp://127.0.0.1:7138 --loop 2> /dev/null");
+    Process receiver("exec " TOOL_COMMAND
+                     " receive udp://127.0.0.1:7138 /tmp/half.ts --rotate-time 0.5 -d 2.2 "
+                     "--statistics 2> /tmp/said");
+    EXPECT_EQ(receiver.Wait(), 0);
+    endless.End(SIGTERM);
+    const std::string figures = Contents("/tmp/said");
+    EXPECT_NEAR(Number(figures, "seconds"), 2.7, 0.5) << figures;
+    EXPECT_NEAR(Number(figures, "files"), 4, 2) << figures;
+    EXPECT_GT(Number(figures, "files"), 2) << figures;
+    EXPECT_NEAR(static_cast<double>(std::filesystem::file_size("/tmp/half-0002.ts")), 50e3, 30e3);
+    EXPECT_EQ(Contents("/tmp/half-0002.ts").substr(0, 1), "\x47");
+}
+
+// Each file is found a name at once, so that a signal is soon obeyed.
+TEST(Tool, ReceiveEndsSoonWhereThousandsOfFilesHaveTheSameName) {
+    std::ofstream input("/tmp/input");
+    for (int i = 0; i < 11; ++i)
+        input << Contents(kSample);
+    input.close();
+    Process("mkdir /tmp/names && cd /tmp/names && printf kept > %x.ts && printf kept > %x-0004.ts")
+        .Wait();
+    Process receiver("exec " TOOL_COMMAND
+                     " receive udp://127.0.0.1:7140 '/tmp/names/%%x.ts' --rotate-size 188 "
+                     "2> /tmp/said");
+    ASSERT_TRUE(Await([] { return IsBound(7140); }));
+    EXPECT_EQ(Process::Tool("send /dev/fd/3 udp://127.0.0.1:7140 -b 20M 3< /tmp/input").Wait(), 0);
+    EXPECT_EQ(receiver.End(SIGTERM), 0) << Contents("/tmp/said");
+    const auto files = std::distance(std::filesystem::directory_iterator("/tmp/names"), {});
+    EXPECT_NEAR(static_cast<double>(files), 11 * 1883, 10);
+    EXPECT_EQ(Contents("/tmp/names/%x.ts") + Contents("/tmp/names/%x-0004.ts"), "keptkept");
+    EXPECT_EQ(Contents("/tmp/names/%x-0003.ts"), Contents(kSample).substr(2 * 188, 188));
+    EXPECT_EQ(Contents("/tmp/names/%x-0005.ts"), Contents(kSample).substr(3 * 188, 188));
+}
+
+// What is missing at its start, and what goes while it runs.
+TEST(Tool, ReceiveAsAServiceTriesForEverAndSaysSoOnce) {
+    std::ofstream("/tmp/config.toml") << "[[receive]]\n"
+                                         "url = 'udp://127.0.0.1:7144'\n"
+                                         "output = '/tmp/later/one'\n"
+                                         "bytes = 354004\n"
+                                         "[[receive]]\n"
+                                         "url = 'udp://192.0.2.1:7145'\n"
+                                         "output = '/tmp/two'\n"
+                                         "bytes = 354004\n";
+    Process service("exec " TOOL_COMMAND " receive --config /tmp/config.toml 2> /tmp/said");
+    EXPECT_TRUE(Await([] { return Says("/tmp/said", "192.0.2.1:7145; "); }));
+    Process("mkdir /tmp/later && ip addr add 192.0.2.1/32 dev lo").Wait();
+    EXPECT_TRUE(Await([] { return IsBound(7144) && IsBound(7145); }));
+    for (const char* to : {"127.0.0.1:7144", "192.0.2.1:7145"})
+        EXPECT_EQ(
+            Process::Tool("send " + kSampleArg + " udp://" + std::string(to) + " -b 20M").Wait(),
+            0);
+    EXPECT_EQ(service.Wait(), 0);
+    for (const char* file : {"/tmp/later/one", "/tmp/two"})
+        EXPECT_TRUE(Contents(file) == Contents(kSample)) << file;
+    const std::string said = Contents("/tmp/said");
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 4) << said;
+    for (const char* part : {"cannot write '/tmp/later/one': No such file or directory; trying",
+                             "'/tmp/later/one' is written again", "udp://192.0.2.1:7145 is rec"})
+        EXPECT_TRUE(Says("/tmp/said", part)) << said;
 }
 
 }  // namespace

@@ -1,10 +1,13 @@
 // qxvrtp: sends, receives, analyses and demonstrates transport streams over UDP and RTP.
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "base/Errors.h"
 #include "base/SafeText.h"
@@ -63,9 +66,20 @@ int run(int argc, char** argv) {
     }
 }
 
+// Where a standard stream is closed, the next file or socket would get its number, and whatever is
+// printed would land in it. What takes its place can be opened, but neither read nor written:
+// whoever uses it gets an error. Only messages vanish.
+void occupyStandardStreams() {
+    for (const auto& [descriptor, mode] :
+         {std::pair{STDIN_FILENO, O_WRONLY}, {STDOUT_FILENO, O_RDONLY}, {STDERR_FILENO, O_RDWR}})
+        if (fcntl(descriptor, F_GETFD) < 0)
+            static_cast<void>(open("/dev/null", mode));  // gets the lowest number that is free
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    occupyStandardStreams();
     try {
         return run(argc, argv);
     } catch (...) {
