@@ -26,9 +26,16 @@ for package in "$build"/packages/*.deb; do
     version=$(dpkg-deb -f "$package" Version)
     root=$build/packages/$name
     dpkg-deb -R "$package" "$root"
-    # The trigger does what these do.
-    rm -f "$root/DEBIAN/postinst" "$root/DEBIAN/postrm" "$package"
-    case $name in lib*) sed -i "/^Package:/a Multi-Arch: same" "$root/DEBIAN/control" ;; esac
+    rm -f "$package"
+    case $name in
+        lib*)
+            # The trigger does what these do.
+            rm -f "$root/DEBIAN/postinst" "$root/DEBIAN/postrm"
+            sed -i "/^Package:/a Multi-Arch: same" "$root/DEBIAN/control"
+            ;;
+        # Where the units look for their files, which are the administrator's.
+        qxvrtp) mkdir -p "$root/etc/qxvrtp" ;;
+    esac
     doc=$root/usr/share/doc/$name
     mkdir -p "$doc"
     gzip -9n <CHANGELOG.md >"$doc/changelog.gz"
@@ -44,10 +51,7 @@ END
         install -D -m 644 cmake/libqxv-rtp.lintian-overrides "$root/usr/share/lintian/overrides/$name"
         ;;
     esac
-    (cd "$root" && find usr etc -type f 2>/dev/null | sort | xargs md5sum >DEBIAN/md5sums)
-    if [ -d "$root/etc" ]; then
-        (cd "$root" && find etc -type f -printf '/%p\n' | sort >DEBIAN/conffiles)
-    fi
+    (cd "$root" && find usr -type f | sort | xargs md5sum >DEBIAN/md5sums)
     dpkg-deb --root-owner-group -b "$root" out/packages >/dev/null
     rm -rf "$root"
 done

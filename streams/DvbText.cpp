@@ -10,6 +10,8 @@
 #include <map>
 #include <string>
 
+#include "Invisible.h"
+
 namespace {
 
 constexpr char32_t kUnreadable = 0xFFFD;
@@ -87,17 +89,6 @@ std::u32string decode(std::span<const uint8_t> text) {
         }
     }
     return result;
-}
-
-bool isBetween(char32_t c, char32_t first, char32_t last) {
-    return c >= first && c <= last;
-}
-
-// Control codes, DVB's own (emphasis) among them, and what turns the direction of writing.
-bool isInvisible(char32_t c) {
-    return c < 0x20 || isBetween(c, 0x7F, 0x9F) || isBetween(c, 0x200B, 0x200F) ||
-           isBetween(c, 0x2028, 0x202E) || isBetween(c, 0x2060, 0x206F) ||
-           isBetween(c, 0xE080, 0xE09F) || c == 0xFEFF;
 }
 
 void appendUtf8(std::string& text, char32_t c) {

@@ -9,7 +9,24 @@ if [ "$1" = inside ]; then
     cd /tmp/work
     started=
     trap 'kill $started 2>/dev/null || :' EXIT
+
+    # A service manager that notes what it is told to do, and has an instance that runs and one that failed.
+    mkdir -p bin /run/systemd/system
+    rm -f /usr/sbin/policy-rc.d # by which a container may forbid all of it
+    cat >bin/systemctl <<'END'
+#!/bin/sh
+echo "$*" >>/tmp/work/told
+case $* in *list-units*) echo 'qxvrtp-send@news.service loaded active running x' ;; esac
+case $* in *list-units*--all*) echo 'qxvrtp-relay@old.service loaded failed failed x' ;; esac
+END
+    chmod +x bin/systemctl
+    export PATH="$PWD/bin:$PATH"
+    told() { # EXPECTED: the commands since the last call
+        [ "$(grep -v list-units told | tr '\n' ',')" = "$1" ] || { cat told && exit 1; }
+        rm told
+    }
     dpkg -i ./*.deb >/dev/null
+    told '--system daemon-reload,'
 
     strict="-Wall -Wextra -Wpedantic -Werror"
     for header in QXV_RTP QXV_RTP_table QXV_RTP_version ZAQSockets; do
@@ -59,12 +76,6 @@ if [ "$1" = inside ]; then
     done
     qxvrtp demo --duration 1 >demo.log || { cat demo.log && exit 1; }
 
-    dpkg -P libqxv-rtp-dev >/dev/null
-    for plugin in pkgconfig cmake; do # which loads the module by its plain name
-        [ "$("$plugin/example_plugin_c" | grep -c '^send .* 224\.1\.0\.')" = 16 ]
-    done
-    /usr/bin/python3 -Bc 'import qxv_rtp; qxv_rtp.Module().close()'
-
     # The links in documents lead to what came with them.
     (
         cd /usr/share/doc/libqxv-rtp-dev
@@ -74,7 +85,27 @@ if [ "$1" = inside ]; then
             done
         done
     )
+
+    dpkg -P libqxv-rtp-dev >/dev/null
+    for plugin in pkgconfig cmake; do # which loads the module by its plain name
+        [ "$("$plugin/example_plugin_c" | grep -c '^send .* 224\.1\.0\.')" = 16 ]
+    done
+    /usr/bin/python3 -Bc 'import qxv_rtp; qxv_rtp.Module().close()'
+
+    enabled=/etc/systemd/system/multi-user.target.wants/qxvrtp-send@news.service
+    mkdir -p "${enabled%/*}"
+    ln -s /lib/systemd/system/qxvrtp-send@.service "$enabled"
+    touch /etc/qxvrtp/news.toml
+    dpkg -i qxvrtp_*.deb >/dev/null
+    told '--system daemon-reload,try-restart qxvrtp-send@news.service,'
+    [ -L "$enabled" ]
+    dpkg -r qxvrtp 2>&1 >/dev/null | grep -v 'news.toml\|qxvrtp. not empty' || :
+    told 'stop qxvrtp-send@news.service qxvrtp-relay@old.service,--system daemon-reload,'
+    [ ! -L "$enabled" ]
+    rm /etc/qxvrtp/news.toml # which must still be there
+    dpkg -i qxvrtp_*.deb >/dev/null
     dpkg -P qxvrtp python3-qxv-rtp libqxv-rtp0 >/dev/null
+    rmdir /run/systemd/system /run/systemd 2>/dev/null || :
     [ -z "$(ldconfig -p | grep -E 'QXV|ZAQ')" ]
     exit
 fi

@@ -1,89 +1,21 @@
 // What the tool tells about streams and about the hosts of this machine.
-#include <bitstream/mpeg/psi.h>
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/socket.h>
 
 #include <nlohmann/json.hpp>
-#include <regex>
 
-#include "ProcessSupport.h"
-#include "StreamAnalyzer.h"
-#include "base/Errors.h"
-#include "reports/TableReport.h"
+#include "StreamSupport.h"
+#include "ToolSupport.h"
 
 namespace {
 
 using nlohmann::json;
 using namespace std::string_literals;
 
-// Packets of one section: a PID, a table, and what stands between its length and its CRC.
-std::string Packets(const std::string& pid, const std::string& table, const std::string& body) {
-    std::string section = table + "\x80\0"s + body + "CRC_", packets;
-    auto* const data = reinterpret_cast<uint8_t*>(section.data());
-    psi_set_length(data, static_cast<uint16_t>(body.size() + PSI_CRC_SIZE));
-    psi_set_crc(data);
-    section = '\0' + section;
-    for (size_t i = 0; i * 184 < section.size(); ++i) {
-        packets += '\x47' + pid + static_cast<char>(0x10 | i) + section.substr(i * 184, 184);
-        packets.resize((i + 1) * 188, '\xFF');
-        packets[i * 188 + 1] |= i == 0 ? 0x40 : 0;
-    }
-    return packets;
-}
-
-StreamReport Analyze(const std::string& stream) {
-    StreamAnalyzer analyzer;
-    const std::vector<uint8_t> bytes(stream.begin(), stream.end());
-    for (size_t at = 0; at + 1316 <= bytes.size(); at += 1316)  // at 800 kbit/s
-        analyzer.feed(std::span(bytes).subspan(at, 1316), std::chrono::microseconds(at * 10));
-    return analyzer.report();
-}
-
-TEST(ToolAnalyzer, FindsProgrammesClocksAndErrorsAndSurvivesDamage) {
-    // The packets of a datagram come together: up to six packets' time before their own.
-    EXPECT_NEAR(Analyze(Contents(SAMPLE_PATH)).pcrs.at(0).jitterPeakToPeak_ms, 11.28, 0.1);
-    const std::string pat = Packets("\0\0"s, "\0"s, "\0\1\1\0\0\0\5\x01\0"s);
-    // H.264 and, behind a descriptor that fills a packet, Polish AC-3, which lacks a packet.
-    std::string pmt = "\0\5\1\0\0\1\1\0\0\x1B\1\1\0\xCA\x80\xC8"s + std::string(200, 'f');
-    pmt += "\6\1\2\0\x09\x6A\1\0\x0A\4pol\0"s;
-    std::string sdt = "\0\1\1\0\0\0\1\xFF\0\5\0\0\x11\x48\x0F\1\6\xC8u\xA4\x1B?\xC8\6\1\xBF\x86"s;
-    sdt += "\x1B[!";  // ISO/IEC 6937 and 8859-5
-    std::string stream = pat + Packets("\1\0"s, "\2", pmt) + Packets("\0\x11"s, "\x42", sdt);
-    for (int i = 0; i < 10; ++i) {
-        stream += "\x47\x01\x02"s + static_cast<char>(0x10 + i + i / 5);
-        stream.append(184, 'a');
-    }
-    const StreamReport made = Analyze(stream);
-    ASSERT_EQ(made.pids.size(), 4u);
-    EXPECT_EQ(made.programmes.at(0).service->provider, "ü€?\uFFFD");
-    EXPECT_EQ(made.programmes[0].service->name, "П[!");
-    EXPECT_EQ(made.pids[3].kind + made.pids[3].codec + made.pids[3].language, "audioAC-3pol");
-    EXPECT_EQ(made.pids[3].continuityErrors, 1u);
-    for (char& byte : pmt) {  // lengths that lead beyond the section, whose CRC is right
-        const char was = std::exchange(byte, '\xFF');
-        const StreamReport damaged = Analyze(pat + Packets("\1\0"s, "\2", pmt) + stream);
-        EXPECT_EQ(damaged.programmes.at(0).streams.size(), 2u) << "the good one follows";
-        byte = was;
-    }
-}
-
-TEST(ToolTable, IsNotBelieved) {
-    std::ofstream("/tmp/short") << std::string(17679, '\0');
-    EXPECT_EQ(symlink("short", "/tmp/link") + mkfifo("/tmp/fifo", 0600), 0);
-    for (const char* path : {"/tmp/none", "/tmp/short", "/tmp/link", "/tmp/fifo", "/tmp"})
-        EXPECT_THROW(readTable(path), Failure) << path;
-    std::string garbage(17680, '\0');  // every byte but NUL, at changing places
-    for (size_t i = 0; i < garbage.size(); ++i)
-        garbage[i] = static_cast<char>(1 + i % 255);
-    std::ofstream("/tmp/garbage") << garbage;
-    const ChannelTable table = readTable("/tmp/garbage");
-    const std::regex metric(
-        "(# HELP [a-z_]+ .*|# TYPE [a-z_]+ gauge|[a-z_]+"
-        "(\\{([a-z]+=\"([^\"\\\\\n]|\\\\[\"\\\\n])*\",?)*\\})? [0-9]+)\n");
-    EXPECT_EQ(std::regex_replace(tablePrometheus(table, {}, true), metric, ""), "");
-    EXPECT_EQ(json::parse(tableJson(table, {}, true))["channels"].size(), 32u);
-    for (const char c : tableText(table, {}, true, std::nullopt))
-        EXPECT_TRUE(c == '\n' || (c >= ' ' && c < 0x7F)) << static_cast<int>(c);
-}
+const std::string kTable = "/tmp/__QXV_RTP_SHARE_MEMORY__", kTool = TOOL_COMMAND " ";
 
 std::string Tool(const std::string& command) {
     EXPECT_EQ(system((command + " > /tmp/output").c_str()), 0) << command;
@@ -91,27 +23,137 @@ std::string Tool(const std::string& command) {
 }
 
 TEST(ToolMonitor, ShowsARunningSenderAndItsStreamAndLeavesTheTableAlone) {
-    const std::string table = "/tmp/__QXV_RTP_SHARE_MEMORY__", tool = TOOL_COMMAND " ";
     const char* const url = "rtp://127.0.0.1:7040";
     const pid_t sender =
         Fork([&] { return execl(TOOL_PATH, "qxvrtp", "send", "-l", SAMPLE_PATH, url, nullptr); });
-    EXPECT_TRUE(Await([&] { return Contents(table).size() == 17680; }));
-    const std::string file = Tool("stat -c '%i %Y %Z' " + table);
+    EXPECT_TRUE(Await([&] { return Contents(kTable).size() == 17680; }));
+    const std::string file = Tool("stat -c '%i %Y %Z' " + kTable);
     json status;
     EXPECT_TRUE(Await([&] {
-        status = json::parse(Tool(tool + "status --json"));
+        status = json::parse(Tool(kTool + "status --json"));
         return status["channels"].size() == 1 && status["channels"][0]["bitrate_bps"] > 700000;
     })) << status;
     EXPECT_EQ(status["hosts"][0]["pid"], sender);
-    EXPECT_NE(Tool(tool + "status -p").find("port=\"7040\"} 800000\n"), std::string::npos);
-    EXPECT_EQ(Tool(tool + "top -n 2 -i 0.1").find('\033'), std::string::npos);
-    EXPECT_EQ(Tool("stat -c '%i %Y %Z' " + table), file);
-    const json probe = json::parse(Tool("unshare --mount " PRIVATE_TMP " " + tool +
+    EXPECT_NE(Tool(kTool + "status -p").find("port=\"7040\"} 100000\n"), std::string::npos);
+    EXPECT_EQ(Tool(kTool + "top -n 2 -i 0.1").find('\033'), std::string::npos);
+    EXPECT_EQ(Tool("stat -c '%i %Y %Z' " + kTable), file);
+    const json probe = json::parse(Tool("unshare --mount " PRIVATE_TMP " " + kTool +
                                         "probe rtp://@127.0.0.1:7040 -d 1.5 --json"));
     EXPECT_EQ(probe["programmes"][0]["name"], "Service01") << probe;
     kill(sender, SIGINT);
     EXPECT_EQ(Reap(sender), 0);
-    EXPECT_EQ(json::parse(Tool(tool + "status --json"))["hosts"].size(), 0u);
+    EXPECT_EQ(json::parse(Tool(kTool + "status --json"))["hosts"].size(), 0u);
+}
+
+TEST(ToolMonitor, FindsAHostInAnotherRootAndCallsNoneDeadThatItCannotSee) {
+    unlink(kTable.c_str());
+    ASSERT_EQ(
+        system("mkdir /tmp/chroot && mount --rbind / /tmp/chroot && cp " TOOL_COMMAND " /tmp"), 0);
+    const pid_t sender = Fork([] {
+        return execlp("chroot", "chroot", "/tmp/chroot", TOOL_PATH, "send", "-l", SAMPLE_PATH,
+                      "udp://127.0.0.1:7041", nullptr);
+    });
+    EXPECT_TRUE(Await([&] { return Contents(kTable).size() == 17680; }));
+    const auto alive = [](const std::string& prefix) {
+        return json::parse(Tool(prefix + " /tmp/qxvrtp status --json"))["alive"].dump();
+    };
+    EXPECT_TRUE(Await([&] { return alive("") == "true"; }))
+        << "this process is outside of the root";
+    EXPECT_EQ(alive("chroot /tmp/chroot"), "true");
+    EXPECT_EQ(alive("chroot /tmp/chroot unshare --pid --fork --mount-proc"), "null");
+    EXPECT_EQ(alive("unshare --pid --fork --mount-proc"), "null");
+    EXPECT_EQ(alive("setpriv --reuid 65534"), "null");
+    EXPECT_NE(Tool("unshare -m sh -c 'mount -t tmpfs none /proc; /tmp/qxvrtp status'")
+                  .find("hosts: unknown: no /proc"),
+              std::string::npos);
+    kill(sender, SIGINT);
+    EXPECT_EQ(Reap(sender), 0);
+    EXPECT_EQ(alive(""), "false");
+    unlink(kTable.c_str());
+    EXPECT_NE(Tool(kTool + "status -p").find("qxvrtp_table_present 0\n"), std::string::npos);
+}
+
+// Adds what comes from the terminal, until that has the text or nobody uses the terminal any more.
+void ReadUntil(int terminal, std::string& seen, const std::string& text) {
+    EXPECT_TRUE(Await([&] {
+        char buffer[4096];
+        pollfd event{terminal, POLLIN, 0};
+        const bool come = poll(&event, 1, 0) > 0;
+        const ssize_t count = come ? read(terminal, buffer, sizeof(buffer)) : 0;
+        seen.append(buffer, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+        return (come && count <= 0) || seen.find(text) != std::string::npos;
+    })) << seen;
+}
+
+TEST(ToolMonitor, TopShowsTheTableAndPutsTheTerminalBackWhateverEndsIt) {
+    std::ofstream(kTable) << std::string(17680, '\0');
+    for (const int signal : {0, SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+        int terminal = -1;
+        const winsize size{10, 80, 0, 0};
+        const pid_t top = forkpty(&terminal, nullptr, nullptr, &size);
+        if (top == 0)
+            _exit(execl(TOOL_PATH, "qxvrtp", "top", "-a", nullptr));
+        std::string seen;
+        ReadUntil(terminal, seen, "\r\nsend     5 raw  idle ");
+        EXPECT_EQ(seen.substr(0, 14), "\033[?1049h\033[?25l");
+        EXPECT_NE(seen.find("hosts: none alive"), std::string::npos) << seen;
+        if (signal == 0)
+            EXPECT_EQ(write(terminal, "q", 1), 1);
+        else
+            kill(top, signal);
+        ReadUntil(terminal, seen, "\033[?25h\033[?1049l");
+        EXPECT_TRUE(seen.ends_with("\033[?25h\033[?1049l")) << signal << seen;
+        EXPECT_EQ(Reap(top), 0) << signal;
+        close(terminal);
+    }
+}
+
+// Sends the bytes in datagrams of that size to the port, again and again if so wanted.
+void Send(uint16_t port, const std::string& bytes, size_t size, bool forEver) {
+    const int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    do {
+        for (size_t at = 0; at < bytes.size(); at += size)
+            sendto(socket, &bytes[at], size, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+        usleep(500);
+    } while (forEver);
+    close(socket);
+}
+
+TEST(ToolMonitor, ProbeCountsShortDatagramsAndEndsInTimeWhateverComes) {
+    const auto probe = [](const std::string& options) {
+        Process tool = Process::Tool("probe udp://127.0.0.1:7042 -j " + options + " >/tmp/probe");
+        EXPECT_TRUE(
+            Await([] { return Contents("/proc/net/udp").find(":1B82 ") != std::string::npos; }));
+        return tool;
+    };
+    EXPECT_EQ(probe("-d 1").Wait(), 1);
+    EXPECT_EQ(json::parse(Contents("/tmp/probe"))["bytes"], 0) << "an object all the same";
+
+    // Sections of 12 services, whose names are of ever other encodings.
+    std::string stream;
+    for (int i = 0; i < 16 * 7; ++i) {
+        std::string services = "\0\1\xC1\0\0\0\1\xFF"s;
+        for (int k = 0; k < 12; ++k) {
+            const auto encoding = static_cast<char>(1 + (i + k) % 11);
+            services +=
+                "\0"s + static_cast<char>(k) + "\xFC\x80\x09\x48\x07\1\2"s + encoding + "p\2"s;
+            services += static_cast<char>(1 + (i + k + 1) % 11) + "n"s;
+        }
+        stream += Packets("\0\x11"s, "\x42", services);
+        stream[stream.size() - 185] = static_cast<char>(0x10 | i % 16);
+    }
+    Process some = probe("-d 600");
+    Send(7042, stream, 188, false);
+    usleep(200000);  // nothing tells that it has counted them
+    EXPECT_EQ(some.End(SIGTERM), 0);
+    EXPECT_EQ(json::parse(Contents("/tmp/probe"))["datagrams"], 112);
+
+    const pid_t flood = Fork([&] { return Send(7042, stream, 7 * 188, true), 0; });
+    EXPECT_EQ(probe("-d 1").Wait(), 0);
+    EXPECT_EQ(json::parse(Contents("/tmp/probe"))["section_errors"], 0);
+    kill(flood, SIGKILL);
+    Reap(flood);
 }
 
 }  // namespace

@@ -4,21 +4,17 @@
 #include <csignal>
 #include <ctime>
 
-namespace {
-
-sigset_t stopSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    return set;
-}
-
-}  // namespace
-
-StopSignal::StopSignal() {
-    const sigset_t set = stopSignals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+StopSignal::StopSignal(std::initializer_list<int> further) {
+    sigemptyset(&signals_);
+    sigaddset(&signals_, SIGINT);
+    sigaddset(&signals_, SIGTERM);
+    for (const int signal : further) {
+        // A signal that is ignored comes all the same once it is blocked.
+        struct sigaction now {};
+        if (sigaction(signal, nullptr, &now) == 0 && now.sa_handler != SIG_IGN)
+            sigaddset(&signals_, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, nullptr);
@@ -34,13 +30,21 @@ void StopSignal::await(std::chrono::nanoseconds time) {
         return;
     const auto rest = std::max(time, std::chrono::nanoseconds(0));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(rest);
-    const sigset_t set = stopSignals();
     const timespec wait{.tv_sec = seconds.count(), .tv_nsec = (rest - seconds).count()};
-    const int signal = sigtimedwait(&set, nullptr, &wait);
+    const int signal = sigtimedwait(&signals_, nullptr, &wait);
     if (signal > 0)
         signal_ = signal;
 }
 
 const char* StopSignal::name() const {
-    return signal_ == SIGTERM ? "SIGTERM" : "SIGINT";
+    switch (signal_) {
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGHUP:
+            return "SIGHUP";
+        case SIGQUIT:
+            return "SIGQUIT";
+        default:
+            return "SIGINT";
+    }
 }

@@ -1,11 +1,13 @@
-// A clean end on SIGINT and SIGTERM.
+// A clean end on SIGINT, SIGTERM and the like.
 #ifndef TOOLS_BASE_STOPSIGNAL_H
 #define TOOLS_BASE_STOPSIGNAL_H
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <initializer_list>
 
-// Blocks both signals for the calling thread and all threads that it starts from then on, and lets
+// Blocks the signals for the calling thread and all threads that it starts from then on, and lets
 // the commands ask in between whether one has come. Nothing runs in a signal handler, and no
 // blocking call is left half done.
 //
@@ -14,7 +16,8 @@
 // Thread safety: any thread asks.
 class StopSignal {
   public:
-    StopSignal();
+    // Further signals may end the command in the same way, unless they are ignored, as by nohup.
+    explicit StopSignal(std::initializer_list<int> further = {});
 
     // True from the first of the signals on.
     bool requested();
@@ -22,10 +25,11 @@ class StopSignal {
     // Waits for so long, or until one of the signals comes.
     void await(std::chrono::nanoseconds time);
 
-    // "SIGINT" or "SIGTERM"; only after requested() has returned true.
+    // "SIGINT", for example; only after requested() has returned true.
     const char* name() const;
 
   private:
+    sigset_t signals_;
     std::atomic<int> signal_{0};
 };
 

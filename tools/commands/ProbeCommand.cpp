@@ -15,7 +15,8 @@
 #include "commandline/CommandModel.h"
 #include "engine/HostModule.h"
 #include "media/StreamUrl.h"
-#include "reports/ProbeReport.h"
+#include "reports/Json.h"
+#include "reports/Text.h"
 #include "terminal/Progress.h"
 
 namespace {
@@ -24,7 +25,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kChannel = 0;
-constexpr size_t kChunkBytes = size_t{64} * 1024;
+constexpr size_t kChunkBytes = size_t{16} * 1024;
 constexpr auto kPollInterval = 1ms;  // the resolution of all arrival times
 
 void analyze(ReceiveChannel& channel, std::chrono::milliseconds duration, StopSignal& stop,
@@ -32,19 +33,18 @@ void analyze(ReceiveChannel& channel, std::chrono::milliseconds duration, StopSi
     Progress progress;
     std::vector<uint8_t> chunk(kChunkBytes);
     const auto end = Clock::now() + duration;
+    // Each piece, however many are there: a stream that is slow to analyse delays neither end.
     for (auto now = Clock::now(); now < end && !stop.requested(); now = Clock::now()) {
         // What is there by now has come since the last look, a millisecond ago.
-        size_t taken = 0;
-        do {
-            taken = channel.receive(chunk);
-            analyzer.feed(std::span(chunk).first(taken), now.time_since_epoch());
-        } while (taken == chunk.size());
+        const size_t taken = channel.receive(chunk);
+        analyzer.feed(std::span(chunk).first(taken), now.time_since_epoch());
         if (progress.due())
             progress.show(fmt::format("{}  {}  {}  {} continuity errors",
                                       formatTime(progress.elapsed()), formatBytes(analyzer.bytes()),
                                       channel.isRtp() ? "rtp" : "raw",
                                       analyzer.continuityErrors()));
-        std::this_thread::sleep_until(now + kPollInterval);
+        if (taken < chunk.size())
+            std::this_thread::sleep_until(now + kPollInterval);
     }
 }
 
@@ -55,16 +55,21 @@ void runProbe(const ProbeOptions& options) {
     const RtpChannelConfig config = receiveConfig(url);
     StopSignal stop;
     StreamAnalyzer analyzer;
-    Arrival arrival{url.text, false, 0};
+    Arrival arrival{url.text, false, 0, 0};
     {
         HostModule module;
         ReceiveChannel channel(module, kChannel, config);
         if (channel.awaitSocket(url, [&stop] { return stop.requested(); }))
             analyze(channel, options.duration, stop, analyzer);
         arrival.rtp = channel.isRtp();
-        arrival.datagrams = channel.datagrams();
+        arrival.datagrams = channel.statistics().Datagrams;
+        arrival.datagramsDropped = channel.statistics().DatagramsDropped;
     }
-    const StreamReport report = analyzer.report();
+    const ProbeReport probe(arrival, analyzer.report());
+    const StreamReport& report = probe.stream;
+    // A program that reads objects gets one in any case.
+    if (options.json)
+        fmt::print("{}", probeJson(probe));
     if (report.bytes == 0)
         throw Failure(fmt::format("nothing arrived at {} within {:g} s{}", url.text,
                                   std::chrono::duration<double>(options.duration).count(),
@@ -72,7 +77,8 @@ void runProbe(const ProbeOptions& options) {
     if (report.packets == 0)
         throw Failure(fmt::format("{} arrived at {}, but no transport stream",
                                   formatBytes(report.bytes), url.text));
-    fmt::print("{}", options.json ? probeJson(arrival, report) : probeText(arrival, report));
+    if (!options.json)
+        fmt::print("{}", probeText(probe));
 }
 
 CommandModel probeCommand() {

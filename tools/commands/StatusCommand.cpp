@@ -9,10 +9,14 @@
 #include <optional>
 
 #include "RtpContext.h"
+#include "base/Errors.h"
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
-#include "reports/TableReader.h"
-#include "reports/TableReport.h"
+#include "reports/HostTable.h"
+#include "reports/Hosts.h"
+#include "reports/Json.h"
+#include "reports/Prometheus.h"
+#include "reports/Text.h"
 
 namespace {
 
@@ -33,14 +37,24 @@ std::string tableHelp() {
         "host is not disturbed. It belongs to the process that loaded the module last: each that\n"
         "does so replaces it, also 'qxvrtp send', 'receive', 'relay', 'probe', 'demo'.\n"
         "The file stays there after its host has ended, and does not show that by itself. A host\n"
-        "lives if a process has the file in its memory: these are shown as far as this user may\n"
-        "look into /proc. Root sees all of them, but for those outside its PID namespace.\n",
+        "lives if a process has the file in its memory. Root sees all processes, other users only\n"
+        "their own, and in a container nobody sees those outside: where none is seen, but there\n"
+        "may be one, the host is unknown.\n",
         kSharedMemoryPath);
 }
 
 void runStatus(const StatusOptions& options) {
-    const ChannelTable table = readTable(options.path);
-    const TableHosts hosts = findHosts(table);
+    ChannelTable table;
+    try {
+        table = readTable(options.path);
+    } catch (const Failure&) {
+        if (!options.prometheus)
+            throw;
+        // The metrics of the last run must not stay where these are put.
+        fmt::print("{}", noTablePrometheus());
+        return;
+    }
+    const TableHosts hosts = findHosts(options.path);
     if (options.json)
         fmt::print("{}", tableJson(table, hosts, options.all));
     else if (options.prometheus)
@@ -59,18 +73,18 @@ CommandModel statusCommand() {
         .addFlag("-p,--prometheus", options->prometheus, "Print metrics in Prometheus' text format")
         .exclude({"--json"});
     command.addOption("--path", options->path, "FILE", "Another table file, such as a container's");
-    command.footer =
-        (fmt::format("{}\n"
-                     "Failed (1) when there is no table.\n"
-                     "\n"
-                     "Examples:\n"
-                     "  qxvrtp status --all\n"
-                     "  qxvrtp status --json | jq '.channels[] | select(.bitrate_bps == 0)'\n"
-                     "  qxvrtp status --path /proc/1234/root{}\n"
-                     "For the textfile collector of Prometheus' node_exporter:\n"
-                     "  qxvrtp status -p > $DIR/qxvrtp.new && mv $DIR/qxvrtp.new $DIR/qxvrtp.prom\n"
-                     "{}",
-                     tableHelp(), kSharedMemoryPath, kExitCodes));
+    command.footer = fmt::format(
+        "{}\n"
+        "Failed (1) when there is no table, unless metrics are printed: one of them says so.\n"
+        "\n"
+        "Examples:\n"
+        "  qxvrtp status --all\n"
+        "  qxvrtp status --json | jq '.channels[] | select(.bitrate_bps == 0)'\n"
+        "  qxvrtp status --path /proc/1234/root{}\n"
+        "For the textfile collector of Prometheus' node_exporter:\n"
+        "  qxvrtp status -p > $DIR/qxvrtp.new && mv $DIR/qxvrtp.new $DIR/qxvrtp.prom\n"
+        "{}",
+        tableHelp(), kSharedMemoryPath, kExitCodes);
     command.action = [options] { runStatus(*options); };
     return command;
 }

@@ -5,11 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <ctime>
-#include <deque>
-#include <map>
 #include <memory>
 #include <thread>
 
@@ -20,8 +17,10 @@
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
 #include "commands/StatusCommand.h"
-#include "reports/TableReader.h"
-#include "reports/TableReport.h"
+#include "reports/HostTable.h"
+#include "reports/Hosts.h"
+#include "reports/Screen.h"
+#include "reports/Text.h"
 #include "terminal/Terminal.h"
 
 namespace {
@@ -31,20 +30,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kAttention = 50ms;  // signals and the terminal's size are looked at this often
 constexpr auto kHostsInterval = 5s;
-constexpr size_t kHistory = 16;
-
-constexpr std::array kBars = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-constexpr std::array kAsciiBars = {" ", ".", ":", "-", "=", "+", "*", "%", "#"};
-
-// The rates as bars, the highest of them as the full one, the last at the right.
-std::string sparkline(const std::deque<uint32_t>& rates, bool utf8) {
-    const auto& bars = utf8 ? kBars : kAsciiBars;
-    const uint64_t highest = rates.empty() ? 0 : *std::max_element(rates.begin(), rates.end());
-    std::string line(kHistory - rates.size(), ' ');
-    for (const uint32_t rate : rates)
-        line += bars[highest == 0 ? 0 : (rate * (bars.size() - 1) + highest - 1) / highest];
-    return line;
-}
 
 std::string now() {
     const std::time_t time = std::time(nullptr);
@@ -68,19 +53,14 @@ class Watch {
         } catch (const Failure& failure) {
             table_.reset();
             history_.clear();
-            trouble_ = failure.what();
+            trouble_ = printable(failure.what());
             return;
         }
         if (Clock::now() - hostsTime_ >= kHostsInterval) {
-            hosts_ = findHosts(*table_);
+            hosts_ = findHosts(options_.path);
             hostsTime_ = Clock::now();
         }
-        for (size_t i = 0; i < table_->channels.size(); ++i) {
-            auto& rates = history_[i];
-            rates.push_back(table_->channels[i].measured_bps);
-            if (rates.size() > kHistory)
-                rates.pop_front();
-        }
+        history_.add(*table_);
     }
 
     std::string snapshot() const {
@@ -93,25 +73,7 @@ class Watch {
         std::string text = fmt::format("qxvrtp top  {}  q quits\n", now());
         if (!table_)
             return cutLines(fmt::format("{}{}; waiting for one\n", text, trouble_), width);
-        text += fmt::format("hosts: {}\n{}\n", hostsText(hosts_),
-                            table_->plausible ? "" : "the table is damaged: do not rely on it");
-        text += fmt::format("dir     ch mode socket     asked  Mbit/s {:<{}} address\n", "history",
-                            kHistory);
-        for (size_t i = 0; i < table_->channels.size(); ++i) {
-            const ChannelState& channel = table_->channels[i];
-            if (!channel.running && !options_.all)
-                continue;
-            text += fmt::format(
-                "{:<7} {:>2} {:<4} {:<7} {:>8} {:>7.3f} {} {}\n", directionName(channel),
-                channel.number,
-                channel.mode == ChannelMode::kUnknown ? "?" : modeName(channel.mode),
-                !channel.running     ? "idle"
-                : channel.socketOpen ? "open"
-                                     : "pending",
-                channel.send ? fmt::format("{:.3f}", channel.asked_bps / 1e6) : "-",
-                channel.measured_bps / 1e6, sparkline(history_.at(i), utf8), endpointOf(channel));
-        }
-        return cutLines(text, width);
+        return cutLines(text + screenText(*table_, hosts_, history_, options_.all, utf8), width);
     }
 
     // Throws Failure if there never was a table.
@@ -127,7 +89,7 @@ class Watch {
     bool everSeen_ = false;
     TableHosts hosts_;
     Clock::time_point hostsTime_;
-    std::map<size_t, std::deque<uint32_t>> history_;
+    RateHistory history_;
 };
 
 void showOnTerminal(const TopOptions& options, StopSignal& stop, Watch& watch) {
@@ -174,7 +136,8 @@ void printSnapshots(const TopOptions& options, StopSignal& stop, Watch& watch) {
 }  // namespace
 
 void runTop(const TopOptions& options) {
-    StopSignal stop;
+    // Whatever ends it, the terminal is put back.
+    StopSignal stop({SIGHUP, SIGQUIT});
     Watch watch(options);
     if (isatty(STDOUT_FILENO) == 1)
         showOnTerminal(options, stop, watch);
@@ -199,7 +162,7 @@ CommandModel topCommand() {
     command.addOption("--path", given->options.path, "FILE",
                       "Another table file, such as a container's");
     command.footer = fmt::format(
-        "On a terminal it fills the screen; 'q', SIGINT or SIGTERM ends it. Elsewhere it prints\n"
+        "On a terminal it fills the screen; 'q' or a signal ends it. Elsewhere it prints\n"
         "what 'status' does, again and again. The history is of the last {} looks, each channel's\n"
         "highest rate a full bar. When a new host replaces the table, that one is shown.\n"
         "\n{}\n"
@@ -210,7 +173,7 @@ CommandModel topCommand() {
         "  qxvrtp top --interval 0.5 --all\n"
         "  qxvrtp top --interval 10 >> channels.log\n"
         "{}",
-        kHistory, tableHelp(), kExitCodes);
+        RateHistory::kLength, tableHelp(), kExitCodes);
     command.action = [given] {
         if (!given->interval.empty())
             given->options.interval = duration("--interval", given->interval, 0.1, 1e6);

@@ -1,7 +1,7 @@
-// Looks at the channel table of hosts that run, from outside and without the module: loading it
-// would replace the table.
-#ifndef TOOLS_REPORTS_TABLEREADER_H
-#define TOOLS_REPORTS_TABLEREADER_H
+// The channel table of a host, read from outside and without the module: loading it would replace
+// the table.
+#ifndef TOOLS_REPORTS_HOSTTABLE_H
+#define TOOLS_REPORTS_HOSTTABLE_H
 
 #include <sys/types.h>
 
@@ -40,20 +40,5 @@ struct ChannelTable {
 // Copies and interprets the table; changes nothing, not even the file's access time where the
 // system allows that. Throws Failure when there is none.
 ChannelTable readTable(const std::string& path);
-
-// A process that has a table of that path in its memory.
-struct TableHost {
-    pid_t pid;
-    std::string command;
-    bool replaced;  // it has an earlier table, which has lost its name since
-};
-
-struct TableHosts {
-    std::vector<TableHost> hosts;
-    size_t hidden = 0;  // processes that this user may not look into
-};
-
-// Looks through the memory maps of all processes that can be seen from here.
-TableHosts findHosts(const ChannelTable& table);
 
 #endif

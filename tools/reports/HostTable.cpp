@@ -1,4 +1,4 @@
-#include "reports/TableReader.h"
+#include "reports/HostTable.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -7,12 +7,8 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <optional>
 #include <span>
 #include <string_view>
 
@@ -110,47 +106,6 @@ bool hasNumbers(Bytes record, uint32_t direction, uint32_t number) {
            wordAt(record, offsetof(RtpChannelContext, Channel)) == number;
 }
 
-bool isSameDirectory(const std::filesystem::path& one, const std::filesystem::path& other) {
-    struct stat status[2]{};
-    return stat(one.c_str(), &status[0]) == 0 && stat(other.c_str(), &status[1]) == 0 &&
-           status[0].st_dev == status[1].st_dev && status[0].st_ino == status[1].st_ino;
-}
-
-std::optional<TableHost> examine(pid_t pid, const std::filesystem::path& table, size_t& hidden) {
-    constexpr std::string_view kDeleted = " (deleted)";
-    const std::string process = fmt::format("/proc/{}/", pid);
-    std::ifstream maps(process + "maps");
-    if (!maps.is_open()) {
-        hidden += errno == ENOENT || errno == ESRCH ? 0 : 1;  // it may have ended just now
-        return std::nullopt;
-    }
-    std::optional<TableHost> host;
-    for (std::string line; std::getline(maps, line);) {
-        const size_t begin = line.find('/');
-        if (begin == std::string::npos)
-            continue;
-        const bool replaced = line.ends_with(kDeleted);
-        if (replaced)
-            line.resize(line.size() - kDeleted.size());
-        // The device and the inode that stand there are not always those that stat() tells. A
-        // process of another container has another file by that name: in another directory.
-        const std::filesystem::path mapped = line.substr(begin + 1);
-        if (mapped.filename() != table.filename() ||
-            !isSameDirectory(std::filesystem::path(process + "root") / mapped.parent_path(),
-                             table.parent_path()))
-            continue;
-        if (!host)
-            host = TableHost{pid, "", replaced};
-        host->replaced = host->replaced && replaced;
-    }
-    if (host) {
-        std::ifstream name(process + "comm");
-        std::getline(name, host->command);
-        host->command = escapeBytes(host->command);
-    }
-    return host;
-}
-
 }  // namespace
 
 ChannelTable readTable(const std::string& path) {
@@ -181,21 +136,4 @@ ChannelTable readTable(const std::string& path) {
         table.channels.push_back(interpret(record, direction, number));
     }
     return table;
-}
-
-TableHosts findHosts(const ChannelTable& table) {
-    TableHosts result;
-    std::error_code error;
-    const std::filesystem::path path = std::filesystem::absolute(table.path, error);
-    for (auto entry = std::filesystem::directory_iterator("/proc", error);
-         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename();
-        pid_t pid = 0;
-        if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr !=
-            name.data() + name.size())
-            continue;
-        if (auto host = examine(pid, path, result.hidden))
-            result.hosts.push_back(std::move(*host));
-    }
-    return result;
 }
