@@ -78,10 +78,10 @@ TEST(Tool, ReceiveKeepsAFileWhenThePortIsInUseAndGoesOnWhenADiskWasFull) {
 }
 
 TEST(Tool, ReceiveGoesOnBesideAPipeThatNobodyReads) {
-    ASSERT_EQ(mkfifo("/tmp/fifo", 0600) + mkfifo("/tmp/late", 0600), 0);
-    const int fifo = open("/tmp/fifo", O_RDONLY | O_NONBLOCK);
+    ASSERT_EQ(mkfifo("/tmp/unread", 0600) + mkfifo("/tmp/late", 0600), 0);
+    const int fifo = open("/tmp/unread", O_RDONLY | O_NONBLOCK);
     Process receiver("exec " TOOL_COMMAND
-                     " receive udp://127.0.0.1:7124 /tmp/fifo udp://127.0.0.1:7125 /tmp/file "
+                     " receive udp://127.0.0.1:7124 /tmp/unread udp://127.0.0.1:7125 /tmp/file "
                      "udp://127.0.0.1:7126 /tmp/late --statistics -i 60 2> /tmp/said");
     ASSERT_TRUE(Await([] { return IsBound(7124) && IsBound(7125); }));
     EXPECT_FALSE(IsBound(7126)) << "before there is a reader";
@@ -269,14 +269,14 @@ TEST(Tool, ReceiveAsAServiceTriesForEverAndSaysSoOnce) {
                                          "output = '/tmp/later/one'\n"
                                          "bytes = 354004\n"
                                          "[[receive]]\n"
-                                         "url = 'udp://192.0.2.1:7145'\n"
+                                         "url = 'udp://192.0.2.45:7145'\n"
                                          "output = '/tmp/two'\n"
                                          "bytes = 354004\n";
     Process service("exec " TOOL_COMMAND " receive --config /tmp/config.toml 2> /tmp/said");
-    EXPECT_TRUE(Await([] { return Says("/tmp/said", "192.0.2.1:7145; "); }));
-    Process("mkdir /tmp/later && ip addr add 192.0.2.1/32 dev lo").Wait();
+    EXPECT_TRUE(Await([] { return Says("/tmp/said", "192.0.2.45:7145; "); }));
+    Process("mkdir /tmp/later && ip addr add 192.0.2.45/32 dev lo").Wait();
     EXPECT_TRUE(Await([] { return IsBound(7144) && IsBound(7145); }));
-    for (const char* to : {"127.0.0.1:7144", "192.0.2.1:7145"})
+    for (const char* to : {"127.0.0.1:7144", "192.0.2.45:7145"})
         EXPECT_EQ(
             Process::Tool("send " + kSampleArg + " udp://" + std::string(to) + " -b 20M").Wait(),
             0);
@@ -286,7 +286,7 @@ TEST(Tool, ReceiveAsAServiceTriesForEverAndSaysSoOnce) {
     const std::string said = Contents("/tmp/said");
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 4) << said;
     for (const char* part : {"cannot write '/tmp/later/one': No such file or directory; trying",
-                             "'/tmp/later/one' is written again", "udp://192.0.2.1:7145 is rec"})
+                             "'/tmp/later/one' is written again", "udp://192.0.2.45:7145 is rec"})
         EXPECT_TRUE(Says("/tmp/said", part)) << said;
 }
 
