@@ -65,7 +65,10 @@ void ReceiveChain::outputFails(const std::string& what) {
 void ReceiveChain::connect() {
     if (!channel_) {
         try {
-            channel_.emplace(*module_, number_, receiveConfig(url_));
+            const auto url = addresses_.poll(url_);
+            if (!url)
+                return awaitSocket(fmt::format("the address of {} is not known yet", url_.text));
+            channel_.emplace(*module_, number_, receiveConfig(*url));
         } catch (const std::exception& failure) {
             retry_ = now_ + kRetryInterval;
             return awaitSocket(failure.what());

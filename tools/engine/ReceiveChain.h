@@ -14,6 +14,7 @@
 #include "engine/HostModule.h"
 #include "engine/Jobs.h"
 #include "media/FileOutput.h"
+#include "media/HostNames.h"
 #include "media/StreamUrl.h"
 
 // Takes what the channel's ring holds, and writes its packets. Where the output takes nothing at
@@ -98,6 +99,7 @@ class ReceiveChain {
 
     const ReceiveJob& job_;
     const StreamUrl& url_;
+    LookUp addresses_;
     std::optional<HostModule>& module_;
     const uint32_t number_;
     const std::optional<Clock::duration> patience_;

@@ -61,7 +61,7 @@ SendChain::SendChain(const SendJob& job, uint32_t channel, ModuleOnDemand& modul
       patience_(patience),
       isMadeConstant_(job.shaping.constant || (url_.rtp && !job.shaping.asIs && !job.bitrate_bps)),
       follows_(!job.bitrate_bps && !url_.rtp && !isMadeConstant_) {
-    sendConfig(url_);  // refuses what cannot be sent to
+    checkDestination(url_);
 }
 
 std::string SendChain::inputName() const {
@@ -176,16 +176,21 @@ bool SendChain::startChannel(Clock::time_point now) {
     rate_bps_ = *shaper_->rate();
     HostModule& module = module_.get();
     try {
-        channel_ =
-            std::make_unique<SendChannel>(module, number_, sendConfig(url_), rate_bps_, ring);
-        return true;
+        const auto url = addresses_.poll(url_);
+        if (url) {
+            channel_ =
+                std::make_unique<SendChannel>(module, number_, sendConfig(*url), rate_bps_, ring);
+            return true;
+        }
+        goDown(now, fmt::format("the address of {} is not known yet", url_.text));
+        retry_ = now + kInterval;
     } catch (const Failure& failure) {
         if (patience_ && now - started_ > *patience_)
             throw;
         goDown(now, failure.what());
         retry_ = now + kRetry;
-        return false;
     }
+    return false;
 }
 
 // The output works when its socket is open, and when something has left since it did not.

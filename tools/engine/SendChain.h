@@ -14,6 +14,7 @@
 #include "engine/Chain.h"
 #include "engine/HostModule.h"
 #include "engine/Jobs.h"
+#include "media/HostNames.h"
 #include "media/PacketSource.h"
 #include "media/StreamUrl.h"
 
@@ -82,6 +83,7 @@ class SendChain : public Chain {
 
     const SendJob job_;
     const StreamUrl url_;
+    LookUp addresses_;
     const uint32_t number_;
     ModuleOnDemand& module_;
     const std::optional<std::chrono::milliseconds> patience_;

@@ -9,8 +9,11 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
+#include <thread>
+#include <utility>
 
 #include "base/Errors.h"
 
@@ -117,4 +120,17 @@ StreamUrl lookUp(const StreamUrl& given) {
     if (!url.interface.empty())
         setInterface(url);
     return url;
+}
+
+std::optional<StreamUrl> LookUp::poll(const StreamUrl& url) {
+    if (!url.hostIsName && !url.sourceIsName)
+        return lookUp(url);
+    if (!answer_.valid()) {
+        std::packaged_task<StreamUrl()> task([url] { return lookUp(url); });
+        answer_ = task.get_future();
+        std::thread(std::move(task)).detach();
+    }
+    if (answer_.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+        return std::nullopt;
+    return answer_.get();
 }

@@ -2,6 +2,9 @@
 #ifndef TOOLS_MEDIA_HOSTNAMES_H
 #define TOOLS_MEDIA_HOSTNAMES_H
 
+#include <future>
+#include <optional>
+
 #include "media/StreamUrl.h"
 
 // The URL with addresses in place of its names: the host's, the source's and, for an interface, its
@@ -12,5 +15,17 @@
 // where a name has no address, or UsageError where its address does not fit the URL's other parts.
 // Any thread may call it.
 StreamUrl lookUp(const StreamUrl& url);
+
+// The same for a thread that must not wait, since it serves other streams too. Name servers are
+// asked on a thread of its own, which ends by itself, however late the answer comes.
+class LookUp {
+  public:
+    // The URL with addresses, or none while they are not known yet: ask again later. Throws what
+    // lookUp() throws, and begins anew with the next call.
+    std::optional<StreamUrl> poll(const StreamUrl& url);
+
+  private:
+    std::future<StreamUrl> answer_;
+};
 
 #endif
