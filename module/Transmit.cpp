@@ -61,7 +61,7 @@ class Transmitter {
         Buffer().Sample(m_Datagram, kDetectionSize);
         for (const uint32_t packetSize : {kPacketSize, kLongPacketSize}) {
             if (m_Datagram[0] == kSyncByte && m_Datagram[packetSize] == kSyncByte &&
-                m_Datagram[2 * packetSize] == kSyncByte) {
+                m_Datagram[size_t{2} * packetSize] == kSyncByte) {
                 m_PayloadSize = kPacketsPerDatagram * packetSize;
                 return true;
             }
