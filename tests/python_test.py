@@ -42,23 +42,10 @@ class PythonTest(unittest.TestCase):
             while source.statistics().datagrams + source.statistics().datagrams_dropped < 4000 and time.monotonic() < end:
                 time.sleep(0.01)
             after = source.statistics()
-            self.assertGreater(after.datagrams_dropped, 0)
             self.assertEqual(after.datagrams + after.datagrams_dropped, channel.statistics().datagrams)
-            self.assertEqual((after.mode_changes, after.sockets_opened, source.config.rtp), (1, 1, False))
+            self.assertEqual((after.datagrams_dropped > 0, after.mode_changes, after.sockets_opened, source.config.rtp), (True, 1, 1, False))
             self.assertEqual(source.read(source.available), data[: after.payload_bytes])
             self.assertGreater(source.statistics().free_bytes, after.free_bytes + after.buffered_bytes - 1)
-
-    def test_the_next_owner_of_a_number_is_left_alone_by_a_closed_object(self):
-        with Module() as module:
-            with module.send(0, "udp://127.0.0.1:5009", 1_000_000) as old:
-                pass
-            with module.send(0, "udp://127.0.0.1:5010", 1_000_000) as new:
-                new.write(SAMPLE[: 188 * 70])
-                old.cancel()
-                self.assertRaises(ChannelCancelled, old.configure, Config("127.0.0.1", 5011))
-                self.assertEqual((new.cancelled, new.config.port, old.statistics().started), (False, 5010, False))
-        self.assertRaises(ChannelError, module.send, 0, "udp://127.0.0.1:5009", 1_000_000)
-        self.assertEqual(Table.read().started(), [])
 
     def test_a_write_that_a_signal_handler_cuts_in_on_does_not_reach_the_next_owner(self):
         with Module() as module:
@@ -66,30 +53,28 @@ class PythonTest(unittest.TestCase):
 
             def replace(*_):
                 old.close()
-                self.assertTrue(old.closed)
                 self.assertRaises(ChannelCancelled, old.configure, Config("127.0.0.1", 5011))
                 try:
                     new.append(module.send(0, "udp://127.0.0.1:5010", 1000))
                 except ChannelError as error:
                     self.assertIn("in use", str(error))
 
-            call = old._library.call
-
-            def interrupted(function, *arguments):
+            def interrupted(function, *arguments, call=old._library.call):
                 if function == "Send" and arguments[1].startswith(b"\x47\x1f"):
                     signal.raise_signal(signal.SIGALRM)
                 return call(function, *arguments)
 
             signal.signal(signal.SIGALRM, replace)
             old._library.call = interrupted
-            try:
-                self.assertRaises(ChannelCancelled, old.write, b"\x47\x1f\xff\x10".ljust(188, b"\xff") * 1000)
-            finally:
-                del old._library.call
+            self.addCleanup(old._library.__dict__.pop, "call", None)
+            self.assertRaises(ChannelCancelled, old.write, b"\x47\x1f\xff\x10".ljust(188, b"\xff") * 1000)
+            del old._library.call
             new = new or [module.send(0, "udp://127.0.0.1:5010", 1000)]
-            self.assertEqual((new[0].buffered, old.statistics().started), (0, False))
+            old.cancel()
+            self.assertEqual((new[0].buffered, new[0].cancelled, new[0].config.port, old.statistics().started), (0, False, 5010, False))
             old.close()
             self.assertRaises(ChannelError, module.send, 0, "udp://127.0.0.1:5011", 1000)
+        self.assertRaises(ChannelError, module.send, 0, "udp://127.0.0.1:5009", 1_000_000)
 
     def test_what_starts_while_its_module_is_closed_is_ended(self):
         module = Module()
@@ -113,7 +98,7 @@ class PythonTest(unittest.TestCase):
                          lambda: module.send(1, "udp://127.0.0.1:1", 1e6), lambda: channel.configure(Config("127.0.0.1", 5015.0))):
                 self.assertRaises(TypeError, call)
 
-    def test_a_signal_handler_may_close(self):
+    def test_a_signal_handler_may_close_and_one_that_raises_ends_the_wait(self):
         for _ in range(20):
             module = Module()
             channel = module.send(0, "udp://127.0.0.1:5012", 1_000_000_000)
@@ -122,13 +107,12 @@ class PythonTest(unittest.TestCase):
             with self.assertRaises(ChannelCancelled):
                 while True:
                     channel.write(SAMPLE[: 7 * 188])
-
-    def test_a_signal_breaks_a_wait_and_ends_the_channels(self):
         signal.signal(signal.SIGALRM, signal.default_int_handler)
-        for start in (lambda module: module.receive(0, "udp://:5003"), lambda module: module.send(0, "udp://127.0.0.1:5004", 1000)):
-            with self.assertRaises(KeyboardInterrupt), Module() as module, start(module) as channel:
+        for receive in True, False:
+            with self.assertRaises(KeyboardInterrupt), Module() as module, \
+                    module.receive(0, "udp://:5003") if receive else module.send(0, "udp://127.0.0.1:5004", 1000) as channel:
                 signal.setitimer(signal.ITIMER_REAL, 0.3)
-                channel.write(SAMPLE) if hasattr(channel, "write") else channel.read(1)
+                channel.read(1) if receive else channel.write(SAMPLE)
             self.assertTrue(channel.closed)
 
     def test_a_source_and_a_mark_reach_the_module_in_the_remote_address(self):
@@ -142,16 +126,14 @@ class PythonTest(unittest.TestCase):
             self.assertEqual((shown.remote, shown.source, shown.dscp), (config.remote, config.source, config.dscp))
 
     def test_only_the_source_is_received_and_datagrams_carry_the_mark(self):
-        group = "rtp://232.1.1.1:5013?dscp=46&localaddr="
-        with Module() as module, module.receive(0, "rtp://232.1.1.1:5013?source=127.0.0.2&localaddr=127.0.0.1") as one, \
-                module.receive(1, "rtp://232.1.1.1:5013?localaddr=127.0.0.1") as all_senders, \
+        group = "rtp://232.1.1.1:5013?dscp=46&localaddr=127.0.0."
+        with Module() as module, module.receive(0, group + "1&source=127.0.0.2") as one, module.receive(1, group + "1") as all_senders, \
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as peer:
             for number, data in (1, SAMPLE[188 * 14 :][: 188 * 14]), (2, SAMPLE[: 188 * 14]):
-                with module.send(number, f"{group}127.0.0.{number}", 5_000_000) as channel:
+                with module.send(number, f"{group}{number}", 5_000_000) as channel:
                     channel.write(data)
             self.assertEqual(len(all_senders.read(188 * 28, 5)), 188 * 28)
             self.assertEqual((one.read(188 * 14, 5), one.read_some(1, 0.1)), (SAMPLE[: 188 * 14], b""))
-            self.assertEqual(one.config.source, "127.0.0.2")
             peer.bind(("127.0.0.1", 5014))
             peer.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTOS, 1)
             peer.settimeout(5)

@@ -7,6 +7,13 @@
 
 namespace {
 
+// The configuration in its full form, or what is wrong with it.
+std::string Full(const std::string& text, bool asJson = false) try {
+    return formatConfig(parseConfig(text, "f"), asJson);
+} catch (const ConfigErrors& errors) {
+    return errors.what();
+}
+
 TEST(ToolConfig, AllErrorsNameTheirLineColumnAndField) {
     std::string many = "send = [\n";  // more than there are channels
     for (int port = 1; port <= 17; ++port)
@@ -32,31 +39,18 @@ TEST(ToolConfig, AllErrorsNameTheirLineColumnAndField) {
          "6:45 relay[0].to[0]\n6:66 relay[0].to[1]\n7:53 relay[1].to[1]\n8:27 relay[2].to\n"
          "9:1 snd\n"}};
     const std::regex error("f:(\\d+:\\d+):(?: ([^ :]+):)? [^\n]+");
-    for (const auto& [text, places] : cases) {
-        try {
-            ADD_FAILURE() << text << formatConfig(parseConfig(text, "f"), false);
-        } catch (const ConfigErrors& errors) {
-            EXPECT_EQ(std::regex_replace(errors.what() + std::string("\n"), error, "$1 $2"), places)
-                << text << errors.what();
-        }
-    }
+    for (const auto& [text, places] : cases)
+        EXPECT_EQ(std::regex_replace(Full(text) + "\n", error, "$1 $2"), places) << Full(text);
 }
 
 TEST(ToolConfig, UnknownKeyIsAnsweredWithOneThatIsNearOnly) {
     const std::pair<const char*, const char*> cases[] = {
         {"bitrat", "bitrate"}, {"inptu", "input"}, {"uri", "url"},  {"lop", "loop"},
         {"foo", nullptr},      {"name", nullptr},  {"to", nullptr}, {"output", nullptr}};
-    for (const auto& [key, meant] : cases) {
-        try {
-            parseConfig(std::string("[[send]]\ninput='a'\nurl='udp://[::1]:1'\n") + key + "='1'",
-                        "f");
-            ADD_FAILURE() << key;
-        } catch (const ConfigErrors& errors) {
-            const std::string advice = meant ? "; is '" + std::string(meant) + "' meant?" : "";
-            EXPECT_EQ(errors.what(),
-                      "f:4:1: send[0]." + std::string(key) + ": unknown key" + advice);
-        }
-    }
+    for (const auto& [key, meant] : cases)
+        EXPECT_EQ(Full(std::string("[[send]]\ninput='a'\nurl='udp://[::1]:1'\n") + key + "='1'"),
+                  "f:4:1: send[0]." + std::string(key) + ": unknown key" +
+                      (meant ? "; is '" + std::string(meant) + "' meant?" : ""));
 }
 
 // Names stay names: where they lead to shows only when the service runs.
@@ -76,17 +70,10 @@ TEST(ToolConfig, EntriesExcludeEachOtherOnOneInterfaceOnly) {
         {"udp://192.0.2.9@239.1.1.1:1", "udp://239.1.1.1:1", true, true},
     };
     for (const auto& c : cases) {
-        const std::string first = c.first, second = c.second;
-        const std::string text = c.relay
-                                     ? "relay = [{from = '" + first + "', to = '" + second + "'}]"
-                                     : "send = [{input = '/a', url = '" + first +
-                                           "'}, {input = '/a', url = '" + second + "'}]";
-        try {
-            parseConfig(text, "f");
-            EXPECT_TRUE(c.good) << text;
-        } catch (const ConfigErrors& errors) {
-            EXPECT_FALSE(c.good) << errors.what();
-        }
+        const std::string text =
+            std::string(c.relay ? "relay = [{from = '" : "send = [{input = '/a', url = '") +
+            c.first + (c.relay ? "', to = '" : "'}, {input = '/a', url = '") + c.second + "'}]";
+        EXPECT_EQ(!Full(text).starts_with("f:"), c.good) << Full(text);
     }
 }
 
@@ -96,8 +83,7 @@ TEST(ToolConfig, GoodFileComesToTheSameWhenItsFullFormIsRead) {
         "receive = [{url = 'udp://Encoder@232.1.1.1:9?iface=lo&fifo_size=5&ttl=1', output = 'a'}]\n"
         "relay = [{from = 'udp://239.1.1.1:7?localaddr=127.0.0.1', to = ['udp://127.0.0.1:7',\n"
         " 'udp://239.1.1.1:7?ttl=3&dscp=34&localaddr=127.0.0.2']}]\n";
-    const std::string full = formatConfig(parseConfig(text, "f"), false);
-    const std::string json = formatConfig(parseConfig(full, "f"), true);
+    const std::string json = Full(Full(text), true);
     EXPECT_EQ(
         std::regex_replace(json, std::regex("\\s"), ""),
         R"({"receive":[{"output":"a","url":"udp://232.1.1.1:9?source=encoder&iface=lo"}],)"

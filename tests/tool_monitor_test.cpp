@@ -17,60 +17,48 @@ using namespace std::string_literals;
 
 const std::string kTable = "/tmp/__QXV_RTP_SHARE_MEMORY__", kTool = TOOL_COMMAND " ";
 
-std::string Tool(const std::string& command) {
-    EXPECT_EQ(system((command + " > /tmp/output").c_str()), 0) << command;
-    return Contents("/tmp/output");
-}
-
 TEST(ToolMonitor, ShowsARunningSenderAndItsStreamAndLeavesTheTableAlone) {
-    const char* const url = "rtp://127.0.0.1:7040";
-    const pid_t sender =
-        Fork([&] { return execl(TOOL_PATH, "qxvrtp", "send", "-l", SAMPLE_PATH, url, nullptr); });
-    EXPECT_TRUE(Await([&] { return Contents(kTable).size() == 17680; }));
-    const std::string file = Tool("stat -c '%i %Y %Z' " + kTable);
+    Process sender("exec " TOOL_COMMAND " send -l " SAMPLE_PATH " rtp://127.0.0.1:7040");
+    EXPECT_TRUE(Await([] { return Contents(kTable).size() == 17680; }));
+    const std::string file = Output("stat -c '%i %Y %Z' " + kTable);
     json status;
     EXPECT_TRUE(Await([&] {
-        status = json::parse(Tool(kTool + "status --json"));
+        status = json::parse(Output(kTool + "status --json"));
         return status["channels"].size() == 1 && status["channels"][0]["bitrate_bps"] > 700000;
     })) << status;
-    EXPECT_EQ(status["hosts"][0]["pid"], sender);
-    EXPECT_NE(Tool(kTool + "status -p").find("port=\"7040\"} 100000\n"), std::string::npos);
-    EXPECT_EQ(Tool(kTool + "top -n 2 -i 0.1").find('\033'), std::string::npos);
-    EXPECT_EQ(Tool("stat -c '%i %Y %Z' " + kTable), file);
-    const json probe = json::parse(Tool("unshare --mount " PRIVATE_TMP " " + kTool +
-                                        "probe rtp://@127.0.0.1:7040 -d 1.5 --json"));
+    EXPECT_EQ(status["hosts"].size(), 1u);
+    EXPECT_NE(Output(kTool + "status -p").find("port=\"7040\"} 100000\n"), std::string::npos);
+    EXPECT_EQ(Output(kTool + "top -n 2 -i 0.1").find('\033'), std::string::npos);
+    EXPECT_EQ(Output("stat -c '%i %Y %Z' " + kTable), file);
+    const json probe = json::parse(Output("unshare --mount " PRIVATE_TMP " " + kTool +
+                                          "probe rtp://@127.0.0.1:7040 -d 1.5 --json"));
     EXPECT_EQ(probe["programmes"][0]["name"], "Service01") << probe;
-    kill(sender, SIGINT);
-    EXPECT_EQ(Reap(sender), 0);
-    EXPECT_EQ(json::parse(Tool(kTool + "status --json"))["hosts"].size(), 0u);
+    EXPECT_EQ(sender.End(SIGINT), 0);
+    EXPECT_EQ(json::parse(Output(kTool + "status --json"))["hosts"].size(), 0u);
 }
 
 TEST(ToolMonitor, FindsAHostInAnotherRootAndCallsNoneDeadThatItCannotSee) {
     unlink(kTable.c_str());
     ASSERT_EQ(
         system("mkdir /tmp/chroot && mount --rbind / /tmp/chroot && cp " TOOL_COMMAND " /tmp"), 0);
-    const pid_t sender = Fork([] {
-        return execlp("chroot", "chroot", "/tmp/chroot", TOOL_PATH, "send", "-l", SAMPLE_PATH,
-                      "udp://127.0.0.1:7041", nullptr);
-    });
-    EXPECT_TRUE(Await([&] { return Contents(kTable).size() == 17680; }));
+    Process sender("exec chroot /tmp/chroot " TOOL_COMMAND " send -l " SAMPLE_PATH
+                   " udp://127.0.0.1:7041");
+    EXPECT_TRUE(Await([] { return Contents(kTable).size() == 17680; }));
     const auto alive = [](const std::string& prefix) {
-        return json::parse(Tool(prefix + " /tmp/qxvrtp status --json"))["alive"].dump();
+        return json::parse(Output(prefix + " /tmp/qxvrtp status --json"))["alive"].dump();
     };
-    EXPECT_TRUE(Await([&] { return alive("") == "true"; }))
-        << "this process is outside of the root";
+    EXPECT_TRUE(Await([&] { return alive("") == "true"; }));
     EXPECT_EQ(alive("chroot /tmp/chroot"), "true");
-    EXPECT_EQ(alive("chroot /tmp/chroot unshare --pid --fork --mount-proc"), "null");
-    EXPECT_EQ(alive("unshare --pid --fork --mount-proc"), "null");
-    EXPECT_EQ(alive("setpriv --reuid 65534"), "null");
-    EXPECT_NE(Tool("unshare -m sh -c 'mount -t tmpfs none /proc; /tmp/qxvrtp status'")
+    for (const char* prefix : {"chroot /tmp/chroot unshare --pid --fork --mount-proc",
+                               "unshare --pid --fork --mount-proc", "setpriv --reuid 65534"})
+        EXPECT_EQ(alive(prefix), "null") << prefix;
+    EXPECT_NE(Output("unshare -m sh -c 'mount -t tmpfs none /proc; /tmp/qxvrtp status'")
                   .find("hosts: unknown: no /proc"),
               std::string::npos);
-    kill(sender, SIGINT);
-    EXPECT_EQ(Reap(sender), 0);
+    EXPECT_EQ(sender.End(SIGINT), 0);
     EXPECT_EQ(alive(""), "false");
     unlink(kTable.c_str());
-    EXPECT_NE(Tool(kTool + "status -p").find("qxvrtp_table_present 0\n"), std::string::npos);
+    EXPECT_NE(Output(kTool + "status -p").find("qxvrtp_table_present 0\n"), std::string::npos);
 }
 
 // Adds what comes from the terminal, until that has the text or nobody uses the terminal any more.
@@ -134,11 +122,10 @@ TEST(ToolMonitor, ProbeCountsShortDatagramsAndEndsInTimeWhateverComes) {
     std::string stream;
     for (int i = 0; i < 16 * 7; ++i) {
         std::string services = "\0\1\xC1\0\0\0\1\xFF"s;
-        for (int k = 0; k < 12; ++k) {
-            const auto encoding = static_cast<char>(1 + (i + k) % 11);
+        for (int k = i; k < i + 12; ++k) {
+            services += "\0"s + static_cast<char>(k - i) + "\xFC\x80\x09\x48\x07\1\2"s;
             services +=
-                "\0"s + static_cast<char>(k) + "\xFC\x80\x09\x48\x07\1\2"s + encoding + "p\2"s;
-            services += static_cast<char>(1 + (i + k + 1) % 11) + "n"s;
+                static_cast<char>(1 + k % 11) + "p\2"s + static_cast<char>(1 + (k + 1) % 11) + "n";
         }
         stream += Packets("\0\x11"s, "\x42", services);
         stream[stream.size() - 185] = static_cast<char>(0x10 | i % 16);
