@@ -22,6 +22,7 @@ def check_sending():
             else:
                 at.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTOS, 1)
             if address == GROUP:
+                at.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, b"v0")
                 at.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, socket.inet_aton(GROUP) + INTERFACE)
             with tool("send", "-", url, "--bitrate", "1M", stdin=subprocess.PIPE) as sender:
                 sender.stdin.write(PACKETS)
@@ -47,11 +48,11 @@ def check_source():
         data, complaint = receiver.communicate()
         assert receiver.returncode == 0 and {data[at + 2] for at in range(0, len(data), 188)} == {0}, (url, len(data), complaint)
 
-# Multicast goes to the loopback interface, unless the other one is named.
+# Multicast leaves by the loopback interface, unless a URL names the other one.
 subprocess.run("""ip link add v0 type veth peer name v1 && ip link set v0 up && ip link set v1 up &&
     for n in 1 2 3; do ip addr add 10.9.0.$n/24 dev v0; done && ip -6 addr add fd09::2/64 dev v0 nodad &&
     printf '127.0.0.1 localhost\n10.9.0.2 encoder\nfd09::2 encoder6.test\n232.1.1.1 group.test\n' > /tmp/hosts &&
-    mount --bind /tmp/hosts /etc/hosts""", shell=True, check=True)
+    ip route change 224.0.0.0/4 dev lo src 127.0.0.1 && mount --bind /tmp/hosts /etc/hosts""", shell=True, check=True)
 check_sending()
 check_source()
 failed = tool("receive", "udp://nobody.invalid:5000", "-")

@@ -114,6 +114,15 @@ TEST(ToolUrl, RefusesWhatCannotBeMeantAndSaysWhatCan) {
                      UsageError);
 }
 
+std::string addresses(RtpChannelConfig config(const StreamUrl&), const std::string& url) try {
+    const RtpChannelConfig made = config(parseStreamUrl(url));
+    return fmt::format("{} {}", made.RemoteAddress, made.LocalAddress);
+} catch (const UsageError&) {
+    return "refused";
+} catch (const Failure& failure) {
+    return failure.what();
+}
+
 // In the test's network there is the loopback interface only; its names are in every hosts file.
 TEST(ToolUrl, NamesOfHostsAndInterfacesGiveWayToAddresses) {
     const std::array<std::string, 3> cases[] = {
@@ -125,14 +134,6 @@ TEST(ToolUrl, NamesOfHostsAndInterfacesGiveWayToAddresses) {
         {"udp://[fe80::1]:5?iface=lo", "fe80::1%lo ::", "refused"},
         {"udp://239.1.1.1:5?source=localhost&dscp=34", "127.0.0.1@239.1.1.1?dscp=34 0.0.0.0",
          "127.0.0.1@239.1.1.1?dscp=34 0.0.0.0"}};
-    const auto addresses = [](const auto& config, const std::string& url) try {
-        const RtpChannelConfig made = config(parseStreamUrl(url));
-        return fmt::format("{} {}", made.RemoteAddress, made.LocalAddress);
-    } catch (const UsageError&) {
-        return std::string("refused");
-    } catch (const Failure& failure) {
-        return std::string(failure.what());
-    };
     for (const auto& [url, sent, received] : cases) {
         EXPECT_EQ(addresses(sendConfig, url), sent) << url;
         EXPECT_EQ(addresses(receiveConfig, url), received) << url;

@@ -200,8 +200,9 @@ TEST(ToolHosts, AreFoundInTheirRootsAndUnknownWhereOneMayHide) {
     EXPECT_EQ(Hosts(first, {{"1", "/", "/a"}}), "none alive");
     EXPECT_EQ(Hosts(first, {{"2", "/", "/a"}}),
               "unknown: /proc hides the processes of other users");
-    EXPECT_EQ(Hosts("pid:[1]", {{"1", "/", "/tmp/jail/run/TABLE"}}),
-              "1 host\\x201, unknown: processes outside of this PID namespace are not seen");
+    EXPECT_EQ(Hosts("pid:[1]", {{"1", "/", "/tmp/jail/run/TABLE (deleted)"}}),
+              "1 host\\x201 (its table was replaced), unknown: processes outside of this PID "
+              "namespace are not seen");
     EXPECT_EQ(hostsText(findHosts("/tmp/table", "/tmp/none")),
               "unknown: no /proc tells which processes there are");
     const json unknown = json::parse(tableJson(Read(MakeTable()), {{}, 5, "5 hide"}, false));
