@@ -23,6 +23,7 @@ class Process {
         if (m_Child != 0)
             End(SIGKILL);
     }
+    pid_t Id() const { return m_Child; }
     int Wait() { return Reap(std::exchange(m_Child, 0), 40); }
     int End(int signal) {
         kill(m_Child, signal);
@@ -38,17 +39,40 @@ inline std::string Output(const std::string& command) {
     return Contents("/tmp/output");
 }
 
+inline bool Says(const std::string& file, const std::string& text) {
+    return Contents(file).find(text) != std::string::npos;
+}
+
+inline void ExpectSaid(const std::vector<std::string>& parts,
+                       const std::string& file = "/tmp/said") {
+    for (const std::string& part : parts)
+        EXPECT_TRUE(Says(file, part)) << part << '\n' << Contents(file);
+}
+
+inline bool IsBound(int port) {
+    char field[16];
+    snprintf(field, sizeof(field), ":%04X ", static_cast<unsigned int>(port));
+    return Says("/proc/net/udp", field) || Says("/proc/net/udp6", field);
+}
+
 // A receiver of the URL, which has the port, with its socket open; it records /tmp/PORT.
 inline Process Receive(const std::string& url, int port, const std::string& options = "") {
     Process tool =
         Process::Tool("receive '" + url + "' - " + options + " > /tmp/" + std::to_string(port));
-    char field[16];
-    snprintf(field, sizeof(field), ":%04X ", static_cast<unsigned int>(port));
-    EXPECT_TRUE(Await([&] {
-        return (Contents("/proc/net/udp") + Contents("/proc/net/udp6")).find(field) !=
-               std::string::npos;
-    })) << url;
+    EXPECT_TRUE(Await([&] { return IsBound(port); })) << url;
     return tool;
+}
+
+// A receiver with its socket of the port open, whose outputs lie in the /tmp of the test.
+inline Process Record(int port, const std::string& arguments) {
+    Process tool("exec " TOOL_COMMAND " receive " + arguments);
+    EXPECT_TRUE(Await([&] { return IsBound(port); })) << arguments;
+    return tool;
+}
+
+inline void Send(const std::string& url, const std::string& options = "-b 20M",
+                 const std::string& input = kSampleArg) {
+    EXPECT_EQ(Process::Tool("send " + input + ' ' + url + ' ' + options).Wait(), 0) << url;
 }
 
 #endif
