@@ -101,37 +101,43 @@ TEST_F(LifecycleTest, StartAndEndSetEveryField) {
     }
 }
 
+// Also where a start follows at once: the transfer looks for a cancel once a millisecond only.
 TEST_F(LifecycleTest, AWaitingTransferEndsWithEveryKindOfCancel) {
     enum { kAll, kOne, kEnd };
     testclock::Now_us = 1700000000000000;  // nothing is ever due
     Bytes bytes(2 * kUnits * 256, 0x47);
-    for (const uint32_t direction : {kSend, kReceive}) {
-        for (const int kind : {kAll, kOne, kEnd}) {
-            SCOPED_TRACE(testing::Message() << direction << ' ' << kind);
-            Row(direction, 15).Cancel = 0;
-            ASSERT_EQ(Start(direction), 1u);
-            auto& row = Row(direction, kChannel);
-            const uint64_t polls = testclock::Polls;
-            auto transfer = std::async(std::launch::async, [&] {
-                return Transfer(direction, bytes.data(), 2 * kUnits * 256);
-            });
-            const uint32_t written = direction == kSend ? kUnits * 256 - 1 : 0;
-            EXPECT_TRUE(Until([&] {
-                return testclock::Polls > polls + 20 && row.Buffer.load()->GetDataSize() == written;
-            }));
-            EXPECT_EQ(transfer.wait_for(0s), std::future_status::timeout);
-            const auto cancel = kind == kAll   ? QXV_RTP_Cancel(Handle)
-                                : kind == kOne ? Cancel(direction)
-                                               : End(direction);
-            EXPECT_EQ(cancel, 1u);
-            EXPECT_EQ(transfer.get() + Transfer(direction, bytes.data(), 1), 0u);
-            EXPECT_TRUE(row.Cancel == 1 && row.Running == 0);
-            EXPECT_EQ(Row(direction, 15).Cancel, kind == kAll);
-            // The objects, and what was written, stay until the end.
-            EXPECT_TRUE(kind == kEnd ? row.Buffer == nullptr
-                                     : row.Buffer.load()->GetDataSize() == written);
-            EXPECT_EQ(End(direction), 1u);
+    for (uint32_t i = 0; i < 12; ++i) {
+        const uint32_t direction = i / 6 == 0 ? kSend : kReceive, kind = i % 3;
+        const bool restart = i / 3 % 2 == 1;
+        SCOPED_TRACE(testing::Message() << direction << ' ' << kind << ' ' << restart);
+        Row(direction, 15).Cancel = 0;
+        ASSERT_EQ(Start(direction), 1u);
+        auto& row = Row(direction, kChannel);
+        const uint64_t polls = testclock::Polls;
+        auto transfer = std::async(std::launch::async, [&] {
+            return Transfer(direction, bytes.data(), 2 * kUnits * 256);
+        });
+        const uint32_t written = direction == kSend ? kUnits * 256 - 1 : 0;
+        EXPECT_TRUE(Until([&] {
+            return testclock::Polls > polls + 20 && row.Buffer.load()->GetDataSize() == written;
+        }));
+        EXPECT_EQ(transfer.wait_for(0s), std::future_status::timeout);
+        EXPECT_EQ(kind == kAll   ? QXV_RTP_Cancel(Handle)
+                  : kind == kOne ? Cancel(direction)
+                                 : End(direction),
+                  1u);
+        if (restart) {
+            EXPECT_EQ(Start(direction), 1u);
+            EXPECT_EQ(transfer.wait_for(10s), std::future_status::ready);
+            EXPECT_EQ(Cancel(direction), 1u);
         }
+        EXPECT_EQ(transfer.get() + Transfer(direction, bytes.data(), 1), 0u);
+        EXPECT_TRUE(row.Cancel == 1 && row.Running == 0);
+        EXPECT_EQ(Row(direction, 15).Cancel, kind == kAll);
+        // The objects, and what was written, stay until the end.
+        EXPECT_TRUE(restart || (kind == kEnd ? row.Buffer == nullptr
+                                             : row.Buffer.load()->GetDataSize() == written));
+        EXPECT_EQ(End(direction), 1u);
     }
 }
 
@@ -161,26 +167,6 @@ TEST_F(LifecycleTest, ASecondStartKeepsAWaitingTransfer) {
         }
         EXPECT_EQ(transfer.get(), 1u);
         EXPECT_EQ(End(direction), 1u);
-    }
-}
-
-// The transfer looks for a cancel once a millisecond, and the start comes sooner.
-TEST_F(LifecycleTest, ACancelledTransferEndsThoughAStartFollowsAtOnce) {
-    testclock::Now_us = 1700000000000000;  // nothing is ever due
-    Bytes bytes(2 * kUnits * 256, 0x47);
-    for (const uint32_t direction : {kSend, kReceive}) {
-        for (const bool isEnd : {false, true}) {
-            ASSERT_EQ(Start(direction), 1u);
-            const uint64_t polls = testclock::Polls;
-            auto transfer = std::async(std::launch::async, [&] {
-                return Transfer(direction, bytes.data(), 2 * kUnits * 256);
-            });
-            EXPECT_TRUE(Until([&] { return testclock::Polls > polls + 20; }));
-            EXPECT_EQ((isEnd ? End(direction) : Cancel(direction)) + Start(direction), 2u);
-            EXPECT_EQ(transfer.wait_for(10s), std::future_status::ready);
-            EXPECT_EQ(Cancel(direction), 1u);
-            EXPECT_EQ(transfer.get(), 0u);
-        }
     }
 }
 

@@ -76,9 +76,7 @@ const Scene kScenes[] = {
 TEST(Receive, EverySocketGetsItsOwnDatagramsOnly) {
     std::unique_ptr<Interfaces> interfaces;
     const auto before = Footprint();
-    std::string local;
-    std::string remote;
-    std::string to;
+    std::string local, remote, to;
     for (const Scene& scene : kScenes) {
         SCOPED_TRACE(scene.Sockets);
         // Not earlier: they would be the system's choice where no address names one.
@@ -186,17 +184,14 @@ TEST(Create, ANamedPortCanNotBeTaken) {
     for (const char* const own : {"127.0.0.1", "::1"}) {
         const Receiver receiver(own, own);
         ASSERT_TRUE(receiver);
-        const bool six = strchr(own, ':') != nullptr;
-        sockaddr_in6 address{};
-        address.sin6_family = six ? AF_INET6 : AF_INET;
-        address.sin6_port = htons(kPort);
-        void* const bytes = six ? static_cast<void*>(&address.sin6_addr) : &address.sin6_flowinfo;
-        ASSERT_EQ(inet_pton(address.sin6_family, own, bytes), 1);
-        const int thief = socket(address.sin6_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        addrinfo* address = nullptr;
+        ASSERT_EQ(getaddrinfo(own, std::to_string(kPort).c_str(), nullptr, &address), 0);
+        const int thief = socket(address->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         const int on = 1;
         EXPECT_EQ(setsockopt(thief, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)), 0);
         EXPECT_EQ(setsockopt(thief, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on)), 0);
-        EXPECT_EQ(bind(thief, reinterpret_cast<sockaddr*>(&address), sizeof(address)), -1) << own;
+        EXPECT_EQ(bind(thief, address->ai_addr, address->ai_addrlen), -1) << own;
+        freeaddrinfo(address);
         close(thief);
     }
 }
@@ -227,40 +222,32 @@ TEST(Create, OneOfManyThatWantAPortAtOnceGetsIt) {
 }
 
 // A group on all interfaces, with the watch, and a sender to it.
-std::pair<void*, void*> CreateBoth() {
-    const char* const group = "ff12::1%lo";
-    return {ZAQUDPSocket_Create("::", group, kPort, kPort, 1, 0, 1, 0, ignore, nullptr),
-            ZAQUDPSocket_Create("::1", group, kPort, kPort, 1, 1, 0, 1, nullptr, nullptr)};
-}
-
-TEST(Create, AndDestroyLeaveAPendingCancellationPending) {
-    const auto before = Footprint();
-    std::thread([] {
-        pthread_cancel(pthread_self());
-        const auto [receiver, sender] = CreateBoth();
-        EXPECT_TRUE(receiver != nullptr && sender != nullptr);
-        ZAQUDPSocket_Destroy(receiver);
-        ZAQUDPSocket_Destroy(sender);
-        int state = -1;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-        EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
-    }).join();
-    EXPECT_TRUE(Await([&] { return Footprint() == before; }));
-}
-
-TEST(Create, TakesNoStandardStreamsDescriptor) {
+TEST(Create, AndDestroyTakeNoStandardStreamAndLeaveAPendingCancellationPending) {
     EXPECT_EQ(Reap(Fork([] {
                   for (int file = 0; file < 3; ++file)
                       close(file);
-                  const auto [receiver, sender] = CreateBoth();
+                  const auto before = Footprint();
+                  const char* const group = "ff12::1%lo";
+                  int states[2] = {};
+                  pthread_cancel(pthread_self());
+                  void* const receiver =
+                      ZAQUDPSocket_Create("::", group, kPort, kPort, 1, 0, 1, 0, ignore, nullptr);
+                  void* const sender =
+                      ZAQUDPSocket_Create("::1", group, kPort, kPort, 1, 1, 0, 1, nullptr, nullptr);
+                  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &states[0]);
                   // But for moments, as in getifaddrs().
                   const bool free = Await([] {
                       return fcntl(0, F_GETFD) + fcntl(1, F_GETFD) + fcntl(2, F_GETFD) == -3;
                   });
-                  const bool created = receiver != nullptr && sender != nullptr;
+                  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
                   ZAQUDPSocket_Destroy(receiver);
                   ZAQUDPSocket_Destroy(sender);
-                  return free && created ? 0 : 1;
+                  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &states[1]);
+                  return receiver != nullptr && sender != nullptr && free &&
+                                 states[0] + states[1] == 2 * PTHREAD_CANCEL_ENABLE &&
+                                 Await([&] { return Footprint() == before; })
+                             ? 0
+                             : 1;
               })),
               0);
 }
