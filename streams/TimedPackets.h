@@ -41,7 +41,7 @@ class TimedPackets {
     void assumeRate(uint32_t rate_bps);
 
     // Times what has waited too long for a PCR, and steers; before packets are taken.
-    void settle(Time now);
+    void settle(Time time);
 
     bool empty() const { return timed_ == 0; }  // of those that have a time
     size_t size() const { return timed_; }
