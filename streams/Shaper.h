@@ -55,7 +55,8 @@ class Shaper {
     virtual size_t pull(std::span<uint8_t> datagrams, Time until) = 0;
 
     // When the next datagram is due, as far as this is known. None: input has to come first or,
-    // after finish(), nothing is left.
+    // after finish(), nothing is left. At that time, pull() may give none after all, since the
+    // shaper drops what is left then; so ask again.
     virtual std::optional<Time> next() const = 0;
 
     // The rate in bits per second that the channel has to have. It is not known before some of the

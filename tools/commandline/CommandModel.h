@@ -50,11 +50,11 @@ struct CommandModel {
     OptionModel& addFlag(const std::string& names, bool& target, std::string text);
     OptionModel& addOption(const std::string& names, std::string& target, std::string value,
                            std::string text);
-    OptionModel& addArgument(std::string name, std::string& target, std::string text,
+    OptionModel& addArgument(std::string argument, std::string& target, std::string text,
                              std::string type = "");
     // Takes all arguments that are left.
-    OptionModel& addArguments(std::string name, std::vector<std::string>& target,
-                              std::string description, std::string type);
+    OptionModel& addArguments(std::string argument, std::vector<std::string>& target,
+                              std::string text, std::string type);
     void addCommand(CommandModel command);
     void addVersion();
 
