@@ -52,7 +52,9 @@ TEST(ToolMonitor, FindsAHostInAnotherRootAndCallsNoneDeadThatItCannotSee) {
     for (const char* prefix : {"chroot /tmp/chroot unshare --pid --fork --mount-proc",
                                "unshare --pid --fork --mount-proc", "setpriv --reuid 65534"})
         EXPECT_EQ(alive(prefix), "null") << prefix;
-    EXPECT_NE(Output("unshare -m sh -c 'mount -t tmpfs none /proc; /tmp/qxvrtp status'")
+    // Without /proc, the sanitizer's search for leaks does not work.
+    EXPECT_NE(Output("ASAN_OPTIONS=detect_leaks=0 unshare -m sh -c"
+                     " 'mount -t tmpfs none /proc; /tmp/qxvrtp status'")
                   .find("hosts: unknown: no /proc"),
               std::string::npos);
     EXPECT_EQ(sender.End(SIGINT), 0);
