@@ -52,11 +52,11 @@ TEST(ToolMonitor, FindsAHostInAnotherRootAndCallsNoneDeadThatItCannotSee) {
     for (const char* prefix : {"chroot /tmp/chroot unshare --pid --fork --mount-proc",
                                "unshare --pid --fork --mount-proc", "setpriv --reuid 65534"})
         EXPECT_EQ(alive(prefix), "null") << prefix;
-    // Without /proc, the sanitizer's search for leaks does not work.
-    EXPECT_NE(Output("ASAN_OPTIONS=detect_leaks=0 unshare -m sh -c"
-                     " 'mount -t tmpfs none /proc; /tmp/qxvrtp status'")
+#ifndef QXV_SANITIZED  // which needs /proc itself
+    EXPECT_NE(Output("unshare -m sh -c 'mount -t tmpfs none /proc; /tmp/qxvrtp status'")
                   .find("hosts: unknown: no /proc"),
               std::string::npos);
+#endif
     EXPECT_EQ(sender.End(SIGINT), 0);
     EXPECT_EQ(alive(""), "false");
     unlink(kTable.c_str());

@@ -75,9 +75,10 @@ uint32_t freeNumber(const std::string& path, uint32_t number) {
 
 }  // namespace
 
-OutputFailure::OutputFailure(const std::string& name, int error)
+OutputFailure::OutputFailure(const std::string& name, int error, bool isLost)
     : Failure(fmt::format("cannot write {}: {}", name, std::strerror(error))),
-      readerHasGone(error == EPIPE) {}
+      readerHasGone(error == EPIPE),
+      dataIsLost(isLost) {}
 
 FileOutput::FileOutput(std::string output, const Rotation& rotation)
     : output_(std::move(output)), rotation_(rotation) {}
@@ -160,9 +161,7 @@ void FileOutput::closeFile() {
     const auto file = std::exchange(file_, nullptr);
     if (!file || file->close())
         return;
-    OutputFailure failure(name_, errno);
-    failure.dataIsLost = true;
-    throw failure;
+    throw OutputFailure(name_, errno, true);
 }
 
 void FileOutput::close() {

@@ -23,9 +23,9 @@ struct Rotation {
 
 // A file cannot be opened, written or closed at this moment.
 struct OutputFailure : Failure {
-    OutputFailure(const std::string& name, int error);
-    bool readerHasGone;       // of a pipe
-    bool dataIsLost = false;  // it was written, and did not arrive
+    OutputFailure(const std::string& name, int error, bool isLost = false);
+    bool readerHasGone;  // of a pipe
+    bool dataIsLost;     // it was written, and did not arrive
 };
 
 // The name of a file is a pattern of strftime for the local time at which the file is begun.

@@ -14,7 +14,7 @@
 // seconds, during which signals that the thread blocks go unnoticed. Throws Failure with the reason
 // where a name has no address, or UsageError where its address does not fit the URL's other parts.
 // Any thread may call it.
-StreamUrl lookUp(const StreamUrl& url);
+StreamUrl lookUp(const StreamUrl& given);
 
 // The same for a thread that must not wait, since it serves other streams too. Name servers are
 // asked on a thread of its own, which ends by itself, however late the answer comes.

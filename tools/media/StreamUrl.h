@@ -54,8 +54,8 @@ void checkSource(const StreamUrl& url);
 // throw UsageError as above, or Failure where a name has no address. A receive channel starts out
 // expecting RTP, whatever the scheme: raw datagrams are then stored whole from the first on,
 // whereas RTP datagrams would keep their headers until the channel has switched from raw.
-RtpChannelConfig sendConfig(const StreamUrl& url);
-RtpChannelConfig receiveConfig(const StreamUrl& url);
+RtpChannelConfig sendConfig(const StreamUrl& given);
+RtpChannelConfig receiveConfig(const StreamUrl& given);
 
 // Stores addresses in place of names, and whatever depends on the address's kind. They throw
 // UsageError where the URL's parts do not fit together.

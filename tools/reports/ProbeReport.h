@@ -21,7 +21,7 @@ struct ProbeReport {
     static constexpr size_t kMostStreams = 4096;  // of all programmes together
     static constexpr size_t kMostPids = 1024;
 
-    ProbeReport(Arrival arrival, StreamReport stream);
+    ProbeReport(Arrival its, StreamReport found);
 
     Arrival arrival;
     StreamReport stream;
