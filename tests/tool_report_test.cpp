@@ -271,9 +271,9 @@ StreamReport AnalyzeMade() {
         }
         for (int packet = 0; packet < (clocked ? 2 : 3); ++packet) {
             video = static_cast<uint8_t>((video + (i == 30 && packet == 1 ? 2 : 1)) & 0xF);
-            datagram += "\x47\1\1"s + static_cast<char>(0x10 | video) + std::string(184, 'v');
+            datagram.append("\x47\1\1").append(1, static_cast<char>(0x10 | video)).append(184, 'v');
         }
-        datagram += "\x47\1\2"s + static_cast<char>(0x90 | (i & 0xF)) + std::string(184, 'a');
+        datagram.append("\x47\1\2").append(1, static_cast<char>(0x90 | (i & 0xF))).append(184, 'a');
         const std::vector<uint8_t> bytes(datagram.begin(), datagram.end());
         analyzer.feed(bytes, 1s + i * 10ms + (i % 4 == 2 ? 1ms : 0ms));
     }
