@@ -46,5 +46,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Check(memcmp(&passed, good ? &expected : &given, sizeof(passed)) == 0);
     Check(QXV_RTP_GetConfig(g_pContext, direction % 2, channel, &passed) == 1);
     Check(memcmp(&passed, &expected, sizeof(passed)) == 0 && record.Reopen == uint32_t{good});
+    Check(Fake()->Misuses == 0);
     return 0;
 }

@@ -1,12 +1,16 @@
-// Waiting with a deadline, what a process has open, and child processes.
+// Waiting with a deadline, files, a plain socket, what a process has open, and child processes.
 #ifndef TESTS_PROCESSSUPPORT_H
 #define TESTS_PROCESSSUPPORT_H
 
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -14,6 +18,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 // Patience with whatever makes progress, however slowly, as all does on a busy machine: it is left
 // until the progress, a number that changes, has been the same for so long.
@@ -54,6 +59,37 @@ bool Await(Condition condition, int seconds = 15) {
 inline std::string Contents(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A file in the folder of the tests.
+inline std::string TestFile(const std::string& name) {
+    return TESTS_PATH "/" + name;
+}
+
+// The text is that of the file in golden/, which QXV_UPDATE_GOLDEN=1 writes anew.
+inline void ExpectGolden(const std::string& name, const std::string& text) {
+    if (getenv("QXV_UPDATE_GOLDEN") != nullptr)
+        std::ofstream(TestFile("golden/" + name)) << text;
+    EXPECT_EQ(text, Contents(TestFile("golden/" + name))) << name;
+}
+
+// The lines of a file in cases/ but for comments, which begin with '#', and empty ones.
+inline std::vector<std::string> Cases(const std::string& name) {
+    std::ifstream file(TestFile("cases/" + name));
+    std::vector<std::string> cases;
+    for (std::string line; std::getline(file, line);)
+        if (!line.empty() && line[0] != '#')
+            cases.push_back(line);
+    EXPECT_FALSE(cases.empty()) << name;
+    return cases;
+}
+
+// A socket of the system whose datagrams go to a port of this host.
+inline int SocketTo(uint16_t port) {
+    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in to{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    EXPECT_EQ(connect(socket, reinterpret_cast<const sockaddr*>(&to), sizeof(to)), 0);
+    return socket;
 }
 
 // Descriptors and threads of this process. A thread that was joined counts for a moment longer.

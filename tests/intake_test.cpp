@@ -1,4 +1,5 @@
-// What becomes of each datagram that arrives.
+// What becomes of each datagram that arrives: when the mode switches, and what an end waits for.
+// fuzz/intake_fuzz.cpp has datagrams of all forms, beside a model.
 #include <future>
 
 #include "ModuleFixture.h"
@@ -15,7 +16,6 @@ class IntakeTest : public ModuleTest {
     }
     static RtpChannelContext& Receiver() { return Record(kReceive, kChannel); }
     static CZAQSimpleBuffer& Ring() { return *Row(kReceive, kChannel).Buffer.load(); }
-    static CZAQStreamTimer& Timer() { return *Row(kReceive, kChannel).Timer.load(); }
     static uint8_t Mode() { return std::atomic_ref(Receiver().Config.Rtp); }
     static void SetMode(uint8_t mode, uint32_t count) {
         std::atomic_ref(Receiver().Config.Rtp) = mode;
@@ -58,51 +58,6 @@ TEST_F(IntakeTest, ModeSwitchesAfterFourOfTheOtherForm) {
         EXPECT_EQ(modes, test.Modes);
         EXPECT_EQ(Receiver().RtpSwitchCount, test.CountAfter);
     }
-}
-
-TEST_F(IntakeTest, OnlyRtpThatCarriesATransportStreamCounts) {
-    static const struct {
-        uint8_t First, Second;
-        uint32_t Length, Sync, Rtp, Offset;  // of the sync byte, and of the payload in RTP mode
-    } kCases[] = {
-        {0x80, 33, 200, 12, 1, 12}, {0x80, 0xA1, 200, 12, 1, 12}, {0x83, 33, 200, 24, 1, 24},
-        {0xA0, 33, 200, 12, 1, 12}, {0x80, 33, 13, 12, 1, 12},    {0x8F, 33, 73, 72, 1, 72},
-        {0x90, 33, 200, 16, 0, 0},  // an extension is not skipped
-        {0x80, 96, 200, 12, 0, 0},  {0x40, 33, 200, 12, 0, 0},    {0xC0, 33, 200, 12, 0, 0},
-        {0x83, 33, 200, 12, 0, 0},  {0x80, 33, 200, 13, 0, 0},    {0x8F, 33, 12, 0, 0, 0},
-        {0x8F, 33, 72, 71, 0, 72},  // nothing behind the list
-        {0x8F, 33, 71, 70, 0, 72},  // a list longer than the datagram
-        {0x8F, 33, 13, 12, 0, 72}};
-    for (const auto& test : kCases) {
-        SCOPED_TRACE(&test - kCases);
-        Bytes datagram(test.Length, 0x11);
-        datagram[test.Sync] = 0x47;
-        datagram[0] = test.First;
-        datagram[1] = test.Second;
-        SetMode(1, 0);
-        Timer().RxInitialize(0x5A5A);
-        const auto begin = datagram.begin() + std::min(test.Offset, test.Length);
-        EXPECT_EQ(Stored(datagram), Bytes(begin, datagram.end()));
-        EXPECT_EQ(Receiver().RtpSwitchCount, 1 - test.Rtp);
-        const uint32_t payload = test.Length - test.Offset;  // may be nearly 2^32
-        EXPECT_EQ(Timer().GetBlockSize(), payload != 0 ? payload : 0x5A5A);
-        SetMode(0, 0);
-        EXPECT_EQ(Stored(datagram), datagram);  // nothing is cut off in raw mode
-    }
-    EXPECT_EQ(Stored({}), Bytes{});
-}
-
-TEST_F(IntakeTest, WhatDoesNotFitIsDroppedWholeAndCounted) {
-    SetMode(0, 0);
-    const auto held = [](uint32_t size) {
-        return Fake::Deliver(&Receiver(), Bytes(size, 0x22)) ? Ring().GetDataSize() : 0;
-    };
-    for (uint32_t i = 1; i <= 64; ++i)
-        EXPECT_TRUE(held(65000) == i * 65000 && Timer().GetBlocks() == i);
-    const uint32_t room = 0x400000 - 1 - 64 * 65000;
-    for (uint32_t i = 1; i <= 2; ++i)  // another size begins another measurement
-        EXPECT_TRUE(held(room + 1) == 64 * 65000 && Timer().GetBlocks() == i);
-    EXPECT_EQ(held(room), 0x3FFFFFu);
 }
 
 // An end frees the objects only when a callback that works on them has returned.

@@ -1,11 +1,10 @@
 // Receive sockets: who gets which datagram, and what is left when they are gone.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/udp.h>
-#include <sys/resource.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <barrier>
 #include <cstring>
@@ -17,85 +16,48 @@
 
 namespace {
 
-struct Scene {
-    const char* Sockets;  // local and remote address, in the order of opening; '!' = is refused
-    const char* Streams;  // local and remote address, and numbers of the sockets that get it, or -
-    int32_t Option = 0;
-};
+// Each row's words: what there is, a local and a remote address, and where a stream comes to.
+using Scene = std::vector<std::array<std::string, 4>>;
 
-const Scene kScenes[] = {
-    // Named addresses of both families; unicast sockets have theirs for themselves.
-    {"127.0.0.1 0.0.0.0  127.0.0.2 0.0.0.0  ::1 ::  !127.0.0.1 0.0.0.0  !0.0.0.0 0.0.0.0  !::1 ::"
-     "  !:: ::",
-     "0.0.0.0 127.0.0.1 0  0.0.0.0 127.0.0.2 1  :: ::1 2"},
-    // Any address, and several groups with one or two receivers.
-    {"0.0.0.0 0.0.0.0  :: ::  127.0.0.1 239.1.1.1  0.0.0.0 239.1.1.2  0.0.0.0 239.1.1.2"
-     "  ::1 ff15::1  :: ff15::2  :: ff15::2  !0.0.0.0 0.0.0.0  !127.0.0.1 0.0.0.0  !:: ::  !::1 ::",
-     "0.0.0.0 127.0.0.3 0  :: ::1 1  127.0.0.1 239.1.1.1 2  0.0.0.0 239.1.1.2 34"
-     "  ::1 ff15::1 5  :: ff15::2 67"},
-    // Nobody else is there to take what is not for it.
-    {":: ::", "0.0.0.0 127.0.0.1 -  :: ff15::1 -  :: ::1 0"},
-    {"0.0.0.0 0.0.0.0", "0.0.0.0 239.1.1.1 -  0.0.0.0 127.0.0.1 0"},
-    // The groups come first.
-    {"127.0.0.1 239.1.1.1  ::1 ff15::1  0.0.0.0 0.0.0.0  :: ::  !0.0.0.0 0.0.0.0  !:: ::",
-     "127.0.0.1 239.1.1.1 0  ::1 ff15::1 1  0.0.0.0 127.0.0.1 2  :: ::1 3"},
-    // One group on one interface each.
-    {"0.0.0.0 0.0.0.0  :: ::  10.77.0.1 239.1.1.1  10.77.1.1 239.1.1.1  fd77:0::1 ff15::1"
-     "  fd77:1::1 ff15::1",
-     "10.77.0.1 239.1.1.1 2  10.77.1.1 239.1.1.1 3  fd77:0::1 ff15::1 4  fd77:1::1 ff15::1 5"
-     "  0.0.0.0 10.77.0.1 0  :: fd77:0::1 1"},
-    // Any address beside a named one, whichever comes first.
-    {"10.77.0.1 0.0.0.0  fd77:1::1 ::  !0.0.0.0 0.0.0.0  !:: ::  10.77.1.1 0.0.0.0",
-     "0.0.0.0 10.77.0.1 0  :: fd77:1::1 1  0.0.0.0 10.77.1.1 2"},
-    {"0.0.0.0 0.0.0.0  !10.77.0.1 0.0.0.0", "0.0.0.0 10.77.0.1 0"},
-    // One group of two sources, of which a socket names either, or none.
-    {"127.0.0.5 127.0.0.7@239.1.1.1  127.0.0.1 127.0.0.1@239.1.1.1?dscp=5",
-     "127.0.0.7 239.1.1.1 0  127.0.0.1 239.1.1.1 1"},
-    {"10.77.0.1 10.77.0.1@232.1.1.1  10.77.0.1 10.77.0.9@232.1.1.1  10.77.0.1 232.1.1.1"
-     "  fd77:0::1 fd77:0::1@ff3e::1  fd77:0::1 fd77:0::9@ff3e::1  fd77:0::1 ff3e::1",
-     "10.77.0.1 232.1.1.1 02  10.77.0.9 232.1.1.1 12  10.77.1.9 232.1.1.1 -"
-     "  fd77:0::1 ff3e::1 35  fd77:0::9 ff3e::1 45  fd77:1::9 ff3e::1 -"},
-    {"0.0.0.0 10.77.1.9@232.1.1.1  :: fd77:0::9@ff3e::1",
-     "10.77.1.9 232.1.1.1 0  10.77.1.1 232.1.1.1 -  10.77.0.1 232.1.1.1 -"
-     "  fd77:0::9 ff3e::1 1  fd77:0::1 ff3e::1 -  fd77:1::1 ff3e::1 -",
-     1},
-    // On all interfaces.
-    {"10.77.1.1 239.1.1.1  :: ff15::1",
-     "10.77.0.1 239.1.1.1 0  10.77.1.1 239.1.1.1 0  fd77:0::1 ff15::1 1  fd77:1::1 ff15::1 1", 1},
-    // A link-local group by its zone, by the local address, and by its zone against that.
-    {":: ff02::1:5%a0  fd77:1::1 ff02::1:5  fd77:0::1 ff02::1:5%a1",
-     "fd77:0::1 ff02::1:5 0  :: ff02::1:5%a1 12", 1},
-    // Nonsense, and addresses that are not this machine's.
-    {"!x 127.0.0.1  !127.0.0.1 x  !::1 127.0.0.1  !239.1.1.1 127.0.0.1  !127.0.0.1 ff15::1"
-     "  !192.0.2.1 127.0.0.1  !192.0.2.1 239.1.1.1  !2001:db8::1 ::1  !2001:db8::1 ff15::1"
-     "  !:: ff02::1%99  !127.0.0.1?dscp=1 127.0.0.1  !127.0.0.1@239.1.1.1 239.1.1.1",
-     ""}};
+std::vector<Scene> Scenes() {
+    std::vector<Scene> scenes;
+    for (const std::string& row : Cases("receive_scenes.txt")) {
+        if (row.starts_with("scene"))
+            scenes.emplace_back();
+        std::istringstream text(row);
+        auto& words = scenes.back().emplace_back();
+        for (std::string& word : words)
+            text >> word;
+    }
+    return scenes;
+}
 
 // Every stream is sent twice: what went astray in the first round has arrived before what every
 // socket awaits from the second.
 TEST(Receive, EverySocketGetsItsOwnDatagramsOnly) {
     std::unique_ptr<Interfaces> interfaces;
     const auto before = Footprint();
-    std::string local, remote, to;
-    for (const Scene& scene : kScenes) {
-        SCOPED_TRACE(scene.Sockets);
-        // Not earlier: they would be the system's choice where no address names one.
-        if (interfaces == nullptr && strstr(scene.Streams, "10.77.0.1") != nullptr)
-            interfaces = std::make_unique<Interfaces>();
+    for (const Scene& scene : Scenes()) {
+        SCOPED_TRACE(testing::PrintToString(scene));
+        const int32_t everywhere = scene[0][1] == "everywhere";
         std::vector<std::unique_ptr<Receiver>> receivers;
-        for (std::istringstream text(scene.Sockets); text >> local >> remote;) {
-            const bool refused = local[0] == '!';
-            receivers.push_back(std::make_unique<Receiver>(local.substr(refused ? 1 : 0), remote,
-                                                           kPort, scene.Option));
-            EXPECT_NE(static_cast<bool>(*receivers.back()), refused) << local << ' ' << remote;
-            if (refused)
-                receivers.pop_back();
+        for (const auto& [what, local, remote, to] : scene) {
+            if (what == "interfaces")
+                interfaces = std::make_unique<Interfaces>();
+            if (what != "socket" && what != "refused")
+                continue;
+            auto receiver = std::make_unique<Receiver>(local, remote, kPort, everywhere);
+            EXPECT_EQ(static_cast<bool>(*receiver), what == "socket") << local << ' ' << remote;
+            if (what == "socket")
+                receivers.push_back(std::move(receiver));
         }
         std::vector<std::string> expected(receivers.size());
         for (int round = 0; round < 2; ++round) {
             char name = 'a';
-            for (std::istringstream text(scene.Streams); text >> local >> remote >> to; ++name) {
-                EXPECT_EQ(Sender(local, remote).Send({name}), 1u) << remote;
+            for (const auto& [what, local, remote, to] : scene) {
+                if (what != "stream")
+                    continue;
+                EXPECT_EQ(Sender(local, remote).Send({++name}), 1u) << remote;
                 for (const char number : to == "-" ? "" : to)
                     expected.at(static_cast<size_t>(number - '0')) += name;
             }
@@ -106,6 +68,7 @@ TEST(Receive, EverySocketGetsItsOwnDatagramsOnly) {
         for (size_t i = 0; i < expected.size(); ++i)
             EXPECT_EQ(receivers[i]->Data(), expected[i]) << i;
     }
+    interfaces.reset();
     EXPECT_TRUE(Await([&] { return Footprint() == before; }));
 }
 
@@ -252,31 +215,6 @@ TEST(Create, AndDestroyTakeNoStandardStreamAndLeaveAPendingCancellationPending) 
               0);
 }
 
-TEST(Create, RunningOutOfDescriptorsAtAnyStepLeavesNothingOpen) {
-    rlimit usual{};
-    getrlimit(RLIMIT_NOFILE, &usual);
-    const std::tuple<const char*, const char*, int> kinds[] = {
-        {"0.0.0.0", "0.0.0.0", 3},  // socket, epoll, event
-        {"::1", "ff15::1", 5}};     // and for the watch: two of rtnetlink, of which one goes, event
-    for (const auto& [local, remote, steps] : kinds) {
-        const auto before = Footprint();
-        // A sanitizer needs descriptors for the first object of a type that it checks.
-        EXPECT_TRUE(Receiver(local, remote, kPort, 1));
-        EXPECT_TRUE(Await([&] { return Footprint() == before; }));
-        rlimit tight{static_cast<rlim_t>(dup(0)), usual.rlim_max};  // the lowest that is free
-        close(static_cast<int>(tight.rlim_cur));
-        int failures = 0;
-        for (bool created = false; !created && failures < 20; ++tight.rlim_cur) {
-            setrlimit(RLIMIT_NOFILE, &tight);
-            created = static_cast<bool>(Receiver(local, remote, kPort, 1));
-            setrlimit(RLIMIT_NOFILE, &usual);
-            failures += !created;
-            EXPECT_TRUE(Await([&] { return Footprint() == before; })) << failures;
-        }
-        EXPECT_EQ(failures, steps) << remote;
-    }
-}
-
 TEST(Receive, DatagramsOfAllSizesArriveWholeWithTheirSourceAndLargerOnesAreNotSent) {
     const Receiver receivers[] = {{"127.0.0.1", "0.0.0.0"}, {"::1", "::"}};
     const Sender senders[] = {{"127.0.0.2", "127.0.0.1"}, {"::1", "::1"}};
@@ -302,19 +240,13 @@ TEST(Receive, DatagramsOfAllSizesArriveWholeWithTheirSourceAndLargerOnesAreNotSe
 
 TEST(Receive, ATrainThatComesAsOneMessageIsDeliveredDatagramByDatagram) {
     const Receiver receiver("127.0.0.1", "0.0.0.0");
-    const int train = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in destination{};
-    destination.sin_family = AF_INET;
-    destination.sin_port = htons(kPort);
-    destination.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int train = SocketTo(kPort);
     const int segment = 1316;  // udp(7), UDP_SEGMENT: the kernel cuts what is sent
     ASSERT_EQ(setsockopt(train, SOL_UDP, UDP_SEGMENT, &segment, sizeof(segment)), 0);
     std::string data(40 * 1316 + 100, '\0');
     for (size_t i = 0; i < data.size(); ++i)
         data[i] = static_cast<char>(i * 7 + i / 1316);
-    ASSERT_EQ(sendto(train, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&destination),
-                     sizeof(destination)),
-              static_cast<ssize_t>(data.size()));
+    ASSERT_EQ(send(train, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
     ASSERT_TRUE(Await([&] { return receiver.Count() >= 41; }));
     EXPECT_TRUE(receiver.Data() == data);
     EXPECT_EQ(receiver.All()[39].first.size(), 1316u);

@@ -12,18 +12,14 @@
 #include <fstream>
 #include <string>
 
+#include "ProcessSupport.h"
+
 namespace {
 
 constexpr uint32_t kSize = 17680;
 
 void Put(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
-}
-
-// The file's bytes; none when it is not there.
-std::string Text(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 TEST(Segment, OwnerMakesAFreshFileAndRemovesItAtClose) {
@@ -36,11 +32,11 @@ TEST(Segment, OwnerMakesAFreshFileAndRemovesItAtClose) {
     struct stat status {};
     stat(path.c_str(), &status);
     EXPECT_EQ(status.st_mode & 0777u, 0750u);
-    EXPECT_EQ(Text(path), std::string(kSize, '\0'));
+    EXPECT_EQ(Contents(path), std::string(kSize, '\0'));
     first.GetPointer()[kSize - 1] = 'x';
     // An open object refuses, and removes nothing.
     EXPECT_EQ(first.Create(path.data(), 1, 1) + first.Open(path.data(), 1), 0);
-    EXPECT_EQ(Text(path).back(), 'x');
+    EXPECT_EQ(Contents(path).back(), 'x');
     // Another one takes the name away; the first keeps its bytes.
     ASSERT_EQ(second.Create(path.data(), kSize, 1), 1);
     EXPECT_EQ(second.GetPointer()[kSize - 1] + first.GetPointer()[kSize - 1], 'x');
@@ -50,7 +46,7 @@ TEST(Segment, OwnerMakesAFreshFileAndRemovesItAtClose) {
         EXPECT_EQ(second.GetOwner() + second.GetSize(), open ? 1 + kSize : 0);
         EXPECT_EQ(second.Flush() + second.Invalidate(), open ? 2 : 0);
         second.Close();
-        EXPECT_EQ(Text(path), left);
+        EXPECT_EQ(Contents(path), left);
         Put(path, "another's");
     }
 }
@@ -79,7 +75,7 @@ TEST(Segment, AFileThatCannotBeRemovedIsJoinedOrRefused) {
         EXPECT_EQ(segment.GetSize(), result == kMapped ? size : 0);
         EXPECT_TRUE(result != kMapped || segment.GetOwner() + segment.GetPointer()[0] == 'w');
         segment.Close();
-        EXPECT_EQ(Text(path), "what was there");
+        EXPECT_EQ(Contents(path), "what was there");
         // A stuck object stays so; any other one can be used again.
         EXPECT_EQ(segment.Create(other.data(), 10, 1), result != kStuck);
         EXPECT_EQ(segment.File < 0, result == kStuck);
@@ -100,7 +96,7 @@ TEST(Segment, FailuresLeaveNothingBehind) {
     EXPECT_TRUE(segment.Create(longest.data(), kSize, 0) && segment.Name == longest);  // 1023 bytes
     longest.insert(0, 1, '/');
     EXPECT_EQ(other.Create(longest.data(), kSize, 1) + other.Open(longest.data(), kSize), 0);
-    EXPECT_EQ(Text(path).size(), kSize);
+    EXPECT_EQ(Contents(path).size(), kSize);
     EXPECT_EQ(other.Open(path.data(), kSize), 0);  // removes before it looks
     EXPECT_NE(access(path.c_str(), F_OK), 0);
 }

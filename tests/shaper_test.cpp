@@ -7,7 +7,8 @@
 #include <map>
 
 #include "ConstantRate.h"
-#include "Pacer.h"
+#include "OwnPace.h"
+#include "StreamSupport.h"
 
 namespace {
 
@@ -59,21 +60,15 @@ struct TestPacket {
 struct TestStream {
     void Add(uint16_t pid, Clock27 due, std::optional<Clock27> pcr = {}) {
         const Source source{Count, due, pcr.value_or(0)};
-        Data.resize(Data.size() + Size, static_cast<uint8_t>(Count));
-        Count += pid != kNull;
-        uint8_t* const p = &Data[Data.size() - Size];
-        ts_init(p);
-        ts_set_pid(p, pid);
-        ts_set_payload(p);
+        PacketFields fields{.pid = pid};
         if (pcr) {
-            const auto ticks = static_cast<uint64_t>((*pcr + kWrap) % kWrap);
-            ts_set_adaptation(p, 7);
-            tsaf_set_pcr(p, ticks / 300);
-            tsaf_set_pcrext(p, static_cast<uint16_t>(ticks % 300));
-            if (std::exchange(Announce, false))
-                tsaf_set_discontinuity(p);
+            fields.pcr = (*pcr + kWrap) % kWrap;
+            fields.discontinuous = std::exchange(Announce, false);
         }
-        memcpy(p + 12, &source, sizeof(source));
+        Count += pid != kNull;
+        std::string packet = Packet(fields, Size);
+        memcpy(&packet[12], &source, sizeof(source));
+        Data.insert(Data.end(), packet.begin(), packet.end());
     }
     // Packets that are spread evenly: the first has a PCR, the third is a null packet.
     void Interval(int64_t packets, Clock27 length = kSecond / 25) {
@@ -368,42 +363,49 @@ TEST(ConstantRate, LiveStreamKeepsItsRateThroughJitterDriftAndPauses) {
     }
 }
 
-TEST(Pacer, DatagramsLeaveWithTheirFirstPacketWhateverTheRate) {
-    TestStream stream;
-    for (int64_t i = 0; i < 100; ++i) {
-        stream.Offset = i < 50 ? 0 : 9 * kSecond;
-        stream.Pictures(i % 2 == 0 ? 100 : 0);
-        for (size_t slow = 0; i % 2 == 1 && slow < 100; ++slow)
-            stream.Interval(4);
+TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
+    TestStream constant, steps;
+    for (int64_t i = 0; i < 300; ++i) {
+        constant.Interval(40);
+        steps.Interval(i / 50 % 2 == 0 ? 13 : 213);
     }
-    for (const bool live : {false, true}) {
-        ts::Pacer pacer(188, live ? InputKind::kLive : InputKind::kFile, {});
-        stream.Arrival = live ? jitter : nullptr;
-        const Outcome outcome = play(pacer, stream);
-        EXPECT_TRUE(outcome.BeginsWith(stream));
-        for (size_t i = live ? 1000 : 0; i < outcome.Times.size(); ++i) {
-            const Clock27 due = outcome.Packets[i * 7].From.Due;
-            const auto waited = (outcome.Times[i] - kEpoch - toTime(due)).count();
-            // The interval in front of the splice has no length but that of the one before.
-            const bool loose = live || due >= 5'000 * (kSecond / 25);
-            ASSERT_LE(std::abs(waited - (live ? 215'000'000 : 0)), loose ? 80'000'000 : 1000);
+    const struct {
+        const TestStream& stream;
+        std::optional<uint32_t> given_bps;
+        bool keepsRate, varies;
+        Clock27 tolerance;
+    } cases[] = {{constant, {}, false, false, kSecond / 500},
+                 {constant, {}, true, false, kSecond / 500},
+                 {constant, 4'000'000, true, false, 0},
+                 {steps, {}, false, false, kSecond * 3 / 10},
+                 {steps, {}, true, true, kSecond * 4 / 10}};
+    for (const auto& [stream, given_bps, keepsRate, varies, tolerance] : cases) {
+        ts::OwnPace shaper(188, given_bps, keepsRate);
+        const Outcome outcome = play(shaper, stream);
+        EXPECT_EQ(shaper.varies(), varies);
+        EXPECT_TRUE(outcome.BeginsWith(stream)) << "not a byte is changed";
+        EXPECT_EQ(outcome.Times.size(), (stream.Data.size() / 188 + 6) / 7);
+        if (given_bps) {
+            outcome.ExpectTimes(*given_bps);
+            continue;
+        }
+        for (size_t i = 0; i < outcome.Times.size(); ++i) {
+            const auto late =
+                outcome.Times[i] - outcome.Times[0] - toTime(outcome.Packets[i * 7].From.Due);
+            ASSERT_LE(std::abs(late.count()), toTime(tolerance).count()) << i;
         }
     }
 }
 
-TEST(FixedRate, IsKeptAndWaitsForWhatComesLate) {
+TEST(OwnPace, AStreamWhosePcrsEndGoesOnAtItsRate) {
     TestStream stream;
-    for (size_t i = 0; i < 100; ++i)
+    for (int i = 0; i < 125; ++i)
         stream.Interval(40);
-    for (const bool live : {false, true}) {
-        ts::FixedRate shaper(188, live ? InputKind::kLive : InputKind::kFile,
-                             {.rate_bps = 2'000'000});
-        if (live)
-            stream.Arrival = [](Clock27 due) { return due / 2; };
-        const Outcome outcome = play(shaper, stream);
-        EXPECT_TRUE(outcome.BeginsWith(stream));
-        outcome.ExpectTimes(2'000'000);
-    }
+    for (int64_t i = 0; i < 15'000; ++i)
+        stream.Add(0x200, stream.Due + i * kSecond / 1000);
+    ts::OwnPace shaper(188, std::nullopt, false);
+    const std::vector<ts::Time> times = play(shaper, stream).Times;
+    EXPECT_NEAR(static_cast<double>((times.back() - times[0]).count()), 20e9, 5e7);
 }
 
 }  // namespace

@@ -1,18 +1,13 @@
-// The shared table as other processes see it, load and unload, and the handle.
+// The shared table as other processes see it, by its bytes, load and unload, and the handle.
 #include <cstdio>
 #include <fstream>
 
 #include "ModuleFixture.h"
+#include "ProcessSupport.h"
 
 namespace {
 
 using TableTest = ModuleTest;
-
-// The file, by its own bytes: nothing here goes through the structures.
-std::string ReadTable() {
-    std::ifstream file(kSharedMemoryPath, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 TEST_F(TableTest, AnOwnersLoadLaysDownTheDefaults) {
     std::string expected(17680, '\0');
@@ -32,7 +27,7 @@ TEST_F(TableTest, AnOwnersLoadLaysDownTheDefaults) {
     QXV_RTP_Deconstructor();
     std::ofstream(kSharedMemoryPath) << std::string(20000, 'x');
     ASSERT_EQ(QXV_RTP_Constructor(), 1);
-    EXPECT_TRUE(ReadTable() == expected);
+    EXPECT_TRUE(Contents(kSharedMemoryPath) == expected);
     EXPECT_TRUE(std::all_of(&Row(0, 0), &Row(0, 0) + 32, IsEmpty));
     // The segment has forgotten the mapping, so that nothing can take it away.
     const std::string forgotten(sizeof(g_ShareMemory) - sizeof(void*), '\0');
@@ -41,7 +36,7 @@ TEST_F(TableTest, AnOwnersLoadLaysDownTheDefaults) {
     QXV_RTP_Deconstructor();
     EXPECT_TRUE(g_pThread == nullptr && g_ThreadQuit == 1);
     put32(4, 77);
-    EXPECT_TRUE(ReadTable() == expected);
+    EXPECT_TRUE(Contents(kSharedMemoryPath) == expected);
     EXPECT_EQ(g_pContext->HandleCount, 77u);  // still mapped
 }
 

@@ -5,9 +5,11 @@
 
 #include <array>
 #include <optional>
-#include <sstream>
 
+#include "PacketSieve.h"
+#include "ProcessSupport.h"
 #include "RateFollower.h"
+#include "StreamSupport.h"
 #include "TransportStream.h"
 #include "base/Errors.h"
 #include "base/Quantity.h"
@@ -15,98 +17,35 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-struct PacketFields {
-    uint16_t pid = 0x100;
-    uint8_t counter = 0;
-    bool payload = true;
-    bool discontinuous = false;
-    std::optional<uint64_t> pcr = std::nullopt;  // 27 MHz
-};
-
-// Packets of these fields, one behind the other.
-Bytes make(const PacketFields& fields, size_t packetSize = 188, size_t count = 1) {
-    const uint64_t pid = fields.pid, counter = fields.counter, pcr = fields.pcr.value_or(0);
-    const uint64_t base = pcr / 300, extension = pcr % 300;
-    const bool adaptation = fields.pcr || fields.discontinuous || !fields.payload;
-    const uint64_t flags = (fields.discontinuous ? 0x80u : 0u) | (fields.pcr ? 0x10u : 0u);
-    const uint64_t control = (adaptation ? 0x20u : 0u) | (fields.payload ? 0x10u : 0u);
-    const uint64_t bytes[] = {0x47,
-                              pid >> 8,
-                              pid,
-                              control | counter,
-                              fields.payload ? 7u : 183u,
-                              flags,
-                              base >> 25,
-                              base >> 17,
-                              base >> 9,
-                              base >> 1,
-                              (base & 1) << 7 | 0x7E | extension >> 8,
-                              extension};
-    Bytes stream(count * packetSize, 0xAA);
-    for (size_t i = 0; i < count; ++i)
-        for (size_t at = 0; at < (adaptation ? 12 : 4); ++at)
-            stream[i * packetSize + at] = static_cast<uint8_t>(bytes[at]);
-    return stream;
-}
-
 // What a URL means, or why it is refused.
 std::string describe(const std::string& text) try {
     const StreamUrl url = parseStreamUrl(text);
-    return fmt::format(
-        "{} {} {} {} {} {}{}{}{}", url.rtp ? "rtp" : "raw",
-        url.hostIsName  ? "name"
-        : url.multicast ? "group"
-                        : "host",
-        url.host, url.port, url.ttl, url.localAddress,
-        url.source.empty() ? "" : (url.sourceIsName ? "from name " : "from host ") + url.source,
-        url.interface.empty() ? "" : " on " + url.interface,
-        url.dscp ? fmt::format(" marked {}", *url.dscp) : "");
+    const auto optional = [](const char* word, const std::string& value) {
+        return value.empty() ? "" : word + value;
+    };
+    return fmt::format("{} {} {} {} {}{}{}{}{}", url.rtp ? "rtp" : "raw",
+                       url.hostIsName  ? "name"
+                       : url.multicast ? "group"
+                                       : "host",
+                       url.host, url.port, url.ttl, optional(" at ", url.localAddress),
+                       optional(url.sourceIsName ? " from name " : " from host ", url.source),
+                       optional(" on ", url.interface),
+                       url.dscp ? fmt::format(" marked {}", *url.dscp) : "");
 } catch (const UsageError& error) {
     return std::string("refused: ") + error.what();
 }
 
-TEST(ToolUrl, AcceptsWhatTheFieldWrites) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"RTP://@239.1.1.1:1234/?ttl=0", "rtp group 239.1.1.1 1234 0 "},
-        {"udp://@:65535", "raw host 0.0.0.0 65535 16 "},
-        {"udp://[ff15::1]:1?ttl=255&localaddr=[::1]", "raw group ff15::1 1 255 ::1"},
-        {"rtp://@[fe80::1%eth0]:7", "rtp host fe80::1%eth0 7 16 "},
-        {"udp://Encoder7.example.:5000", "raw name encoder7.example. 5000 16 "},
-        {"rtp://my_host-2:5?dscp=34&iface=eth0.7", "rtp name my_host-2 5 16  on eth0.7 marked 34"},
-        {"rtp://192.0.2.9@232.1.1.1:5?dscp=0",
-         "rtp group 232.1.1.1 5 16 from host 192.0.2.9 marked 0"},
-        {"udp://[2001:db8::9]@[ff3e::1]:5", "raw group ff3e::1 5 16 from host 2001:db8::9"},
-        {"udp://@[ff3e::1]:5?source=2001:db8::9", "raw group ff3e::1 5 16 from host 2001:db8::9"},
-        {"udp://232.1.1.1:5?sources=encoder7", "raw group 232.1.1.1 5 16 from name encoder7"},
-        {"udp://@239.1.1.1:5?pkt_size=1316&fifo_size=1000000&reuse_addr&connect=0&ttl=4",
-         "raw group 239.1.1.1 5 4 "}};
-    for (const auto& [text, expected] : cases)
-        EXPECT_EQ(describe(text), expected) << text;
-}
-
-TEST(ToolUrl, RefusesWhatCannotBeMeantAndSaysWhatCan) {
-    // Some come with a part of the answer.
-    std::istringstream cases(R"(
-        127.0.0.1:5000|write http://127.0.0.1:1|write udp://::1:5000|udp://[::1]:5000
-        udp://10.1:5|encoder7 udp://1.2.3.4:5?ttl=256|255 udp://1.2.3.4:5?localaddr=eth0|iface=NAME
-        udp://239.1.1.1:5?dscp=64|63 udp://239.1.1.1:5?foo=1|source=HOST
-        udp://239.1.1.1:5?pkt_size=1472|1316 udp://239.1.1.1:5?timeout=1000000|--idle-timeout
-        udp://10.0.0.1@10.0.0.2:5|group udp://239.1.1.1:5?sources=10.0.0.1,10.0.0.2|one
-        udp://[::1]@239.1.1.1:5|IPv4 udp://10.0.0.1@239.1.1.1:5?source=10.0.0.2|one
-        udp://239.1.1.1:5?iface=eth0&localaddr=10.0.0.1|them udp:// udp://127.0.0.1 udp://1.2.3.4:0
-        udp://1.2.3.4:65536 udp://1.2.3.4:-1 udp://1.2.3.4:5x udp://300.1.1.1:5 udp://.:5
-        udp://0x7f000001:5 udp://-host:5 udp://ho$t:5 udp://[::1:5000 udp://[::1]5000 udp://[]:5
-        udp://[1.2.3.4]:5 udp://[host]:5 udp://[fe80::1%]:5 udp://1.2.3.4%lo:5
-        udp://239.1.1.2@239.1.1.1:5 udp://@@239.1.1.1:5 udp://1.2.3.4:5?ttl udp://239.1.1.1:5?source
-        udp://239.1.1.1:5?iface= udp://1.2.3.4:5?localaddr=::1 udp://1.2.3.4:5?localaddr=239.1.1.1
-        udp://239.1.1.1:5?iface=a234567890123456)");
-    for (std::string text; cases >> text;) {
-        const std::string url = text.substr(0, text.find('|')), answer = describe(url);
-        EXPECT_TRUE(answer.starts_with("refused")) << text;
-        const std::string part = text == url ? "" : text.substr(url.size() + 1);
-        EXPECT_NE(answer.find(part), std::string::npos) << text << answer;
+TEST(ToolUrl, MeansWhatTheFieldWritesOrIsRefusedWithAHint) {
+    for (const std::string& row : Cases("stream_urls.txt")) {
+        const size_t gap = row.find(" = ");
+        const std::string found = describe(row.substr(0, gap)), expected = row.substr(gap + 3);
+        if (expected.starts_with("refused")) {
+            EXPECT_TRUE(found.starts_with("refused")) << row;
+            const std::string hint = expected.substr(std::min<size_t>(expected.size(), 9));
+            EXPECT_NE(found.find(hint), std::string::npos) << row << '\n' << found;
+        } else {
+            EXPECT_EQ(found, expected) << row;
+        }
     }
     EXPECT_THROW(checkDestination(parseStreamUrl("udp://@:5000")), UsageError);
     for (const char* const option : {"localaddr=127.0.0.1", "iface=lo"})
@@ -123,13 +62,18 @@ std::string addresses(RtpChannelConfig config(const StreamUrl&), const std::stri
     return failure.what();
 }
 
-// In the test's network there is the loopback interface only; its names are in every hosts file.
+// In the test's network there is the loopback interface only.
 TEST(ToolUrl, NamesOfHostsAndInterfacesGiveWayToAddresses) {
+    std::ofstream("/tmp/hosts") << "127.0.0.1 localhost\n::1 localhost\n"
+                                   "fd09::2 encoder.test\n232.1.1.1 group.test\n";
+    ASSERT_EQ(system("mount --bind /tmp/hosts /etc/hosts"), 0);
     const std::array<std::string, 3> cases[] = {
         // URL, remote and local address of both directions
         {"udp://[::1]:5", "::1 ::", "::1 ::1"},
         {"udp://localhost:5?localaddr=127.0.0.1", "127.0.0.1 127.0.0.1", "refused"},
-        {"udp://239.1.1.1:5?iface=lo", "239.1.1.1 127.0.0.1", "239.1.1.1 127.0.0.1"},
+        {"udp://localhost:5?localaddr=[::1]", "::1 ::1", "refused"},
+        {"udp://encoder.test:5", "fd09::2 ::", "fd09::2 fd09::2"},
+        {"udp://@group.test:5?iface=lo", "232.1.1.1 127.0.0.1", "232.1.1.1 127.0.0.1"},
         {"udp://[ff15::1]:5?iface=lo", "ff15::1%lo ::", "ff15::1%lo ::"},
         {"udp://[fe80::1]:5?iface=lo", "fe80::1%lo ::", "refused"},
         {"udp://239.1.1.1:5?source=localhost&dscp=34", "127.0.0.1@239.1.1.1?dscp=34 0.0.0.0",
@@ -157,27 +101,77 @@ TEST(ToolQuantity, IsReadWithItsSuffixAndWrittenWithItsPlural) {
 TEST(ToolPackets, AreFoundBehindGarbage) {
     for (const size_t size : {188u, 204u}) {
         for (const size_t garbage : {0u, 1u, 203u, 1000u}) {
-            Bytes data(garbage, 0x00);
+            std::string data(garbage, '\0');
             if (garbage > 0)
                 data[garbage / 2] = 0x47;
-            const Bytes stream = make({}, size, 6);
-            data.insert(data.end(), stream.begin(), stream.end());
-            const auto layout = findPackets(data);
+            for (int i = 0; i < 6; ++i)
+                data += Packet({}, size);
+            const auto layout = findPackets(BytesOf(data));
             ASSERT_TRUE(layout) << size << " behind " << garbage;
             EXPECT_EQ(layout->packetSize, size);
             EXPECT_EQ(layout->offset, garbage);
         }
     }
-    EXPECT_FALSE(findPackets(make({}, 188, 2)));
-    const Bytes good = make({}, 188, 20);
-    Bytes broken = good;
-    broken.resize(broken.size() + 77, 0x00);
-    broken.insert(broken.end(), good.begin(), good.end());
+    EXPECT_FALSE(findPackets(BytesOf(Packet({}) + Packet({}))));
+    std::string broken;
+    for (int i = 0; i < 40; ++i)
+        broken += Packet({}) + std::string(i == 19 ? 77 : 0, '\0');
     PacketSplitter splitter;
-    for (const uint8_t& byte : broken)
+    for (const uint8_t& byte : BytesOf(broken))
         splitter.feed({&byte, 1}, [](const uint8_t* packet) { EXPECT_EQ(packet[0], 0x47); });
     EXPECT_EQ(splitter.packets(), 40u);
     EXPECT_EQ(splitter.syncLosses(), 1u);
+}
+
+std::string RtpHeader(uint8_t first, uint8_t payloadType, const std::string& behind) {
+    return std::string{static_cast<char>(first), static_cast<char>(payloadType)} +
+           std::string("\1\2\3\4G\6\7\10\11\12", 10) + behind;
+}
+
+TEST(PacketSieve, GivesAllPacketsAndNothingElseHoweverTheStreamIsCut) {
+    const std::string sample = Contents(SAMPLE_PATH).substr(0, 188 * 420);
+    const std::string header = RtpHeader(0x80, 33, "");
+    const std::string extended = RtpHeader(0x92, 96, std::string("GABCDEFG\0\1\0\2extended", 20));
+    const std::tuple<size_t, size_t, std::string, std::string, uint64_t> cases[] = {
+        // packet size, packets in a datagram, in front of and behind them; gaps
+        {188, 7, "", "", 0},
+        {188, 7, header, "", 60},
+        {188, 1, extended, "", 420},
+        {188, 3, extended, "", 140},
+        {188, 7, "", std::string("\0\0\0\4", 4), 60},
+        {204, 7, header, "", 60},
+        {204, 2, extended, "", 210}};
+    for (const auto& [size, count, front, back, gaps] : cases) {
+        std::string stream, packets;
+        for (size_t i = 0; i < 420; ++i) {
+            const std::string packet =
+                sample.substr(i * 188, 188) + std::string(size - 188, static_cast<char>(i));
+            stream += (i % count == 0 ? front : "") + packet + (i % count == count - 1 ? back : "");
+            packets += packet;
+        }
+        for (const size_t piece : {size_t{1}, size_t{61}, size_t{1316}, stream.size()}) {
+            PacketSieve sieve;
+            std::string taken;
+            size_t begin = 0;
+            for (size_t end = 0; end < stream.size();) {
+                end = std::min(end + piece, stream.size());
+                for (;;) {
+                    const auto run = sieve.next(BytesOf(stream).subspan(begin, end - begin),
+                                                end == stream.size());
+                    if (run.skip + run.length == 0)
+                        break;
+                    taken += stream.substr(begin + run.skip, run.length);
+                    begin += run.skip + run.length;
+                }
+            }
+            ASSERT_TRUE(taken == packets) << size << ' ' << count << ' ' << piece;
+            EXPECT_EQ(sieve.packets(), 420u);
+            EXPECT_EQ(sieve.packetSize(), size);
+            EXPECT_EQ(sieve.gaps(), gaps) << size << ' ' << count << ' ' << piece;
+            EXPECT_EQ(sieve.skippedBytes(), stream.size() - packets.size());
+            EXPECT_EQ(sieve.continuityErrors(), 0u);
+        }
+    }
 }
 
 // 1 Mbit/s: 10 packets of 188 bytes take 15.04 ms.
@@ -207,7 +201,7 @@ TEST(ToolPcr, RateIsThatOfTheClockWhateverBreaksIt) {
                     fields.pid = 0x200;  // another programme's clock, seen for a shorter time
                     fields.pcr = i < 30 ? static_cast<uint64_t>(i) * 1000 : 0;
                 }
-                rate.add(make(fields, size).data());
+                rate.add(BytesOf(Packet(fields, size)).data());
             }
             EXPECT_EQ(rate.bitrate(), 1000000 * size / 188) << c.what << ", " << size;
         }
@@ -240,7 +234,7 @@ TEST(ToolRateFollower, TellsNewRatesAndNoneForNoiseAndSplices) {
                 const auto pcr = static_cast<uint64_t>(time * 27e6) + i / 20 % 2 * c.noise;
                 fields.pcr = (c.start + (second ? c.jump : 0) + pcr) % kEnd;
             }
-            follower.add(make(fields).data());
+            follower.add(BytesOf(Packet(fields)).data());
             if (const auto rate = follower.change())
                 told.push_back(*rate);
             time += 1504.0 / (second ? c.second : c.first);
@@ -268,7 +262,7 @@ TEST(ToolContinuity, CountsJumpsOnly) {
     for (const auto& [what, sequence, errors] : cases) {
         ContinuityCounter counter;
         for (const PacketFields& fields : sequence)
-            counter.add(make(fields).data());
+            counter.add(BytesOf(Packet(fields)).data());
         EXPECT_EQ(counter.errors(), errors) << what;
     }
 }
