@@ -1,0 +1,482 @@
+#!/usr/bin/env python3
+"""tool_test.py TOOL SAMPLE [TEST...]: the tool as a process, against itself; clients_test.py sets
+it against other programs. Each test has a folder of its own, most processes of the tool a /tmp."""
+import json, os, pathlib, pty, re, select, shutil, signal, socket, struct, subprocess, sys, tempfile
+import time, unittest
+
+TOOL, SAMPLE_PATH = map(os.path.abspath, sys.argv[1:3])
+SAMPLE = pathlib.Path(SAMPLE_PATH).read_bytes()
+HERE = pathlib.Path(__file__).resolve().parent
+PRIVATE = f"unshare --mount '{HERE.parent}/scripts/private-tmp.sh'"
+TABLE = "/tmp/__QXV_RTP_SHARE_MEMORY__"
+SANITIZED = re.search(rb"__[at]san_init", pathlib.Path(TOOL).read_bytes())
+NULL_PACKET = b"\x47\x1f\xff\x10"
+
+
+def read(path):
+    return pathlib.Path(path).read_bytes() if os.path.exists(path) else b""
+
+
+def write(path, data):
+    pathlib.Path(path).write_bytes(data)
+
+
+def run(command):
+    subprocess.run(command, shell=True, check=True)
+
+
+def output(command):
+    return subprocess.run(command, shell=True, check=True, stdout=subprocess.PIPE).stdout.decode()
+
+
+def is_bound(port):
+    return f":{port:04X} ".encode() in read("/proc/net/udp") + read("/proc/net/udp6")
+
+
+class ToolTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.mkdtemp()
+        os.chmod(folder, 0o755)
+        os.chdir(folder)
+        self.addCleanup(shutil.rmtree, folder)
+
+    def start(self, command, **options):
+        process = subprocess.Popen("exec " + command, shell=True, **options)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def tool(self, arguments, **options):
+        return self.start(f"{PRIVATE} '{TOOL}' {arguments}", **options)
+
+    def end(self, process, number=signal.SIGTERM):
+        process.send_signal(number)
+        return process.wait(40)
+
+    def receive(self, port, arguments):  # with its socket of the port open
+        receiver = self.tool("receive " + arguments)
+        self.await_(lambda: is_bound(port))
+        return receiver
+
+    def send(self, arguments):
+        self.assertEqual(self.tool("send " + arguments).wait(60), 0, arguments)
+
+    # As long as there is progress, and for a while without.
+    def await_(self, condition, progress=lambda: 0):
+        seen, end = None, 0
+        while not condition():
+            if seen != (now := progress()):
+                seen, end = now, time.monotonic() + 15
+            self.assertLess(time.monotonic(), end, "it takes too long")
+            time.sleep(0.005)
+
+    def await_size(self, path, size):
+        self.await_(lambda: len(read(path)) >= size, lambda: len(read(path)))
+
+    def assert_said(self, *parts):
+        for part in parts:
+            self.assertIn(part, read("said").decode())
+
+
+# A stream whose PCRs go by `bitrate` at each moment, and when each of its datagrams is due.
+def stream(seconds, bitrate):
+    packets, times, now, clocked = [], [], 0.0, -1.0
+    while now < seconds:
+        packet = b"\x47\1\0\x10"
+        if now >= clocked + 0.03:
+            clocked, ticks = now, int(now * 27e6)
+            pcr = ticks // 300 << 15 | 0x7E00 | ticks % 300
+            packet = b"\x47\1\0\x30\7\x10" + pcr.to_bytes(6, "big")
+        packets.append(packet.ljust(188, b"f"))
+        times.append(now)
+        now += 188 * 8 / bitrate(now)
+    return b"".join(packets), times[::7]
+
+
+# When each datagram came to a port while `send` ran, by the kernel's stamps.
+def arrivals(port, send):
+    timestamps, times = 35, []
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as at:
+        at.setsockopt(socket.SOL_SOCKET, 33, 32 << 20)  # SO_RCVBUFFORCE
+        at.setsockopt(socket.SOL_SOCKET, timestamps, 1)
+        at.bind(("127.0.0.1", port))
+        at.setblocking(False)
+        send()
+        while select.select([at], [], [], 0)[0]:
+            _, ancillary, _, _ = at.recvmsg(2048, 64)
+            seconds, nanoseconds = struct.unpack("qq", ancillary[0][2])
+            times.append(seconds + nanoseconds / 1e9)
+    return times
+
+
+# A packet of a service description whose services have names in ever other encodings.
+def services(number):
+    section = b"\0\1\xc1\0\0\0\1\xff"
+    for i in range(12):
+        first, second = (1 + (number + i + k) % 11 for k in (0, 1))
+        section += bytes([0, i, 0xFC, 0x80, 9, 0x48, 7, 1, 2, first, ord("p"), 2, second, ord("n")])
+    section = b"\x42\x80" + bytes([len(section) + 4]) + section
+    crc = 0xFFFFFFFF
+    for bit in "".join(f"{byte:08b}" for byte in section):
+        crc = (crc << 1 & 0xFFFFFFFF) ^ (0x04C11DB7 if (crc >> 31) ^ int(bit) else 0)
+    packet = b"\x47\x40\x11" + bytes([0x10 | number % 16, 0]) + section + crc.to_bytes(4, "big")
+    return packet.ljust(188, b"\xff")
+
+
+class Send(ToolTest):
+    def test_what_is_received_is_byte_for_byte_what_was_sent_with_its_tail(self):
+        for port, url, packets, options in (
+                (7000, "udp://127.0.0.1:7000", 1883, "-b 20M"),  # the receiver ends first
+                (7001, "rtp://[::1]:7001", 1000, "-b 20M"),
+                (7002, "rtp://localhost@239.1.1.1:7002?iface=lo&ttl=0&dscp=34", 400, ""),
+                (7003, "udp://[ff15::1]:7003?localaddr=::1", 3, "-b 100k")):
+            with self.subTest(url):
+                sent = SAMPLE[:packets * 188]
+                write("input", SAMPLE[:packets * 188 + 100])
+                # Null packets fill the last datagram, and what it takes to find the packets' size.
+                length = max((packets + 6) // 7, 2) * 1316 - (5000 if port == 7000 else 0)
+                receiver = self.receive(port, f"'{url}' - -n {length} > recording")
+                self.send(f"- '{url}' {options} < input")
+                self.assertEqual(receiver.wait(40), 0)
+                recording = read("recording")
+                self.assertEqual(len(recording), length)
+                self.assertTrue(recording.startswith(sent[:length]))
+                for at in range(len(sent), length, 188):
+                    self.assertEqual(recording[at:at + 4], NULL_PACKET)
+
+    # The best of a few runs: a busy machine makes single datagrams late, but no stream shorter or
+    # longer.
+    def test_the_pace_is_kept_on_the_wire(self):
+        constant, steps = lambda _: 3e6, lambda now: 0.14e6 if now % 2 < 1 else 29e6
+        url = "://127.0.0.1:7040 "
+        for scheme, bitrate, options, factor, tolerance in (
+                ("udp", constant, "", 1, 0.3), ("rtp", constant, "", 1, 0.3),
+                ("rtp", constant, "-b 6M", 2, 0.3), ("udp", steps, "", 1, 1.0),
+                ("rtp", steps, "", 0, 0.3)):
+            data, due = stream(5, bitrate)
+            write("paced", data)
+            for _ in range(4):
+                times = arrivals(7040, lambda: self.send("paced " + scheme + url + options))
+                if factor != 0:
+                    expected = [at / factor for at in due]
+                else:  # made constant, with null packets
+                    length = times[-1] - times[0]
+                    expected = [length * i / len(times) for i in range(len(times))]
+                self.assertEqual(len(times), len(expected))
+                furthest = max(abs(time - times[0] - at) for time, at in zip(times, expected))
+                if furthest < tolerance:
+                    break
+            self.assertLess(furthest, tolerance, f"{scheme} {options} {bitrate(0)}")
+
+    # The route goes away for longer than any patience, and later for a moment; to begin with, a
+    # service waits for it.
+    def test_outages_are_survived_and_told_once(self):
+        write("outage.toml", f"""[[send]]\ninput = '{SAMPLE_PATH}'
+            url = 'udp://198.51.100.9:7041'\nloop = true\n""".encode())
+        sender = self.tool("send --config outage.toml 2> said")
+        self.receive(7041, "udp://:7041 - > recording")
+        for outage in range(3):
+            self.await_(lambda: read("said").count(b"\n") == 2 * outage + 1)
+            time.sleep(3.5 if outage == 1 else 0.01)
+            before = len(read("recording"))
+            run("ip addr add 198.51.100.9/32 dev lo")
+            self.await_size("recording", before + 50_000)
+            self.await_(lambda: read("said").count(b"\n") == 2 * outage + 2)
+            run("ip addr del 198.51.100.9/32 dev lo")
+        self.assertEqual(self.end(sender), 0)
+        self.assert_said("; is there a route to it? Trying on.\n", "goes on after 0:0")
+
+    # At ten times its rate, each is repeated three times a second.
+    @unittest.skipIf(SANITIZED, "a sanitizer takes memory of its own")
+    def test_memory_of_sixteen_loops_is_small_and_stays_as_it_is(self):
+        pairs = " ".join(f"'{SAMPLE_PATH}' rtp://127.0.0.1:{7060 + i}" for i in range(16))
+        sender = self.tool("send --loop -b 8M " + pairs)
+
+        def sent():
+            return int(re.findall(rb"^Udp: (.*)", read("/proc/net/snmp"), re.M)[1].split()[3])
+
+        def resident_after(datagrams):  # in KiB
+            begin = sent()
+            self.await_(lambda: sent() > begin + datagrams, sent)
+            return int(re.search(rb"VmRSS:\s+(\d+)", read(f"/proc/{sender.pid}/status"))[1])
+        before, later = resident_after(20_000), resident_after(40_000)
+        self.assertTrue(1024 < before < 32 * 1024 and later < before + 512, (before, later))
+        self.assertEqual(self.end(sender), 0)
+
+    def test_what_is_no_packet_is_skipped_and_an_input_that_fails_stops_no_other(self):
+        for size in 188, 204:
+            packets = [SAMPLE[i * 188:][:188].ljust(size, b"p") for i in range(400)]
+            whole = b"".join(packets[:100] + packets[101:200] + packets[201:])
+            for i in 50, 300:
+                packets[i] += bytes(0x47 if n % 7 == 0 else 0x67 for n in range(i * 10, 0, -1))
+            packets[100] = packets[100][:150]
+            packets[200] = b"\0" + packets[200][1:]
+            write("damaged", b"in front" + b"".join(packets) + b"\x47 and a tail")
+            write("sound", whole)
+            length = (398 + 6) // 7 * 7 * size
+            receivers = [self.receive(port, f"udp://:{port} - -n {length} > {port}")
+                         for port in (7005, 7006)]
+            sender = self.tool("send damaged udp://127.0.0.1:7005 /none udp://127.0.0.1:7007 "
+                               "sound rtp://127.0.0.1:7006 --as-is 2> said")
+            self.assertEqual([process.wait(40) for process in (sender, *receivers)], [1, 0, 0])
+            self.assertTrue(read("7005").startswith(whole))
+            self.assertTrue(read("7005") == read("7006"))
+            self.assert_said("/none", "in 6 places", "1 of 3")
+
+    def test_start_and_duration_are_kept_in_the_streams_time_and_through_a_loop(self):
+        def sent(options):
+            receiver = self.receive(7008, "udp://:7008 - > recording")
+            self.send(f"'{SAMPLE_PATH}' udp://127.0.0.1:7008 {options}")
+            self.assertEqual(self.end(receiver, signal.SIGINT), 0)
+            recording = read("recording")
+            return recording[:recording.find(NULL_PACKET + b"\xff\xff") // 188 * 188]
+        second = 100_000  # in bytes of the sample
+        excerpt = sent("--start 0.3 --duration 0.4")
+        begin = SAMPLE.find(excerpt)
+        self.assertAlmostEqual(len(excerpt), 0.4 * second, delta=0.1 * second)
+        self.assertAlmostEqual(begin, 0.3 * second, delta=0.1 * second)
+        looped = sent("--loop --start 0.3 --duration 1.5 -b 20M")
+        self.assertAlmostEqual(len(looped), 1.5 * second, delta=0.1 * second)
+        self.assertTrue((SAMPLE[begin:] * 2).startswith(looped))
+
+    def test_the_writer_of_a_fifo_and_a_signal_are_waited_for(self):
+        os.mkfifo("silent")
+        receiver = self.receive(7009, "udp://:7009 - -n 1316 > recording")
+        sender = self.tool(f"send silent udp://127.0.0.1:7010 '{SAMPLE_PATH}' udp://127.0.0.1:7009 "
+                           "2> said")
+        self.assertEqual((receiver.wait(40), self.end(sender)), (0, 1))
+        self.assert_said("SIGTERM before the end of 'silent'")
+
+    def test_the_demo_shows_sixteen_channels_that_deliver(self):
+        shown = output(f"'{TOOL}' demo -d 2 '{SAMPLE_PATH}'")
+        self.assertEqual(shown.count("  ok\n"), 16, shown)
+
+    def test_wrong_usage_is_two_and_a_failure_one_with_one_line_that_says_why(self):
+        rows = re.findall(r"^(\d) (.*)$", read(HERE / "cases/wrong_usage.txt").decode(), re.M)
+        variables = dict(os.environ, URL="udp://127.0.0.1:7030", SAMPLE=SAMPLE_PATH)
+        tools = [self.tool(f"{arguments} > /dev/null 2> {i}", env=variables)
+                 for i, (_, arguments) in enumerate(rows)]
+        for i, (code, arguments) in enumerate(rows):
+            self.assertEqual(tools[i].wait(40), int(code), arguments)
+            self.assertRegex(read(str(i)).decode(), r"\Aqxvrtp: [^\n]+\n\Z", arguments)
+
+
+class Receive(ToolTest):
+    def test_files_rotate_at_packets_and_receiving_counts_and_ends_when_idle(self):
+        sent = SAMPLE[:188 * 700] + SAMPLE[188 * 701:]
+        write("input", sent)
+        write("part-0002.ts", b"kept")
+        idle = self.tool("receive udp://127.0.0.1:7104 /dev/null -i 0.3 2> /dev/null")
+        receiver = self.receive(7100, "udp://127.0.0.1:7100 part.ts rtp://127.0.0.1:7102 /no/file "
+                                "--rotate-size 100k -i 2 --statistics 2> said")
+        self.send("- udp://127.0.0.1:7100 -b 5M < input")
+        self.assertEqual(receiver.wait(40), 1, "one of two has failed")
+        self.assertEqual(idle.wait(40), 1, "nothing came")
+        parts = [read(f"part-000{n}.ts") for n in (1, 3, 4, 5)]
+        self.assertEqual([len(part) for part in parts[:3]], [532 * 188] * 3)
+        self.assertEqual([part[:1] for part in parts], [b"\x47"] * 4)
+        self.assertTrue(b"".join(parts).startswith(sent))
+        self.assertEqual(read("part-0002.ts"), b"kept")
+        self.assert_said('"files":4,"mode":"raw"', '"datagrams":269,"bytes":354004',
+                         '"continuity_errors":1,"sync_losses":0,"error":null',
+                         "cannot write '/no/file-0001'", "qxvrtp: 1 of 2 streams failed\n")
+
+    def test_a_file_is_kept_when_the_port_is_in_use_and_goes_on_when_a_disk_was_full(self):
+        run("mkdir full && mount -t tmpfs -o size=64k tmpfs full")
+        self.addCleanup(run, "umount full")
+        write("kept", b"kept")
+        receiver = self.receive(7120, "udp://127.0.0.1:7120 full/it udp://:7122 ./full/it "
+                                "-n 354004 2> said")
+        second = self.tool("receive udp://127.0.0.1:7120 kept --patience 0.5 2> /dev/null")
+        self.assertEqual(second.wait(40), 1)
+        self.assertEqual(read("kept"), b"kept")
+        self.send(f"'{SAMPLE_PATH}' udp://127.0.0.1:7120 -b 20M")
+        self.await_(lambda: b"No space left on device; trying again" in read("said"))
+        time.sleep(2.5)  # more than two tries
+        run("mount -o remount,size=2m full")
+        self.assertEqual(receiver.wait(40), 1, "the file of another stream")
+        self.assertTrue(read("full/it") == SAMPLE)
+        self.assertRegex(read("said").decode(), r"\Aqxvrtp: './full/it' is the file that .*\n"
+                         r"qxvrtp: cannot write 'full/it': .*\nqxvrtp: 'full/it' is written again\n"
+                         r"qxvrtp: 1 of 2 streams failed\n\Z")
+
+    def test_a_pipe_that_nobody_reads_hinders_no_other(self):
+        os.mkfifo("unread")
+        os.mkfifo("late")
+        unread = os.open("unread", os.O_RDONLY | os.O_NONBLOCK)
+        receiver = self.receive(7125, "udp://127.0.0.1:7124 unread udp://127.0.0.1:7125 file "
+                                "udp://127.0.0.1:7126 late --statistics -i 60 2> said")
+        self.await_(lambda: is_bound(7124))
+        self.assertFalse(is_bound(7126), "before there is a reader")
+        late = os.open("late", os.O_RDONLY | os.O_NONBLOCK)
+        self.await_(lambda: is_bound(7126))
+        # More than the pipe and the ring hold, and still the others are written.
+        self.tool(f"send '{SAMPLE_PATH}' udp://127.0.0.1:7124 -b 100M --loop 2> /dev/null")
+        self.await_(lambda: b"datagrams from udp://127.0.0.1:7124 are" in read("said"))
+        for port in 7125, 7126:
+            self.send(f"'{SAMPLE_PATH}' udp://127.0.0.1:{port} -b 20M")
+        self.await_size("file", len(SAMPLE))
+        self.assertEqual(self.end(receiver), 1)
+        self.assertTrue(read("file") == SAMPLE)
+        self.assertEqual(len(os.read(late, 400_000)), len(SAMPLE))
+        os.close(unread)
+        os.close(late)
+        self.assert_said("bytes from udp://127.0.0.1:7124 after SIGTERM",
+                         "qxvrtp: 1 of 3 streams failed\n")
+
+    def test_whole_packets_are_recorded_through_changes_of_form_and_what_is_skipped_is_told(self):
+        rtp = b"\x80\x21\1\2\3\4G\6\7\x08\x09\x0a"
+        forms = b"", rtp, b"", b"\x80\x60" + rtp[2:], b"\x90" + rtp[1:] + b"\0\0\0\1extd"
+        receiver = self.receive(7130, "udp://127.0.0.1:7130 packets --statistics 2> said")
+        sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(sender.close)
+        for i in range(500):
+            sender.sendto(forms[i // 100] + SAMPLE[i * 564:][:564], ("127.0.0.1", 7130))
+            time.sleep(0.0002)
+        self.await_size("packets", 500 * 564)
+        self.assertEqual(self.end(receiver, signal.SIGINT), 0)
+        self.assertTrue(read("packets") == SAMPLE[:1500 * 188])
+        # Three headers until the channel knows that RTP comes, then all that are of another form.
+        self.assert_said("skipped 3236 bytes (203 gaps) that are not TS packets",
+                         '"skipped_bytes":3236', '"gaps":203,',
+                         '"datagrams":500,"bytes":282000,"packets":1500')
+        receiver = self.receive(7131, "udp://127.0.0.1:7131 none 2> said")
+        sender.sendto(b"no packets", ("127.0.0.1", 7131))
+        sender.sendto(b"at all", ("127.0.0.1", 7131))
+        time.sleep(0.1)
+        self.assertEqual(self.end(receiver, signal.SIGINT), 1)
+        self.assert_said("not TS packets came from udp://127.0.0.1:7131: 16")
+
+    def test_closed_standard_streams_keep_messages_out_of_the_recording(self):
+        receiver = self.receive(7134, "udp://127.0.0.1:7134 own --statistics 0<&- 1>&- 2>&-")
+        self.send(f"'{SAMPLE_PATH}' udp://127.0.0.1:7134 -b 20M")
+        self.await_size("own", len(SAMPLE))
+        self.assertEqual(self.end(receiver), 0)
+        self.assertTrue(read("own") == SAMPLE)
+        self.assertEqual(self.start(f"'{TOOL}' --version >&-").wait(40), 1)
+        receiver = self.receive(7135, "udp://127.0.0.1:7135 - >&- 2> said")
+        self.send(f"'{SAMPLE_PATH}' udp://127.0.0.1:7135 -b 20M")
+        self.await_(lambda: b"cannot write standard output" in read("said"))
+        self.assertEqual(self.end(receiver), 1)
+
+    def test_durations_and_the_times_of_files_are_kept(self):
+        self.tool(f"send '{SAMPLE_PATH}' udp://127.0.0.1:7138 --loop 2> /dev/null")
+        receiver = self.receive(7138, "udp://127.0.0.1:7138 half.ts --rotate-time 0.5 -d 2.2 "
+                                "--statistics 2> said")
+        self.assertEqual(receiver.wait(40), 0)
+        for figure in r'"seconds":(2\.[2-9]|3\.[01])', r'"files":[3-6]\b':
+            self.assertRegex(read("said").decode(), figure)
+        self.assertAlmostEqual(len(read("half-0002.ts")), 50e3, delta=30e3)
+        self.assertEqual(read("half-0002.ts")[:1], b"\x47")
+
+    # Each file is found a name at once, so that a signal is soon obeyed.
+    def test_an_end_comes_soon_where_thousands_of_files_have_the_same_name(self):
+        write("input", SAMPLE * 11)
+        os.mkdir("names")
+        for name in "%x.ts", "%x-0004.ts":
+            write("names/" + name, b"kept")
+        receiver = self.receive(7140, "udp://127.0.0.1:7140 names/%%x.ts --rotate-size 188 2> said")
+        self.send("input udp://127.0.0.1:7140 -b 20M")
+        self.assertEqual(self.end(receiver), 0, read("said"))
+        self.assertAlmostEqual(len(os.listdir("names")), 11 * 1883, delta=10)
+        for name, content in (("", b"kept"), ("-0004", b"kept"), ("-0003", SAMPLE[376:564]),
+                              ("-0005", SAMPLE[564:752])):
+            self.assertEqual(read(f"names/%x{name}.ts"), content)
+
+    # What is missing at its start, and what goes while it runs.
+    def test_a_service_tries_for_ever_and_says_so_once(self):
+        write("config.toml", b"""receive = [
+            {url = 'udp://127.0.0.1:7144', output = 'later/one', bytes = 354004},
+            {url = 'udp://192.0.2.45:7145', output = 'two', bytes = 354004}]""")
+        service = self.tool("receive --config config.toml 2> said")
+        self.await_(lambda: b"192.0.2.45:7145; " in read("said"))
+        run("mkdir later && ip addr add 192.0.2.45/32 dev lo")
+        self.await_(lambda: is_bound(7144) and is_bound(7145))
+        for address in "127.0.0.1:7144", "192.0.2.45:7145":
+            self.send(f"'{SAMPLE_PATH}' udp://{address} -b 20M")
+        self.assertEqual(service.wait(40), 0)
+        self.assertTrue(read("later/one") == read("two") == SAMPLE)
+        self.assertEqual(read("said").count(b"\n"), 4, read("said"))
+        self.assert_said("cannot write 'later/one': No such file or directory; trying",
+                         "'later/one' is written again", "udp://192.0.2.45:7145 is rec")
+
+
+class Monitor(ToolTest):
+    def tearDown(self):
+        pathlib.Path(TABLE).unlink(missing_ok=True)
+
+    def test_a_running_sender_and_its_stream_are_shown_and_the_table_is_left_alone(self):
+        sender = self.start(f"'{TOOL}' send -l '{SAMPLE_PATH}' rtp://127.0.0.1:7045")
+        self.await_(lambda: len(read(TABLE)) == 17680)
+        file = os.stat(TABLE)
+
+        def status(prefix=""):
+            return json.loads(output(f"{prefix} ./qxvrtp status --json"))
+        os.symlink(TOOL, "qxvrtp")
+        self.await_(lambda: [c["bitrate_bps"] > 700_000 for c in status()["channels"]] == [True])
+        self.assertEqual(len(status()["hosts"]), 1)
+        self.assertIn('port="7045"} 100000\n', output("./qxvrtp status -p"))
+        self.assertNotIn("\033", output("./qxvrtp top -n 2 -i 0.1"))
+        self.assertEqual(file[:7] + file[8:], os.stat(TABLE)[:7] + os.stat(TABLE)[8:])
+        probe = json.loads(output(PRIVATE + " ./qxvrtp probe rtp://@127.0.0.1:7045 -d 1.5 --json"))
+        self.assertEqual(probe["programmes"][0]["name"], "Service01", probe)
+        # The host is alive also where one sees another root, and unknown where one does not see it.
+        run("mkdir root && mount --rbind / root")
+        self.addCleanup(run, "umount --lazy root")
+        self.assertTrue(status(f"chroot root env -C {os.getcwd()}")["alive"])
+        for prefix in "unshare --pid --fork --mount-proc", "setpriv --reuid 65534":
+            self.assertIsNone(status(prefix)["alive"], prefix)
+        self.assertEqual(self.end(sender, signal.SIGINT), 0)
+        self.assertEqual(status()["alive"], False)
+        os.unlink(TABLE)
+        self.assertIn("qxvrtp_table_present 0\n", output("./qxvrtp status -p"))
+
+    # What comes from the terminal, until that is the text or nobody uses the terminal any more.
+    def read_until(self, terminal, text):
+        seen = b""
+        while text not in seen:
+            self.assertTrue(select.select([terminal], [], [], 15)[0], seen)
+            try:
+                seen += os.read(terminal, 4096)
+            except OSError:
+                break
+        return seen
+
+    def test_top_shows_the_table_and_puts_the_terminal_back_whatever_ends_it(self):
+        write(TABLE, bytes(17680))
+        shown, back = b"\033[?1049h\033[?25l", b"\033[?25h\033[?1049l"
+        for number in 0, signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM:
+            pid, terminal = pty.fork()
+            if pid == 0:
+                os.execl("/bin/sh", "sh", "-c", f"stty rows 10 cols 80; exec '{TOOL}' top -a")
+            seen = self.read_until(terminal, b"\r\nsend     5 raw  idle ")
+            self.assertTrue(seen.startswith(shown), seen)
+            self.assertIn(b"hosts: none alive", seen)
+            os.write(terminal, b"q") if number == 0 else os.kill(pid, number)
+            self.assertTrue(self.read_until(terminal, back).endswith(back), number)
+            self.assertEqual(os.waitpid(pid, 0)[1], 0, number)
+            os.close(terminal)
+
+    def test_probe_counts_short_datagrams_and_ends_in_time_whatever_comes(self):
+        def probe(options):
+            tool = self.tool(f"probe udp://127.0.0.1:7042 -j {options} > probe")
+            self.await_(lambda: is_bound(7042))
+            return tool
+        self.assertEqual(probe("-d 1").wait(40), 1)
+        self.assertEqual(json.loads(read("probe"))["bytes"], 0, "an object all the same")
+        some = probe("-d 600")
+        sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(sender.close)
+        for i in range(112):
+            sender.sendto(services(i), ("127.0.0.1", 7042))
+        time.sleep(0.2)  # nothing tells that it has counted them
+        self.assertEqual(self.end(some), 0)
+        self.assertEqual(json.loads(read("probe"))["datagrams"], 112)
+        write("services", b"".join(map(services, range(112))))
+        flood = self.tool("send --loop -b 400M services udp://127.0.0.1:7042")
+        self.assertEqual(probe("-d 1").wait(40), 0)
+        self.assertEqual(json.loads(read("probe"))["section_errors"], 0)
+        self.assertEqual(self.end(flood), 0)
+
+
+unittest.main(argv=sys.argv[:1] + sys.argv[3:], warnings="ignore")
