@@ -51,7 +51,7 @@ struct ChannelInternals {
     // so a socket that is being opened is neither lost nor left to a channel that has ended.
     zaq::Mutex Lifecycle ZAQ_ACQUIRED_BEFORE(State);
     // Held for moments: for groups of stores to pointers and configuration that belong together,
-    // and by host threads and housekeeping while they use the timer.
+    // and by the transmit thread, host threads and housekeeping while they use the timer.
     zaq::Mutex State ZAQ_ACQUIRED_BEFORE(Intake);
     // Held by the intake for one datagram. Our own socket library makes one callback at a time and
     // none after the socket is destroyed, so that nobody ever waits here. Another library might let
@@ -65,6 +65,9 @@ struct ChannelInternals {
             user = user->Next;
         return user != nullptr;
     }
+
+    // Which schedule the timer follows: every new bitrate begins one.
+    uint32_t Schedule ZAQ_GUARDED_BY(State) = 0;
 
     // How often the host has cancelled the channel: a start that follows may clear Cancel before a
     // transfer that waits looks at it.

@@ -175,7 +175,8 @@ uint32_t QXV_RTP_SetBitrate(void* handle, uint32_t channel, uint32_t bitrate) {
         return 0;
     found.Record->Bitrate.store(bitrate, std::memory_order_relaxed);  // read at detection, if later
     // Refused, as it should be, while the block size is not known yet and for a bitrate of 0.
-    timer->TxInitialize(timer->GetBlockSize(), bitrate);
+    if (timer->TxInitialize(timer->GetBlockSize(), bitrate) != 0)
+        ++found.Internals->Schedule;
     return 1;
 }
 

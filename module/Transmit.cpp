@@ -50,10 +50,11 @@ class Transmitter {
         }
         if (Timer().GetBlockSize() == 0)
             StartPacing();
-        if (Timer().GetTxBlocks() == 0)
-            SleepToTick();
+        uint32_t header = 0;
+        if (IsDue(header))
+            SendDatagram(header);
         else
-            SendDatagram();
+            SleepToTick();
     }
 
     // Finds the packet size from the first bytes. A stream that fits both sizes is taken as 188.
@@ -78,10 +79,27 @@ class Transmitter {
                              m_Channel.Record->Bitrate.load(std::memory_order_relaxed));
     }
 
-    void SendDatagram() {
-        uint32_t header = 0;
+    // Is a datagram due? Then its RTP header is written, and `header` becomes its length.
+    bool IsDue(uint32_t& header) {
+        const zaq::MutexLock lock(m_Channel.Internals->State);
+        if (Timer().GetTxBlocks() == 0)
+            return false;
+        m_Schedule = m_Channel.Internals->Schedule;
         if (IsRtp())
             header = static_cast<uint32_t>(Timer().FillRTPHeader(m_Datagram));
+        return true;
+    }
+
+    // A datagram counts in the schedule in which it was due. In one that a SetBitrate has begun
+    // meanwhile it would be one more than is due, a number that wraps to nearly 2^32: this thread
+    // would never wait again.
+    void CountDatagram() {
+        const zaq::MutexLock lock(m_Channel.Internals->State);
+        if (m_Channel.Internals->Schedule == m_Schedule)
+            Timer().IncreaseBlocksTransfered();
+    }
+
+    void SendDatagram(uint32_t header) {
         Buffer().Read(m_Datagram + header, m_PayloadSize);
         ChannelCounters& counters = m_Channel.Internals->Counters;
         Add<uint64_t>(counters.NetworkBytes, m_PayloadSize);
@@ -93,7 +111,7 @@ class Transmitter {
         }
         void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);  // own thread's
         if (ZAQUDPSocket_SendAll(socket, m_Datagram, header + m_PayloadSize) != 0) {
-            Timer().IncreaseBlocksTransfered();
+            CountDatagram();
             Add<uint64_t>(counters.Datagrams, 1);
             Add<uint64_t>(counters.Bytes, m_PayloadSize);
         } else {
@@ -115,6 +133,7 @@ class Transmitter {
 
     const Channel m_Channel;
     uint32_t m_PayloadSize = kDetectionSize;
+    uint32_t m_Schedule = 0;                        // in which the present datagram was due
     unsigned char m_Datagram[kDetectionSize] = {};  // the sample, then each datagram
 };
 

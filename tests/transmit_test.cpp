@@ -204,10 +204,16 @@ TEST_F(TransmitTest, SetBitrateBeforeAndAfterDetection) {
     EXPECT_EQ(SentAfter_ms(10).size(), 3u);  // as before
     SetBitrate(2 * kRate_bps);
     EXPECT_EQ(SentAfter_ms(4).size(), 3u);  // the schedule begins anew
-    const auto sent = SentAfter_ms(6);
-    ASSERT_EQ(sent.size(), 5u);
+    EXPECT_EQ(SentAfter_ms(6).size(), 5u);
+    // While a datagram is being sent, which does not count in the new schedule.
+    Fake()->Stamp = [] { return QXV_RTP_SetBitrate(g_pContext, kChannel, kRate_bps); };
+    EXPECT_EQ(SentAfter_ms(5).size(), 6u);
+    EXPECT_EQ(SentAfter_ms(9).size(), 6u);
+    const auto sent = SentAfter_ms(1);
+    ASSERT_EQ(sent.size(), 7u);
     EXPECT_EQ(sent[3], Rtp(stream, 3, 0, 0));
     EXPECT_EQ(sent[4], Rtp(stream, 4, 1, 450));
+    EXPECT_EQ(sent[6], Rtp(stream, 6, 0, 0));
 }
 
 }  // namespace
