@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <sched.h>
 #include <sys/syscall.h>
 
@@ -16,9 +17,14 @@
 // In the C library's place: a host without privileges gets the buffer that a system grants by
 // default.
 static bool g_IsUnprivileged = false;
+static bool g_IsOld = false;  // Linux 4.18
 
 extern "C" int setsockopt(int socket, int level, int name, const void* value, socklen_t size) {
     constexpr int kDefaultMost = 212992;  // net.core.rmem_max
+    if (g_IsOld && ((level == IPPROTO_IPV6 && name == IPV6_MULTICAST_ALL) ||
+                    (level == SOL_UDP && name == UDP_GRO) ||
+                    (level == SOL_SOCKET && name == SO_BINDTOIFINDEX)))
+        return errno = ENOPROTOOPT, -1;
     if (g_IsUnprivileged && level == SOL_SOCKET && name == SO_RCVBUFFORCE)
         return errno = EPERM, -1;
     const void* const granted =
@@ -32,6 +38,14 @@ using Clock = std::chrono::steady_clock;
 
 double Milliseconds(Clock::duration duration) {
     return std::chrono::duration<double, std::milli>(duration).count();
+}
+
+TEST(Create, GoesWithoutWhatAnOldKernelDoesNotHave) {
+    g_IsOld = true;
+    const Receiver receiver("::1", "ff15::1");
+    g_IsOld = false;
+    EXPECT_EQ(Sender("::1", "ff15::1").Send("x"), 1u);
+    EXPECT_TRUE(receiver && Await([&] { return receiver.Count() == 1; }));
 }
 
 // What goes where no interface is named, in a network that has only loopback and one interface
