@@ -4,19 +4,21 @@
 #include <arpa/inet.h>
 
 #include <cstring>
+#include <string>
 
 #include "FakeSockets.h"
 #include "Fuzz.h"
 #include "Module.h"
 
-// 0 = no address; the socket library of the tests knows no zones.
-static int FamilyOf(const char (&field)[QXV_RTP_ADDRESS_SIZE], bool& group) {
+// 0 = no address; the socket library of the tests knows no zones, and any DSCP.
+static int FamilyOf(const char (&field)[QXV_RTP_ADDRESS_SIZE], bool remote, bool& group) {
     uint8_t bytes[16];
     if (memchr(field, 0, sizeof(field)) == nullptr)
         return 0;
-    const int family = inet_pton(AF_INET, field, bytes) == 1    ? AF_INET
-                       : inet_pton(AF_INET6, field, bytes) == 1 ? AF_INET6
-                                                                : 0;
+    const std::string host(field, remote ? strcspn(field, "?") : strlen(field));
+    const int family = inet_pton(AF_INET, host.c_str(), bytes) == 1    ? AF_INET
+                       : inet_pton(AF_INET6, host.c_str(), bytes) == 1 ? AF_INET6
+                                                                       : 0;
     group = family == AF_INET ? bytes[0] / 16 == 14 : bytes[0] == 255;
     return family;
 }
@@ -31,9 +33,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::ranges::copy(input.Bytes(sizeof(given)), reinterpret_cast<uint8_t*>(&given));
     bool localGroup = false;
     bool group = false;
-    const int family = FamilyOf(given.LocalAddress, localGroup);
+    const int family = FamilyOf(given.LocalAddress, false, localGroup);
     const bool good = family != 0 && !localGroup &&
-                      FamilyOf(given.RemoteAddress, group) == family &&
+                      FamilyOf(given.RemoteAddress, true, group) == family &&
                       group == (given.Multicast == 1);
     RtpChannelConfig expected = good ? given : record.Config;
     if (good && (direction % 2 == kSend || given.Multicast == 0))

@@ -24,7 +24,8 @@ uint32_t ParseAddress(const char (&field)[QXV_RTP_ADDRESS_SIZE], int32_t& multic
 uint32_t ValidFamily(const RtpChannelConfig& config) {
     int32_t multicast = 0;
     const uint32_t local = ParseAddress(config.LocalAddress, multicast);
-    if (local == 0 || multicast != 0)
+    // The parser accepts the DSCP that a remote address may have, but no socket opens with it here.
+    if (local == 0 || multicast != 0 || strchr(config.LocalAddress, '?') != nullptr)
         return 0;
     const uint32_t remote = ParseAddress(config.RemoteAddress, multicast);
     if (remote != local)

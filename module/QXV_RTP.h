@@ -134,8 +134,9 @@ QXV_RTP_API uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_
  * Stores a configuration. A channel that is started gets a new socket: a send channel within a few
  * milliseconds, a receive channel within a second. Does not block.
  *
- * Refused, with nothing changed: a text that is no address or has no NUL, a multicast LocalAddress,
- * a Multicast byte that disagrees with RemoteAddress, addresses of different families.
+ * Refused, with nothing changed: a text that is no address or has no NUL, a LocalAddress that is
+ * multicast or has a source or a DSCP, a Multicast byte that disagrees with RemoteAddress, and
+ * addresses of different families.
  * @param[in]     handle     of QXV_RTP_Create()
  * @param[in]     direction  QXV_RTP_SEND or QXV_RTP_RECEIVE
  * @param[in]     channel    0 to 15
@@ -175,7 +176,8 @@ QXV_RTP_API uint32_t QXV_RTP_Send(void* handle, uint32_t channel, const uint8_t*
 /**
  * Ends the channel and frees what it holds; bytes not yet sent are dropped. Blocks until the
  * channel's thread has ended: a few milliseconds, and at most about a second while its socket can
- * not be opened. On a channel that is not started it returns 1.
+ * not be opened or the system's send queue stays full. On a channel that is not started it returns
+ * 1.
  */
 QXV_RTP_API uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel);
 

@@ -95,10 +95,11 @@ uint32_t ZAQUDPSocket_SendAll(void* handle, const unsigned char* data, uint32_t 
 uint32_t ZAQSocketsExtractIPAddress(const char* address, unsigned char* /*bytes*/,
                                     uint32_t* /*byteCount*/, uint32_t* /*zone*/,
                                     int32_t* multicast) {
-    Fake()->Misuses += strlen(address) >= 256;  // read over the end of its field
+    Fake()->Misuses += strlen(address) >= 256;               // read over the end of its field
+    const std::string host(address, strcspn(address, "?"));  // without a DSCP
     unsigned char bytes[16];
     for (const int family : {AF_INET, AF_INET6}) {
-        if (inet_pton(family, address, bytes) == 1) {
+        if (inet_pton(family, host.c_str(), bytes) == 1) {
             *multicast = family == AF_INET ? bytes[0] >> 4 == 0xE : bytes[0] == 0xFF;
             return static_cast<uint32_t>(family);
         }
