@@ -109,6 +109,7 @@ TEST(Stall, OfAHostsPageDoesNotHoldUpExit) {
                       const std::vector<uint8_t> data(2 * 1316, 0x47);
                       EXPECT_EQ(QXV(*module, Send)(module->Handle, 0, data.data(), 2 * 1316), 1u);
                       static const auto* const transfer = new StalledTransfer(*module, direction);
+                      usleep(1200000);  // housekeeping comes by once a second
                       return session != nullptr && transfer != nullptr ? 7 : 0;
                   })),
                   7);
