@@ -364,9 +364,12 @@ TEST(ConstantRate, LiveStreamKeepsItsRateThroughJitterDriftAndPauses) {
 }
 
 TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
-    TestStream constant, steps;
+    TestStream constant, spliced, steps;
     for (int64_t i = 0; i < 300; ++i) {
+        constant.Offset = kWrap - 5 * kSecond + i % 2 * 100'000;  // wraps, with noise
+        spliced.Offset = i < 150 ? 900 * kSecond : 0;
         constant.Interval(40);
+        spliced.Interval(40);
         steps.Interval(i / 50 % 2 == 0 ? 13 : 213);
     }
     const struct {
@@ -374,11 +377,11 @@ TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
         std::optional<uint32_t> given_bps;
         bool keepsRate, varies;
         Clock27 tolerance;
-    } cases[] = {{constant, {}, false, false, kSecond / 500},
-                 {constant, {}, true, false, kSecond / 500},
-                 {constant, 4'000'000, true, false, 0},
-                 {steps, {}, false, false, kSecond * 3 / 10},
-                 {steps, {}, true, true, kSecond * 4 / 10}};
+    } cases[] = {
+        {constant, {}, false, false, kSecond / 200}, {constant, {}, true, false, kSecond / 200},
+        {spliced, {}, false, false, kSecond / 500},  {spliced, {}, true, false, kSecond / 500},
+        {constant, 4'000'000, true, false, 0},       {steps, {}, false, false, kSecond * 3 / 10},
+        {steps, {}, true, true, kSecond * 4 / 10}};
     for (const auto& [stream, given_bps, keepsRate, varies, tolerance] : cases) {
         ts::OwnPace shaper(188, given_bps, keepsRate);
         const Outcome outcome = play(shaper, stream);

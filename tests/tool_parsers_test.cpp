@@ -8,7 +8,6 @@
 
 #include "PacketSieve.h"
 #include "ProcessSupport.h"
-#include "RateFollower.h"
 #include "StreamSupport.h"
 #include "TransportStream.h"
 #include "base/Errors.h"
@@ -207,44 +206,6 @@ TEST(ToolPcr, RateIsThatOfTheClockWhateverBreaksIt) {
         }
     }
     EXPECT_EQ(PcrBitrate(188).bitrate(), std::nullopt);
-}
-
-// 8 seconds, a PCR every 20 packets; the rate, the clock and its PID change half way.
-TEST(ToolRateFollower, TellsNewRatesAndNoneForNoiseAndSplices) {
-    constexpr uint64_t kEnd = (uint64_t{1} << 33) * 300;
-    const struct {
-        const char* what;
-        uint32_t first, second;  // rates
-        uint64_t start, jump;
-        uint16_t secondPid;
-        uint64_t noise;  // ticks
-    } cases[] = {{"noise, wraps", 3'000'000, 3'000'000, kEnd - 27'000'000, 0, 0x100, 100'000},
-                 {"jumps back", 3'000'000, 3'000'000, 900'000'000, kEnd - 800'000'000, 0x100, 0},
-                 {"slower", 5'000'000, 2'000'000, 0, 0, 0x100, 0},
-                 {"faster, spliced", 2'000'000, 5'000'000, 7, 900'000'000, 0x300, 0}};
-    for (const auto& c : cases) {
-        RateFollower follower(188);
-        std::vector<uint32_t> told;
-        double time = 0;
-        for (uint64_t i = 0; time < 8.0; ++i) {
-            const bool second = time >= 4.0;
-            PacketFields fields;
-            if (i % 20 == 0) {
-                fields.pid = second ? c.secondPid : fields.pid;
-                const auto pcr = static_cast<uint64_t>(time * 27e6) + i / 20 % 2 * c.noise;
-                fields.pcr = (c.start + (second ? c.jump : 0) + pcr) % kEnd;
-            }
-            follower.add(BytesOf(Packet(fields)).data());
-            if (const auto rate = follower.change())
-                told.push_back(*rate);
-            time += 1504.0 / (second ? c.second : c.first);
-        }
-        ASSERT_FALSE(told.empty()) << c.what;
-        EXPECT_LE(told.size(), c.first == c.second ? 1 : 3) << c.what;  // also that of the step
-        EXPECT_NEAR(told.front(), c.first, c.first * 0.005) << c.what;
-        EXPECT_NEAR(told.back(), c.second, c.second * 0.005) << c.what;
-        EXPECT_NEAR(std::chrono::duration<double>(follower.point().time).count(), 7.5, 0.5);
-    }
 }
 
 TEST(ToolContinuity, CountsJumpsOnly) {
