@@ -218,10 +218,10 @@ TEST(ConstantRate, PcrsAreExactAndNothingIsLateOrLostWhateverTheClocksDo) {
     }
 }
 
-TEST(ConstantRate, StaysExactForDaysAndThroughWraps) {
+TEST(ConstantRate, StaysExactForADayAndThroughWraps) {
     TestStream stream{.Offset = kWrap - 3600 * kSecond};
     ConstantRate shaper(188, InputKind::kFile, {.rate_bps = 40'009});
-    for (int64_t i = 0; i < 72 * 3600 * 10; ++i)
+    for (int64_t i = 0; i < 30 * 3600 * 10; ++i)
         stream.Interval(3 - i % 3, kSecond / 10);
     expectConstantRate(play(shaper, stream), stream, 40'009);
 }
@@ -364,11 +364,12 @@ TEST(ConstantRate, LiveStreamKeepsItsRateThroughJitterDriftAndPauses) {
 }
 
 TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
-    TestStream constant, spliced, steps;
+    TestStream constant{.Offset = kWrap - 5 * kSecond}, noisy, spliced, steps;
     for (int64_t i = 0; i < 300; ++i) {
-        constant.Offset = kWrap - 5 * kSecond + i % 2 * 100'000;  // wraps, with noise
+        noisy.Offset = i % 2 * 100'000;
         spliced.Offset = i < 150 ? 900 * kSecond : 0;
         constant.Interval(40);
+        noisy.Interval(40);
         spliced.Interval(40);
         steps.Interval(i / 50 % 2 == 0 ? 13 : 213);
     }
@@ -378,10 +379,10 @@ TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
         bool keepsRate, varies;
         Clock27 tolerance;
     } cases[] = {
-        {constant, {}, false, false, kSecond / 200}, {constant, {}, true, false, kSecond / 200},
-        {spliced, {}, false, false, kSecond / 500},  {spliced, {}, true, false, kSecond / 500},
-        {constant, 4'000'000, true, false, 0},       {steps, {}, false, false, kSecond * 3 / 10},
-        {steps, {}, true, true, kSecond * 4 / 10}};
+        {constant, {}, false, false, kSecond / 500}, {constant, {}, true, false, kSecond / 500},
+        {noisy, {}, true, false, kSecond / 20},      {spliced, {}, false, false, kSecond / 500},
+        {spliced, {}, true, false, kSecond / 500},   {constant, 4'000'000, true, false, 0},
+        {steps, {}, false, false, kSecond * 3 / 10}, {steps, {}, true, true, kSecond * 4 / 10}};
     for (const auto& [stream, given_bps, keepsRate, varies, tolerance] : cases) {
         ts::OwnPace shaper(188, given_bps, keepsRate);
         const Outcome outcome = play(shaper, stream);
