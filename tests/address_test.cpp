@@ -1,17 +1,13 @@
 // What is taken for an address.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <cstring>
-#include <string>
 
 #include "ProcessSupport.h"
 #include "ZAQSockets.h"
 
 namespace {
 
-// What is written, and what it means.
 // Longer than any address, and right if they were cut; or with what no line of a file can hold.
 const std::string kMoreThatAreNone[] = {"1.2.3.4\n",
                                         "\t1.2.3.4",

@@ -1,9 +1,7 @@
 // All exported functions at once.
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <random>
-#include <thread>
 
 #include "ModuleLibrary.h"
 

@@ -1,6 +1,5 @@
 // Whatever the system refuses once: the session goes on or is refused cleanly, nothing is left
 // behind, and the next one works.
-#include <gtest/gtest.h>
 #include <sched.h>
 
 #include <algorithm>

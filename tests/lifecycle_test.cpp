@@ -203,6 +203,35 @@ TEST_F(LifecycleTest, AnEndWaitsForTheSocketThatIsBeingMade) {
     EXPECT_TRUE(IsEmpty(Row(kReceive, kChannel)) && Fake()->Open.empty());
 }
 
+// An end frees the objects only when a callback that works on them has returned.
+TEST_F(LifecycleTest, AnEndWaitsForTheCallbackBeforeItFrees) {
+    OpenReceiver(kChannel);
+    static std::atomic<bool> inside, mayReturn, freed;
+    inside = mayReturn = freed = false;
+    struct Slow : CZAQStreamTimer {
+        ~Slow() override { freed = true; }
+        uint32_t GetBlockSize() override {
+            inside = true;
+            return Until([] { return mayReturn.load(); }) ? 188 : 0;
+        }
+    };
+    const std::unique_ptr<CZAQStreamTimer> old(Row(kReceive, kChannel).Timer.exchange(new Slow));
+    std::thread callback(
+        [&] { EXPECT_TRUE(Fake::Deliver(&Record(kReceive, kChannel), Stream(1, 188))); });
+    EXPECT_TRUE(Until([] { return inside.load(); }));
+    auto end = std::async(std::launch::async, [&] { return End(kReceive); });
+    EXPECT_EQ(end.wait_for(50ms), std::future_status::timeout);
+    // Now all locks of the channel are held, and its statistics are had all the same.
+    QXV_RTP_Statistics now{};
+    now.Size = sizeof(now);
+    EXPECT_EQ(QXV_RTP_GetStatistics(Handle, kReceive, kChannel, &now), 1u);
+    EXPECT_FALSE(freed);
+    mayReturn = true;
+    callback.join();
+    EXPECT_EQ(end.get(), 1u);
+    EXPECT_TRUE(freed);
+}
+
 TEST_F(LifecycleTest, CompletionIsTestedBeforeCancel) {
     struct Cancelling : CZAQSimpleBuffer {
         explicit Cancelling(RtpChannelContextExt& row) : CZAQSimpleBuffer(101), OwnRow(row) {}

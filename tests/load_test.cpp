@@ -1,7 +1,6 @@
 // Loading and unloading the module, and processes that fork and end while it is at work.
 #include <fcntl.h>
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>

@@ -1,6 +1,5 @@
 // Receive sockets: who gets which datagram, and what is left when they are gone.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/udp.h>
 
 #include <algorithm>
@@ -9,8 +8,6 @@
 #include <barrier>
 #include <cstring>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "SocketSupport.h"
 

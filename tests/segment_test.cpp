@@ -1,16 +1,12 @@
 // The file-backed segment.
 #include "ZAQShareMemory.h"
 
-#include <gtest/gtest.h>
 #include <sys/fsuid.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
 #include <csignal>
-#include <fstream>
-#include <string>
 
 #include "ProcessSupport.h"
 

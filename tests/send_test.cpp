@@ -1,6 +1,4 @@
 // Send sockets: what leaves, from where, and what does not stop them.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <linux/if_ether.h>
 #include <sys/time.h>
 

@@ -364,7 +364,7 @@ TEST(ConstantRate, LiveStreamKeepsItsRateThroughJitterDriftAndPauses) {
 }
 
 TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
-    TestStream constant{.Offset = kWrap - 5 * kSecond}, noisy, spliced, steps;
+    TestStream constant{.Offset = kWrap - 5 * kSecond}, noisy, spliced, steps, jumps;
     for (int64_t i = 0; i < 300; ++i) {
         noisy.Offset = i % 2 * 100'000;
         spliced.Offset = i < 150 ? 900 * kSecond : 0;
@@ -372,6 +372,7 @@ TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
         noisy.Interval(40);
         spliced.Interval(40);
         steps.Interval(i / 50 % 2 == 0 ? 13 : 213);
+        jumps.Interval(i / 5 % 2 == 0 ? 13 : 213);  // within what is measured first
     }
     const struct {
         const TestStream& stream;
@@ -382,7 +383,8 @@ TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
         {constant, {}, false, false, kSecond / 500}, {constant, {}, true, false, kSecond / 500},
         {noisy, {}, true, false, kSecond / 20},      {spliced, {}, false, false, kSecond / 500},
         {spliced, {}, true, false, kSecond / 500},   {constant, 4'000'000, true, false, 0},
-        {steps, {}, false, false, kSecond * 3 / 10}, {steps, {}, true, true, kSecond * 4 / 10}};
+        {steps, {}, false, false, kSecond * 3 / 10}, {steps, {}, true, true, kSecond * 4 / 10},
+        {jumps, {}, true, true, kSecond / 10}};
     for (const auto& [stream, given_bps, keepsRate, varies, tolerance] : cases) {
         ts::OwnPace shaper(188, given_bps, keepsRate);
         const Outcome outcome = play(shaper, stream);

@@ -1,6 +1,5 @@
 // The shared table as other processes see it, by its bytes, load and unload, and the handle.
 #include <cstdio>
-#include <fstream>
 
 #include "ModuleFixture.h"
 #include "ProcessSupport.h"

@@ -2,11 +2,8 @@
 #include "ZAQThread.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <optional>
-#include <string>
 
 #include "ProcessSupport.h"
 #include "TestClock.h"

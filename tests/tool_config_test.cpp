@@ -1,5 +1,4 @@
 // Configuration files of services.
-#include <gtest/gtest.h>
 
 #include "ProcessSupport.h"
 #include "config/ConfigFile.h"

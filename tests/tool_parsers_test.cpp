@@ -1,10 +1,8 @@
 // What the tool reads from the command line and from streams.
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
 #include <array>
-#include <optional>
 
 #include "PacketSieve.h"
 #include "ProcessSupport.h"

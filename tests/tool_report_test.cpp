@@ -1,6 +1,5 @@
 // What the tool prints about tables, hosts and streams, made from data in which no two numbers are
 // the same.
-#include <gtest/gtest.h>
 
 #include <cstring>
 #include <nlohmann/json.hpp>

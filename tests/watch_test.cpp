@@ -1,6 +1,5 @@
 // The care of group memberships, where it could disturb others.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/udp.h>
 #include <sched.h>
@@ -10,7 +9,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <thread>
 
 #include "SocketSupport.h"
 
