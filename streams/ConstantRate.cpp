@@ -21,6 +21,7 @@ constexpr Ticks kMeasureGiven = kTicksPerSecond / 4;
 constexpr size_t kEnoughIntervals = 4;
 constexpr size_t kMostMeasured = 65'536;  // packets
 constexpr double kSameRate = 20e-6;
+constexpr uint32_t kAnyRate = 1'000'000;
 
 constexpr Ticks kMostLate = 2 * kTicksPerSecond;
 
@@ -109,6 +110,10 @@ void ConstantRate::decide(Time now) {
                 least.add(times_.time(i));
         }
         rate_ = roundUpRate(std::max<double>(least.find(delay_), least.mean(times_.knownTo())));
+    } else if (kind_ == InputKind::kLive) {
+        // Too little came for a rate, and nothing follows.
+        rate_ = kAnyRate;
+        untouched_ = true;
     } else {
         failed_ = true;
         return;
@@ -313,6 +318,7 @@ ShaperStatus ConstantRate::status() const {
     status.rate_bps = rate_.value_or(0);
     status.rateNeeded_bps = needed_bps_;
     status.delay = TimedPackets::toDuration(meanWait_);
+    status.breaks = times_.cuts();
     status.nullPackets = nulls_;
     status.dropped = dropped_;
     status.untouched = untouched_;

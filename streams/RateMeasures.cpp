@@ -119,18 +119,4 @@ uint32_t roundUpRate(double rate_bps) {
         std::clamp(std::ceil(rate_bps / unit) * unit, 1.0, double{UINT32_MAX}));
 }
 
-SlotClock::SlotClock(size_t packetSize, uint32_t rate_bps)
-    : rate_(rate_bps),
-      whole_(static_cast<Ticks>(packetSize * 8 * kPcrHz / rate_bps)),
-      rest_(packetSize * 8 * kPcrHz % rate_bps) {}
-
-void SlotClock::advance() {
-    time_ += whole_;
-    fraction_ += rest_;
-    if (fraction_ >= rate_) {
-        fraction_ -= rate_;
-        ++time_;
-    }
-}
-
 }  // namespace ts

@@ -77,24 +77,6 @@ class LeastRate {
 // The next number of two significant digits.
 uint32_t roundUpRate(double rate_bps);
 
-// Moments at which packets follow each other at a rate, exact for ever.
-class SlotClock {
-  public:
-    SlotClock(size_t packetSize, uint32_t rate_bps);
-
-    void begin(Ticks time) { time_ = time, fraction_ = 0; }
-    void advance();
-    Ticks time() const { return time_; }
-    Ticks length() const { return whole_; }  // of a packet, rounded down
-
-  private:
-    uint64_t rate_;
-    Ticks whole_;
-    uint64_t rest_;  // in 1/rate of a tick
-    Ticks time_ = 0;
-    uint64_t fraction_ = 0;
-};
-
 }  // namespace ts
 
 #endif

@@ -31,11 +31,33 @@ Ticks share(Ticks whole, uint64_t part, uint64_t parts) {
 
 }  // namespace
 
-TimedPackets::TimedPackets(size_t packetSize, InputKind kind, Time latency)
+SlotClock::SlotClock(size_t packetSize, uint32_t rate_bps)
+    : rate_(rate_bps),
+      whole_(static_cast<Ticks>(packetSize * 8 * kPcrHz / rate_bps)),
+      rest_(packetSize * 8 * kPcrHz % rate_bps) {}
+
+void SlotClock::advance() {
+    time_ += whole_;
+    fraction_ += rest_;
+    if (fraction_ >= rate_) {
+        fraction_ -= rate_;
+        ++time_;
+    }
+}
+
+TimedPackets::TimedPackets(size_t packetSize, InputKind kind, Time latency,
+                           std::optional<uint32_t> rate_bps)
     : packetSize_(packetSize),
       kind_(kind),
       latency_(latency.count() * 27 / 1000),
-      hasOffset_(kind == InputKind::kFile) {}
+      hasOffset_(kind == InputKind::kFile) {
+    if (!rate_bps)
+        return;
+    given_.emplace(packetSize, *rate_bps);
+    given_->begin(0);
+    assumeRate(*rate_bps);
+    noteRate(static_cast<double>(*rate_bps), static_cast<double>(packetSize * 8));
+}
 
 Ticks TimedPackets::toTicks(Time time) const {
     const int64_t ns = (time - origin_ - lag_).count();
@@ -57,14 +79,20 @@ void TimedPackets::push(const uint8_t* packet, Time arrival) {
         lag_ += std::max(arrival - toTime(*starved_), Time(0));
     starved_.reset();
     const Ticks now = toTicks(arrival);
-    if (const auto pcr = readPcr(packet))
+    const auto pcr = given_ ? std::nullopt : readPcr(packet);
+    if (pcr)
         follow(*pcr, now);
-    if (kind_ == InputKind::kLive && !isClocked(now))
+    if (!given_ && kind_ == InputKind::kLive && !isClocked(now))
         measureArrival(now);
     Packet& added = packets_.emplace_back();
     std::copy_n(packet, packetSize_, added.bytes.begin());
     added.arrival = now;
     ++sinceClock_;
+    if (given_) {
+        given_->advance();
+        spread(given_->time());
+        observation_ = {next_, now};
+    }
     if (kind_ == InputKind::kFile && untimed() > kMostUntimed && ratePackets_ != 0)
         spread(next_ + guess(untimed()));
 }
@@ -215,7 +243,8 @@ void TimedPackets::settle(Time time) {
         clock_.reset();
         return;
     }
-    if (untimed() > 0 && everTimed_ && now - packets_[timed_].arrival > kPcrPatience)
+    if (untimed() > 0 && everTimed_ && knownTo() <= now &&
+        now - packets_[timed_].arrival > kPcrPatience)
         spread(next_ + guess(untimed()));
     if (observation_)
         steer();

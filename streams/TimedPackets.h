@@ -17,6 +17,24 @@ namespace ts {
 using Ticks = int64_t;
 inline constexpr Ticks kTicksPerSecond = kPcrHz;
 
+// Moments at which packets follow each other at a rate, exact for ever.
+class SlotClock {
+  public:
+    SlotClock(size_t packetSize, uint32_t rate_bps);
+
+    void begin(Ticks time) { time_ = time, fraction_ = 0; }
+    void advance();
+    Ticks time() const { return time_; }
+    Ticks length() const { return whole_; }  // of a packet, rounded down
+
+  private:
+    uint64_t rate_;
+    Ticks whole_;
+    uint64_t rest_;  // in 1/rate of a tick
+    Ticks time_ = 0;
+    uint64_t fraction_ = 0;
+};
+
 // Each packet has its own time by the stream's PCRs: within an interval between two PCRs, packets
 // are spread evenly. Of several PIDs with PCRs one is followed, until it falls silent. Where a
 // clock ends and another begins, time goes on at the last rate.
@@ -27,10 +45,12 @@ inline constexpr Ticks kTicksPerSecond = kPcrHz;
 // its PCRs jump, it sends faster than its PCRs) begins a new offset at once, which is a cut.
 //
 // Without PCRs, live packets are due `latency` after each came, and those of a file follow each
-// other at the rate that was given. One thread uses an object.
+// other at the rate that was assumed. Where a rate is given, all packets follow each other at that
+// rate, whatever their PCRs. One thread uses an object.
 class TimedPackets {
   public:
-    TimedPackets(size_t packetSize, InputKind kind, Time latency);
+    TimedPackets(size_t packetSize, InputKind kind, Time latency,
+                 std::optional<uint32_t> rate_bps = std::nullopt);
 
     void push(const uint8_t* packet, Time arrival);
 
@@ -103,6 +123,7 @@ class TimedPackets {
     const size_t packetSize_;
     const InputKind kind_;
     Ticks latency_;
+    std::optional<SlotClock> given_;
     std::deque<Packet> packets_;
     size_t timed_ = 0;
     bool everTimed_ = false;

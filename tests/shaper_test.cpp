@@ -8,6 +8,7 @@
 
 #include "ConstantRate.h"
 #include "OwnPace.h"
+#include "Pacer.h"
 #include "StreamSupport.h"
 
 namespace {
@@ -412,6 +413,31 @@ TEST(OwnPace, AStreamWhosePcrsEndGoesOnAtItsRate) {
     ts::OwnPace shaper(188, std::nullopt, false);
     const std::vector<ts::Time> times = play(shaper, stream).Times;
     EXPECT_NEAR(static_cast<double>((times.back() - times[0]).count()), 20e9, 5e7);
+}
+
+TEST(Pacer, KeepsAGivenRateAndTheDelayOfALiveSourceWhateverItsClock) {
+    TestStream even, varying;
+    for (size_t i = 0; i < 10'000; ++i)  // seven minutes, in which the clocks part by 120 ms
+        even.Interval(40);
+    varying.Pictures(10'000);
+    const uint32_t own = 188 * 8 * 1000;
+    ts::Pacer file(188, InputKind::kFile, {.rate_bps = own / 3 + 7});
+    play(file, even).ExpectTimes(own / 3 + 7);
+    for (const auto& rate : {std::optional<uint32_t>(), std::optional(own)}) {
+        TestStream& stream = rate ? even : varying;
+        for (const int64_t drift_ppm : {300, -300}) {
+            stream.Arrival = [&](Clock27 due) { return jitter(due + due / 1'000'000 * drift_ppm); };
+            ts::Pacer pacer(188, InputKind::kLive, {.rate_bps = rate});
+            const Outcome outcome = play(pacer, stream);
+            EXPECT_TRUE(outcome.BeginsWith(stream));
+            EXPECT_NEAR(*pacer.rate(), own, rate ? 0 : own / 10);
+            EXPECT_EQ(pacer.status().breaks, 0u);
+            for (size_t i = 1000; i < outcome.Times.size(); ++i) {
+                const ts::Time came = toTime(stream.Arrival(outcome.Packets[i * 7].From.Due));
+                ASSERT_NEAR((outcome.Times[i] - kEpoch - came).count() * 1e-6, 200.0, 60.0) << i;
+            }
+        }
+    }
 }
 
 }  // namespace

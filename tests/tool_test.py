@@ -221,7 +221,7 @@ class Send(ToolTest):
             self.assertEqual([process.wait(40) for process in (sender, *receivers)], [1, 0, 0])
             self.assertTrue(read("7005").startswith(whole))
             self.assertTrue(read("7005") == read("7006"))
-            self.assert_said("/none", "in 6 places", "1 of 3")
+            self.assert_said("/none", "(6 gaps)", "1 of 3")
 
     def test_start_and_duration_are_kept_in_the_streams_time_and_through_a_loop(self):
         def sent(options):
@@ -399,6 +399,69 @@ class Receive(ToolTest):
         self.assertEqual(read("said").count(b"\n"), 4, read("said"))
         self.assert_said("cannot write 'later/one': No such file or directory; trying",
                          "'later/one' is written again", "udp://192.0.2.45:7145 is rec")
+
+
+class Relay(ToolTest):
+    def test_all_outputs_get_all_through_pauses_and_changes_of_mode_and_packet_size(self):
+        packets = [SAMPLE[at:at + 188] for at in range(0, len(SAMPLE), 188)]
+        write("parity", b"".join(packet.ljust(204, b"\1") for packet in packets))
+        whole = SAMPLE + SAMPLE + read("parity")
+        outputs = {7112: "udp://127.0.0.1:7112", 7114: "rtp://[::1]:7114",
+                   7116: "rtp://239.1.1.1:7116"}
+        receivers = [self.receive(port, f"'{url}' - -n {len(whole)} > {port}")
+                     for port, url in outputs.items()]
+        urls = " ".join(f"'{url}'" for url in outputs.values())
+        relay = self.tool("relay udp://127.0.0.1:7110 " + urls)
+        self.await_(lambda: is_bound(7110))
+        sent = 0
+        for file, scheme in (SAMPLE_PATH, "udp"), (SAMPLE_PATH, "rtp"), ("parity", "rtp"):
+            self.send(f"'{file}' {scheme}://127.0.0.1:7110")
+            sent += len(SAMPLE)
+            for port in outputs:
+                self.await_size(str(port), sent)
+            time.sleep(0.6)  # a pause, longer than what the relay takes for one
+        self.assertEqual([receiver.wait(40) for receiver in receivers], [0, 0, 0])
+        for port in outputs:
+            self.assertTrue(read(str(port)) == whole, port)
+        self.assertEqual(self.end(relay), 0)
+
+    # What is sent to the group on one interface must not come in from the other one again.
+    def test_a_group_goes_from_one_interface_to_another(self):
+        self.link("198.51.100.1")
+        group = "'udp://239.1.1.9:7118?localaddr="
+        relay = self.tool(f"relay {group}127.0.0.1' {group}198.51.100.1'")
+        receiver = self.tool(f"receive {group}198.51.100.1' - -n 354004 > group")
+        for name in "lo", "v0":
+            self.await_(lambda: "239.1.1.9" in output(f"ip maddr show {name}"))
+        self.send(f"'{SAMPLE_PATH}' {group}127.0.0.1'")
+        self.assertEqual((receiver.wait(40), self.end(relay)), (0, 0))
+        self.assertTrue(read("group") == SAMPLE)
+
+    def test_outages_are_survived_and_told_and_the_rate_is_kept(self):
+        source, group = "udp://127.0.0.1:7120", "udp://239.1.1.9:7124?localaddr=198.51.100.1"
+        relay = self.tool(f"relay {source} udp://127.0.0.1:7122 '{group}' --cbr 1.6M "
+                          "--patience 10 2> said")
+        self.await_(lambda: is_bound(7120))
+        receiver = self.receive(7122, "udp://127.0.0.1:7122 - -n 1M > half")
+        sender = self.tool(f"send '{SAMPLE_PATH}' {source} --loop")
+        self.await_(lambda: b"198.51.100.1 an address of this machine? Trying on" in read("said"))
+        self.link("198.51.100.1")
+        self.await_(lambda: f"sending to {group} goes on after".encode() in read("said"))
+        self.assertEqual(receiver.wait(40), 0)
+        nulls = sum(read("half")[at:at + 3] == NULL_PACKET[:3] for at in range(0, 10**6, 188))
+        self.assertAlmostEqual(nulls * 188, 500e3, delta=50e3)
+        self.end(sender)
+        self.await_(lambda: f"nothing comes from {source} any more".encode() in read("said"))
+        self.send(f"'{SAMPLE_PATH}' {source} -b 20M")
+        self.await_(lambda: f"{source} comes again after".encode() in read("said"))
+        self.assertEqual(self.end(relay), 0)
+        run("ip link del v0")
+        self.assertEqual(self.tool(f"relay {source} '{group}' --patience 0.5 2> said").wait(40), 1)
+
+    def link(self, address):
+        run("ip link add v0 type veth peer name v1 && ip link set v1 up && "
+            f"ip addr add {address}/24 dev v0 && ip link set v0 up")
+        self.addCleanup(subprocess.run, "ip link del v0 2> /dev/null", shell=True)
 
 
 class Monitor(ToolTest):

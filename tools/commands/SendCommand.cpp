@@ -2,125 +2,20 @@
 
 #include <fmt/format.h>
 
-#include <exception>
 #include <memory>
 #include <optional>
 
 #include "base/Errors.h"
-#include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
 #include "commands/ConfigCommand.h"
+#include "commands/Session.h"
+#include "commands/ShapingOptions.h"
 #include "config/ConfigFile.h"
 #include "config/ConfigRules.h"
-#include "engine/Runner.h"
 #include "engine/SendChain.h"
-#include "terminal/Progress.h"
 
 namespace {
-
-std::string message(const std::exception_ptr& failure) {
-    try {
-        std::rethrow_exception(failure);
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-}
-
-std::string shortName(const SendChain& chain) {
-    return fmt::format("{} -> {}", chain.job().input, chain.job().url);
-}
-
-// All streams of a command.
-class Sending {
-  public:
-    Sending(const std::vector<SendJob>& jobs, std::optional<std::chrono::milliseconds> patience)
-        : runner_(stop_) {
-        for (const SendJob& job : jobs) {
-            chains_.push_back(std::make_unique<SendChain>(
-                job, static_cast<uint32_t>(chains_.size()), module_, patience));
-            runner_.add(*chains_.back());
-        }
-        told_.resize(jobs.size());
-    }
-    Sending(const Sending&) = delete;
-    Sending& operator=(const Sending&) = delete;
-    ~Sending() {
-        for (const auto& chain : chains_)
-            chain->cancel();
-    }
-
-    void run() {
-        runner_.run([this] { attend(); });
-        attend();
-        conclude();
-    }
-
-  private:
-    // Says at once what has happened.
-    void attend() {
-        for (size_t i = 0; i < chains_.size(); ++i) {
-            for (const std::string& event : chains_[i]->takeEvents())
-                progress_.warn(event);
-            if (!runner_.failure(i) || told_[i])
-                continue;
-            told_[i] = true;
-            chains_[i]->cancel();
-            if (chains_.size() > 1)
-                warn(i, message(runner_.failure(i)));
-        }
-        if (!progress_.due())
-            return;
-        std::vector<std::string> lines;
-        for (size_t i = 0; i < chains_.size(); ++i) {
-            SendChain& chain = *chains_[i];
-            const std::string state = runner_.failure(i) ? "failed"
-                                      : runner_.ended(i) ? chain.summary()
-                                                         : chain.describe(Runner::Clock::now());
-            lines.push_back(chains_.size() == 1 ? state
-                                                : fmt::format("{}  {}", shortName(chain), state));
-        }
-        progress_.show(lines);
-    }
-
-    void warn(size_t i, const std::string& text) {
-        progress_.warn(fmt::format("{}: {}", shortName(*chains_[i]), text));
-    }
-
-    // A loop has no other end than a signal, unless it was given one.
-    std::exception_ptr failure(size_t i) const {
-        if (runner_.ended(i) || chains_[i]->job().loop)
-            return runner_.failure(i);
-        return std::make_exception_ptr(Failure(fmt::format("stopped by {} before the end of {}",
-                                                           stop_.name(), chains_[i]->inputName())));
-    }
-
-    void conclude() {
-        size_t failed = 0;
-        for (size_t i = 0; i < chains_.size(); ++i) {
-            if (const std::string summary = chains_[i]->summary(); !summary.empty())
-                progress_.summary(summary);
-            for (const std::string& warning : chains_[i]->warnings())
-                progress_.warn(warning);
-            const auto why = failure(i);
-            failed += why ? 1 : 0;
-            if (why && !told_[i] && chains_.size() > 1)
-                warn(i, message(why));
-        }
-        if (failed > 0 && chains_.size() == 1)
-            std::rethrow_exception(failure(0));
-        if (failed > 0)
-            throw Failure(
-                fmt::format("{} of {} streams were not sent to their end", failed, chains_.size()));
-    }
-
-    StopSignal stop_;
-    Runner runner_;
-    ModuleOnDemand module_;
-    std::vector<std::unique_ptr<SendChain>> chains_;
-    std::vector<bool> told_;
-    Progress progress_;
-};
 
 // What the command line gives: pairs of an input and a URL, and options for all of them.
 struct Arguments {
@@ -129,23 +24,10 @@ struct Arguments {
     std::string start;
     std::string duration;
     std::string patience = "3";
-    std::string cbr;
-    std::string delay;
-    bool asIs = false;
+    ShapingArguments shaping;
     std::string config;
     bool loop = false;
 };
-
-Shaping shaping(const std::string& cbr, const std::string& delay, bool asIs) {
-    Shaping shaping;
-    shaping.constant = !cbr.empty();
-    shaping.asIs = asIs;
-    if (!cbr.empty() && cbr != "auto")
-        shaping.rate_bps = bitrate("--cbr", cbr);
-    if (!delay.empty())
-        shaping.delay = duration("--delay", delay, 0.0, 1.0);
-    return shaping;
-}
 
 std::vector<SendJob> jobsOf(const Arguments& given) {
     if (!given.config.empty())
@@ -159,7 +41,7 @@ std::vector<SendJob> jobsOf(const Arguments& given) {
         job.start = duration("--start", given.start, 0.0, 1e9);
     if (!given.duration.empty())
         job.duration = duration("--duration", given.duration, 0.001, 1e9);
-    job.shaping = shaping(given.cbr, given.delay, given.asIs);
+    job.shaping = shaping(given.shaping);
     std::vector<SendJob> jobs;
     for (size_t i = 0; i < given.pairs.size(); i += 2) {
         job.input = given.pairs[i];
@@ -205,7 +87,11 @@ constexpr auto kHelp =
 }  // namespace
 
 void runSend(const std::vector<SendJob>& jobs, std::optional<std::chrono::milliseconds> patience) {
-    Sending(jobs, patience).run();
+    Session session;
+    uint32_t channel = 0;
+    for (const SendJob& job : jobs)
+        session.add(std::make_unique<SendChain>(job, channel++, session.module(), patience));
+    session.run("streams were not sent to their end");
 }
 
 CommandModel sendCommand() {
@@ -223,15 +109,7 @@ CommandModel sendCommand() {
                       "Skip this much of the stream at the beginning");
     command.addOption("-d,--duration", given->duration, "SECONDS",
                       "Send this much of the stream, then end");
-    command
-        .addOption(
-            "--cbr", given->cbr, "RATE",
-            "Give the stream this constant rate, or with 'auto' the least that its beginning "
-            "allows; rtp:// has 'auto' if nothing else is given")
-        .exclude({"--bitrate", "--as-is"});
-    command.addOption("--delay", given->delay, "SECONDS",
-                      "Buffer that evens out the rate of --cbr, up to 1; 0.5 if not given");
-    command.addFlag("--as-is", given->asIs, "Change no byte of a stream that varies over rtp://");
+    addShaping(command, given->shaping);
     command.addOption("--patience", given->patience, "SECONDS",
                       "How long to wait for an output that does not begin; 3 if not given");
     addConfigOption(command, given->config);

@@ -312,6 +312,7 @@ class FileReader {
         if (to == nullptr || (to->is_array() && to->as_array()->empty()))
             problems_.add(entry.place("to"), "at least one URL is needed");
         job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
+        job.shaping = shaping(entry);
         return job;
     }
 
@@ -382,6 +383,7 @@ toml::table tableOf(const RelayJob& job) {
         to.push_back(fullUrl(parseStreamUrl(url), true));
     writer.table.insert("to", std::move(to));
     writer.number("bitrate", job.bitrate_bps);
+    writer.shaping(job.shaping);
     return std::move(writer.table);
 }
 

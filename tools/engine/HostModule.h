@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 
 #include "QXV_RTP.h"
@@ -59,6 +60,16 @@ class HostModule {
     Library library_;
     Functions functions_;
     void* handle_;
+};
+
+// The module, loaded when it is asked for first: a command whose input turns out to be no stream
+// does not replace the shared table of this machine's other users.
+class ModuleOnDemand {
+  public:
+    HostModule& get() { return module_ ? *module_ : module_.emplace(); }
+
+  private:
+    std::optional<HostModule> module_;
 };
 
 // What send and receive channels have in common: a configuration, and how they stand.

@@ -17,6 +17,12 @@ struct Shaping {
     bool asIs = false;
 };
 
+// Whether a stream is made constant on its way to a URL. A rate that is given excludes it.
+inline bool isMadeConstant(const Shaping& shaping, bool rtp,
+                           const std::optional<uint32_t>& bitrate_bps) {
+    return shaping.constant || (rtp && !shaping.asIs && !bitrate_bps);
+}
+
 struct SendJob {
     std::string input;  // "-" = standard input
     std::string url;
@@ -42,6 +48,7 @@ struct RelayJob {
     std::string from;
     std::vector<std::string> to;
     std::optional<uint32_t> bitrate_bps;  // none = by the stream's PCRs
+    Shaping shaping = {};
 };
 
 #endif

@@ -1,0 +1,91 @@
+#include "commands/Session.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "base/Errors.h"
+
+namespace {
+
+std::string message(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+}  // namespace
+
+Session::~Session() {
+    for (const auto& chain : chains_)
+        chain->cancel();
+}
+
+void Session::add(std::unique_ptr<Chain> chain) {
+    chains_.push_back(std::move(chain));
+    runner_.add(*chains_.back());
+    told_.push_back(false);
+}
+
+void Session::run(const std::string& things) {
+    runner_.run([this] { attend(); });
+    attend();
+    conclude(things);
+}
+
+void Session::attend() {
+    for (size_t i = 0; i < chains_.size(); ++i) {
+        for (const std::string& event : chains_[i]->takeEvents())
+            progress_.warn(event);
+        if (!runner_.failure(i) || told_[i])
+            continue;
+        told_[i] = true;
+        chains_[i]->cancel();
+        if (chains_.size() > 1)
+            warn(i, message(runner_.failure(i)));
+    }
+    if (!progress_.due())
+        return;
+    std::vector<std::string> lines;
+    for (size_t i = 0; i < chains_.size(); ++i) {
+        Chain& chain = *chains_[i];
+        const std::string state = runner_.failure(i) ? "failed"
+                                  : runner_.ended(i) ? chain.summary()
+                                                     : chain.describe(Runner::Clock::now());
+        lines.push_back(chains_.size() == 1 ? state : fmt::format("{}  {}", chain.name(), state));
+    }
+    progress_.show(lines);
+}
+
+void Session::warn(size_t i, const std::string& text) {
+    progress_.warn(fmt::format("{}: {}", chains_[i]->name(), text));
+}
+
+std::exception_ptr Session::failure(size_t i) const {
+    const auto unfinished = chains_[i]->unfinished();
+    if (runner_.ended(i) || !unfinished)
+        return runner_.failure(i);
+    return std::make_exception_ptr(
+        Failure(fmt::format("stopped by {} before {}", stop_.name(), *unfinished)));
+}
+
+void Session::conclude(const std::string& things) {
+    size_t failed = 0;
+    for (size_t i = 0; i < chains_.size(); ++i) {
+        if (const std::string summary = chains_[i]->summary(); !summary.empty())
+            progress_.summary(summary);
+        for (const std::string& warning : chains_[i]->warnings())
+            progress_.warn(warning);
+        const auto why = failure(i);
+        failed += why ? 1 : 0;
+        if (why && !told_[i] && chains_.size() > 1)
+            warn(i, message(why));
+    }
+    if (failed > 0 && chains_.size() == 1)
+        std::rethrow_exception(failure(0));
+    if (failed > 0)
+        throw Failure(fmt::format("{} of {} {}", failed, chains_.size(), things));
+}

@@ -1,0 +1,48 @@
+// All streams of a command, one chain each, until they have ended or a signal comes.
+#ifndef TOOLS_COMMANDS_SESSION_H
+#define TOOLS_COMMANDS_SESSION_H
+
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/StopSignal.h"
+#include "engine/Chain.h"
+#include "engine/HostModule.h"
+#include "engine/Runner.h"
+#include "terminal/Progress.h"
+
+// Says at once what happens, shows how far each stream has come, and sums up in the end. A stream
+// that fails does not stop the others.
+class Session {
+  public:
+    Session() : runner_(stop_) {}
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session();
+
+    // For the chains.
+    ModuleOnDemand& module() { return module_; }
+
+    void add(std::unique_ptr<Chain> chain);
+
+    // Throws the failure of the only stream, or Failure with `things` ("relays failed"), where some
+    // of several have failed.
+    void run(const std::string& things);
+
+  private:
+    void attend();
+    void warn(size_t i, const std::string& text);
+    std::exception_ptr failure(size_t i) const;
+    void conclude(const std::string& things);
+
+    StopSignal stop_;
+    Runner runner_;
+    ModuleOnDemand module_;
+    std::vector<std::unique_ptr<Chain>> chains_;
+    std::vector<bool> told_;
+    Progress progress_;
+};
+
+#endif

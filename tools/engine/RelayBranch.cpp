@@ -1,0 +1,299 @@
+#include "engine/RelayBranch.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <utility>
+
+#include "ConstantRate.h"
+#include "Pacer.h"
+#include "base/Quantity.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr ts::Time kLead = 60ms;
+constexpr auto kInterval = 20ms;
+constexpr auto kLeastInterval = 1ms;
+constexpr auto kDraining = 1s;  // for what is to leave before a channel is started again
+constexpr auto kLook = 1s;
+constexpr auto kReport = 10s;
+
+constexpr uint32_t kRing = 2 * 1024 * 1024;
+constexpr uint32_t kRateToBeginWith_bps = 10'000'000;  // as long as nothing has come
+constexpr size_t kChunkBytes = size_t{64} * 1024;
+// A channel takes a look at this many bytes before it sends the first datagram.
+constexpr uint64_t kDetectionBytes = 2048;
+
+// A ceiling's distance from the stream's rate: clocks, and the steering of a stream's pace, or a
+// rate that is measured over a moment.
+constexpr double kClockHeadroom = 1.0002;
+constexpr double kHeadroom = 1.01;
+constexpr double kRaise = 1.25;     // a rate that varies should not make a raise of every peak
+constexpr double kSameRate = 0.02;  // less is not worth a new schedule
+// More in the ring than there should be: the stream has become faster, or the clock by which
+// channels send was set back.
+constexpr ts::Time kBacklog = 250ms;
+constexpr uint32_t kMostEmptyLooks = 5;
+
+}  // namespace
+
+RelayBranch::RelayBranch(const RelayJob& job, bool rtp, std::vector<std::string>& events)
+    : job_(job),
+      rtp_(rtp),
+      isMadeConstant_(isMadeConstant(job.shaping, rtp, job.bitrate_bps)),
+      events_(events) {}
+
+void RelayBranch::add(const StreamUrl& url, uint32_t number, ModuleOnDemand& module) {
+    outputs_.emplace_back(url, number, module, events_);
+}
+
+void RelayBranch::makeShaper() {
+    if (isMadeConstant_) {
+        ts::ConstantRate::Options options;
+        options.rate_bps = job_.shaping.rate_bps;
+        options.delay = job_.shaping.delay.value_or(
+            std::chrono::duration_cast<std::chrono::milliseconds>(options.delay));
+        shaper_ = std::make_unique<ts::ConstantRate>(packetSize_, ts::InputKind::kLive, options);
+    } else {
+        ts::Pacer::Options options;
+        options.rate_bps = job_.bitrate_bps;
+        shaper_ = std::make_unique<ts::Pacer>(packetSize_, ts::InputKind::kLive, options);
+    }
+    rateSettled_ = needTold_ = false;
+}
+
+void RelayBranch::push(std::span<const uint8_t> packets, size_t packetSize, Clock::time_point now) {
+    if (packetSize != packetSize_)
+        changePacketSize(packetSize);
+    if (!shaper_)
+        makeShaper();
+    shaper_->push(packets, now.time_since_epoch());
+}
+
+// A channel looks at the size of packets once. Those of the old size leave first.
+void RelayBranch::changePacketSize(size_t packetSize) {
+    if (packetSize_ != 0) {
+        release();
+        restartBy_ = Clock::now() + kDraining;
+    }
+    packetSize_ = packetSize;
+    for (Output& output : outputs_)
+        if (!restartBy_)
+            output.channel.setPacketSize(packetSize);
+}
+
+void RelayBranch::pause() {
+    if (shaper_ && (!isMadeConstant_ || shaper_->status().untouched || !shaper_->rate()))
+        release();
+}
+
+// Hands over all that is left, due or not.
+void RelayBranch::release() {
+    if (!shaper_)
+        return;
+    shaper_->finish();
+    settleRate();
+    std::array<uint8_t, kChunkBytes> data;  // NOLINT(*-member-init): written before it is read
+    while (const size_t size = shaper_->pull(data, ts::Time::max()))
+        hand(std::span(data).first(size));
+    shaper_.reset();
+    for (Output& output : outputs_)
+        while (output.works && output.channel.handed() > 0 &&
+               output.channel.handed() < kDetectionBytes)
+            output.channel.handNullPackets(kPacketsPerDatagram);
+}
+
+// True when the channels can take packets of the new size.
+bool RelayBranch::restart(Clock::time_point now) {
+    const bool drained = std::all_of(outputs_.begin(), outputs_.end(), [](const Output& output) {
+        return !output.works || output.channel.isEmpty();
+    });
+    if (!drained && now < *restartBy_)
+        return false;
+    for (Output& output : outputs_) {
+        rateChanges_ += output.channel.rateChanges();
+        output.channel.end();
+        output.channel.setPacketSize(packetSize_);
+    }
+    restartBy_.reset();
+    return true;
+}
+
+RelayBranch::Clock::time_point RelayBranch::run(Clock::time_point now) {
+    for (Output& output : outputs_)
+        attend(output, now);
+    if (restartBy_ && !restart(now))
+        return now + kLeastInterval;
+    if (shaper_)
+        feed(now);
+    if (now >= nextLook_) {
+        nextLook_ = now + kLook;
+        for (Output& output : outputs_)
+            lookBack(output, now);
+        nextReport_ = now >= nextReport_ ? now + kReport : nextReport_;
+    }
+    const auto next = shaper_ ? shaper_->next() : std::nullopt;
+    if (!next || pace_ != Pace::kCeiling)
+        return now + kInterval;
+    return std::clamp(Clock::time_point(*next), now + kLeastInterval, now + kInterval);
+}
+
+void RelayBranch::attend(Output& output, Clock::time_point now) {
+    ChannelOutput& channel = output.channel;
+    if (!channel.isStarted()) {
+        const auto rate = shaper_ && rateSettled_ ? wantedRate() : kRateToBeginWith_bps;
+        output.works = false;
+        output.lookedAt = 0;
+        if (!channel.start(now, static_cast<uint32_t>(rate), kRing))
+            return;
+    }
+    switch (channel.watch(now)) {
+        case ChannelOutput::Look::kStopped:
+            events_.push_back(fmt::format("the channel to {} has stopped; starting it again",
+                                          channel.url().text));
+            rateChanges_ += channel.rateChanges();
+            channel.end();
+            output.works = false;
+            break;
+        case ChannelOutput::Look::kDown:
+            output.works = false;
+            channel.probe(now);
+            break;
+        case ChannelOutput::Look::kCameBack:
+        case ChannelOutput::Look::kWorks:
+            output.works = true;
+            break;
+    }
+}
+
+// At which the channels are to run.
+double RelayBranch::wantedRate() const {
+    const double rate_bps = shaper_->rate().value_or(kRateToBeginWith_bps);
+    const double headroom = isMadeConstant_ ? kClockHeadroom : kHeadroom;
+    return std::min(pace_ == Pace::kCeiling ? rate_bps * headroom : rate_bps, 4294967295.0);
+}
+
+void RelayBranch::settleRate() {
+    if (rateSettled_ || !shaper_->rate())
+        return;
+    rateSettled_ = true;
+    if (isMadeConstant_ && !shaper_->status().untouched)
+        pace_ = Pace::kExact;
+    else
+        pace_ = rtp_ ? Pace::kCeiling : Pace::kSteered;
+    const double wanted_bps = wantedRate();
+    for (Output& output : outputs_) {
+        ChannelOutput& channel = output.channel;
+        const bool same = std::abs(channel.rate() - wanted_bps) < channel.rate() * kSameRate;
+        if (!channel.isStarted() || (channel.handed() > 0 && pace_ != Pace::kExact && same) ||
+            channel.rate() == static_cast<uint32_t>(wanted_bps))
+            continue;
+        channel.setRate(wanted_bps);
+        if (channel.handed() > 0)
+            channel.countRateChange();
+    }
+}
+
+ts::Time RelayBranch::lead() const {
+    return pace_ == Pace::kCeiling ? ts::Time(0) : kLead;
+}
+
+void RelayBranch::feed(Clock::time_point now) {
+    settleRate();
+    const ts::Time time = now.time_since_epoch();
+    std::array<uint8_t, kChunkBytes> data;  // NOLINT(*-member-init): written before it is read
+    while (const size_t size = shaper_->pull(data, time + lead()))
+        hand(std::span(data).first(size));
+    settleRate();
+    for (Output& output : outputs_)
+        if (output.works && rateSettled_)
+            keepUp(output, now);
+    const ts::ShaperStatus status = shaper_->status();
+    if (status.rateNeeded_bps != 0 && !std::exchange(needTold_, true))
+        events_.push_back(fmt::format("{} comes late at {}; --cbr {} would have done", job_.from,
+                                      formatBitrate(status.rate_bps), status.rateNeeded_bps));
+}
+
+void RelayBranch::hand(std::span<const uint8_t> datagrams) {
+    for (Output& output : outputs_) {
+        ChannelOutput& channel = output.channel;
+        const size_t payload = channel.payload();
+        const size_t room = output.works ? channel.room() / payload * payload : 0;
+        const size_t taken = std::min(room, datagrams.size());
+        channel.hand(datagrams.first(taken));
+        const size_t lost = (datagrams.size() - taken) / payload;
+        output.dropped += lost;
+        if (!output.works) {  // which is told when it works again
+            channel.countLost(lost);
+            output.droppedReported += lost;
+        }
+    }
+}
+
+// Looks whether the ring holds what is not due yet, and neither more nor less.
+void RelayBranch::keepUp(Output& output, Clock::time_point now) {
+    ChannelOutput& channel = output.channel;
+    output.leastBuffered = std::min(output.leastBuffered, channel.buffered());
+    const auto next = shaper_->next();
+    if (!next || pace_ == Pace::kCeiling)
+        return;
+    const ts::Time left = *next - now.time_since_epoch();
+    output.emptyLooks = channel.isEmpty() && left > kLead / 2 ? output.emptyLooks + 1 : 0;
+    if (std::exchange(output.emptyLooks, output.emptyLooks % (kMostEmptyLooks + 1)) >
+        kMostEmptyLooks)
+        channel.setRate(channel.rate());
+    else if (pace_ == Pace::kSteered || channel.isCatchingUp() ||
+             channel.buffered() - left > kBacklog)
+        channel.steer(left, shaper_->rate().value_or(channel.rate()));
+}
+
+// Once a second.
+void RelayBranch::lookBack(Output& output, Clock::time_point now) {
+    ChannelOutput& channel = output.channel;
+    const auto recent_bps = static_cast<double>((channel.handed() - output.lookedAt) * 8);
+    output.lookedAt = channel.handed();
+    if (std::exchange(output.leastBuffered, channel.buffered()) > kBacklog && output.works &&
+        shaper_ && rateSettled_ && pace_ == Pace::kCeiling) {
+        const bool varies = !isMadeConstant_ && !job_.bitrate_bps;
+        channel.setRate(std::max<double>(channel.rate(), recent_bps) *
+                        (varies ? kRaise : kHeadroom));
+        channel.countRateChange();
+    }
+    if (output.dropped == output.droppedReported || now < nextReport_ || !output.works)
+        return;
+    events_.push_back(fmt::format("dropped {} to {}, {} in all",
+                                  counted(output.dropped - output.droppedReported, "datagram"),
+                                  channel.url().text, output.dropped));
+    output.droppedReported = output.dropped;
+}
+
+void RelayBranch::cancel() {
+    for (Output& output : outputs_)
+        output.channel.cancel();
+}
+
+std::string RelayBranch::trouble() const {
+    for (const Output& output : outputs_)
+        if (!output.channel.isDown())
+            return {};
+    return outputs_.front().channel.trouble();
+}
+
+RelayBranch::Figures RelayBranch::figures() const {
+    Figures figures;
+    if (shaper_)
+        figures.stream = shaper_->status();
+    figures.rateChanges = rateChanges_;
+    for (const Output& output : outputs_) {
+        if (output.works)
+            figures.buffered = std::max(figures.buffered, output.channel.buffered());
+        figures.dropped += output.dropped;
+        figures.rateChanges += output.channel.rateChanges();
+        figures.down += output.channel.isReportedDown() ? 1 : 0;
+    }
+    return figures;
+}
