@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -39,7 +40,9 @@ bool CanTake(const CZAQShareMemory& segment, const char* name) {
 bool FillWithZeros(int file, uint32_t size) {
     const unsigned char zero = 0;
     const off_t end = lseek(file, 0, SEEK_END);
-    if (end < 0)
+    // A write beyond the process's limit does more than fail: its SIGXFSZ ends the host.
+    rlimit limit{};
+    if (end < 0 || getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur < size)
         return false;
     for (auto length = static_cast<uint32_t>(end); length < size; ++length) {
         if (write(file, &zero, 1) != 1)

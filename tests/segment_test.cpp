@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <csignal>
 
 #include "ProcessSupport.h"
 
@@ -81,7 +80,6 @@ TEST(Segment, AFileThatCannotBeRemovedIsJoinedOrRefused) {
 TEST(Segment, FailuresLeaveNothingBehind) {
     std::string path = "/tmp/segment", longest = "/tmp" + std::string(1012, '/') + "segment";
     CZAQShareMemory segment, other;
-    signal(SIGXFSZ, SIG_IGN);
     const rlimit shorter{kSize - 1, RLIM_INFINITY}, none{RLIM_INFINITY, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &shorter);
     for (const uint32_t size : {kSize, 0u}) {
