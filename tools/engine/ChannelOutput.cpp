@@ -147,13 +147,17 @@ ts::Time ChannelOutput::timeOf(uint64_t bytes) const {
 void ChannelOutput::steer(ts::Time left, double stream_bps) {
     if (isEmpty())
         return;
-    const auto datagram = ts::Time(std::llround(static_cast<double>(payload_) * 8e9 / stream_bps));
+    const auto atStreamRate = [stream_bps](uint64_t bytes) {
+        return ts::Time(std::llround(static_cast<double>(bytes) * 8e9 / stream_bps));
+    };
+    const ts::Time datagram = atStreamRate(payload_);
     const ts::Time error = buffered() - left;
     if (std::chrono::abs(error) > kTolerance + 2 * datagram) {
         const std::chrono::duration<double> time = std::max(left, kShortestSteering);
         setRate(static_cast<double>(state_.BufferedBytes) * 8.0 / time.count());
         catchingUp_ = true;
-    } else if (catchingUp_ && std::chrono::abs(error) < kSettled + datagram) {
+    } else if (catchingUp_ &&
+               std::chrono::abs(atStreamRate(state_.BufferedBytes) - left) < kSettled + datagram) {
         setRate(stream_bps);
         catchingUp_ = false;
     } else {
