@@ -10,6 +10,7 @@ NEEDS = {"ffmpeg": ["ffprobe"], "gstreamer": ["gst-launch-1.0"], "multicat": ["m
 FFMPEG = "ffmpeg -v fatal -y -analyzeduration 1000000 "
 GST = "gst-launch-1.0 -q -e "
 DEPAY = "caps=application/x-rtp,media=video,encoding-name=MP2T,clock-rate=90000,payload=33 ! rtpmp2tdepay ! "
+DEMUX = "tsdemux name=d matroskamux name=m ! filesink location={out} d. ! queue ! mpegvideoparse ! m. d. ! queue ! mpegaudioparse ! m."
 # It does not run as root. Of what it sends it keeps the end, more than half of the sample, to itself.
 VLC = "setpriv --reuid 65534 --regid 65534 --clear-groups env HOME=/tmp/out vlc -I dummy -q "
 # Where the stream goes, what the other program runs, and what has to be the same: all bytes, or, where it
@@ -17,15 +18,17 @@ VLC = "setpriv --reuid 65534 --regid 65534 --clear-groups env HOME=/tmp/out vlc 
 RECEIVERS = {
     "ffmpeg": [("udp://[::1]:7000", FFMPEG + "-f data -i {url}?timeout=4000000 -map 0 -c copy -f data {out}", "bytes"),
                ("udp://127.0.0.1:7002", FFMPEG + "-i {url}?timeout=4000000 -map 0 -c copy -f nut {out}", 1.0),
+               ("udp://127.0.0.1:7006", FFMPEG + "-i {url}?timeout=4000000 -map 0 -c copy -f nut {out}", 1.0),
                ("rtp://239.1.1.1:7004", FFMPEG + "-i {url}?localaddr=127.0.0.1 -map 0 -c copy -t 2.8 -f nut {out}", 0.35)],
     "gstreamer": [
         ("rtp://127.0.0.1:7010", GST + "udpsrc port=7010 " + DEPAY + "filesink location={out}", "bytes"),
         ("udp://239.1.1.1:7012", GST + "udpsrc address=239.1.1.1 multicast-iface=lo port=7012 ! filesink location={out}", "bytes"),
-        ("rtp://[ff15::1]:7014", GST + "udpsrc address=ff15::1 multicast-iface=lo port=7014 " + DEPAY +
-         "tsdemux name=d matroskamux name=m ! filesink location={out} d. ! queue ! mpegvideoparse ! m. d. ! queue ! mpegaudioparse ! m.", 0.9)],
+        ("rtp://[ff15::1]:7014", GST + "udpsrc address=ff15::1 multicast-iface=lo port=7014 " + DEPAY + DEMUX, 0.9),
+        ("rtp://127.0.0.1:7016", GST + "udpsrc port=7016 " + DEPAY.replace("! ", "! rtpjitterbuffer ! ", 1) + DEMUX, 0.9)],
     "multicat": [("rtp://127.0.0.1:7020", "multicat -U @127.0.0.1:7020 {out}", "bytes"),
                  ("udp://239.1.1.1:7022", "multicat -u -U @239.1.1.1:7022/ifaddr=127.0.0.1 {out}", "bytes")],
     "vlc": [("udp://127.0.0.1:7030", VLC + "--demux dump --demuxdump-file {out} udp://@127.0.0.1:7030", "bytes"),
+            ("rtp://127.0.0.1:7036", VLC + "rtp://@127.0.0.1:7036 --sout '#std{{access=file,mux=ts,dst={out}}}'", 0.8),
             ("rtp://239.1.1.1:7032", VLC + "rtp://@239.1.1.1:7032 --miface lo --sout '#std{{access=file,mux=ts,dst={out}}}'", 0.8)]}
 SENDERS = {
     "ffmpeg": [("udp://127.0.0.1:7040", FFMPEG + "-re -i {sample} -map 0 -c copy -f mpegts {url}?pkt_size=1316", 1.0),
@@ -38,6 +41,9 @@ SENDERS = {
                  ("rtp://239.1.1.1:7062", "multicat /tmp/sample.ts 239.1.1.1:7062/ifaddr=127.0.0.1", "bytes")],
     "vlc": [("udp://127.0.0.1:7070", VLC + "{sample} vlc://quit --sout '#std{{access=udp,mux=ts,dst=127.0.0.1:7070}}'", 0.25),
             ("rtp://127.0.0.1:7072", VLC + "{sample} vlc://quit --sout '#rtp{{dst=127.0.0.1,port=7072,mux=ts}}'", 0.25)]}
+
+
+CONSTANT = 7006, 7016, 7036  # what comes to these has twice its rate, by null packets
 
 
 # What a program does not take in time is lost, also when other work keeps it from a processor: so these go first.
@@ -76,7 +82,8 @@ def transmit(url, command, receives):
     processes = [start(command) if receives else ours(f"receive '{url}?{local}' -", stdout=open(out, "wb"))]
     try:
         await_(lambda: sockets(port), processes)
-        processes += [ours(f"send '{SOURCE}' '{url}?{local}'") if receives else start(command)]
+        options = "--cbr 1.6M" if port in CONSTANT else ""
+        processes += [ours(f"send '{SOURCE}' '{url}?{local}' {options}") if receives else start(command)]
         await_(lambda: processes[1].poll() is not None, processes)
         await_(lambda: sum(sockets(port)) == 0, processes)
         time.sleep(0.5)  # what it has taken and not yet worked on would be lost with the signal
