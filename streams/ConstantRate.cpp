@@ -109,7 +109,9 @@ void ConstantRate::decide(Time now) {
             if (ts_get_pid(times_.bytes(i)) != kNullPid)
                 least.add(times_.time(i));
         }
-        rate_ = roundUpRate(std::max<double>(least.find(delay_), least.mean(times_.knownTo())));
+        rate_ = roundUpRate(
+            std::max<double>({static_cast<double>(least.find(delay_)), least.mean(times_.knownTo()),
+                              static_cast<double>(options_.least_bps)}));
     } else if (kind_ == InputKind::kLive) {
         // Too little came for a rate, and nothing follows.
         rate_ = kAnyRate;

@@ -17,8 +17,9 @@ namespace ts {
 // a packet that waits no longer than the delay comes no later against its clock than in the source.
 //
 // Without a rate given, it is the least that the first seconds allow, rounded up to two significant
-// digits. Where it turns out to be too low, the packets come late, at the full rate, and the clock
-// is kept. What is more than two seconds late is dropped, until nothing is late any more.
+// digits; RateScan can tell what the rest of a file needs. Where the rate turns out to be too low,
+// the packets come late, at the full rate, and the clock is kept. What is more than two seconds
+// late is dropped, until nothing is late any more.
 //
 // The clocks: all PIDs with PCRs are restamped, each with an offset of its own to the time of the
 // output. The offset is constant, and so the PCRs are exact to a tick, until the clock jumps in the
@@ -35,9 +36,10 @@ namespace ts {
 class ConstantRate : public Shaper {
   public:
     struct Options {
-        std::optional<uint32_t> rate_bps;               // none: measured by the PCRs
-        Time delay = std::chrono::milliseconds(500);    // the smoothing buffer, at most a second
-        Time latency = std::chrono::milliseconds(200);  // of live input, which absorbs its jitter
+        std::optional<uint32_t> rate_bps = std::nullopt;  // none: measured by the PCRs
+        uint32_t least_bps = 0;                           // what is measured becomes no less
+        Time delay = std::chrono::milliseconds(500);      // the smoothing buffer, at most a second
+        Time latency = std::chrono::milliseconds(200);    // of live input, which absorbs its jitter
     };
 
     ConstantRate(size_t packetSize, InputKind kind, const Options& options);

@@ -1,5 +1,7 @@
 #include "RateMeasures.h"
 
+#include <bitstream/mpeg/ts.h>
+
 #include <algorithm>
 #include <cmath>
 
@@ -14,6 +16,9 @@ constexpr size_t kFewestIntervals = 3;
 constexpr Ticks kPointLength = kTicksPerSecond / 500;
 // Of the oldest, the first half goes.
 constexpr size_t kMostPoints = 1 << 14;
+// A measure covers as much of the past, too.
+constexpr Ticks kScanStep = kPointLength * static_cast<Ticks>(kMostPoints / 2);
+constexpr size_t kMostWithoutPcr = 65'536;  // packets, where no PCR comes
 
 }  // namespace
 
@@ -109,6 +114,31 @@ double LeastRate::mean(Ticks end) const {
     return length <= 0 ? 0.0
                        : static_cast<double>(packets * packetBits_) * double{kTicksPerSecond} /
                              static_cast<double>(length);
+}
+
+bool RateScan::push(std::span<const uint8_t> packets) {
+    for (; packets.size() >= packetSize_; packets = packets.subspan(packetSize_))
+        times_.push(packets.data(), Time(0));
+    take();
+    return times_.untimed() <= kMostWithoutPcr;
+}
+
+void RateScan::take() {
+    for (; !times_.empty(); times_.pop()) {
+        if (ts_get_pid(times_.bytes()) != kNullPid)
+            least_.add(times_.time());
+        if (times_.time() - lookedTo_ < kScanStep)
+            continue;
+        lookedTo_ = times_.time();
+        found_bps_ = std::max(found_bps_, least_.find(delay_));
+    }
+}
+
+uint32_t RateScan::find() {
+    if (times_.rate())
+        times_.finish();
+    take();
+    return least_.empty() ? 0 : std::max(found_bps_, least_.find(delay_));
 }
 
 uint32_t roundUpRate(double rate_bps) {

@@ -74,6 +74,32 @@ class LeastRate {
     std::vector<Point> points_;  // packets of a few milliseconds each
 };
 
+// The same for a stream of any length, by its PCRs.
+class RateScan {
+  public:
+    RateScan(size_t packetSize, Time delay)
+        : packetSize_(packetSize),
+          delay_(delay.count() * 27 / 1000),
+          times_(packetSize, InputKind::kFile, Time(0)),
+          least_(packetSize) {}
+
+    // Whole packets, in order. False: there are no PCRs, and nothing will be found.
+    bool push(std::span<const uint8_t> packets);
+
+    // In bits per second, for what was pushed; 0 where there were no PCRs.
+    uint32_t find();
+
+  private:
+    void take();
+
+    const size_t packetSize_;
+    const Ticks delay_;
+    TimedPackets times_;
+    LeastRate least_;
+    Ticks lookedTo_ = 0;
+    uint32_t found_bps_ = 0;
+};
+
 // The next number of two significant digits.
 uint32_t roundUpRate(double rate_bps);
 

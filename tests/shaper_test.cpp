@@ -263,7 +263,9 @@ TEST(ConstantRate, RateIsTheLeastThatTheBeginningAllowsAndLessKeepsTheClock) {
             EXPECT_LE(std::abs(late), kSecond / 10);
         }
     }
-    ConstantRate enough(188, InputKind::kFile, {.rate_bps = needed});
+    ts::RateScan scan(188, std::chrono::milliseconds(500));
+    EXPECT_TRUE(scan.push(stream.Data));
+    ConstantRate enough(188, InputKind::kFile, {.least_bps = scan.find()});
     expectConstantRate(play(enough, stream), stream, needed);
 }
 

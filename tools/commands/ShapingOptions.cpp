@@ -8,7 +8,7 @@ void addShaping(CommandModel& command, ShapingArguments& given) {
         .addOption(
             "--cbr", given.cbr, "RATE",
             "Give the stream this constant rate, or with 'auto' the least that its beginning "
-            "allows; rtp:// has 'auto' if nothing else is given")
+            "allows, of a file its first 128 MiB; rtp:// has 'auto' if nothing else is given")
         .exclude({"--bitrate", "--as-is"});
     command.addOption("--delay", given.delay, "SECONDS",
                       "Buffer that evens out the rate of --cbr, up to 1; 0.5 if not given");

@@ -23,6 +23,7 @@ constexpr auto kLeastInterval = 2ms;
 
 constexpr size_t kChunkBytes = size_t{64} * 1024;
 constexpr int kMostChunks = 32;  // at a time, before the other streams have their turn
+constexpr uint64_t kMostScanned = uint64_t{128} * 1024 * 1024;  // bytes, for the rate
 constexpr uint32_t kFileRing = 512 * 1024;
 constexpr uint32_t kPipeRing = 1024 * 1024;
 
@@ -64,9 +65,9 @@ std::string SendChain::name() const {
 std::optional<Chain::Clock::time_point> SendChain::run(Clock::time_point now) {
     if (!source_ && !openInput(now))
         return retry_;
-    if (!shaper_ && !prepareShaper())
-        return now + kInterval;
     busy_ = false;
+    if (!shaper_ && !prepareShaper())
+        return busy_ ? now : now + kInterval;
     if (!output_.isStarted()) {
         read(streamTime(now), streamTime(now));
         if (!shaper_->rate())
@@ -111,7 +112,7 @@ bool SendChain::openInput(Clock::time_point now) {
 }
 
 bool SendChain::prepareShaper() {
-    if (!source_->findFirstPacket())
+    if (!source_->findFirstPacket() || !scanAhead())
         return false;
     output_.setPacketSize(source_->packetSize());
     excerpt_.emplace(source_->packetSize(), job_.bitrate_bps, job_.start.value_or(0ms),
@@ -119,6 +120,7 @@ bool SendChain::prepareShaper() {
     if (isMadeConstant_) {
         ts::ConstantRate::Options options;
         options.rate_bps = job_.shaping.rate_bps;
+        options.least_bps = leastRate_bps_;
         options.delay = job_.shaping.delay.value_or(whole(options.delay));
         shaper_ = std::make_unique<ts::ConstantRate>(
             source_->packetSize(), source_->isFile() ? ts::InputKind::kFile : ts::InputKind::kLive,
@@ -129,6 +131,37 @@ bool SendChain::prepareShaper() {
         ownPace_ = ownPace.get();
         shaper_ = std::move(ownPace);
     }
+    return true;
+}
+
+// The first seconds of a file may be quieter than what follows. True: the scan is over, or there is
+// no need for one.
+bool SendChain::scanAhead() {
+    if (!isMadeConstant_ || job_.shaping.rate_bps || !source_->isFile() || job_.input == "-")
+        return true;
+    if (!scan_) {
+        const ts::ConstantRate::Options defaults;
+        scan_.emplace(job_, source_->packetSize(),
+                      job_.shaping.delay.value_or(whole(defaults.delay)));
+    }
+    for (int chunks = 0; !scan_->done; ++chunks) {
+        if (chunks == kMostChunks) {
+            busy_ = true;
+            return false;
+        }
+        scan_->begun = scan_->begun || scan_->source.findFirstPacket();
+        if (!scan_->begun)
+            return false;
+        const auto packets = scan_->source.take(kChunkBytes);
+        if (packets.empty() && !scan_->source.ended())
+            return false;
+        const auto [skipped, kept] = scan_->excerpt.add(packets);
+        scan_->bytes += kept;
+        scan_->done = !scan_->rate.push(packets.subspan(skipped, kept)) || packets.empty() ||
+                      scan_->excerpt.over() || scan_->bytes >= kMostScanned;
+    }
+    leastRate_bps_ = scan_->rate.find();
+    scan_.reset();
     return true;
 }
 

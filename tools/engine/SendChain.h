@@ -11,6 +11,7 @@
 
 #include "Excerpt.h"
 #include "OwnPace.h"
+#include "RateMeasures.h"
 #include "engine/Chain.h"
 #include "engine/ChannelOutput.h"
 #include "engine/Jobs.h"
@@ -46,6 +47,7 @@ class SendChain : public Chain {
 
     bool openInput(Clock::time_point now);
     bool prepareShaper();
+    bool scanAhead();
     void read(ts::Time now, ts::Time until);
     void endInput();
     void stayDown(Clock::time_point now);
@@ -65,6 +67,23 @@ class SendChain : public Chain {
     ChannelOutput output_;
 
     std::optional<PacketSource> source_;
+    // A look at what of a file is to come, for the rate that it needs.
+    struct Scan {
+        Scan(const SendJob& job, size_t packetSize, std::chrono::milliseconds delay)
+            : source(job.input, false),
+              excerpt(packetSize, std::nullopt, job.start.value_or(std::chrono::milliseconds(0)),
+                      job.duration),
+              rate(packetSize, delay) {}
+
+        PacketSource source;
+        Excerpt excerpt;
+        ts::RateScan rate;
+        uint64_t bytes = 0;
+        bool begun = false;
+        bool done = false;
+    };
+    std::optional<Scan> scan_;
+    uint32_t leastRate_bps_ = 0;  // that it has found
     std::optional<Excerpt> excerpt_;
     std::unique_ptr<ts::Shaper> shaper_;
     const ts::OwnPace* ownPace_ = nullptr;  // the shaper, where it is one
