@@ -229,14 +229,16 @@ class Send(ToolTest):
             self.send(f"'{SAMPLE_PATH}' udp://127.0.0.1:7008 {options}")
             self.assertEqual(self.end(receiver, signal.SIGINT), 0)
             recording = read("recording")
-            return recording[:recording.find(NULL_PACKET + b"\xff\xff") // 188 * 188]
+            while recording[-188:].startswith(NULL_PACKET):
+                recording = recording[:-188]
+            return recording
         second = 100_000  # in bytes of the sample
         excerpt = sent("--start 0.3 --duration 0.4")
         begin = SAMPLE.find(excerpt)
         self.assertAlmostEqual(len(excerpt), 0.4 * second, delta=0.1 * second)
         self.assertAlmostEqual(begin, 0.3 * second, delta=0.1 * second)
-        looped = sent("--loop --start 0.3 --duration 1.5 -b 20M")
-        self.assertAlmostEqual(len(looped), 1.5 * second, delta=0.1 * second)
+        looped = sent("--loop --start 0.3 --duration 5 -b 20M")
+        self.assertAlmostEqual(len(looped), 5 * second, delta=0.2 * second)
         self.assertTrue((SAMPLE[begin:] * 2).startswith(looped))
 
     def test_the_writer_of_a_fifo_and_a_signal_are_waited_for(self):
