@@ -70,6 +70,8 @@ class ChannelOutput {
     // As of the last look, and what was handed over since.
     const QXV_RTP_Statistics& state() const { return state_; }
     bool isEmpty() const { return state_.BufferedBytes < payload_; }
+    // The last datagram is counted a moment after it was taken from the ring.
+    bool allHasLeft() const { return state_.Datagrams + state_.SendFailures >= handed_ / payload_; }
     ts::Time buffered() const { return timeOf(state_.BufferedBytes); }
     uint64_t datagrams() const { return channel_ ? channel_->datagrams() : 0; }
 

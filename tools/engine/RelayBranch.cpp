@@ -18,7 +18,8 @@ using namespace std::chrono_literals;
 constexpr ts::Time kLead = 60ms;
 constexpr auto kInterval = 20ms;
 constexpr auto kLeastInterval = 1ms;
-constexpr auto kDraining = 1s;  // for what is to leave before a channel is started again
+constexpr auto kDraining = 1s;     // for what is to leave before a channel is started again
+constexpr auto kStarting = 200ms;  // of channels, their sockets included
 constexpr auto kLook = 1s;
 constexpr auto kReport = 10s;
 
@@ -76,10 +77,10 @@ void RelayBranch::push(std::span<const uint8_t> packets, size_t packetSize, Cloc
 
 // A channel looks at the size of packets once. Those of the old size leave first.
 void RelayBranch::changePacketSize(size_t packetSize) {
-    if (packetSize_ != 0) {
+    if (packetSize_ != 0)
         release();
+    if (packetSize_ != 0 && !restartBy_)
         restartBy_ = Clock::now() + kDraining;
-    }
     packetSize_ = packetSize;
     for (Output& output : outputs_)
         if (!restartBy_)
@@ -87,7 +88,8 @@ void RelayBranch::changePacketSize(size_t packetSize) {
 }
 
 void RelayBranch::pause() {
-    if (shaper_ && (!isMadeConstant_ || shaper_->status().untouched || !shaper_->rate()))
+    if (shaper_ && !restartBy_ &&
+        (!isMadeConstant_ || shaper_->status().untouched || !shaper_->rate()))
         release();
 }
 
@@ -102,25 +104,31 @@ void RelayBranch::release() {
         hand(std::span(data).first(size));
     shaper_.reset();
     for (Output& output : outputs_)
-        while (output.works && output.channel.handed() > 0 &&
-               output.channel.handed() < kDetectionBytes)
+        if (output.works && output.channel.handed() > 0 &&
+            output.channel.handed() < kDetectionBytes)
             output.channel.handNullPackets(kPacketsPerDatagram);
 }
 
-// True when the channels can take packets of the new size.
+// True when the channels can take packets of the new size: those that worked do so again.
 bool RelayBranch::restart(Clock::time_point now) {
-    const bool drained = std::all_of(outputs_.begin(), outputs_.end(), [](const Output& output) {
-        return !output.works || output.channel.isEmpty();
+    const bool ready = std::all_of(outputs_.begin(), outputs_.end(), [this](const Output& output) {
+        return restarting_ ? output.works || !output.worked
+                           : output.channel.allHasLeft() || !output.works;
     });
-    if (!drained && now < *restartBy_)
+    if (!ready && now < *restartBy_)
         return false;
+    if (std::exchange(restarting_, !restarting_)) {
+        restartBy_.reset();
+        return true;
+    }
+    restartBy_ = now + kStarting;
     for (Output& output : outputs_) {
         rateChanges_ += output.channel.rateChanges();
+        output.worked = std::exchange(output.works, false);
         output.channel.end();
         output.channel.setPacketSize(packetSize_);
     }
-    restartBy_.reset();
-    return true;
+    return false;
 }
 
 RelayBranch::Clock::time_point RelayBranch::run(Clock::time_point now) {
@@ -222,7 +230,8 @@ void RelayBranch::hand(std::span<const uint8_t> datagrams) {
     for (Output& output : outputs_) {
         ChannelOutput& channel = output.channel;
         const size_t payload = channel.payload();
-        const size_t room = output.works ? channel.room() / payload * payload : 0;
+        const bool takes = output.works && !restartBy_;
+        const size_t room = takes ? channel.room() / payload * payload : 0;
         const size_t taken = std::min(room, datagrams.size());
         channel.hand(datagrams.first(taken));
         const size_t lost = (datagrams.size() - taken) / payload;

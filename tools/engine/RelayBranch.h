@@ -37,7 +37,8 @@ class RelayBranch {
     void push(std::span<const uint8_t> packets, size_t packetSize, Clock::time_point now);
 
     // The input has paused: the end of what has come does not wait for it to go on. Null packets
-    // fill the last datagram. An output of constant rate goes on with null packets.
+    // fill the last datagram. An output of constant rate goes on with null packets. To be called
+    // for as long as the pause lasts: the end waits for a change of the packet size.
     void pause();
 
     // Does what is to be done by now, and returns when there will be more.
@@ -64,6 +65,7 @@ class RelayBranch {
 
         ChannelOutput channel;
         bool works = false;
+        bool worked = false;      // before its channel was ended
         uint32_t emptyLooks = 0;  // in a row, at a ring that should not have been empty
         ts::Time leastBuffered{0};
         uint64_t lookedAt = 0;  // bytes that had been handed over at the last look
@@ -96,6 +98,7 @@ class RelayBranch {
     bool needTold_ = false;
     Pace pace_ = Pace::kSteered;
     std::optional<Clock::time_point> restartBy_;
+    bool restarting_ = false;  // the channels of the old packet size have been ended
     Clock::time_point nextLook_ = Clock::now();
     Clock::time_point nextReport_ = nextLook_;
     uint64_t rateChanges_ = 0;  // of channels that have been ended

@@ -92,7 +92,7 @@ void RelayChain::watchInput(Clock::time_point now) {
     if (socketOpen_ && now - lastData_ > kSilence && !std::exchange(silenceReported_, true))
         events_.push_back(
             fmt::format("nothing comes from {}{}", url_.text, bytes_ == 0 ? " yet" : " any more"));
-    if (now - lastData_ > kPause && !std::exchange(paused_, true))
+    if (now - lastData_ > kPause)
         for (RelayBranch& branch : branches_)
             branch.pause();
 }
@@ -107,7 +107,6 @@ void RelayChain::takeInput(Clock::time_point now) {
             events_.push_back(fmt::format("{} comes again after {}", url_.text,
                                           formatTime(whole(now - lastData_))));
         lastData_ = now;
-        paused_ = false;
         kept_ += taken;
         sift(now);
     }
@@ -129,18 +128,19 @@ void RelayChain::sift(Clock::time_point now) {
     std::copy(data.begin(), data.end(), data_.begin());
 }
 
-void RelayChain::checkPatience(Clock::time_point now) const {
-    if (!patience_ || now - started_ < *patience_ || now - started_ > *patience_ + 1s)
-        return;
-    if (!socketOpen_ && bytes_ == 0)
-        throw Failure(trouble_);
+void RelayChain::checkPatience(Clock::time_point now) {
     std::string trouble;
     for (const RelayBranch& branch : branches_) {
         trouble = branch.trouble();
-        if (trouble.empty())
-            return;
+        outputOpened_ = outputOpened_ || trouble.empty();
     }
-    throw Failure(trouble);
+    inputOpened_ = inputOpened_ || socketOpen_;
+    if (!patience_ || now - started_ < *patience_)
+        return;
+    if (!inputOpened_)
+        throw Failure(trouble_);
+    if (!outputOpened_)
+        throw Failure(trouble);
 }
 
 std::string RelayChain::figures() const {

@@ -42,7 +42,7 @@ class RelayChain : public Chain {
     void watchInput(Clock::time_point now);
     void takeInput(Clock::time_point now);
     void sift(Clock::time_point now);
-    void checkPatience(Clock::time_point now) const;
+    void checkPatience(Clock::time_point now);
     std::string figures() const;
 
     const RelayJob job_;
@@ -56,7 +56,9 @@ class RelayChain : public Chain {
     std::optional<ReceiveChannel> channel_;
     Clock::time_point retry_{};
     bool socketOpen_ = false;
-    std::string trouble_;  // why there is no socket
+    bool inputOpened_ = false;   // at any time
+    bool outputOpened_ = false;  // one of them
+    std::string trouble_;        // why there is no socket
 
     std::vector<uint8_t> data_;  // in front what was kept of the last turn
     size_t kept_ = 0;
@@ -68,7 +70,6 @@ class RelayChain : public Chain {
     Clock::time_point lastData_ = started_;
     bool socketReported_ = false;
     bool silenceReported_ = false;
-    bool paused_ = true;
 };
 
 #endif
