@@ -66,8 +66,7 @@ struct ChannelInternals {
         return user != nullptr;
     }
 
-    // Which schedule the timer follows: every new bitrate begins one.
-    uint32_t Schedule ZAQ_GUARDED_BY(State) = 0;
+    uint32_t Schedule ZAQ_GUARDED_BY(State) = 0;  // of the timer: every new bitrate begins one
 
     // How often the host has cancelled the channel: a start that follows may clear Cancel before a
     // transfer that waits looks at it.

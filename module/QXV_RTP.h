@@ -176,8 +176,7 @@ QXV_RTP_API uint32_t QXV_RTP_Send(void* handle, uint32_t channel, const uint8_t*
 /**
  * Ends the channel and frees what it holds; bytes not yet sent are dropped. Blocks until the
  * channel's thread has ended: a few milliseconds, and at most about a second while its socket can
- * not be opened or the system's send queue stays full. On a channel that is not started it returns
- * 1.
+ * not be opened or the system's send queue stays full. Returns 1 also where it is not started.
  */
 QXV_RTP_API uint32_t QXV_RTP_SendEnd(void* handle, uint32_t channel);
 
@@ -225,8 +224,7 @@ QXV_RTP_API uint32_t QXV_RTP_ReceiveStart(void* handle, uint32_t channel);
  *
  * RTP is what has version 2, payload type 33 and a sync byte behind the header and its CSRC list.
  * So datagrams with a header extension, with another payload type, or whose payload does not begin
- * with a packet, count as raw and are delivered with their headers. Padding is delivered as
- * payload.
+ * with a packet, count as raw and are delivered with their headers. Padding counts as payload.
  */
 QXV_RTP_API uint32_t QXV_RTP_Receive(void* handle, uint32_t channel, uint8_t* data,
                                      uint32_t length);
@@ -276,8 +274,7 @@ typedef struct QXV_RTP_Statistics {
  * instant. BufferedBytes and FreeBytes never promise too much to the thread that receives or sends:
  * it moves so many bytes without waiting.
  *
- * The caller sets Size in `statistics` (in, out). Returns 0 also where that is null, or its Size is
- * less than 64.
+ * The caller sets Size in `statistics` (in, out). Returns 0 also for null or a Size below 64.
  */
 QXV_RTP_API uint32_t QXV_RTP_GetStatistics(void* handle, uint32_t direction, uint32_t channel,
                                            QXV_RTP_Statistics* statistics);

@@ -1,7 +1,6 @@
 /**
  * @file
- * The shared table: configuration, state and measured bitrate of every channel, as other processes
- * see it.
+ * The shared table: every channel's configuration, state and measured bitrate, for other processes.
  *
  * Each process that loads the module removes the file QXV_RTP_TABLE_PATH and makes a new one of
  * sizeof(QXV_RTP_Table) bytes, on which it works from then on. Where it may not remove the file,
@@ -13,8 +12,7 @@
  * A watcher maps the file for reading. All numbers are in host byte order and change at any time,
  * each by itself: read them as volatile, or with __atomic_load_n. The texts and bytes of a
  * configuration are not stored as one: what is read while somebody calls QXV_RTP_SetConfig may be
- * part old, part new. To change a configuration is the business of the process that runs the
- * channels.
+ * part old, part new. Only the process that runs the channels may change a configuration.
  */
 #ifndef QXV_RTP_TABLE_H
 #define QXV_RTP_TABLE_H

@@ -90,9 +90,8 @@ class Transmitter {
         return true;
     }
 
-    // A datagram counts in the schedule in which it was due. In one that a SetBitrate has begun
-    // meanwhile it would be one more than is due, a number that wraps to nearly 2^32: this thread
-    // would never wait again.
+    // A datagram counts in the schedule in which it was due. In one that has begun since, it would
+    // be one too many: that number wraps to nearly 2^32, and this thread would never wait again.
     void CountDatagram() {
         const zaq::MutexLock lock(m_Channel.Internals->State);
         if (m_Channel.Internals->Schedule == m_Schedule)

@@ -116,8 +116,7 @@ ZAQSOCKETS_API uint32_t ZAQUDPSocket_SendAll(void* socket, const unsigned char* 
 
 /**
  * Parses a numeric address: dotted IPv4, or IPv6 as in RFC 4291, 2.2, with a zone behind '%' (an
- * interface's name that exists, or its number; RFC 4007). Names, brackets, ports and white space
- * are refused.
+ * existing interface's name, or a number; RFC 4007). Names, brackets, ports and spaces are refused.
  *
  * A group may stand behind its source and '@', for source-specific multicast (RFC 4607):
  * "192.0.2.9@232.1.1.1", "2001:db8::9@ff3e::1%eth0". The source is a unicast address of the same

@@ -33,12 +33,6 @@ class RateFollower {
     };
     const Point& point() const { return point_; }
 
-    // The rate in bits per second that the channel should go on with, told once: the first that is
-    // known, and then a new one each time when what was added takes 40 ms more or less than at the
-    // one told before. A stream of constant rate stays well within that, whatever noise its PCRs
-    // have.
-    std::optional<uint32_t> change();
-
   private:
     void closeWindow(uint64_t position);
 
@@ -47,9 +41,6 @@ class RateFollower {
     uint64_t windowTicks_ = 0;
     uint64_t windowBytes_ = 0;  // those that took windowTicks_
     Point point_;
-    Point changed_;  // where the bitrate in force was told
-    std::optional<uint32_t> bitrate_;
-    bool told_ = true;
 };
 
 #endif
