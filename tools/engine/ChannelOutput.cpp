@@ -96,7 +96,7 @@ void ChannelOutput::goDown(Clock::time_point now, const std::string& why) {
     if (downReported_ || time < (everWorked_ ? kReportAfter : kFirstReportAfter))
         return;
     downReported_ = true;
-    events_.push_back(why + " Trying on.");
+    events_.push_back(fmt::format("{}{} Trying on.", why, why.ends_with('?') ? "" : "."));
 }
 
 void ChannelOutput::comeBack(Clock::time_point now) {

@@ -87,7 +87,8 @@ void RelayChain::watchInput(Clock::time_point now) {
         if (std::exchange(socketReported_, false))
             events_.push_back(fmt::format("{} is received again", url_.text));
     } else if (now - socketSeen_ > kSocketGrace && !std::exchange(socketReported_, true)) {
-        events_.push_back(trouble_ + " Trying on.");
+        events_.push_back(
+            fmt::format("{}{} Trying on.", trouble_, trouble_.ends_with('?') ? "" : "."));
     }
     if (socketOpen_ && now - lastData_ > kSilence && !std::exchange(silenceReported_, true))
         events_.push_back(
@@ -104,7 +105,8 @@ void RelayChain::takeInput(Clock::time_point now) {
             return;
         bytes_ += taken;
         if (std::exchange(silenceReported_, false))
-            events_.push_back(fmt::format("{} comes again after {}", url_.text,
+            events_.push_back(fmt::format("{} comes {}after {}", url_.text,
+                                          bytes_ == taken ? "" : "again ",
                                           formatTime(whole(now - lastData_))));
         lastData_ = now;
         kept_ += taken;
