@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "ReceiveLoop.h"
+#include "SocketOptions.h"
 #include "Threads.h"
 
 namespace zaqsockets {
@@ -135,7 +136,10 @@ class Watch {
             Descriptor renewed;
             if (!socket || !RenewMemberships(*group, socket, interfaces, renewed))
                 joined = false;
-            if (renewed && !Replace(*group, renewed, socket)) {
+            if (!renewed)
+                continue;
+            AcceptTrains(renewed);
+            if (!Replace(*group, renewed, socket)) {
                 group->Joined.clear();
                 joined = false;
             }

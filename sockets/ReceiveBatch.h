@@ -11,6 +11,8 @@
 
 namespace zaqsockets {
 
+// With room for so many bytes of control messages (cmsg(3)) each.
+template <size_t kControlBytes = CMSG_SPACE(sizeof(int))>
 struct ReceiveBatch {
     static constexpr int kMessages = 64;
     static constexpr size_t kLargestDatagram = 65536;  // 65507 bytes of payload fit (IPv6: 65527)
@@ -20,7 +22,7 @@ struct ReceiveBatch {
     mmsghdr Messages[kMessages];
     iovec Vectors[kMessages];
     sockaddr_in6 Sources[kMessages];  // the larger of the two families
-    alignas(cmsghdr) unsigned char Controls[kMessages][CMSG_SPACE(sizeof(int))];
+    alignas(cmsghdr) unsigned char Controls[kMessages][kControlBytes];
     unsigned char Slots[kMessages][kSlotBytes];
 
     // The slots stay untouched, and so without memory behind them, until datagrams fill them.

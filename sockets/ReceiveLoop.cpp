@@ -25,7 +25,7 @@ class ReceiveLoop {
     ReceiveLoop()
         : m_Epoll(epoll_create1(EPOLL_CLOEXEC)),
           m_Wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-          m_Batch(new ReceiveBatch) {}
+          m_Batch(new ReceiveBatch<>) {}
     ~ReceiveLoop() { Free(Dead); }
 
     // With g_Lock held. The thread frees the loop when it ends.
@@ -80,7 +80,7 @@ class ReceiveLoop {
                 if (events[i].data.ptr == nullptr)
                     woken = true;
                 else if (Serve(*static_cast<ReceiveSocket*>(events[i].data.ptr)) ==
-                         ReceiveBatch::kMessages)
+                         ReceiveBatch<>::kMessages)
                     more = true;
             }
             if (woken && IsOver())
@@ -124,8 +124,8 @@ class ReceiveLoop {
         // Acquire pairs with the release in DetachSocket, here and below.
         if (socket.Closed.load(std::memory_order_acquire))
             return 0;
-        const int count = recvmmsg(socket.File.Number(), m_Batch->Messages, ReceiveBatch::kMessages,
-                                   MSG_DONTWAIT, nullptr);
+        const int count = recvmmsg(socket.File.Number(), m_Batch->Messages,
+                                   ReceiveBatch<>::kMessages, MSG_DONTWAIT, nullptr);
         if (count < 0 && errno != EAGAIN && errno != EINTR)
             usleep(kErrorPause_us);  // an error that stays must not make this a busy loop
         UdpSocket* const handle = &socket;
@@ -147,7 +147,7 @@ class ReceiveLoop {
     // Fixed after the start.
     const Descriptor m_Epoll;
     const Descriptor m_Wakeup;
-    const std::unique_ptr<ReceiveBatch> m_Batch;
+    const std::unique_ptr<ReceiveBatch<>> m_Batch;
 
     Gathering m_Gathering;
 };

@@ -89,9 +89,12 @@ Descriptor OpenReceiveSocket(const Address& address) {
     // net.core.rmem_max. A socket with less is still a socket.
     if (!Set(socket, SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBufferBytes))
         Set(socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
-    // Before Linux 5.0 there is no such option, and every message is one datagram.
-    Set(socket, SOL_UDP, UDP_GRO, 1);
     return socket;
+}
+
+// Before Linux 5.0 there is no such option, and every message is one datagram.
+void AcceptTrains(const Descriptor& socket) {
+    Set(socket, SOL_UDP, UDP_GRO, 1);
 }
 
 // A link-local address is bound together with its interface, which is found where it is not named.

@@ -23,9 +23,11 @@ bool Set(const Descriptor& socket, int level, int name, const Value& value) {
     return setsockopt(socket.Number(), level, name, &value, sizeof(value)) == 0;
 }
 
-// Not blocking, with a large buffer, for trains of datagrams (udp(7), UDP_GRO) and for no group
-// that only other sockets have joined.
+// Not blocking, with a large buffer, and for no group that only other sockets have joined.
 Descriptor OpenReceiveSocket(const Address& address);
+
+// From now on, one message may be a train of datagrams (udp(7), UDP_GRO; ReceiveBatch.h).
+void AcceptTrains(const Descriptor& socket);
 
 bool Bind(const Descriptor& socket, const Address& address);
 
