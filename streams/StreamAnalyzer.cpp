@@ -75,27 +75,43 @@ void StreamAnalyzer::feed(std::span<const uint8_t> bytes, std::chrono::nanosecon
     splitter_.feed(bytes, [this, arrival](const uint8_t* packet) { addPacket(packet, arrival); });
 }
 
+StreamAnalyzer::Pid& StreamAnalyzer::find(uint16_t pid) {
+    if (places_[pid] == 0) {
+        pids_.push_back({pid});
+        places_[pid] = static_cast<uint16_t>(pids_.size());
+    }
+    return pids_[places_[pid] - size_t{1}];
+}
+
 void StreamAnalyzer::addPacket(const uint8_t* packet, std::chrono::nanoseconds arrival) {
     if (packetSize_ != splitter_.packetSize()) {
         packetSize_ = splitter_.packetSize();
         rate_.emplace(packetSize_);
     }
-    rate_->add(packet);
-    const Continuity continuity = continuity_.add(packet);
-    if (ts_get_transporterror(packet)) {
+    PacketFacts facts{.data = packet,
+                      .pid = ts_get_pid(packet),
+                      .position = position_,
+                      .arrival = arrival,
+                      .continuity = continuity_.add(packet),
+                      .damaged = ts_get_transporterror(packet),
+                      .scrambled = ts_get_scrambling(packet) != 0,
+                      .pcr = readPcr(packet)};
+    position_ += packetSize_;
+    rate_->add(facts.pcr);
+    if (facts.damaged) {
         ++transportErrors_;
-        return;  // its PID cannot be trusted
+    } else {
+        Pid& statistics = find(facts.pid);
+        ++statistics.packets;
+        statistics.continuityErrors += facts.continuity == Continuity::kJump ? 1 : 0;
+        statistics.scrambled += facts.scrambled ? 1 : 0;
+        if (facts.pcr)
+            clocks_[facts.pid].add(*facts.pcr, arrival);
+        if (!facts.scrambled && facts.continuity != Continuity::kDuplicate)
+            tables_.add(packet, facts.continuity);
     }
-    const uint16_t pid = ts_get_pid(packet);
-    Pid& statistics = pids_[pid];
-    ++statistics.packets;
-    statistics.continuityErrors += continuity == Continuity::kJump ? 1 : 0;
-    const bool scrambled = ts_get_scrambling(packet) != 0;
-    statistics.scrambled += scrambled ? 1 : 0;
-    if (const auto pcr = readPcr(packet))
-        clocks_[pid].add(*pcr, arrival);
-    if (!scrambled && continuity != Continuity::kDuplicate)
-        tables_.add(packet, continuity);
+    if (observer_ != nullptr)
+        observer_->onPacket(facts);
 }
 
 std::optional<uint64_t> StreamAnalyzer::arrivalBitrate() const {
@@ -107,7 +123,8 @@ std::optional<uint64_t> StreamAnalyzer::arrivalBitrate() const {
 
 void StreamAnalyzer::describePids(StreamReport& report) const {
     std::map<uint16_t, PidReport> described;
-    for (const auto& [pid, statistics] : pids_) {
+    for (const Pid& statistics : pids_) {
+        const uint16_t pid = statistics.pid;
         PidReport& entry = described[pid];
         const char* const name = reservedPidName(pid);
         entry.pid = pid;

@@ -2,6 +2,7 @@
 #ifndef STREAMS_STREAMANALYZER_H
 #define STREAMS_STREAMANALYZER_H
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -63,18 +64,47 @@ struct StreamReport {
     std::vector<ProgrammeReport> programmes;
 };
 
+// A packet as the analyzer has read it.
+struct PacketFacts {
+    const uint8_t* data;
+    uint16_t pid;
+    uint64_t position;  // bytes of packets in front of it
+    std::chrono::nanoseconds arrival;
+    Continuity continuity;
+    bool damaged;  // and so nothing else of it can be trusted
+    bool scrambled;
+    std::optional<Pcr> pcr;
+};
+
+// Looks on while a stream is analyzed.
+class StreamObserver {
+  public:
+    virtual ~StreamObserver() = default;
+    virtual void onPacket(const PacketFacts& packet) = 0;
+};
+
 // Takes any bytes; its memory stays bounded, whatever they are.
 class StreamAnalyzer {
   public:
+    explicit StreamAnalyzer(StreamObserver* observer = nullptr) : observer_(observer) {}
+
     // The next bytes of the stream, which may be cut anywhere, and when they arrived.
     void feed(std::span<const uint8_t> bytes, std::chrono::nanoseconds arrival);
 
+    // The stream has paused: what comes next need not continue what came before.
+    void restart() { continuity_.restart(); }
+
     uint64_t bytes() const { return bytes_; }
+    uint64_t packetBytes() const { return position_; }
     uint64_t continuityErrors() const { return continuity_.errors(); }
+    uint64_t missingPackets() const { return continuity_.missing(); }
+    const PacketSplitter& splitter() const { return splitter_; }
+    const PsiTables& tables() const { return tables_; }
     StreamReport report() const;
 
   private:
     struct Pid {
+        uint16_t pid = 0;
         uint64_t packets = 0;
         uint64_t scrambled = 0;
         uint64_t continuityErrors = 0;
@@ -108,15 +138,19 @@ class StreamAnalyzer {
     };
 
     void addPacket(const uint8_t* packet, std::chrono::nanoseconds arrival);
+    Pid& find(uint16_t pid);
     std::optional<uint64_t> arrivalBitrate() const;
     void describePids(StreamReport& report) const;
 
+    StreamObserver* const observer_;
     PacketSplitter splitter_;
+    uint64_t position_ = 0;
     size_t packetSize_ = 0;  // the last that was found
     std::optional<PcrBitrate> rate_;
     ContinuityCounter continuity_;
     PsiTables tables_;
-    std::map<uint16_t, Pid> pids_;
+    std::vector<Pid> pids_;                        // in the order in which they came
+    std::array<uint16_t, kNullPid + 1> places_{};  // in pids_, counted from 1
     std::map<uint16_t, PcrClock> clocks_;
     uint64_t transportErrors_ = 0;
     uint64_t bytes_ = 0;

@@ -153,10 +153,9 @@ std::chrono::nanoseconds StreamTime::add(const uint8_t* packet) {
     return std::chrono::nanoseconds(std::llround(seconds_ * 1e9));
 }
 
-void PcrBitrate::add(const uint8_t* packet) {
+void PcrBitrate::add(const std::optional<Pcr>& pcr) {
     const uint64_t position = position_;
     position_ += packetSize_;
-    const auto pcr = readPcr(packet);
     if (!pcr)
         return;
     const auto [found, isNew] = clocks_.try_emplace(pcr->pid);
@@ -214,6 +213,7 @@ Continuity ContinuityCounter::add(const uint8_t* packet) {
         }
         if (ts_check_discontinuity(counter, before)) {
             ++errors_;
+            missing_ += (counter - before - 1u) & 0x0F;
             result = Continuity::kJump;
         }
     }
@@ -234,20 +234,36 @@ bool PacketSplitter::synchronise() {
     return layout.has_value();
 }
 
-void PacketSplitter::feed(std::span<const uint8_t> bytes, const Sink& sink) {
-    pending_.insert(pending_.end(), bytes.begin(), bytes.end());
-    while (packetSize_ != 0 || synchronise()) {
-        size_t begin = 0;
-        while (pending_.size() - begin >= packetSize_ && pending_[begin] == kSyncByte) {
-            sink(pending_.data() + begin);
-            ++packets_;
-            begin += packetSize_;
+// Returns how many bytes were taken. At the end of a run, packetSize_ becomes 0.
+size_t PacketSplitter::take(std::span<const uint8_t> bytes, const Sink& sink) {
+    size_t begin = 0;
+    for (; bytes.size() - begin >= packetSize_; begin += packetSize_) {
+        if (bytes[begin] != kSyncByte) {
+            if (bytes.size() - begin == packetSize_)
+                break;  // the next byte decides
+            ++syncByteErrors_;
+            if (bytes[begin + packetSize_] != kSyncByte) {
+                ++syncByteErrors_;
+                ++syncLosses_;
+                packetSize_ = 0;
+                break;
+            }
         }
-        const bool lost = pending_.size() - begin >= packetSize_;
-        pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(begin));
-        if (!lost)
+        sink(bytes.data() + begin);
+        ++packets_;
+    }
+    return begin;
+}
+
+void PacketSplitter::feed(std::span<const uint8_t> bytes, const Sink& sink) {
+    // Datagrams of whole packets, which is most of them, are not copied.
+    if (pending_.empty() && packetSize_ != 0)
+        bytes = bytes.subspan(take(bytes, sink));
+    pending_.insert(pending_.end(), bytes.begin(), bytes.end());
+    while (!pending_.empty() && (packetSize_ != 0 || synchronise())) {
+        const size_t taken = take(pending_, sink);
+        pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(taken));
+        if (packetSize_ != 0)
             return;
-        ++syncLosses_;
-        packetSize_ = 0;
     }
 }

@@ -112,8 +112,9 @@ class PcrBitrate {
   public:
     explicit PcrBitrate(size_t packetSize) : packetSize_(packetSize) {}
 
-    // Packets are added in order, each of them.
-    void add(const uint8_t* packet);
+    // Packets are added in order, each of them, or the PCR of each, where it is known already.
+    void add(const uint8_t* packet) { add(readPcr(packet)); }
+    void add(const std::optional<Pcr>& pcr);
 
     // Bits per second, all bytes of the packets counted; nothing before two PCRs have been seen.
     std::optional<uint64_t> bitrate() const;
@@ -145,6 +146,10 @@ class ContinuityCounter {
     // What the packet is to the one of its PID before it.
     Continuity add(const uint8_t* packet);
     uint64_t errors() const { return errors_; }
+    // Packets that lack at the jumps: a jump tells them but for multiples of sixteen.
+    uint64_t missing() const { return missing_; }
+    // Takes any counter of a PID for the first one.
+    void restart() { last_.fill(kUnknown); }
 
   private:
     static constexpr size_t kPids = 0x2000;
@@ -153,10 +158,12 @@ class ContinuityCounter {
 
     std::array<uint8_t, kPids> last_{};
     uint64_t errors_ = 0;
+    uint64_t missing_ = 0;
 };
 
 // Cuts a stream that comes in pieces of any length into packets, and finds them again after bytes
-// that are none.
+// that are none. A single wrong sync byte between packets is passed over; two in a row are a loss
+// of synchronisation, which five right ones end (ISO/IEC 13818-1, G.1).
 class PacketSplitter {
   public:
     using Sink = std::function<void(const uint8_t* packet)>;
@@ -167,14 +174,17 @@ class PacketSplitter {
     size_t pendingBytes() const { return pending_.size(); }  // of which no packet was made yet
     uint64_t packets() const { return packets_; }
     uint64_t syncLosses() const { return syncLosses_; }
+    uint64_t syncByteErrors() const { return syncByteErrors_; }
 
   private:
     bool synchronise();
+    size_t take(std::span<const uint8_t> bytes, const Sink& sink);
 
     std::vector<uint8_t> pending_;
     size_t packetSize_ = 0;
     uint64_t packets_ = 0;
     uint64_t syncLosses_ = 0;
+    uint64_t syncByteErrors_ = 0;
 };
 
 #endif
