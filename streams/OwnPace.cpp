@@ -49,6 +49,9 @@ void OwnPace::push(std::span<const uint8_t> packets, Time arrival) {
     if (begin_ >= bytes_.size() / 2) {
         bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(begin_));
         begin_ = 0;
+        // The first second, by which the rate is told, takes more room than what follows.
+        if (bytes_.capacity() / 4 > bytes_.size())
+            bytes_.shrink_to_fit();
     }
     bytes_.insert(bytes_.end(), packets.begin(), packets.end());
     pushed_ += packets.size();

@@ -1,6 +1,7 @@
 #include "commands/Session.h"
 
 #include <fmt/format.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <utility>
@@ -8,6 +9,8 @@
 #include "base/Errors.h"
 
 namespace {
+
+constexpr std::chrono::seconds kTrimInterval{30};
 
 std::string message(const std::exception_ptr& failure) {
     try {
@@ -37,6 +40,11 @@ void Session::run(const std::string& things) {
 }
 
 void Session::attend() {
+    const auto now = Runner::Clock::now();
+    if (now >= trimAt_) {
+        malloc_trim(0);
+        trimAt_ = now + kTrimInterval;
+    }
     for (size_t i = 0; i < chains_.size(); ++i) {
         for (const std::string& event : chains_[i]->takeEvents())
             progress_.warn(event);
@@ -54,7 +62,7 @@ void Session::attend() {
         Chain& chain = *chains_[i];
         const std::string state = runner_.failure(i) ? "failed"
                                   : runner_.ended(i) ? chain.summary()
-                                                     : chain.describe(Runner::Clock::now());
+                                                     : chain.describe(now);
         lines.push_back(chains_.size() == 1 ? state : fmt::format("{}  {}", chain.name(), state));
     }
     progress_.show(lines);
