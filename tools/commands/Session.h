@@ -44,8 +44,8 @@ class Session {
     std::vector<std::unique_ptr<Chain>> chains_;
     std::vector<bool> told_;
     Progress progress_;
-    // The room that the streams' first seconds took, by which their rates are told, goes back to the
-    // system then.
+    // The room that the streams' first seconds took, by which their rates are told, goes back to
+    // the system then.
     Runner::Clock::time_point trimAt_ = Runner::Clock::now() + std::chrono::milliseconds(1500);
 };
 
