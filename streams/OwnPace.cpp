@@ -18,6 +18,7 @@ constexpr auto kMostDrift = 100ms;  // nor that far later on, unless the drift i
 constexpr auto kDriftTime = 50s;    // then the rate was not measured well enough
 constexpr auto kPcrPatience = 1s;   // what follows the last PCR does not wait longer
 constexpr double kHeadroom = 1.25;  // above the fastest stretch
+constexpr size_t kRoomKept = size_t{512} * 1024;
 constexpr size_t kMostAhead = size_t{16} * 1024 * 1024;
 
 Time timeAt(uint64_t bytes, double bitrate_bps) {
@@ -50,7 +51,7 @@ void OwnPace::push(std::span<const uint8_t> packets, Time arrival) {
         bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(begin_));
         begin_ = 0;
         // The first second, by which the rate is told, takes more room than what follows.
-        if (bytes_.capacity() / 4 > bytes_.size())
+        if (bytes_.capacity() > kRoomKept && bytes_.capacity() / 8 > bytes_.size())
             bytes_.shrink_to_fit();
     }
     bytes_.insert(bytes_.end(), packets.begin(), packets.end());
