@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "ReceiveLoop.h"
-#include "SocketOptions.h"
 #include "Threads.h"
 
 namespace zaqsockets {
@@ -136,10 +135,7 @@ class Watch {
             Descriptor renewed;
             if (!socket || !RenewMemberships(*group, socket, interfaces, renewed))
                 joined = false;
-            if (!renewed)
-                continue;
-            AcceptTrains(renewed);
-            if (!Replace(*group, renewed, socket)) {
+            if (renewed && !Replace(*group, renewed, socket)) {
                 group->Joined.clear();
                 joined = false;
             }

@@ -10,6 +10,7 @@
 
 #include "GroupWatch.h"
 #include "ReceiveBatch.h"
+#include "SocketOptions.h"
 #include "Threads.h"
 
 namespace zaqsockets {
@@ -39,6 +40,8 @@ class ReceiveLoop {
 
     // Any thread may call these.
     bool Register(ReceiveSocket& socket) const {
+        // Before Linux 5.0 there is no such option, and every message is one datagram.
+        Set(socket.File, SOL_UDP, UDP_GRO, 1);
         epoll_event readable{};
         readable.events = EPOLLIN;
         readable.data.ptr = &socket;

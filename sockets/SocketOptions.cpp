@@ -1,6 +1,5 @@
 #include "SocketOptions.h"
 
-#include <netinet/udp.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -90,11 +89,6 @@ Descriptor OpenReceiveSocket(const Address& address) {
     if (!Set(socket, SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBufferBytes))
         Set(socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
     return socket;
-}
-
-// Before Linux 5.0 there is no such option, and every message is one datagram.
-void AcceptTrains(const Descriptor& socket) {
-    Set(socket, SOL_UDP, UDP_GRO, 1);
 }
 
 // A link-local address is bound together with its interface, which is found where it is not named.

@@ -26,9 +26,6 @@ bool Set(const Descriptor& socket, int level, int name, const Value& value) {
 // Not blocking, with a large buffer, and for no group that only other sockets have joined.
 Descriptor OpenReceiveSocket(const Address& address);
 
-// From now on, one message may be a train of datagrams (udp(7), UDP_GRO; ReceiveBatch.h).
-void AcceptTrains(const Descriptor& socket);
-
 bool Bind(const Descriptor& socket, const Address& address);
 
 // The interface that the addresses name, by a zone or by its own address. 0 = there is none.

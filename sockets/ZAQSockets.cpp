@@ -51,8 +51,6 @@ void* ZAQUDPSocket_Create(const char* localAddress, const char* remoteAddress, u
         } else {
             socket->File = OpenUnicastSocket(local, localPort);
         }
-        if (socket->File)
-            AcceptTrains(socket->File);
         // From the success on, the loop's thread has it, and a callback may have destroyed it.
         UdpSocket* const handle = socket.get();
         if (socket->File && AttachSocket(*socket)) {
