@@ -223,10 +223,9 @@ void DetachSocket(ReceiveSocket* socket) {
         return;
     }
     ReceiveLoop* const loop = socket->Loop;
-    bool inCallback;
+    const bool inCallback = loop->IsOwnThread();
     {
         const std::lock_guard lock(g_Lock);
-        inCallback = loop->IsOwnThread();
         if (socket->Joined)
             UnwatchGroup(*socket->Joined);
         // Release pairs with the acquire in Serve.
