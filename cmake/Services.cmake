@@ -5,7 +5,7 @@ set(QXV_COMMAND qxvrtp)
 if(NOT CMAKE_INSTALL_FULL_BINDIR MATCHES "^/usr(/local)?/bin$")
     set(QXV_COMMAND ${CMAKE_INSTALL_FULL_BINDIR}/qxvrtp)
 endif()
-foreach(QXV_SERVICE send receive relay)
+foreach(QXV_SERVICE send receive relay monitor)
     set(unit ${PROJECT_BINARY_DIR}/services/qxvrtp-${QXV_SERVICE}@.service)
     configure_file(${PROJECT_SOURCE_DIR}/services/qxvrtp@.service.in ${unit} @ONLY)
     # Not CMAKE_INSTALL_LIBDIR: systemd looks for units below lib, whatever the architecture.

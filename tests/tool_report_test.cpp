@@ -14,6 +14,7 @@
 #include "reports/Json.h"
 #include "reports/Prometheus.h"
 #include "reports/Screen.h"
+#include "reports/StreamFindings.h"
 #include "reports/Text.h"
 
 namespace {
@@ -197,27 +198,64 @@ StreamReport AnalyzeMade() {
     return analyzer.report();
 }
 
+// Each figure is another one.
+ts::MonitorReport MonitorMade() {
+    ts::MonitorReport made;
+    made.stream = AnalyzeMade();
+    made.signal = true;
+    made.withoutSignal = 1250ms;
+    made.bitrate_bps = 1052900;
+    made.nullShare = 0.125;
+    ts::ReceptionReport& reception = made.reception;
+    reception.counts = {51, 68000, 51, 4, 5, 2, {}};
+    reception.smallest = 200;
+    reception.largest = 1328;
+    const ts::DatagramSource four{{192, 0, 2, 7}, 5001, false};
+    reception.sources = {{four, 50, 0s, 0s}, {{{0xFF, 0x15}, 5003, true}, 1, 0s, 0s}};
+    reception.rtp = {{51, 6, 7, 8, 9, 10, 11}, 0xABCD, 33, 0.1239, 89999.55};
+    reception.intervals = {10.1, 12.2, 13.3};
+    reception.dscps = {0, 34};
+    reception.smallestTtl = 15;
+    reception.largestTtl = 16;
+    made.delivery = {14.5, 3.0, 15.5, 21.0, 42};
+    for (const auto check : {ts::Check::kNoSignal, ts::Check::kContinuity})
+        made.checks[size_t(check)] = {17, 1500ms, 3600s, check == ts::Check::kContinuity,
+                                      "PID 257\x1B"};
+    return made;
+}
+
 TEST(ToolReport, OfAStreamIsThatToTheLetter) {
-    const ProbeReport made({"rtp://239.1.1.1:5000", true, 51, 2}, AnalyzeMade());
-    ExpectGolden("probe.txt", probeText(made));
-    ExpectGolden("probe.json", probeJson(made));
-    ExpectGolden("silence.json", probeJson({{"udp://@:5000", false, 0, 0}, {}}));
+    const FindingsPlace place{"rtp://239.1.1.1:5000", "One \"a\"\n", true, 3601s, 1'700'000'000s};
+    const StreamFindings made(place, MonitorMade());
+    ExpectGolden("stream.txt", findingsText(made));
+    ExpectGolden("stream.json", findingsJson(made, false));
+    ExpectGolden("stream.prom", findingsPrometheus({made}));
+    const std::string line = findingsJson(made, true);
+    EXPECT_EQ(json::parse(line), json::parse(findingsJson(made, false)));
+    EXPECT_EQ(line.find('\n'), line.size() - 1);
+    const json silence = json::parse(findingsJson({{"udp://@:5000"}, {}}, true));
+    for (const char* key : {"encapsulation", "packet_size", "rtp", "ttl_min", "null_share"})
+        EXPECT_TRUE(silence.at(key).is_null()) << key;
 }
 
 TEST(ToolReport, OfAHugeStreamIsCutAndSaysSo) {
-    StreamReport huge;
-    huge.bytes = huge.packets = 1;
+    ts::MonitorReport huge;
+    huge.stream.bytes = huge.stream.packets = 1;
     for (uint16_t i = 0; i < 8192; ++i) {
         const ElementaryStream stream{i, 27, "video", "H.264", "eng"};
         const Service service{1, std::string(120, 'n'), std::string(120, 'p')};
         if (i < 512)
-            huge.programmes.push_back({i, i, i, service, std::vector(200, stream)});
-        huge.pids.push_back(
+            huge.stream.programmes.push_back({i, i, i, service, std::vector(200, stream)});
+        huge.stream.pids.push_back(
             {i, "video", "H.264", "eng", std::vector<uint16_t>(512, 1), true, 1, 0, 0, 1});
-        huge.pcrs.push_back({i, 1, 0, 1.0 / 3, 2.0 / 3, 1e9 / 7, 1e6 / 7});
+        huge.stream.pcrs.push_back({i, 1, 0, 1.0 / 3, 2.0 / 3, 1e9 / 7, 1e6 / 7});
     }
-    const ProbeReport report({"udp://@:5000", false, 1, 0}, huge);
-    const std::string text = probeText(report), object = probeJson(report);
+    huge.reception.counts.datagrams = 1;
+    huge.reception.sources.resize(16);
+    huge.reception.dscps.resize(64);
+    huge.checks.fill({1, 1s, 2s, true, std::string(200, 'd')});
+    const StreamFindings findings({"udp://@:5000"}, huge);
+    const std::string text = findingsText(findings), object = findingsJson(findings, false);
     EXPECT_LT(text.size(), 200'000u);
     EXPECT_LT(object.size(), 1'500'000u);
     EXPECT_NE(text.find("\nleft out: 256 programmes, 47104 streams of programmes, 7168 PIDs\n"),

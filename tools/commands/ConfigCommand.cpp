@@ -60,7 +60,7 @@ CommandModel configCommand() {
     command.footer = fmt::format(
         "A file has an entry for each stream; 'qxvrtp send --config FILE' runs all [[send]] "
         "entries\n"
-        "in one process, 'receive' and 'relay' those of theirs:\n"
+        "in one process, 'receive', 'relay' and 'monitor' those of theirs:\n"
         "\n"
         "  [[send]]\n"
         "  input = \"/srv/news.ts\"\n"

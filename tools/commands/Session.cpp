@@ -33,8 +33,11 @@ void Session::add(std::unique_ptr<Chain> chain) {
     told_.push_back(false);
 }
 
-void Session::run(const std::string& things) {
-    runner_.run([this] { attend(); });
+void Session::run(const std::string& things, const std::function<void()>& also) {
+    runner_.run([&] {
+        attend();
+        also();
+    });
     attend();
     conclude(things);
 }

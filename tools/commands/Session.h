@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,8 +30,12 @@ class Session {
     void add(std::unique_ptr<Chain> chain);
 
     // Throws the failure of the only stream, or Failure with `things` ("relays failed"), where some
-    // of several have failed.
-    void run(const std::string& things);
+    // of several have failed. `also` is called each time when the chains have run.
+    void run(
+        const std::string& things, const std::function<void()>& also = [] {});
+
+    // Says something above the progress.
+    void tell(const std::string& text) { progress_.warn(text); }
 
   private:
     void attend();

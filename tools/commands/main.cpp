@@ -16,6 +16,7 @@
 #include "commandline/Parser.h"
 #include "commands/ConfigCommand.h"
 #include "commands/DemoCommand.h"
+#include "commands/MonitorCommand.h"
 #include "commands/ProbeCommand.h"
 #include "commands/ReceiveCommand.h"
 #include "commands/RelayCommand.h"
@@ -39,8 +40,9 @@ CommandModel commandLine() {
     CommandModel root("qxvrtp", "Transport streams over UDP and RTP");
     root.addVersion();
     root.footer = "'qxvrtp COMMAND --help' explains a command.";
-    for (const auto command : {sendCommand, receiveCommand, relayCommand, probeCommand,
-                               statusCommand, topCommand, demoCommand, configCommand})
+    for (const auto command :
+         {sendCommand, receiveCommand, relayCommand, probeCommand, monitorCommand, statusCommand,
+          topCommand, demoCommand, configCommand})
         root.addCommand(command());
     return root;
 }

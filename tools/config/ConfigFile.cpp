@@ -4,23 +4,23 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
+#include <bitset>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <fstream>
-#include <numeric>
 #include <sstream>
 #include <utility>
 
 #include "base/Errors.h"
-#include "base/Quantity.h"
 #include "config/ConfigRules.h"
+#include "config/MonitorKeys.h"
+#include "config/TableReader.h"
 #include "media/StreamUrl.h"
 
 namespace {
 
 constexpr size_t kLargestFile = size_t{1} << 20;
-constexpr double kLongestSeconds = 1e9;
 // The parser takes keys of any depth, "a.b.c", and its stack has an end. No key of ours has a dot.
 constexpr size_t kMostDots = 1000;
 
@@ -44,140 +44,6 @@ size_t countDots(std::string_view text) {
     return dots;
 }
 
-ConfigPlace placeOf(const toml::source_region& region, std::string field) {
-    return {region.begin.line, region.begin.column, std::move(field)};
-}
-
-std::string nameOf(toml::node_type type) {
-    std::ostringstream name;
-    name << type;
-    return name.str();
-}
-
-// How many letters have to be added, removed or changed to make one word of the other.
-size_t distance(std::string_view a, std::string_view b) {
-    std::vector<size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < a.size(); ++i) {
-        size_t diagonal = std::exchange(row[0], i + 1);
-        for (size_t j = 0; j < b.size(); ++j) {
-            const size_t change = diagonal + (a[i] == b[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({change, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
-// Reads a table key by key, and complains of what it does not understand.
-class TableReader {
-  public:
-    TableReader(const toml::table& table, std::string name, ConfigProblems& problems)
-        : table_(table), name_(std::move(name)), problems_(problems) {}
-
-    const toml::node* find(std::string_view key) {
-        known_.push_back(key);
-        return table_.get(key);
-    }
-
-    std::string fieldOf(std::string_view key) const {
-        return name_.empty() ? std::string(key) : fmt::format("{}.{}", name_, key);
-    }
-
-    ConfigPlace place(std::string_view key) const {
-        const toml::node* const node = table_.get(key);
-        return placeOf(node != nullptr ? node->source() : table_.source(), fieldOf(key));
-    }
-
-    void expect(const toml::node& node, const std::string& field, std::string_view what) {
-        problems_.add(placeOf(node.source(), field),
-                      fmt::format("{} is expected, not {}", what, nameOf(node.type())));
-    }
-
-    // A text that has to be there.
-    std::string text(std::string_view key) {
-        const toml::node* const node = find(key);
-        if (node == nullptr)
-            problems_.add(place(key), "is missing");
-        return node != nullptr ? text(*node, fieldOf(key)) : std::string();
-    }
-
-    std::string text(const toml::node& node, const std::string& field) {
-        const auto* const value = node.as_string();
-        if (value == nullptr)
-            expect(node, field, "a string");
-        else if (value->get().empty() || value->get().find('\0') != std::string::npos)
-            problems_.add(placeOf(node.source(), field), "is empty or contains a null character");
-        return value != nullptr ? value->get() : std::string();
-    }
-
-    bool flag(std::string_view key) {
-        const toml::node* const node = find(key);
-        if (node != nullptr && !node->is_boolean())
-            expect(*node, fieldOf(key), "true or false");
-        return node != nullptr && node->is_boolean() && node->value_or(false);
-    }
-
-    // From 1 up, as a number or as a string with k, M or G.
-    template <typename Number>
-    std::optional<Number> quantity(std::string_view key, uint64_t largest) {
-        const toml::node* const node = find(key);
-        if (node == nullptr)
-            return std::nullopt;
-        std::optional<uint64_t> value;
-        if (const auto* const string = node->as_string())
-            value = parseQuantity(string->get());
-        else if (const auto* const integer = node->as_integer())
-            value = static_cast<uint64_t>(std::max<int64_t>(integer->get(), 0));
-        if (!value || *value < 1 || *value > largest) {
-            problems_.add(place(key),
-                          fmt::format("an integer from 1 to {}, or a string like \"2.5M\" or "
-                                      "\"800k\", is expected",
-                                      largest));
-            return std::nullopt;
-        }
-        return static_cast<Number>(*value);
-    }
-
-    std::optional<std::chrono::milliseconds> seconds(std::string_view key, double smallest) {
-        const toml::node* const node = find(key);
-        if (node == nullptr)
-            return std::nullopt;
-        const double value = node->is_number() ? node->value_or(-1.0) : -1.0;
-        if (!(value >= smallest && value <= kLongestSeconds)) {
-            problems_.add(place(key), fmt::format("a number of seconds from {} to {} is expected",
-                                                  smallest, kLongestSeconds));
-            return std::nullopt;
-        }
-        return std::chrono::milliseconds(std::llround(value * 1000.0));
-    }
-
-    // To be called when all known keys have been asked for.
-    void complainOfOthers() {
-        for (const auto& [key, node] : table_) {
-            if (std::find(known_.begin(), known_.end(), key.str()) != known_.end())
-                continue;
-            const auto nearest =
-                std::min_element(known_.begin(), known_.end(),
-                                 [&word = key](std::string_view a, std::string_view b) {
-                                     return distance(word.str(), a) < distance(word.str(), b);
-                                 });
-            std::string advice;
-            const size_t shorter = std::min(key.str().size(), nearest->size());
-            if (2 * distance(key.str(), *nearest) < shorter)
-                advice = fmt::format("; is '{}' meant?", *nearest);
-            problems_.add(placeOf(key.source(), fieldOf(key.str())),
-                          fmt::format("unknown key{}", advice));
-        }
-    }
-
-  private:
-    const toml::table& table_;
-    std::string name_;
-    ConfigProblems& problems_;
-    std::vector<std::string_view> known_;
-};
-
 class FileReader {
   public:
     explicit FileReader(ConfigProblems& problems) : problems_(problems), rules_(problems) {}
@@ -189,9 +55,12 @@ class FileReader {
         forEach(reader, "receive",
                 [&](TableReader& entry) { config.receive.push_back(receive(entry)); });
         forEach(reader, "relay", [&](TableReader& entry) { config.relay.push_back(relay(entry)); });
+        forEach(reader, "monitor",
+                [&](TableReader& entry) { config.monitor.push_back(monitor(entry)); });
         reader.complainOfOthers();
         if (file.empty())
-            problems_.add({1, 1, ""}, "there is no [[send]], [[receive]] or [[relay]]");
+            problems_.add({1, 1, ""},
+                          "there is no [[send]], [[receive]], [[relay]] or [[monitor]]");
         rules_.finish();
         return config;
     }
@@ -316,6 +185,44 @@ class FileReader {
         return job;
     }
 
+    MonitorJob monitor(TableReader& entry) {
+        MonitorJob job;
+        job.url = entry.text("url");
+        if (entry.find("name") != nullptr)
+            job.name = entry.text("name");
+        if (entry.find("on_alarm") != nullptr)
+            job.onAlarm = entry.text("on_alarm");
+        for (const LimitKey& limit : kLimitKeys)
+            if (const auto value = entry.number(limit.key, 0.0, "a number of seconds"))
+                limit.of(job.limits) = std::chrono::nanoseconds(std::llround(*value * 1e9));
+        if (const auto rate = entry.number("loss_rate", 0.0, "a number of packets a second"))
+            job.limits.lossRate = *rate;
+        job.limits.transport.tablesRequired = entry.flag("tables_required");
+        ignore(entry, job.limits.alarms.ignored);
+        if (const auto source = url(job.url, entry.place("url"), checkSource))
+            rules_.addWatched(*source, job.name, entry.place("url"));
+        return job;
+    }
+
+    void ignore(TableReader& entry, std::bitset<ts::kChecks>& ignored) {
+        const toml::node* const node = entry.find("ignore");
+        const toml::array* const list = node != nullptr ? node->as_array() : nullptr;
+        if (node != nullptr && list == nullptr)
+            entry.expect(*node, entry.fieldOf("ignore"), "an array of strings");
+        for (size_t i = 0; list != nullptr && i < list->size(); ++i) {
+            const std::string field = fmt::format("{}[{}]", entry.fieldOf("ignore"), i);
+            const std::string name = entry.text(*list->get(i), field);
+            size_t check = 0;
+            while (check < ts::kChecks && name != ts::info(static_cast<ts::Check>(check)).name)
+                ++check;
+            if (check < ts::kChecks)
+                ignored.set(check);
+            else if (!name.empty())
+                problems_.add(placeOf(list->get(i)->source(), field),
+                              fmt::format("there is no check '{}'", name));
+        }
+    }
+
     ConfigProblems& problems_;
     ConfigRules rules_;
 };
@@ -387,6 +294,31 @@ toml::table tableOf(const RelayJob& job) {
     return std::move(writer.table);
 }
 
+toml::table tableOf(const MonitorJob& job) {
+    TableWriter writer;
+    writer.url("url", job.url, false);
+    if (!job.name.empty())
+        writer.text("name", job.name);
+    if (!job.onAlarm.empty())
+        writer.text("on_alarm", job.onAlarm);
+    ts::MonitorLimits limits = job.limits;
+    ts::MonitorLimits usual;
+    for (const LimitKey& limit : kLimitKeys)
+        if (limit.of(limits) != limit.of(usual))
+            writer.table.insert(limit.key, std::chrono::duration<double>(limit.of(limits)).count());
+    if (limits.lossRate != usual.lossRate)
+        writer.table.insert("loss_rate", limits.lossRate);
+    if (limits.transport.tablesRequired)
+        writer.table.insert("tables_required", true);
+    toml::array ignored;
+    for (size_t check = 0; check < ts::kChecks; ++check)
+        if (limits.alarms.ignored[check])
+            ignored.push_back(ts::info(static_cast<ts::Check>(check)).name);
+    if (!ignored.empty())
+        writer.table.insert("ignore", std::move(ignored));
+    return std::move(writer.table);
+}
+
 template <typename Job>
 void store(toml::table& file, const char* section, const std::vector<Job>& jobs, bool evenNone) {
     toml::array entries;
@@ -446,11 +378,16 @@ std::vector<RelayJob> readRelayJobs(const std::string& file) {
     return needed(readConfig(file).relay, file, "relay");
 }
 
+std::vector<MonitorJob> readMonitorJobs(const std::string& file) {
+    return needed(readConfig(file).monitor, file, "monitor");
+}
+
 std::string formatConfig(const ServiceConfig& config, bool json) {
     toml::table file;
     store(file, "send", config.send, json);
     store(file, "receive", config.receive, json);
     store(file, "relay", config.relay, json);
+    store(file, "monitor", config.monitor, json);
     std::ostringstream text;
     if (json)
         text << toml::json_formatter(file) << '\n';

@@ -1,5 +1,5 @@
-// Configuration files (TOML) of the send, receive and relay services; qxvrtp.toml(5) describes
-// them.
+// Configuration files (TOML) of the send, receive, relay and monitor services; qxvrtp.toml(5)
+// describes them.
 #ifndef TOOLS_CONFIG_CONFIGFILE_H
 #define TOOLS_CONFIG_CONFIGFILE_H
 
@@ -14,6 +14,7 @@ struct ServiceConfig {
     std::vector<SendJob> send;
     std::vector<ReceiveJob> receive;
     std::vector<RelayJob> relay;
+    std::vector<MonitorJob> monitor;
 };
 
 // All that is wrong with a file, in the order of its lines, one complaint a line:
@@ -32,6 +33,7 @@ ServiceConfig readConfig(const std::string& file);
 std::vector<SendJob> readSendJobs(const std::string& file);
 std::vector<ReceiveJob> readReceiveJobs(const std::string& file);
 std::vector<RelayJob> readRelayJobs(const std::string& file);
+std::vector<MonitorJob> readMonitorJobs(const std::string& file);
 
 // The configuration as TOML, which parseConfig() reads again, or as JSON: URLs in their full form,
 // numbers without suffixes.

@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr size_t kMostWatched = 64;
+
 // An address in its shortest form, so that equal ones are equal as text.
 std::string canonical(const std::string& address) {
     const size_t percent = address.find('%');
@@ -190,6 +192,11 @@ bool ConfigRules::haveChannel(const ConfigPlace& place, std::string_view directi
 std::optional<size_t> ConfigRules::addSource(const StreamUrl& url, const ConfigPlace& place) {
     if (!haveChannel(place, "receive"))
         return std::nullopt;
+    addReceiver(url, place);
+    return sources_.size() - 1;
+}
+
+void ConfigRules::addReceiver(const StreamUrl& url, const ConfigPlace& place) {
     for (const Source& other : sources_)
         if (collide(url, other.url)) {
             problems_.add(place, fmt::format("'{}': the port is used by {} already", url.text,
@@ -197,7 +204,19 @@ std::optional<size_t> ConfigRules::addSource(const StreamUrl& url, const ConfigP
             break;
         }
     sources_.push_back({url, place});
-    return sources_.size() - 1;
+}
+
+void ConfigRules::addWatched(const StreamUrl& url, const std::string& name,
+                             const ConfigPlace& place) {
+    const std::string& shown = name.empty() ? url.text : name;
+    if (std::find(watched_.begin(), watched_.end(), shown) != watched_.end())
+        problems_.add(place,
+                      fmt::format("'{}' is there already; a name tells streams apart", shown));
+    watched_.push_back(shown);
+    if (watched_.size() == kMostWatched + 1)
+        problems_.add(place, fmt::format("a process watches {} streams at most", kMostWatched));
+    if (watched_.size() <= kMostWatched)
+        addReceiver(url, place);
 }
 
 size_t ConfigRules::addRelay(std::optional<size_t> source) {
@@ -286,5 +305,13 @@ void checkArguments(const RelayJob& job) {
     for (size_t i = 0; i < job.to.size(); ++i)
         rules.addDestination(checkedUrl(job.to[i], checkDestination), argument("TO", i), relay);
     rules.finish();
+    problems.throwFirst();
+}
+
+void checkArguments(const std::vector<MonitorJob>& jobs) {
+    ConfigProblems problems;
+    ConfigRules rules(problems);
+    for (size_t i = 0; i < jobs.size(); ++i)
+        rules.addWatched(checkedUrl(jobs[i].url, checkSource), "", argument("URL", i));
     problems.throwFirst();
 }

@@ -54,6 +54,8 @@ class ConfigRules {
 
     // Returns the number of the source, or none where there are too many.
     std::optional<size_t> addSource(const StreamUrl& url, const ConfigPlace& place);
+    // For a monitor, which needs no channel. `name` tells its streams apart in reports.
+    void addWatched(const StreamUrl& url, const std::string& name, const ConfigPlace& place);
     // Returns the number of the relay, which takes its stream from the source, where that is good.
     size_t addRelay(std::optional<size_t> source);
     void addDestination(const StreamUrl& url, const ConfigPlace& place,
@@ -74,6 +76,7 @@ class ConfigRules {
     };
 
     bool haveChannel(const ConfigPlace& place, std::string_view direction);
+    void addReceiver(const StreamUrl& url, const ConfigPlace& place);
     bool reaches(size_t relay, size_t goal, std::vector<bool>& seen) const;
     bool feedsOneThatReaches(const Destination& to, size_t goal, std::vector<bool>& seen) const;
 
@@ -81,15 +84,18 @@ class ConfigRules {
     std::map<std::string, std::string> inputs_;   // "-" only, and the field that names it first
     std::map<std::string, std::string> outputs_;  // the same for all files
     std::map<std::string, size_t> channels_;      // by section and direction
+    std::vector<std::string> watched_;            // names
     std::vector<Source> sources_;
     std::vector<Destination> destinations_;
     std::vector<std::optional<size_t>> relays_;  // their sources
 };
 
-// Applies the rules to a command line: of pairs, or of one source and its destinations. Throws
+// Applies the rules to a command line: of pairs, of one source and its destinations,
+// or of sources. Throws
 // UsageError.
 void checkArguments(const std::vector<SendJob>& jobs);
 void checkArguments(const std::vector<ReceiveJob>& jobs);
 void checkArguments(const RelayJob& job);
+void checkArguments(const std::vector<MonitorJob>& jobs);
 
 #endif

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <string>
-#include <thread>
 
 #include "QXV_RTP_table.h"
 
@@ -152,25 +151,4 @@ size_t ReceiveChannel::receive(std::span<uint8_t> space) {
     const bool taken = module_.call().Receive(module_.handle(), channel_, space.data(),
                                               static_cast<uint32_t>(length)) == 1;
     return taken ? length : 0;
-}
-
-bool ReceiveChannel::awaitSocket(const StreamUrl& url,
-                                 const std::function<bool()>& endIsAskedFor) const {
-    constexpr std::chrono::milliseconds kLookInterval{1};
-    const auto deadline = std::chrono::steady_clock::now() + kSocketPatience;
-    while (!socketIsOpen()) {
-        if (endIsAskedFor())
-            return false;
-        if (std::chrono::steady_clock::now() > deadline)
-            throw noSocket(url);
-        std::this_thread::sleep_for(kLookInterval);
-    }
-    return true;
-}
-
-Failure ReceiveChannel::noSocket(const StreamUrl& url) {
-    return Failure(fmt::format("no socket could be opened for {}; {}", url.text,
-                               url.multicast
-                                   ? "is there an interface for the group? localaddr= names one"
-                                   : "is the port in use, or the address not this machine's?"));
 }

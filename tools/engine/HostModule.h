@@ -2,9 +2,7 @@
 #ifndef TOOLS_ENGINE_HOSTMODULE_H
 #define TOOLS_ENGINE_HOSTMODULE_H
 
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <span>
 
@@ -132,13 +130,6 @@ class ReceiveChannel : public HostChannel {
 
     // Takes what is there, as far as it fits, without waiting; returns the number of bytes.
     size_t receive(std::span<uint8_t> space);
-
-    // False when the end is asked for before the socket is open. Throws what noSocket() returns.
-    bool awaitSocket(const StreamUrl& url, const std::function<bool()>& endIsAskedFor) const;
-    static Failure noSocket(const StreamUrl& url);
 };
-
-// How long a socket may take to open: the module tries once a second.
-inline constexpr std::chrono::seconds kSocketPatience{3};
 
 #endif

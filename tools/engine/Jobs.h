@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "StreamMonitor.h"
+
 // Whether null packets and new PCRs give a stream a constant rate. What is neither asked for nor
 // excluded depends on the URL: under RTP, which needs a constant rate for its timestamps, yes.
 struct Shaping {
@@ -49,6 +51,14 @@ struct RelayJob {
     std::vector<std::string> to;
     std::optional<uint32_t> bitrate_bps;  // none = by the stream's PCRs
     Shaping shaping = {};
+};
+
+struct MonitorJob {
+    std::string url;
+    std::string name;                                   // empty = the URL
+    std::optional<std::chrono::milliseconds> duration;  // from the opening of the socket
+    std::string onAlarm;                                // empty = no command
+    ts::MonitorLimits limits = {};
 };
 
 #endif

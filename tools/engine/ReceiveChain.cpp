@@ -75,7 +75,7 @@ void ReceiveChain::connect() {
         }
     }
     if (!channel_->socketIsOpen())
-        return awaitSocket(ReceiveChannel::noSocket(url_).what());
+        return awaitSocket(noSocket(url_).what());
     isOver(socketOutage_, fmt::format("{} is received", url_.text));
     opened_ = closed_ = lastData_ = now_;
     state_ = State::kReceiving;

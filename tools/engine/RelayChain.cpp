@@ -81,7 +81,7 @@ void RelayChain::openInput(Clock::time_point now) {
 void RelayChain::watchInput(Clock::time_point now) {
     socketOpen_ = channel_ && channel_->socketIsOpen();
     if (channel_ && !socketOpen_)
-        trouble_ = ReceiveChannel::noSocket(url_).what();
+        trouble_ = noSocket(url_).what();
     if (socketOpen_) {
         socketSeen_ = now;
         if (std::exchange(socketReported_, false))

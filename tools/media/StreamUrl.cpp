@@ -9,7 +9,6 @@
 #include <charconv>
 #include <cstring>
 
-#include "base/Errors.h"
 #include "media/HostNames.h"
 
 namespace {
@@ -338,4 +337,11 @@ RtpChannelConfig receiveConfig(const StreamUrl& given) {
     RtpChannelConfig config = commonConfig(url, hostIsLocal ? url.host : url.localAddress);
     config.Rtp = 1;
     return config;
+}
+
+Failure noSocket(const StreamUrl& url) {
+    return Failure(fmt::format("no socket could be opened for {}; {}", url.text,
+                               url.multicast
+                                   ? "is there an interface for the group? localaddr= names one"
+                                   : "is the port in use, or the address not this machine's?"));
 }

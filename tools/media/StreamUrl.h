@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "QXV_RTP.h"
+#include "base/Errors.h"
 
 // Far enough for a campus, and the value that other senders start from.
 inline constexpr uint8_t kDefaultTtl = 16;
@@ -56,6 +57,9 @@ void checkSource(const StreamUrl& url);
 // whereas RTP datagrams would keep their headers until the channel has switched from raw.
 RtpChannelConfig sendConfig(const StreamUrl& given);
 RtpChannelConfig receiveConfig(const StreamUrl& given);
+
+// What to say where no socket can be opened to receive from the URL.
+Failure noSocket(const StreamUrl& url);
 
 // Stores addresses in place of names, and whatever depends on the address's kind. They throw
 // UsageError where the URL's parts do not fit together.

@@ -6,11 +6,8 @@
 
 #include "reports/HostTable.h"
 #include "reports/Hosts.h"
-#include "reports/ProbeReport.h"
 
 // Idle channels are left out unless `all`.
 std::string tableJson(const ChannelTable& table, const TableHosts& hosts, bool all);
-
-std::string probeJson(const ProbeReport& report);
 
 #endif

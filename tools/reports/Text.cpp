@@ -4,68 +4,11 @@
 
 #include <iterator>
 
-#include "base/Quantity.h"
 #include "base/SafeText.h"
 
 namespace {
 
 using Output = std::back_insert_iterator<std::string>;
-
-std::string rateOr(const std::optional<uint64_t>& bitrate_bps, const char* instead) {
-    return bitrate_bps ? formatBitrate(*bitrate_bps) : instead;
-}
-
-std::string pidType(const PidReport& pid) {
-    std::string type = pid.kind;
-    for (const std::string& more : {pid.codec, pid.language})
-        type += more.empty() ? "" : ' ' + more;
-    return type;
-}
-
-std::string pidNotes(const PidReport& pid) {
-    std::string notes = pid.pcr ? "PCR" : "";
-    if (pid.scrambled > 0)
-        notes += notes.empty() ? "scrambled" : " scrambled";
-    return notes;
-}
-
-void writeProgrammes(Output out, const StreamReport& report) {
-    constexpr size_t kNameWidth = 49;  // what is left of 80 columns
-    if (report.programmes.empty())
-        fmt::format_to(out, "\nno programmes: no PAT came\n");
-    else
-        fmt::format_to(out, "\nprogramme  PMT    PCR    PIDs  name (provider)\n");
-    for (const ProgrammeReport& programme : report.programmes) {
-        const auto& service = programme.service;
-        fmt::format_to(
-            out, "{:>9}  {:<5}  {:<5} {:>5}  {}\n", programme.number, programme.pmtPid,
-            programme.pcrPid ? fmt::format("{}", *programme.pcrPid) : "-", programme.streams.size(),
-            service ? shorten(fmt::format("{} ({})", service->name, service->provider), kNameWidth)
-                    : "-");
-    }
-}
-
-void writePids(Output out, const StreamReport& report) {
-    if (report.pids.empty())
-        return;
-    fmt::format_to(out,
-                   "\n  PID  type                       packets         bitrate  cc errors  \n");
-    for (const PidReport& pid : report.pids)
-        fmt::format_to(out, "{:>5}  {:<22} {:>11} {:>15} {:>10}  {}\n", pid.pid, pidType(pid),
-                       pid.packets, rateOr(pid.bitrate_bps, "-"), pid.continuityErrors,
-                       pidNotes(pid));
-}
-
-void writeClocks(Output out, const StreamReport& report) {
-    if (report.pcrs.empty())
-        return;
-    fmt::format_to(
-        out, "\n  PCR    count   interval ms (min, max)   jitter ms (peak-peak, RMS)   cuts\n");
-    for (const PcrReport& clock : report.pcrs)
-        fmt::format_to(out, "{:>5} {:>8} {:>12.2f} {:>11.2f} {:>17.2f} {:>10.2f} {:>6}\n",
-                       clock.pid, clock.count, clock.shortestInterval_ms, clock.longestInterval_ms,
-                       clock.jitterPeakToPeak_ms, clock.jitterRms_ms, clock.discontinuities);
-}
 
 }  // namespace
 
@@ -131,30 +74,4 @@ std::string tableText(const ChannelTable& table, const TableHosts& hosts, bool a
     if (shown == 0)
         fmt::format_to(out, "# no channel is running\n");
     return width ? cutLines(text, *width) : text;
-}
-
-std::string probeText(const ProbeReport& report) {
-    const Arrival& arrival = report.arrival;
-    const StreamReport& stream = report.stream;
-    std::string text;
-    const Output out(text);
-    fmt::format_to(out, "{}\n{}, packets of {} bytes, {} packets in {} datagrams, {:.2f} s\n",
-                   arrival.url, arrival.rtp ? "RTP" : "raw", stream.packetSize, stream.packets,
-                   arrival.datagrams, std::chrono::duration<double>(stream.time).count());
-    fmt::format_to(out, "bitrate  {} by arrival, {} by PCR\n",
-                   rateOr(stream.arrivalBitrate_bps, "unknown"),
-                   rateOr(stream.pcrBitrate_bps, "unknown"));
-    fmt::format_to(out, "errors   continuity {}, sync {}, transport {}, section {}\n",
-                   stream.continuityErrors, stream.syncLosses, stream.transportErrors,
-                   stream.sectionErrors);
-    if (arrival.datagramsDropped > 0)
-        fmt::format_to(out, "lost     {} datagrams for which this process was too slow\n",
-                       arrival.datagramsDropped);
-    writeProgrammes(out, stream);
-    writePids(out, stream);
-    writeClocks(out, stream);
-    if (report.programmesLeftOut + report.streamsLeftOut + report.pidsLeftOut > 0)
-        fmt::format_to(out, "\nleft out: {} programmes, {} streams of programmes, {} PIDs\n",
-                       report.programmesLeftOut, report.streamsLeftOut, report.pidsLeftOut);
-    return text;
 }

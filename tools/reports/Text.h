@@ -7,15 +7,11 @@
 
 #include "reports/HostTable.h"
 #include "reports/Hosts.h"
-#include "reports/ProbeReport.h"
 
 // The table in columns that no space or control character breaks; other lines begin with '#'. Cut
 // to `width` columns where that is given. Idle channels are left out unless `all`.
 std::string tableText(const ChannelTable& table, const TableHosts& hosts, bool all,
                       std::optional<size_t> width);
-
-// A stream's findings, 80 columns wide.
-std::string probeText(const ProbeReport& report);
 
 // The processes that have the table.
 std::string hostsText(const TableHosts& hosts);

@@ -1,0 +1,229 @@
+#include "commands/MonitorCommand.h"
+
+#include <fmt/format.h>
+
+#include <memory>
+#include <utility>
+
+#include "base/Errors.h"
+#include "base/SafeText.h"
+#include "commandline/CommandLine.h"
+#include "commandline/CommandModel.h"
+#include "commands/ConfigCommand.h"
+#include "commands/Session.h"
+#include "config/ConfigFile.h"
+#include "config/ConfigRules.h"
+#include "engine/AlarmCommand.h"
+#include "engine/MonitorChain.h"
+#include "media/LineOutput.h"
+#include "reports/StreamFindings.h"
+
+namespace {
+
+using Clock = Chain::Clock;
+
+struct Arguments {
+    std::vector<std::string> urls;
+    std::string duration;
+    std::string patience = "3";
+    std::string config;
+    std::string onAlarm;
+    std::string interval;
+    MonitorOptions options;
+};
+
+ts::Time wallAhead() {
+    return std::chrono::system_clock::now().time_since_epoch() - Clock::now().time_since_epoch();
+}
+
+std::vector<std::string> factsOf(const MonitorChain& chain, const ts::AlarmEvent& event) {
+    const ts::CheckInfo& check = ts::info(event.check);
+    return {"QXVRTP_URL=" + chain.job().url,
+            "QXVRTP_NAME=" + printable(chain.name()),
+            fmt::format("QXVRTP_ALARM={}", check.name),
+            fmt::format("QXVRTP_NUMBER={}", check.reference),
+            fmt::format("QXVRTP_STATE={}", event.raised ? "raised" : "cleared"),
+            "QXVRTP_DETAIL=" + printable(event.detail),
+            "QXVRTP_TIME=" + isoTime(event.time + wallAhead())};
+}
+
+// All chains, and what is made of their findings.
+class Watching {
+  public:
+    Watching(const std::vector<MonitorJob>& jobs, const MonitorOptions& options,
+             std::optional<std::chrono::milliseconds> patience)
+        : options_(options), next_(Clock::now() + options.interval) {
+        for (const MonitorJob& job : jobs) {
+            auto chain = std::make_unique<MonitorChain>(job, means_, patience);
+            chains_.push_back(chain.get());
+            session_.add(std::move(chain));
+        }
+    }
+
+    void run() {
+        std::exception_ptr failure;
+        try {
+            session_.run("streams could not be watched", [this] { attend(); });
+        } catch (const Failure&) {
+            failure = std::current_exception();
+        }
+        report();
+        if (options_.reportAtEnd && !options_.json)
+            for (const MonitorChain* const chain : chains_)
+                if (chain->wasOpened())
+                    fmt::print("{}\n", findingsText(findingsOf(*chain)));
+        if (failure)
+            std::rethrow_exception(failure);
+    }
+
+  private:
+    void attend() {
+        const auto now = Clock::now();
+        for (MonitorChain* const chain : chains_)
+            for (const ts::AlarmEvent& event : chain->takeAlarms())
+                tell(*chain, event);
+        command_.run(now);
+        for (const std::string& event : command_.takeEvents())
+            session_.tell(event);
+        if (now < next_)
+            return lines_.flush();
+        // Where a report has taken long, those that were due meanwhile are left out.
+        next_ += (now - next_) / options_.interval * options_.interval + options_.interval;
+        report();
+    }
+
+    void tell(const MonitorChain& chain, const ts::AlarmEvent& event) {
+        session_.tell(fmt::format("{}: {} {}{}{}", chain.name(), ts::info(event.check).name,
+                                  event.raised ? "raised" : "cleared",
+                                  event.detail.empty() ? "" : ": ", event.detail));
+        if (const std::string& command = chain.job().onAlarm; !command.empty())
+            command_.add(command, factsOf(chain, event));
+    }
+
+    void report() {
+        std::vector<StreamFindings> streams;
+        if (options_.json || !options_.metrics.empty())
+            for (const MonitorChain* const chain : chains_)
+                streams.push_back(findingsOf(*chain));
+        if (options_.json)
+            for (const StreamFindings& stream : streams)
+                lines_.add(findingsJson(stream, true));
+        if (lines_.dropped() > 0 && !std::exchange(droppedIsTold_, true))
+            session_.tell("lines are dropped: standard output is not read fast enough");
+        if (!options_.metrics.empty())
+            writeMetrics(findingsPrometheus(streams));
+    }
+
+    void writeMetrics(const std::string& text) {
+        try {
+            replaceFile(options_.metrics, text);
+            if (std::exchange(metricsFail_, false))
+                session_.tell(fmt::format("'{}' is written again", options_.metrics));
+        } catch (const Failure& failure) {
+            if (!std::exchange(metricsFail_, true))
+                session_.tell(fmt::format("{}. Trying on.", failure.what()));
+        }
+    }
+
+    static StreamFindings findingsOf(const MonitorChain& chain) {
+        return {{chain.job().url, chain.job().name, chain.hasSocket(),
+                 Clock::now().time_since_epoch(), wallAhead()},
+                chain.monitor().report()};
+    }
+
+    const MonitorOptions options_;
+    MonitorMeans means_;
+    Session session_;
+    std::vector<MonitorChain*> chains_;  // the session's
+    AlarmCommand command_;
+    LineOutput lines_;
+    Clock::time_point next_;
+    bool droppedIsTold_ = false;
+    bool metricsFail_ = false;
+};
+
+std::vector<MonitorJob> jobsOf(const Arguments& given) {
+    std::vector<MonitorJob> jobs;
+    if (!given.config.empty())
+        jobs = readMonitorJobs(given.config);
+    for (const std::string& url : given.urls) {
+        MonitorJob job;
+        job.url = url;
+        if (!given.duration.empty())
+            job.duration = duration("--duration", given.duration, 0.1, 1e9);
+        jobs.push_back(job);
+    }
+    for (MonitorJob& job : jobs)
+        if (job.onAlarm.empty())
+            job.onAlarm = given.onAlarm;
+    if (given.config.empty())
+        checkArguments(jobs);
+    return jobs;
+}
+
+constexpr auto kHelp =
+    "Looks at every datagram and every packet of up to 64 streams, on sockets of its own: other\n"
+    "receivers of a group on this machine get all datagrams as before. It takes no channel and\n"
+    "leaves the table of 'status' alone.\n"
+    "\n"
+    "Found are: loss, order and jitter of RTP, a second sender, sizes, TTL and DSCP; delay factor\n"
+    "and media loss rate (RFC 4445); the errors of ETSI TR 101 290; bitrates, programmes and "
+    "PIDs.\n"
+    "Datagrams for which this process was too slow count apart from what the network has lost.\n"
+    "docs/monitoring.md explains each figure.\n"
+    "\n"
+    "Alarms: an error that lasts raises one, and it is cleared when the error has been absent\n"
+    "for a while; a line on standard error tells both. Limits and times are keys of [[monitor]]\n"
+    "in a configuration file; see qxvrtp.toml(5).\n"
+    "--on-alarm runs a program, without a shell or arguments, for at most 30 seconds, 8 at a\n"
+    "time. Its environment has QXVRTP_URL, QXVRTP_NAME, QXVRTP_ALARM (no_signal), \n"
+    "QXVRTP_NUMBER (1.1), QXVRTP_STATE (raised or cleared), QXVRTP_DETAIL and QXVRTP_TIME.\n"
+    "\n"
+    "A socket that cannot be opened is waited for, and so is a stream that does not come; only\n"
+    "when there is no socket within --patience of the start is a stream given up (1); with\n"
+    "--config, it is tried for ever. In the end, by a signal or after --duration, a report of\n"
+    "each stream is printed, but not with --json or --config. Ends successfully (0).\n"
+    "\n"
+    "Examples:\n"
+    "  qxvrtp monitor rtp://239.1.1.1:5000 rtp://239.1.1.2:5000\n"
+    "  qxvrtp monitor udp://@:5000 --json --interval 1 | jq .alarms\n"
+    "  qxvrtp monitor -c news.toml --metrics /var/lib/prometheus/node-exporter/news.prom\n";
+
+}  // namespace
+
+void runMonitor(const std::vector<MonitorJob>& jobs, const MonitorOptions& options,
+                std::optional<std::chrono::milliseconds> patience) {
+    Watching(jobs, options, patience).run();
+}
+
+CommandModel monitorCommand() {
+    CommandModel command("monitor", "Watch streams and raise alarms");
+    const auto given = std::make_shared<Arguments>();
+    command
+        .addArguments("URL", given->urls,
+                      "Groups to join, or local addresses to listen on (udp://@:5000 = any)", "URL")
+        .require();
+    command.addOption("-d,--duration", given->duration, "SECONDS",
+                      "End after this time; without it, with SIGINT or SIGTERM");
+    command.addOption("--patience", given->patience, "SECONDS",
+                      "How long to wait for a socket that cannot be opened; 3 if not given");
+    addConfigOption(command, given->config);
+    command.addFlag("-j,--json", given->options.json,
+                    "Print one JSON object, in a line, for each stream and interval");
+    command.addOption("--metrics", given->options.metrics, "FILE",
+                      "Replace this file with metrics for Prometheus, once an interval");
+    command.addOption("-i,--interval", given->interval, "SECONDS", "10 if not given");
+    command.addOption("--on-alarm", given->onAlarm, "PROGRAM",
+                      "Run this when an alarm is raised or cleared");
+    command.footer = kHelp + urlHelp();
+    command.action = [given] {
+        MonitorOptions options = given->options;
+        options.reportAtEnd = given->config.empty();
+        if (!given->interval.empty())
+            options.interval = duration("--interval", given->interval, 0.1, 1e6);
+        const auto patience = duration("--patience", given->patience, 0.0, 1e9);
+        runMonitor(jobsOf(*given), options,
+                   given->config.empty() ? std::optional(patience) : std::nullopt);
+    };
+    return command;
+}
