@@ -61,6 +61,11 @@ class ToolTest(unittest.TestCase):
     def send(self, arguments):
         self.assertEqual(self.tool("send " + arguments).wait(60), 0, arguments)
 
+    def link(self, address):
+        run("ip link add v0 type veth peer name v1 && ip link set v1 up && "
+            f"ip addr add {address}/24 dev v0 && ip link set v0 up")
+        self.addCleanup(subprocess.run, "ip link del v0 2> /dev/null", shell=True)
+
     # As long as there is progress, and for a while without.
     def await_(self, condition, progress=lambda: 0):
         seen, end = None, 0
@@ -460,10 +465,117 @@ class Relay(ToolTest):
         run("ip link del v0")
         self.assertEqual(self.tool(f"relay {source} '{group}' --patience 0.5 2> said").wait(40), 1)
 
-    def link(self, address):
-        run("ip link add v0 type veth peer name v1 && ip link set v1 up && "
-            f"ip addr add {address}/24 dev v0 && ip link set v0 up")
-        self.addCleanup(subprocess.run, "ip link del v0 2> /dev/null", shell=True)
+
+# Datagrams under RTP, by the places in SAMPLE that the numbers name.
+def rtp(number):
+    at = number % 269 * 1316
+    return struct.pack(">BBHII", 0x80, 33, number & 0xFFFF, number * 1000, 7) + SAMPLE[at:at + 1316]
+
+
+class Watch(ToolTest):
+    def watch(self, arguments):
+        return self.start(f"'{TOOL}' monitor {arguments} > lines 2> said")
+
+    def lines(self, name=None):
+        found = [json.loads(line) for line in read("lines").splitlines(True) if line[-1:] == b"\n"]
+        return [line for line in found if name in (None, line["name"])]
+
+    # What the network does to a stream, seen from a socket that is there only later.
+    def test_what_the_network_does_is_counted_and_told_to_the_letter(self):
+        write("note", b"""#!/bin/sh\necho "$QXVRTP_NAME $QXVRTP_ALARM $QXVRTP_STATE" >> noted\n""")
+        os.chmod("note", 0o755)
+        write("watch.toml", b"""[[monitor]]\nurl = 'rtp://192.0.2.46:7150'\nname = 'One'
+            on_alarm = './note'\nclear_after = 0.5\nignore = ['media_loss']\n""")
+        monitor = self.watch("-c watch.toml --json -i 0.1 --metrics metrics")
+        self.await_(lambda: b"address not this machine's? Trying on.\n" in read("said"))
+        run("ip addr add 192.0.2.46/32 dev lo")
+        self.addCleanup(run, "ip addr del 192.0.2.46/32 dev lo")
+        self.await_(lambda: is_bound(7150))
+        senders = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2)]
+        for sender, ttl in zip(senders, (9, 11)):
+            self.addCleanup(sender.close)
+            sender.setsockopt(socket.IPPROTO_IP, socket.IP_TTL, ttl)
+            sender.setsockopt(socket.IPPROTO_IP, socket.IP_TOS, 34 << 2)
+
+        def send(numbers, sender=senders[0]):
+            for number in numbers:
+                sender.sendto(rtp(number), ("192.0.2.46", 7150))
+                time.sleep(0.002)
+        numbers = [n for n in range(65400, 65900) if n not in (65450, 65535, 65536, 65537, 65800)]
+        for at, away in ((20, 1), (150, 5), (420, 3)):  # comes later by so many places
+            numbers.insert(at + away, numbers.pop(at))
+        send(numbers[:200] + numbers[199:300] + numbers[298:])  # three come twice
+        self.await_(lambda: b"no_signal raised" in read("said"))
+        send(range(65900, 65950))
+        self.await_(lambda: b"no_signal cleared" in read("said"))
+        send(range(30), senders[1])
+        send([65950], senders[0])
+        send(range(30, 32), senders[1])
+        self.await_(lambda: b"second_sender raised" in read("said"))
+        self.assertEqual(self.end(monitor), 0)
+        last = self.lines("One")[-1]
+        for key, value in (("lost", 5), ("reordered", 3), ("reordered_furthest", 5),
+                           ("duplicates", 3)):
+            self.assertEqual(last["rtp"][key], value, (key, last["rtp"]))
+        self.assertEqual([last[key] for key in ("ttl_min", "ttl_max", "dscp", "datagrams_odd")],
+                         [9, 11, [34], 0])
+        self.assertEqual(len(last["sources"]), 2)
+        self.assertGreater(last["checks"]["rtp_loss"]["errors"], 0)
+        self.await_(lambda: b"One second_sender raised\n" in read("noted"))
+        self.assertIn(b"One no_signal cleared\n", read("noted"))
+        self.assertNotIn(b"media_loss", read("noted"))
+        self.assert_said("One: rtp_loss raised", "rtp://192.0.2.46:7150 is received again")
+        self.assertRegex(read("metrics").decode(), r'\nqxvrtp_monitor_rtp_lost_total\{[^}]*\} 5\n')
+        self.assertFalse(os.path.exists("metrics.new"))
+        self.assertFalse(os.path.exists(TABLE))
+
+    def test_whoever_else_receives_the_group_gets_all_of_it(self):
+        receiver = self.receive(7152, "udp://239.1.1.1:7152 - -n 354004 > recording")
+        monitor = self.watch("udp://239.1.1.1:7152 --json")
+        self.await_(lambda: read("/proc/net/udp").count(b":1BF0 ") == 2)
+        self.send(f"'{SAMPLE_PATH}' udp://239.1.1.1:7152 -b 20M")
+        self.assertEqual(receiver.wait(40), 0)
+        time.sleep(0.2)  # nothing tells that it has counted them
+        self.assertEqual(self.end(monitor, signal.SIGINT), 0)
+        self.assertTrue(read("recording") == SAMPLE)
+        self.assertEqual([self.lines()[-1][key] for key in ("datagrams", "datagrams_dropped")],
+                         [269, 0])
+
+    def test_a_group_is_joined_again_when_its_interface_has_gone_and_come_back(self):
+        self.link("198.51.100.1")
+        monitor = self.watch("'udp://239.1.1.9:7154?iface=v0' -i 0.1 --json")
+        sender = self.tool(f"send -l '{SAMPLE_PATH}' 'udp://239.1.1.9:7154?localaddr=198.51.100.1'"
+                           " 2> /dev/null")
+
+        def datagrams():
+            return self.lines()[-1]["datagrams"] if self.lines() else 0
+        self.await_(lambda: datagrams() > 0)
+        run("ip link del v0")
+        self.await_(lambda: b"Trying on.\n" in read("said"))
+        before = datagrams()
+        self.link("198.51.100.1")
+        self.await_(lambda: datagrams() > before + 10)
+        self.assert_said("udp://239.1.1.9:7154?iface=v0 is received again\n")
+        self.assertEqual((self.end(monitor), self.end(sender)), (0, 0))
+
+    def test_a_reader_who_stops_or_goes_holds_up_nothing(self):
+        os.mkfifo("stuck")
+        reader = os.open("stuck", os.O_RDONLY | os.O_NONBLOCK)
+        monitor = self.start(f"'{TOOL}' monitor udp://127.0.0.1:7156 -i 0.1 --json -d 600 > stuck "
+                             "2> said --metrics metrics")
+        self.await_(lambda: is_bound(7156))
+        sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(sender.close)
+
+        def counted():
+            found = re.search(rb"\nqxvrtp_monitor_datagrams_total\{[^}]*\} (\d+)", read("metrics"))
+            return int(found[1]) if found else -1
+        for i in range(30):  # lines of more than the pipe holds
+            sender.sendto(services(i), ("127.0.0.1", 7156))
+            self.await_(lambda: counted() == i + 1)
+        os.close(reader)
+        self.assertEqual(monitor.wait(40), 1)
+        self.assert_said("standard output cannot be written: Broken pipe")
 
 
 class Monitor(ToolTest):
