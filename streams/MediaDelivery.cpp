@@ -1,6 +1,7 @@
 #include "MediaDelivery.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace ts {
 
@@ -8,6 +9,8 @@ namespace {
 
 constexpr size_t kMostWaiting = 4096;  // more than PCRs 100 ms apart leave at 400 Mbit/s
 constexpr Time kClockPatience = std::chrono::seconds(1);
+// A PCR that is further ahead of the one before than it came behind it has jumped.
+constexpr Time kMostBetweenPcrs = std::chrono::milliseconds(100);
 constexpr Time kSecond = std::chrono::seconds(1);
 
 }  // namespace
@@ -30,9 +33,10 @@ void MediaDelivery::clock(const Pcr& pcr, uint64_t position, Time arrival) {
             return;
         restart();
     }
-    heard_ = arrival;
+    const Time passed = arrival - std::exchange(heard_, arrival);
     const auto ticks = last_ ? pcrStep(last_->ticks, pcr) : std::nullopt;
-    if (!ticks || *ticks == 0 || position <= position_) {
+    const Time step(static_cast<int64_t>(ticks.value_or(0) * 1000 / 27));
+    if (step == Time(0) || step > passed + kMostBetweenPcrs || position <= position_) {
         restart();
         media_ns_ = 0;
     } else {

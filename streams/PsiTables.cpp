@@ -18,6 +18,7 @@ constexpr uint8_t kStuffing = 0xFF;  // stands where the next section's table_id
 constexpr size_t kMostProgrammes = 512;
 constexpr size_t kMostServices = 1024;
 constexpr uint16_t kNoPcrPid = 0x1FFF;
+constexpr uint16_t kFixedPids[] = {PAT_PID, CAT_PID, NIT_PID, SDT_PID, EIT_PID, TDT_PID};
 
 // Calls `visit` for each descriptor that is whole: with its tag and what it contains.
 template <typename Visitor>
@@ -29,6 +30,42 @@ void forEachDescriptor(Bytes loop, const Visitor& visit) {
         visit(desc_get_tag(loop.data()), loop.subspan(DESC_HEADER_SIZE, length - DESC_HEADER_SIZE));
         loop = loop.subspan(length);
     }
+}
+
+bool isFixed(uint16_t pid) {
+    return std::find(std::begin(kFixedPids), std::end(kFixedPids), pid) != std::end(kFixedPids);
+}
+
+bool mayHavePmt(uint16_t pid) {
+    return pid != PAT_PID && pid != CAT_PID && pid != SDT_PID && pid != kNullPid;
+}
+
+// Of the tables whose damage matters, all but the TDT have a CRC.
+bool hasCrc(uint8_t table) {
+    return table <= PMT_TABLE_ID || table == NIT_TABLE_ID_ACTUAL || table == NIT_TABLE_ID_OTHER ||
+           table == SDT_TABLE_ID_ACTUAL || table == SDT_TABLE_ID_OTHER || table == BAT_TABLE_ID ||
+           (table >= EIT_TABLE_ID_PF_ACTUAL && table <= EIT_TABLE_ID_SCHED_OTHER_LAST) ||
+           table == TOT_TABLE_ID;
+}
+
+bool crcIsRight(Bytes section) {
+    // The CRC's place is known only where the length is good for header and CRC. A TOT has the
+    // short header, and a CRC nevertheless.
+    const bool longHeader = psi_get_tableid(section.data()) != TOT_TABLE_ID;
+    return psi_get_syntax(section.data()) == longHeader &&
+           psi_get_length(section.data()) >= PSI_CRC_SIZE && psi_validate(section.data()) &&
+           psi_check_crc(section.data());
+}
+
+// PIDs of messages for conditional access, out of a loop of descriptors.
+std::vector<uint16_t> readAccessPids(Bytes loop) {
+    constexpr uint8_t kConditionalAccess = 0x09;
+    std::vector<uint16_t> pids;
+    forEachDescriptor(loop, [&](uint8_t tag, Bytes content) {
+        if (tag == kConditionalAccess && content.size() >= 4)
+            pids.push_back(static_cast<uint16_t>((content[2] << 8 | content[3]) & kNullPid));
+    });
+    return pids;
 }
 
 struct Codec {
@@ -133,6 +170,8 @@ ElementaryStream makeStream(uint16_t pid, uint8_t type, Bytes descriptors) {
             applyCodec(stream, kDescriptors, tag);
         if (tag == kLanguage || tag == kTeletext || tag == kSubtitling)
             applyLanguage(stream, content);
+        if (tag == kLanguage && content.size() >= 4 && content[3] != 0)
+            stream.additional = true;
     });
     return stream;
 }
@@ -201,56 +240,73 @@ void SectionAssembler::take(const Sink& sink) {
         pending_.clear();
 }
 
+PsiTables::PsiTables(Sink sink) : sink_(std::move(sink)), networkPid_(NIT_PID) {
+    for (const uint16_t pid : kFixedPids)
+        watch(pid);
+}
+
+void PsiTables::watch(uint16_t pid) {
+    assemblers_.try_emplace(pid);
+    watched_.set(pid);
+}
+
 void PsiTables::add(const uint8_t* packet, Continuity continuity) {
     const uint16_t pid = ts_get_pid(packet);
-    SectionAssembler* assembler = nullptr;
-    if (pid == PAT_PID)
-        assembler = &pat_;
-    else if (pid == SDT_PID)
-        assembler = &sdt_;
-    else if (const auto pmt = pmts_.find(pid); pmt != pmts_.end())
-        assembler = &pmt->second;
-    if (assembler == nullptr)
+    if (!watched_[pid])
         return;
+    SectionAssembler& assembler = assemblers_[pid];
     if (continuity == Continuity::kJump)
-        assembler->reset();
+        assembler.reset();
     const Bytes payload = packetPayload(packet);
     if (!payload.empty())
-        assembler->add(payload, ts_get_unitstart(packet),
-                       [this, pid](Bytes section) { addSection(pid, section); });
+        assembler.add(payload, ts_get_unitstart(packet),
+                      [this, pid](Bytes section) { addSection(pid, section); });
 }
 
 void PsiTables::addSection(uint16_t pid, Bytes section) {
     const uint8_t table = psi_get_tableid(section.data());
+    const bool intact = !hasCrc(table) || crcIsRight(section);
+    damaged_ += intact ? 0 : 1;
+    if (sink_)
+        sink_(pid, section, intact);
     const bool pat = pid == PAT_PID && table == PAT_TABLE_ID;
+    const bool cat = pid == CAT_PID && table == CAT_TABLE_ID;
     const bool sdt = pid == SDT_PID && table == SDT_TABLE_ID_ACTUAL;
-    const bool pmt = pid != PAT_PID && pid != SDT_PID && table == PMT_TABLE_ID;
-    if (!pat && !sdt && !pmt)
+    const bool pmt = mayHavePmt(pid) && table == PMT_TABLE_ID;
+    if ((!pat && !cat && !sdt && !pmt) || !intact || !psi_get_current(section.data()))
         return;
-    // The CRC's place is known only where the length is good for header and CRC.
-    if (!psi_get_syntax(section.data()) || !psi_validate(section.data()) ||
-        !psi_check_crc(section.data())) {
-        ++damaged_;
-        return;
-    }
-    if (!psi_get_current(section.data()))
-        return;
-    const Bytes crc = section.last(PSI_CRC_SIZE);
+    Crc crc{};
+    std::copy_n(section.end() - PSI_CRC_SIZE, crc.size(), crc.begin());
     section = section.first(section.size() - PSI_CRC_SIZE);
+    // Most sections come again and again.
+    const uint32_t key =
+        uint32_t{table} << 24 | (pmt ? uint32_t{pmt_get_program(section.data())} << 8
+                                     : uint32_t{psi_get_section(section.data())});
+    if (const auto last = known_.find(key); last != known_.end() && last->second == crc)
+        return;
+    bool good = true;
     if (pat)
         addPat(section);
-    else if (sdt)
-        addSdt(section, crc);
+    else if (cat)
+        accessPids_ = readAccessPids(section.subspan(CAT_HEADER_SIZE));
     else
-        addPmt(pid, section);
+        good = sdt ? addSdt(section) : addPmt(pid, section);
+    changes_ += sdt ? 0 : 1;
+    if (good)
+        known_.insert_or_assign(key, crc);
 }
 
 void PsiTables::addPat(Bytes section) {
     const uint16_t id = pat_get_tsid(section.data());
     const uint8_t version = psi_get_version(section.data());
     if (transportStreamId_ != id || patVersion_ != version) {
+        // The PAT's own assembler is at work, and stays.
+        std::erase_if(assemblers_, [](const auto& entry) { return !isFixed(entry.first); });
+        watched_.reset();
+        for (const auto& [known, assembler] : assemblers_)
+            watched_.set(known);
         programmes_.clear();
-        pmts_.clear();
+        known_.clear();
         transportStreamId_ = id;
         patVersion_ = version;
     }
@@ -258,56 +314,58 @@ void PsiTables::addPat(Bytes section) {
          rest = rest.subspan(PAT_PROGRAM_SIZE)) {
         const uint16_t number = patn_get_program(rest.data());
         const uint16_t pid = patn_get_pid(rest.data());
-        // Number 0 stands for the network information.
-        if (number != 0 && pid != PAT_PID && pid != SDT_PID && pid != kNullPid &&
-            programmes_.size() < kMostProgrammes &&
-            programmes_.try_emplace(number, Programme{pid, std::nullopt, {}}).second)
-            pmts_.try_emplace(pid);
+        if (!mayHavePmt(pid))
+            continue;
+        if (number == 0) {
+            networkPid_ = pid;
+            watch(pid);
+        } else if (programmes_.size() < kMostProgrammes &&
+                   programmes_.try_emplace(number, Programme{pid, std::nullopt, {}}).second)
+            watch(pid);
     }
 }
 
-void PsiTables::addPmt(uint16_t pid, Bytes section) {
+bool PsiTables::addPmt(uint16_t pid, Bytes section) {
     const auto found = programmes_.find(pmt_get_program(section.data()));
     if (found == programmes_.end() || found->second.pmtPid != pid)
-        return;
+        return false;
     const size_t descriptors =
         section.size() < PMT_HEADER_SIZE ? 0 : pmt_get_desclength(section.data());
     if (section.size() < PMT_HEADER_SIZE + descriptors) {
         ++damaged_;
-        return;
+        return false;
     }
     Programme& programme = found->second;
     const uint16_t pcrPid = pmt_get_pcrpid(section.data());
     programme.pcrPid = pcrPid == kNoPcrPid ? std::nullopt : std::optional(pcrPid);
     programme.streams.clear();
+    programme.accessPids = readAccessPids(section.subspan(PMT_HEADER_SIZE, descriptors));
+    programme.described = true;
     for (Bytes rest = section.subspan(PMT_HEADER_SIZE + descriptors); rest.size() >= PMT_ES_SIZE;) {
         const size_t length = PMT_ES_SIZE + pmtn_get_desclength(rest.data());
         if (rest.size() < length) {
             ++damaged_;
-            return;
+            return false;
         }
-        programme.streams.push_back(makeStream(pmtn_get_pid(rest.data()),
-                                               pmtn_get_streamtype(rest.data()),
-                                               rest.subspan(PMT_ES_SIZE, length - PMT_ES_SIZE)));
+        const Bytes loop = rest.subspan(PMT_ES_SIZE, length - PMT_ES_SIZE);
+        programme.streams.push_back(
+            makeStream(pmtn_get_pid(rest.data()), pmtn_get_streamtype(rest.data()), loop));
+        for (const uint16_t access : readAccessPids(loop))
+            programme.accessPids.push_back(access);
         rest = rest.subspan(length);
     }
+    return true;
 }
 
-void PsiTables::addSdt(Bytes section, Bytes crc) {
+bool PsiTables::addSdt(Bytes section) {
     constexpr uint8_t kServiceDescriptor = 0x48;
     if (section.size() < SDT_HEADER_SIZE)
-        return;
-    // Most sections come again and again, and their names are the costliest part of a stream.
-    std::array<uint8_t, PSI_CRC_SIZE> known{};
-    std::copy_n(crc.begin(), known.size(), known.begin());
-    const auto last = sdtSections_.find(psi_get_section(section.data()));
-    if (last != sdtSections_.end() && last->second == known)
-        return;
+        return false;
     for (Bytes rest = section.subspan(SDT_HEADER_SIZE); rest.size() >= SDT_SERVICE_SIZE;) {
         const size_t length = SDT_SERVICE_SIZE + sdtn_get_desclength(rest.data());
         if (rest.size() < length) {
             ++damaged_;
-            return;
+            return false;
         }
         const uint16_t number = sdtn_get_sid(rest.data());
         forEachDescriptor(
@@ -319,7 +377,7 @@ void PsiTables::addSdt(Bytes section, Bytes crc) {
             });
         rest = rest.subspan(length);
     }
-    sdtSections_.insert_or_assign(psi_get_section(section.data()), known);
+    return true;
 }
 
 const char* reservedPidName(uint16_t pid) {

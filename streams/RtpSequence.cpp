@@ -15,7 +15,7 @@ constexpr uint8_t kTransportStream = 33;  // RFC 3551
 // A number that is further ahead belongs to a sequence that began anew (RFC 3550, A.1).
 constexpr int64_t kMostMissing = 3000;
 constexpr Time kPatience = std::chrono::milliseconds(100);
-constexpr double kTicksPerNanosecond = 90e3 / 1e9;
+constexpr double kRtpTicksPerNanosecond = 90e3 / 1e9;
 constexpr int32_t kTimestampJump = 10 * 90'000;
 
 }  // namespace
@@ -78,7 +78,7 @@ void RtpSequence::measure(const RtpDatagram& datagram, Time arrival) {
         return;
     }
     ticks_ += step;
-    const double off = static_cast<double>(passed.count()) * kTicksPerNanosecond - step;
+    const double off = static_cast<double>(passed.count()) * kRtpTicksPerNanosecond - step;
     jitter_ += (std::abs(off) - jitter_) / 16.0;
 }
 
@@ -96,6 +96,7 @@ RtpSequence::Place RtpSequence::add(const RtpDatagram& datagram, Time arrival, R
     const int64_t step = static_cast<int16_t>(datagram.sequence - static_cast<uint16_t>(highest_));
     const int64_t number = highest_ + step;
     if (step > kMostMissing || step <= -kWindow) {
+        ++counts.breaks;
         // A single one may be astray; a second that follows it is a new beginning.
         const bool follows = elsewhere_ == datagram.sequence;
         elsewhere_ = static_cast<uint16_t>(datagram.sequence + 1);
@@ -107,6 +108,7 @@ RtpSequence::Place RtpSequence::add(const RtpDatagram& datagram, Time arrival, R
         return Place::kNext;
     }
     if (step > 0) {
+        counts.breaks += step > 1 ? 1 : 0;
         while (highest_ < number) {
             ++highest_;
             settleTo(highest_ - kWindow, counts);
@@ -120,6 +122,7 @@ RtpSequence::Place RtpSequence::add(const RtpDatagram& datagram, Time arrival, R
         ++counts.duplicates;
         return Place::kDuplicate;
     }
+    ++counts.breaks;
     ++counts.reordered;
     counts.furthest = std::max(counts.furthest, static_cast<uint64_t>(-step));
     if (!early) {

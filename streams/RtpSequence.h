@@ -30,6 +30,7 @@ struct RtpCounts {
     uint64_t duplicates = 0;
     uint64_t ssrcChanges = 0;
     uint64_t restarts = 0;  // the numbers began elsewhere
+    uint64_t breaks = 0;    // another than the next number came, duplicates aside
 };
 
 // The sequence of one source. It counts into the counts of all.

@@ -63,6 +63,13 @@ PcrReport StreamAnalyzer::PcrClock::report(uint16_t pid) const {
             std::sqrt(variance)};
 }
 
+StreamAnalyzer::StreamAnalyzer(StreamObserver* observer)
+    : observer_(observer),
+      tables_([this](uint16_t pid, std::span<const uint8_t> section, bool intact) {
+          if (observer_ != nullptr)
+              observer_->onSection(pid, section, intact, last_);
+      }) {}
+
 void StreamAnalyzer::feed(std::span<const uint8_t> bytes, std::chrono::nanoseconds arrival) {
     if (bytes.empty())
         return;
@@ -170,7 +177,7 @@ StreamReport StreamAnalyzer::report() const {
     report.packets = splitter_.packets();
     report.time = first_ ? last_ - *first_ : std::chrono::nanoseconds(0);
     report.arrivalBitrate_bps = arrivalBitrate();
-    report.pcrBitrate_bps = rate_ ? rate_->bitrate() : std::nullopt;
+    report.pcrBitrate_bps = pcrBitrate();
     report.transportStreamId = tables_.transportStreamId();
     report.syncLosses = splitter_.syncLosses();
     report.transportErrors = transportErrors_;

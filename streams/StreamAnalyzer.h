@@ -81,12 +81,17 @@ class StreamObserver {
   public:
     virtual ~StreamObserver() = default;
     virtual void onPacket(const PacketFacts& packet) = 0;
+    // Before the packet that the section ends with; as PsiTables tells them.
+    virtual void onSection(uint16_t pid, std::span<const uint8_t> section, bool intact,
+                           std::chrono::nanoseconds arrival) = 0;
 };
 
 // Takes any bytes; its memory stays bounded, whatever they are.
 class StreamAnalyzer {
   public:
-    explicit StreamAnalyzer(StreamObserver* observer = nullptr) : observer_(observer) {}
+    explicit StreamAnalyzer(StreamObserver* observer = nullptr);
+    StreamAnalyzer(const StreamAnalyzer&) = delete;
+    StreamAnalyzer& operator=(const StreamAnalyzer&) = delete;
 
     // The next bytes of the stream, which may be cut anywhere, and when they arrived.
     void feed(std::span<const uint8_t> bytes, std::chrono::nanoseconds arrival);
@@ -100,6 +105,8 @@ class StreamAnalyzer {
     uint64_t missingPackets() const { return continuity_.missing(); }
     const PacketSplitter& splitter() const { return splitter_; }
     const PsiTables& tables() const { return tables_; }
+    // By the stream's own clock.
+    std::optional<uint64_t> pcrBitrate() const { return rate_ ? rate_->bitrate() : std::nullopt; }
     StreamReport report() const;
 
   private:

@@ -18,8 +18,8 @@ int64_t wholeMilliseconds(Time time) {
 StreamMonitor::StreamMonitor(const MonitorLimits& limits)
     : limits_(limits),
       alarms_(limits.alarms),
-      transport_(limits.transport, alarms_),
-      analyzer_(this) {}
+      analyzer_(this),
+      transport_(limits.transport, analyzer_, alarms_) {}
 
 void StreamMonitor::onPacket(const PacketFacts& packet) {
     nulls_ += packet.pid == kNullPid ? 1 : 0;
@@ -36,7 +36,10 @@ void StreamMonitor::add(const Datagram& datagram) {
         analyzer_.restart();
         delivery_.restart();
     }
+    const uint64_t breaks = reception_.counts().rtp.breaks;
     const auto carried = reception_.add(datagram);
+    if (reception_.counts().rtp.breaks != breaks)
+        transport_.cut();
     second_.bytes += carried.size();
     const uint64_t begin = analyzer_.packetBytes();
     analyzer_.feed(carried, datagram.arrival);
@@ -55,6 +58,8 @@ void StreamMonitor::lookAround(Time now) {
     looked_ = now;
     reception_.tick(now);
     compareCounts(now);
+    if (signal_)
+        transport_.tick(now);
     if (delivery_.tick(now))
         endSecond(now);
     alarms_.tick(now);
@@ -67,8 +72,10 @@ void StreamMonitor::lookForSignal(Time now) {
     if (silence <= limits_.noSignal)
         return;
     const bool told = alarms_.isFailing(Check::kNoSignal) && !signal_;
-    if (std::exchange(signal_, false))
+    if (std::exchange(signal_, false)) {
         withoutSignal_ += silence;
+        transport_.pause();
+    }
     if (told)
         alarms_.last(Check::kNoSignal, now);
     else
@@ -131,6 +138,7 @@ MonitorReport StreamMonitor::report() const {
     report.withoutSignal = withoutSignal_;
     report.bitrate_bps = bitrate_bps_;
     report.nullShare = nullShare_;
+    report.pcrs = transport_.pcrs();
     return report;
 }
 

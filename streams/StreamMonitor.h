@@ -33,6 +33,7 @@ struct MonitorReport {
     // Of the last whole second.
     std::optional<uint64_t> bitrate_bps;  // what the datagrams carry
     std::optional<double> nullShare;      // of the packets
+    PcrFigures pcrs;
 };
 
 // Watching may begin in the middle of anything. One thread uses an object.
@@ -57,6 +58,10 @@ class StreamMonitor : private StreamObserver {
         uint64_t bytes = 0, packets = 0, nulls = 0;
     };
     void onPacket(const PacketFacts& packet) override;
+    void onSection(uint16_t pid, std::span<const uint8_t> section, bool intact,
+                   Time arrival) override {
+        transport_.onSection(pid, section, intact, arrival);
+    }
     void lookAround(Time now);
     void lookForSignal(Time now);
     void compareCounts(Time now);
@@ -64,8 +69,8 @@ class StreamMonitor : private StreamObserver {
 
     const MonitorLimits limits_;
     Alarms alarms_;
-    Tr101290 transport_;
     StreamAnalyzer analyzer_;
+    Tr101290 transport_;
     Reception reception_;
     MediaDelivery delivery_;
 
