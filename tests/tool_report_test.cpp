@@ -218,6 +218,7 @@ ts::MonitorReport MonitorMade() {
     reception.smallestTtl = 15;
     reception.largestTtl = 16;
     made.delivery = {14.5, 3.0, 15.5, 21.0, 42};
+    made.pcrs = {true, 345ns};
     for (const auto check : {ts::Check::kNoSignal, ts::Check::kContinuity})
         made.checks[size_t(check)] = {17, 1500ms, 3600s, check == ts::Check::kContinuity,
                                       "PID 257\x1B"};

@@ -9,7 +9,7 @@
 namespace {
 
 // These stand for file names in usage texts.
-constexpr std::array kFileNames = {"FILE", "INPUT", "OUTPUT", "PATH", "DIRECTORY"};
+constexpr std::array kFileNames = {"FILE", "INPUT", "OUTPUT", "PATH", "DIRECTORY", "PROGRAM"};
 
 std::vector<std::string> splitNames(const std::string& names) {
     std::vector<std::string> all;

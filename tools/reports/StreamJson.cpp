@@ -180,6 +180,10 @@ std::string findingsJson(const StreamFindings& findings, bool oneLine) {
         {"sync_losses", stream.syncLosses},
         {"transport_errors", stream.transportErrors},
         {"section_errors", stream.sectionErrors}};
+    const auto worst = std::chrono::duration<double, std::micro>(report.pcrs.worstError);
+    json["constant_rate"] = orNull(report.pcrs.constantRate);
+    json["pcr_accuracy_us"] =
+        report.pcrs.constantRate == true ? Json(rounded(worst.count())) : Json(nullptr);
     addReception(json, report.reception);
     json["mdi"] = deliveryJson(report.delivery);
     addChecks(json, findings);

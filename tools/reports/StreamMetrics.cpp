@@ -103,6 +103,12 @@ const Metric kMetrics[] = {
          const auto& factor = s.report.delivery.delayFactor_ms;
          return factor ? std::optional(inSeconds(*factor)) : std::nullopt;
      }},
+    {"pcr_accuracy_seconds", "gauge", "How far PCRs were off their places in the last second.",
+     [](const StreamFindings& s) -> std::optional<double> {
+         if (s.report.pcrs.constantRate != true)
+             return std::nullopt;
+         return std::chrono::duration<double>(s.report.pcrs.worstError).count();
+     }},
     {"media_lost_packets_total", "counter", "Packets that the media loss rate counts (RFC 4445).",
      [](const StreamFindings& s) { return static_cast<double>(s.report.delivery.lost); }},
 };

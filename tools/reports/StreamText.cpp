@@ -158,6 +158,9 @@ std::string findingsText(const StreamFindings& findings) {
     fmt::format_to(out, "errors   continuity {}, sync {}, transport {}, section {}\n",
                    stream.continuityErrors, stream.syncLosses, stream.transportErrors,
                    stream.sectionErrors);
+    if (findings.report.pcrs.constantRate == true)
+        fmt::format_to(out, "pcr      off their places by up to {} ns\n",
+                       findings.report.pcrs.worstError.count());
     writeReception(out, reception);
     writeDelivery(out, findings.report.delivery);
     if (reception.counts.socketDrops > 0)
