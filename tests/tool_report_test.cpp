@@ -1,6 +1,10 @@
 // What the tool prints about tables, hosts and streams, made from data in which no two numbers are
 // the same.
 
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -50,24 +54,45 @@ ChannelTable Read(const QXV_RTP_Table& table) {
     return read;
 }
 
-const TableHosts kHosts{{{4711, "player", false}, {12, "old", true}}, 5, ""};
+std::string Screen(const Machine& machine, const RateHistory& history, bool all) {
+    return screenPage(screenLines(machine, history, all, all), 0, 99).text;
+}
 
-TEST(ToolReport, OfATableIsThatToTheLetter) {
-    const std::tuple<std::string, QXV_RTP_Table, TableHosts> cases[] = {
-        {"running", MakeTable(), kHosts},
-        {"damaged", {}, {}},
-        {"hidden", {}, {{}, 5, "some hide"}}};
-    for (const auto& [name, content, hosts] : cases) {
-        const ChannelTable table = Read(content);
+Host MakeHost(pid_t pid, const std::string& commandLine, const ChannelTable& table) {
+    return {pid, "a\\\"b", commandLine, "user", 1700000000 + pid, 0, {}, table};
+}
+
+// Two hosts, of which the older one shares its table, that has been replaced; the other one has the
+// file.
+Machine MakeMachine(const QXV_RTP_Table& table = MakeTable()) {
+    Machine machine;
+    machine.file = Read(table);
+    machine.hosts = {MakeHost(12, "old --loop", Read({})), MakeHost(4711, "player", *machine.file)};
+    machine.hosts[0].sharedWith = {13, 14};
+    machine.hosts[0].table.id = {1, 1};
+    machine.hosts[0].table.replaced = true;
+    return machine;
+}
+
+TEST(ToolReport, OfAMachineIsThatToTheLetter) {
+    setenv("TZ", "UTC", 1);
+    Machine hidden = MakeMachine();
+    hidden.hosts.clear();
+    hidden.blindness = "some hide";
+    hidden.hidden = 5;
+    Machine ended = hidden;
+    ended.blindness = "";
+    const std::pair<std::string, Machine> cases[] = {
+        {"hosts", MakeMachine()}, {"hidden", hidden}, {"ended", ended}};
+    for (const auto& [name, machine] : cases) {
         RateHistory history;
-        history.add(table);
-        ExpectGolden(name + ".txt", tableText(table, hosts, false, std::nullopt));
-        ExpectGolden(name + ".json", tableJson(table, hosts, false));
-        ExpectGolden(name + ".prom", tablePrometheus(table, hosts, false));
-        ExpectGolden(name + ".screen", screenText(table, hosts, history, false, false));
+        history.add(machine);
+        ExpectGolden(name + ".txt", statusText(machine, false, std::nullopt));
+        ExpectGolden(name + ".json", statusJson(machine, false));
+        ExpectGolden(name + ".prom", statusPrometheus(machine, false));
+        ExpectGolden(name + ".screen", Screen(machine, history, false));
     }
-    ExpectGolden("all.txt", tableText(Read(MakeTable()), {}, true, 30));
-    ExpectGolden("none.prom", noTablePrometheus());
+    ExpectGolden("all.txt", statusText(ended, true, 30));
 }
 
 TEST(ToolReport, OfTheScreenShowsEachRateAsABarOfItsHighest) {
@@ -76,12 +101,36 @@ TEST(ToolReport, OfTheScreenShowsEachRateAsABarOfItsHighest) {
     for (int i = 0; i < 20; ++i) {  // 16 of them are shown
         table.Channels[0][2].BitrateActual = 1000000 * static_cast<uint32_t>(i);
         table.Channels[1][3].BitrateActual = i == 18 ? 1 : 8000000;
-        history.add(Read(table));
+        history.add(MakeMachine(table));
     }
-    ExpectGolden("bars.screen", screenText(Read(table), kHosts, history, false, false));
-    history.clear();
-    history.add(Read(table));
-    ExpectGolden("all.screen", screenText(Read(table), kHosts, history, true, true));
+    ExpectGolden("bars.screen", Screen(MakeMachine(table), history, false));
+    history.add({});
+    history.add(MakeMachine(table));
+    ExpectGolden("all.screen", Screen(MakeMachine(table), history, true));
+}
+
+TEST(ToolReport, OfTheScreenComesInPagesThatLackNothingAndBeginWithAHeading) {
+    std::vector<ScreenLine> lines;
+    for (size_t i = 0; i < 66; ++i)
+        lines.push_back({fmt::format("{} {}", i % 33 == 0 ? "host" : "line", i), i / 33 * 33});
+    for (const size_t rows : {0u, 4u, 24u, 66u, 67u}) {
+        size_t next = 0;  // the first line that no page has had
+        ScreenPage page{0, 1, ""};
+        for (size_t number = 0; number < page.count; ++number) {
+            page = screenPage(lines, number, rows);
+            std::istringstream text(page.text);
+            std::string line;
+            std::getline(text, line);  // the columns' names
+            for (size_t i = 0; std::getline(text, line); ++i) {
+                EXPECT_TRUE(i > 0 || line.starts_with("host ")) << line;
+                next += next < lines.size() && line == lines[next].text ? 1 : 0;
+            }
+            EXPECT_LE(std::count(page.text.begin(), page.text.end(), '\n'),
+                      static_cast<int>(std::max<size_t>(rows, 3)));
+        }
+        EXPECT_EQ(next, lines.size()) << rows;
+        EXPECT_EQ(screenPage(lines, 1000, rows).number, page.number);
+    }
 }
 
 TEST(ToolTable, IsNotBelieved) {
@@ -93,51 +142,84 @@ TEST(ToolTable, IsNotBelieved) {
     QXV_RTP_Table garbage;  // every byte but NUL, at changing places
     for (size_t i = 0; i < sizeof(garbage); ++i)
         reinterpret_cast<uint8_t*>(&garbage)[i] = static_cast<uint8_t>(1 + i % 255);
-    const ChannelTable table = Read(garbage);
-    EXPECT_EQ(json::parse(tableJson(table, {}, true))["channels"].size(), 32u);
+    Machine machine;
+    machine.file = Read(garbage);
+    machine.blindness = "some hide";
+    EXPECT_EQ(json::parse(statusJson(machine, true))["channels"].size(), 32u);
     for (const std::string& text :
-         {tableText(table, {}, true, std::nullopt), tablePrometheus(table, {}, true)})
+         {statusText(machine, true, std::nullopt), statusPrometheus(machine, true)})
         for (const char c : text)
             EXPECT_TRUE(c == '\n' || (c >= ' ' && c < 0x7F)) << static_cast<int>(c);
 }
 
-// A directory that looks like /proc, with these processes: their roots and what they have mapped.
-std::string Hosts(const std::string& pidNamespace,
-                  const std::vector<std::array<const char*, 3>>& processes) {
-    std::filesystem::remove_all("/tmp/proc");
-    for (const auto& [pid, root, mapped] : processes) {
-        const std::filesystem::path process = std::filesystem::path("/tmp/proc") / pid;
-        std::filesystem::create_directories(process);
-        std::filesystem::create_directory_symlink(root, process / "root");
-        std::ofstream(process / "comm") << "host " << pid << "\n";
-        std::ofstream(process / "maps")
-            << "7f0-7f5 rw-s 0 00:1b 9 \n7f5-7f9 rw-s 0 00:1b 9  " << mapped << "\n";
-    }
-    std::filesystem::create_directories("/tmp/proc/self/ns");
-    std::filesystem::create_symlink(pidNamespace, "/tmp/proc/self/ns/pid");
-    return hostsText(findHosts("/tmp/jail/run/TABLE", "/tmp/proc"));
+// The only host that this process is.
+std::vector<Host> ThisHost() {
+    return HostFinder({"", getpid()}).look().hosts;
 }
 
-TEST(ToolHosts, AreFoundInTheirRootsAndUnknownWhereOneMayHide) {
+std::string PathOfTable(const std::string& folder) {
+    const std::string path = "/tmp/hosts/" + folder + QXV_RTP_TABLE_PATH;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    return path;
+}
+
+TEST(ToolHosts, HaveATableOpenForWritingAndNothingElseThatHasItsName) {
+    Read(MakeTable());
+    const std::string fifo = PathOfTable("fifo"), empty = PathOfTable("empty");
+    const std::string path = PathOfTable("host"), later = PathOfTable("later");
+    std::ofstream(empty) << "none";
+    std::filesystem::copy_file("/tmp/table", path);
+    std::filesystem::copy_file("/tmp/table", path + "x");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::vector<int> files;
+    for (const std::string& other : {fifo, empty, path + "x", "/tmp/table"s})
+        files.push_back(open(other.c_str(), O_RDWR | O_CLOEXEC));
+    files.push_back(open(path.c_str(), O_RDONLY | O_CLOEXEC));  // watches it
+    EXPECT_TRUE(ThisHost().empty());
+
+    files.push_back(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    const pid_t child = Fork([] { return pause(); });
+    HostFinder finder({path, std::nullopt});
+    const Machine machine = finder.look();
+    ASSERT_EQ(machine.hosts.size(), 1u) << "a child has no channels of its own";
+    EXPECT_EQ(machine.hosts[0].pid, getpid());
+    EXPECT_EQ(machine.hosts[0].sharedWith, std::vector{child});
+    EXPECT_TRUE(machine.isFileLive());
+    EXPECT_EQ(machine.hosts[0].table.channels[2].measured_bps, 4987654u);
+    EXPECT_NEAR(static_cast<double>(machine.hosts[0].started), time(nullptr), 300);
+    kill(child, SIGKILL);
+    Reap(child);
+    EXPECT_TRUE(finder.look().hosts.at(0).sharedWith.empty());
+
+    unlink(path.c_str());
+    EXPECT_TRUE(ThisHost().at(0).table.replaced);
+    EXPECT_FALSE(finder.look().isFileLive()) << "there is none any more";
+    // A module that is unloaded and loaded again leaves the first table open.
+    std::filesystem::copy_file("/tmp/table", later);
+    files.push_back(open(later.c_str(), O_RDWR | O_CLOEXEC));
+    utimensat(AT_FDCWD, later.c_str(), nullptr, 0);
+    EXPECT_EQ(ThisHost().at(0).table.path, later);
+    for (const int file : files)
+        EXPECT_EQ(close(file), 0);
+    EXPECT_EQ(HostFinder({"", getpid()}).look().trouble,
+              fmt::format("process {} is no host, or has ended", getpid()));
+}
+
+std::string Blindness(const std::string& pidNamespace, const std::string& pid) {
+    std::filesystem::remove_all("/tmp/proc");
+    std::filesystem::create_directories("/tmp/proc/" + pid);
+    std::filesystem::create_directories("/tmp/proc/self/ns");
+    std::filesystem::create_symlink(pidNamespace, "/tmp/proc/self/ns/pid");
+    return HostFinder({}, "/tmp/proc").look().blindness;
+}
+
+TEST(ToolHosts, MayBeHiddenAndThenThatIsSaid) {
     const std::string first = "pid:[4026531836]";
-    std::filesystem::create_directories("/tmp/jail/run");
-    std::filesystem::create_directories("/tmp/other/run");
-    EXPECT_EQ(
-        Hosts(first, {{"1", "/", "/usr/lib/libc.so"},
-                      {"21", "/", "/tmp/jail/run/TABLE"},
-                      {"22", "/tmp/jail", "/tmp/jail/run/TABLE"},  // as this process sees it
-                      {"23", "/tmp/jail", "/run/TABLE"},           // as it sees itself
-                      {"24", "/tmp/other", "/run/TABLE"},
-                      {"25", "/", "/tmp/jail/run/TABLE (deleted)"}}),
-        "21 host\\x2021, 22 host\\x2022, 23 host\\x2023, 25 host\\x2025 (its table was replaced)");
-    EXPECT_EQ(Hosts(first, {{"1", "/", "/a"}}), "none alive");
-    EXPECT_EQ(Hosts(first, {{"2", "/", "/a"}}),
-              "unknown: /proc hides the processes of other users");
-    EXPECT_EQ(Hosts("pid:[1]", {{"1", "/", "/tmp/jail/run/TABLE (deleted)"}}),
-              "1 host\\x201 (its table was replaced), unknown: processes outside of this PID "
-              "namespace are not seen");
-    EXPECT_EQ(hostsText(findHosts("/tmp/table", "/tmp/none")),
-              "unknown: no /proc tells which processes there are");
+    EXPECT_EQ(Blindness(first, "1"), "");
+    EXPECT_EQ(Blindness(first, "2"), "/proc hides the processes of other users");
+    EXPECT_EQ(Blindness("pid:[1]", "1"), "processes outside of this PID namespace are not seen");
+    EXPECT_EQ(HostFinder({}, "/tmp/none").look().blindness,
+              "no /proc tells which processes there are");
 }
 
 StreamReport Analyze(const std::string& stream) {

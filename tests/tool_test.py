@@ -582,29 +582,64 @@ class Monitor(ToolTest):
     def tearDown(self):
         pathlib.Path(TABLE).unlink(missing_ok=True)
 
-    def test_a_running_sender_and_its_stream_are_shown_and_the_table_is_left_alone(self):
-        sender = self.start(f"'{TOOL}' send -l '{SAMPLE_PATH}' rtp://127.0.0.1:7045")
-        self.await_(lambda: len(read(TABLE)) == 17680)
-        file = os.stat(TABLE)
+    def status(self, prefix="", options=""):
+        return json.loads(output(f"{prefix} ./qxvrtp status --json {options}"))
 
-        def status(prefix=""):
-            return json.loads(output(f"{prefix} ./qxvrtp status --json"))
+    # What is shown of these processes; the machine may have other hosts.
+    def hosts(self, *processes, **arguments):
+        hosts = {host["pid"]: host for host in self.status(**arguments)["hosts"]}
+        return [hosts.get(process.pid) for process in processes]
+
+    def test_all_hosts_are_shown_each_with_its_own_table_and_none_is_disturbed(self):
         os.symlink(TOOL, "qxvrtp")
-        self.await_(lambda: [c["bitrate_bps"] > 700_000 for c in status()["channels"]] == [True])
-        self.assertEqual(len(status()["hosts"]), 1)
-        self.assertIn('port="7045"} 100000\n', output("./qxvrtp status -p"))
+        nobody = "setpriv --reuid 65534 --regid 65534 --clear-groups"
+        senders = []
+        for port, prefix in (7045, ""), (7046, ""), (7047, PRIVATE), (7048, f"{PRIVATE} {nobody}"):
+            senders.append(self.start(f"{prefix} '{TOOL}' send -l '{SAMPLE_PATH}' "
+                                      f"rtp://127.0.0.1:{port}"))
+            self.await_(lambda: len(read(TABLE)) == 17680 and self.hosts(*senders)[-1])
+        file = os.stat(TABLE)
+        self.await_(lambda: all(host["channels"] and host["channels"][0]["bitrate_bps"] > 700_000
+                                for host in self.hosts(*senders)))
+        hosts = self.hosts(*senders)
+        self.assertEqual([(host["channels"][0]["port"], host["replaced"], host["user"])
+                          for host in hosts], [(7045, True, "root"), (7046, False, "root"),
+                                               (7047, False, "root"), (7048, False, "nobody")])
+        self.assertIn("send -l", hosts[0]["command_line"])
+        metrics = output("./qxvrtp status -p")
+        for sender, port in zip(senders, range(7045, 7049)):
+            self.assertRegex(metrics, f'_per_second{{pid="{sender.pid}",command="qxvrtp".*'
+                             f'port="{port}"}} 100000\n')
+        samples = re.findall("^(q.*) ", metrics, re.MULTILINE)
+        self.assertEqual(len(samples), len(set(samples)))
+        if shutil.which("promtool"):
+            run("./qxvrtp status -p | promtool check metrics")
         self.assertNotIn("\033", output("./qxvrtp top -n 2 -i 0.1"))
+        # From another root, of one process, of a file, and where some are not seen.
+        run("mkdir root && mount --rbind / root")
+        self.addCleanup(run, "umount --lazy root")
+        self.assertTrue(all(self.hosts(*senders, prefix=f"chroot root env -C {os.getcwd()}")))
+        last = senders[-1]
+        for options in (f"--pid {last.pid}", f"--path /proc/{last.pid}/root{TABLE}"):
+            self.assertEqual([host["pid"] for host in self.status("", options)["hosts"]],
+                             [last.pid], options)
+        for prefix, own in ("unshare --pid --fork --mount-proc", False), (nobody, True):
+            seen = self.hosts(*senders, prefix=prefix)
+            self.assertEqual([bool(host) for host in seen], [False, False, False, own], prefix)
+            status = self.status(prefix)
+            self.assertIsNone(status["alive"], prefix)
+            self.assertTrue(status["incomplete_because"], prefix)
+        self.assertEqual(subprocess.call(f"{nobody} ./qxvrtp status --pid {senders[0].pid}",
+                                         shell=True, stderr=subprocess.DEVNULL), 1)
         self.assertEqual(file[:7] + file[8:], os.stat(TABLE)[:7] + os.stat(TABLE)[8:])
         probe = json.loads(output(PRIVATE + " ./qxvrtp probe rtp://@127.0.0.1:7045 -d 1.5 --json"))
         self.assertEqual(probe["programmes"][0]["name"], "Service01", probe)
-        # The host is alive also where one sees another root, and unknown where one does not see it.
-        run("mkdir root && mount --rbind / root")
-        self.addCleanup(run, "umount --lazy root")
-        self.assertTrue(status(f"chroot root env -C {os.getcwd()}")["alive"])
-        for prefix in "unshare --pid --fork --mount-proc", "setpriv --reuid 65534":
-            self.assertIsNone(status(prefix)["alive"], prefix)
-        self.assertEqual(self.end(sender, signal.SIGINT), 0)
-        self.assertEqual(status()["alive"], False)
+        # Those that have ended are gone, killed or not, and what they leave is left over.
+        self.assertEqual(self.end(senders[0], signal.SIGINT), 0)
+        self.end(senders[1], signal.SIGKILL)
+        self.assertEqual([bool(host) for host in self.hosts(*senders)], [False, False, True, True])
+        self.assertIs(self.status()["alive"], False)
+        self.assertNotIn('port="7046"', output("./qxvrtp status -p"))
         os.unlink(TABLE)
         self.assertIn("qxvrtp_table_present 0\n", output("./qxvrtp status -p"))
 
@@ -625,10 +660,14 @@ class Monitor(ToolTest):
         for number in 0, signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM:
             pid, terminal = pty.fork()
             if pid == 0:
-                os.execl("/bin/sh", "sh", "-c", f"stty rows 10 cols 80; exec '{TOOL}' top -a")
+                os.execl("/bin/sh", "sh", "-c", f"stty rows 10 cols 80; exec '{TOOL}' top -a --path {TABLE}")
             seen = self.read_until(terminal, b"\r\nsend     5 raw  idle ")
             self.assertTrue(seen.startswith(shown), seen)
-            self.assertIn(b"hosts: none alive", seen)
+            self.assertIn(b"left over, its host has ended", seen)
+            self.assertIn(b"page 1 of 5: space, b", seen)
+            os.write(terminal, b"  b")
+            self.read_until(terminal, b"page 2 of 5")
+            self.read_until(terminal, b"\r\nsend     7 raw  idle ")
             os.write(terminal, b"q") if number == 0 else os.kill(pid, number)
             self.assertTrue(self.read_until(terminal, back).endswith(back), number)
             self.assertEqual(os.waitpid(pid, 0)[1], 0, number)

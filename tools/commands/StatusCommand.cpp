@@ -33,58 +33,85 @@ std::optional<size_t> terminalWidth() {
 
 std::string tableHelp() {
     return fmt::format(
-        "The table is {}; it is only read, and the\n"
-        "host is not disturbed. It belongs to the process that loaded the module last: each that\n"
-        "does so replaces it, also 'qxvrtp send', 'receive', 'relay', 'probe', 'demo'.\n"
-        "The file stays there after its host has ended, and does not show that by itself. A host\n"
-        "lives if a process has the file in its memory. Root sees all processes, other users only\n"
-        "their own, and in a container nobody sees those outside: where none is seen, but there\n"
-        "may be one, the host is unknown.\n",
+        "A host is a process that has loaded the module, such as 'qxvrtp send' or 'receive'. Each\n"
+        "has a table of its channels, which is only read: no host is disturbed. A host that "
+        "begins\n"
+        "replaces the file {}; the earlier ones keep their\n"
+        "own tables, and are shown as well. Root sees the hosts of all users and containers, "
+        "other\n"
+        "users only their own, and in a container nobody sees those outside; where there may be\n"
+        "more hosts, that is said. The file stays when its host has ended, and is shown as left\n"
+        "over. Processes that share one table, such as children of a fork, are shown as one "
+        "host.\n",
         kSharedMemoryPath);
 }
 
+void addSelection(CommandModel& command, std::string& pid, std::string& path) {
+    command.addOption("--pid", pid, "NUMBER", "Only the host that is this process");
+    command.addOption("--path", path, "FILE", "Only this table file, and the host that has it")
+        .exclude({"--pid"});
+}
+
+std::optional<pid_t> processNumber(const std::string& pid) {
+    if (pid.empty())
+        return std::nullopt;
+    return static_cast<pid_t>(quantity("--pid", pid, 1, INT32_MAX));
+}
+
+void failForNothing(const Machine& machine) {
+    const std::string doubts = doubtsText(machine);
+    throw Failure(machine.trouble + (doubts.empty() ? "" : "; " + doubts));
+}
+
 void runStatus(const StatusOptions& options) {
-    ChannelTable table;
-    try {
-        table = readTable(options.path);
-    } catch (const Failure&) {
-        if (!options.prometheus)
-            throw;
-        // The metrics of the last run must not stay where these are put.
-        fmt::print("{}", noTablePrometheus());
-        return;
-    }
-    const TableHosts hosts = findHosts(options.path);
+    const Machine machine = HostFinder({options.path, options.pid}).look();
+    // The metrics of the last run must not stay where these are put.
+    if (machine.tables().empty() && !options.prometheus)
+        failForNothing(machine);
     if (options.json)
-        fmt::print("{}", tableJson(table, hosts, options.all));
+        fmt::print("{}", statusJson(machine, options.all));
     else if (options.prometheus)
-        fmt::print("{}", tablePrometheus(table, hosts, options.all));
+        fmt::print("{}", statusPrometheus(machine, options.all));
     else
-        fmt::print("{}", tableText(table, hosts, options.all, terminalWidth()));
+        fmt::print("{}", statusText(machine, options.all, terminalWidth()));
 }
 
 CommandModel statusCommand() {
-    CommandModel command("status", "Show the channels of the running host");
-    const auto options = std::make_shared<StatusOptions>();
-    options->path = kSharedMemoryPath;
-    command.addFlag("-a,--all", options->all, "Show idle channels, too");
-    command.addFlag("-j,--json", options->json, "Print one JSON object");
+    struct Arguments {
+        StatusOptions options;
+        std::string pid;
+    };
+    CommandModel command("status", "Show the channels of the running hosts");
+    const auto given = std::make_shared<Arguments>();
+    StatusOptions& options = given->options;
+    command.addFlag("-a,--all", options.all, "Show idle channels, too");
+    command.addFlag("-j,--json", options.json, "Print one JSON object");
     command
-        .addFlag("-p,--prometheus", options->prometheus, "Print metrics in Prometheus' text format")
+        .addFlag("-p,--prometheus", options.prometheus, "Print metrics in Prometheus' text format")
         .exclude({"--json"});
-    command.addOption("--path", options->path, "FILE", "Another table file, such as a container's");
+    addSelection(command, given->pid, options.path);
     command.footer = fmt::format(
         "{}\n"
-        "Failed (1) when there is no table, unless metrics are printed: one of them says so.\n"
+        "In the JSON object, hosts[] has all hosts with their channels[], the oldest first; what\n"
+        "stands beside it is of the file or, with --pid, of that host's table. Metrics of "
+        "channels\n"
+        "have the labels pid and command.\n"
+        "\n"
+        "Failed (1) when there is neither a host nor a table, unless metrics are printed: they "
+        "say\n"
+        "so.\n"
         "\n"
         "Examples:\n"
         "  qxvrtp status --all\n"
-        "  qxvrtp status --json | jq '.channels[] | select(.bitrate_bps == 0)'\n"
-        "  qxvrtp status --path /proc/1234/root{}\n"
+        "  qxvrtp status --pid 1234\n"
+        "  qxvrtp status --json | jq '.hosts[].channels[] | select(.bitrate_bps == 0)'\n"
         "For the textfile collector of Prometheus' node_exporter:\n"
         "  qxvrtp status -p > $DIR/qxvrtp.new && mv $DIR/qxvrtp.new $DIR/qxvrtp.prom\n"
         "{}",
-        tableHelp(), kSharedMemoryPath, kExitCodes);
-    command.action = [options] { runStatus(*options); };
+        tableHelp(), kExitCodes);
+    command.action = [given] {
+        given->options.pid = processNumber(given->pid);
+        runStatus(given->options);
+    };
     return command;
 }

@@ -17,7 +17,6 @@
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
 #include "commands/StatusCommand.h"
-#include "reports/HostTable.h"
 #include "reports/Hosts.h"
 #include "reports/Screen.h"
 #include "reports/Text.h"
@@ -29,86 +28,80 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kAttention = 50ms;  // signals and the terminal's size are looked at this often
-constexpr auto kHostsInterval = 5s;
 
 std::string now() {
     const std::time_t time = std::time(nullptr);
     return fmt::format("{:%F %T}", fmt::localtime(time));
 }
 
-// The table as it is now, and what it was before.
+// The hosts as they are now, and what they were before.
 class Watch {
   public:
-    explicit Watch(const TopOptions& options) : options_(options) {}
+    explicit Watch(const TopOptions& options)
+        : options_(options), finder_({options.path, options.pid}) {}
 
     void look() {
-        try {
-            ChannelTable table = readTable(options_.path);
-            if (!table_ || table_->inode != table.inode) {
-                history_.clear();
-                hostsTime_ = {};
-            }
-            table_ = std::move(table);
-            everSeen_ = true;
-        } catch (const Failure& failure) {
-            table_.reset();
-            history_.clear();
-            trouble_ = printable(failure.what());
-            return;
-        }
-        if (Clock::now() - hostsTime_ >= kHostsInterval) {
-            hosts_ = findHosts(options_.path);
-            hostsTime_ = Clock::now();
-        }
-        history_.add(*table_);
+        machine_ = finder_.look();
+        everSeen_ = everSeen_ || !machine_.tables().empty();
+        history_.add(machine_);
     }
 
     std::string snapshot() const {
-        return fmt::format("# {}\n{}", now(),
-                           table_ ? tableText(*table_, hosts_, options_.all, std::nullopt)
-                                  : fmt::format("# {}\n", trouble_));
+        return fmt::format("# {}\n{}", now(), statusText(machine_, options_.all, std::nullopt));
     }
 
-    std::string screen(size_t width, bool utf8) const {
-        std::string text = fmt::format("qxvrtp top  {}  q quits\n", now());
-        if (!table_)
-            return cutLines(fmt::format("{}{}; waiting for one\n", text, trouble_), width);
-        return cutLines(text + screenText(*table_, hosts_, history_, options_.all, utf8), width);
+    void turnPage(char key) {
+        if (key == ' ')
+            ++page_;
+        else if (key == 'b' && page_ > 0)
+            --page_;
     }
 
-    // Throws Failure if there never was a table.
+    std::string screen(TerminalSize size, bool utf8) {
+        const auto lines = screenLines(machine_, history_, options_.all, utf8);
+        const ScreenPage page = screenPage(lines, page_, size.rows - 1);
+        page_ = page.number;
+        std::string text = fmt::format("qxvrtp top  {}  hosts: {}", now(), machine_.hosts.size());
+        if (page.count > 1)
+            text += fmt::format("  page {} of {}: space, b", page.number + 1, page.count);
+        // The last column stays free: a full line would wrap on some terminals.
+        return cutLines(fmt::format("{}  q quits\n{}", text, page.text), size.columns - 1);
+    }
+
+    // Throws Failure if there never was anything to show.
     void conclude() const {
         if (!everSeen_)
-            throw Failure(trouble_);
+            failForNothing(machine_);
     }
 
   private:
     const TopOptions& options_;
-    std::optional<ChannelTable> table_;
-    std::string trouble_;
+    HostFinder finder_;
+    Machine machine_;
     bool everSeen_ = false;
-    TableHosts hosts_;
-    Clock::time_point hostsTime_;
     RateHistory history_;
+    size_t page_ = 0;
 };
 
 void showOnTerminal(const TopOptions& options, StopSignal& stop, Watch& watch) {
     const bool utf8 = localeIsUtf8();
-    Terminal terminal;  // the last column stays free: a full line would wrap on some
+    Terminal terminal;
     auto next = Clock::now();
     for (uint64_t pass = 0; !options.count || pass < *options.count; ++pass) {
         watch.look();
         TerminalSize size = terminal.size();
-        terminal.show(watch.screen(size.columns - 1, utf8));
+        terminal.show(watch.screen(size, utf8));
         next += options.interval;
         while (Clock::now() < next) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
-            if (terminal.key(std::clamp<std::chrono::milliseconds>(left, 0ms, kAttention)) == 'q' ||
-                stop.requested())
+            const char key =
+                terminal.key(std::clamp<std::chrono::milliseconds>(left, 0ms, kAttention));
+            if (key == 'q' || stop.requested())
                 return;
-            if (size != terminal.size()) {
+            watch.turnPage(key);
+            if (key != '\0' || size != terminal.size()) {
                 size = terminal.size();
-                terminal.show(watch.screen(size.columns - 1, utf8));
+                terminal.show(watch.screen(size, utf8));
             }
         }
         next = std::max(next, Clock::now() - options.interval);
@@ -151,22 +144,23 @@ CommandModel topCommand() {
         TopOptions options;
         std::string interval;
         std::string count;
+        std::string pid;
     };
-    CommandModel command("top", "Watch the channels of the running host");
+    CommandModel command("top", "Watch the channels of the running hosts");
     const auto given = std::make_shared<Arguments>();
-    given->options.path = kSharedMemoryPath;
     command.addOption("-i,--interval", given->interval, "SECONDS",
                       "Time between two looks; 1 if not given");
     command.addOption("-n,--count", given->count, "NUMBER", "End after so many looks");
     command.addFlag("-a,--all", given->options.all, "Show idle channels, too");
-    command.addOption("--path", given->options.path, "FILE",
-                      "Another table file, such as a container's");
+    addSelection(command, given->pid, given->options.path);
     command.footer = fmt::format(
-        "On a terminal it fills the screen; 'q' or a signal ends it. Elsewhere it prints\n"
-        "what 'status' does, again and again. The history is of the last {} looks, each channel's\n"
-        "highest rate a full bar. When a new host replaces the table, that one is shown.\n"
+        "On a terminal it fills the screen; the space bar and 'b' turn its pages, 'q' or a signal\n"
+        "ends it. Elsewhere it prints what 'status' does, again and again. The history is of the\n"
+        "last {} looks, each channel's highest rate a full bar. A host that begins is shown "
+        "within\n"
+        "5 seconds.\n"
         "\n{}\n"
-        "Failed (1) when there was no table all the time.\n"
+        "Failed (1) when there was neither a host nor a table all the time.\n"
         "\n"
         "Examples:\n"
         "  qxvrtp top\n"
@@ -179,6 +173,7 @@ CommandModel topCommand() {
             given->options.interval = duration("--interval", given->interval, 0.1, 1e6);
         if (!given->count.empty())
             given->options.count = quantity("--count", given->count, 1, INT64_MAX);
+        given->options.pid = processNumber(given->pid);
         runTop(given->options);
     };
     return command;

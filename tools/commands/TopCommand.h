@@ -1,6 +1,8 @@
 #ifndef TOOLS_COMMANDS_TOPCOMMAND_H
 #define TOOLS_COMMANDS_TOPCOMMAND_H
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -9,14 +11,15 @@
 struct CommandModel;
 
 struct TopOptions {
-    std::string path;
+    std::string path;          // "" = all hosts
+    std::optional<pid_t> pid;  // the only one that is shown
     std::chrono::milliseconds interval{1000};
     std::optional<uint64_t> count;  // of passes
     bool all = false;
 };
 
-// Shows the channel table again and again, until a signal comes or, on a terminal, 'q' is pressed.
-// Throws Failure when there was no table in any pass.
+// Shows the hosts' channels again and again, until a signal comes or, on a terminal, 'q' is
+// pressed. Throws Failure when there was neither a host nor a table in any pass.
 void runTop(const TopOptions& options);
 
 CommandModel topCommand();

@@ -36,26 +36,17 @@ bool isAnyAddress(std::string_view address) {
     return address.find_first_not_of("0.:") == std::string_view::npos;
 }
 
-std::string userName(uid_t user) {
-    // Not thread-safe, like the rest of a command.
-    const passwd* const entry = getpwuid(user);
-    return entry == nullptr ? fmt::format("{}", user) : escapeBytes(entry->pw_name);
+Failure unreadable(const std::string& path) {
+    return Failure(fmt::format("cannot read the table {}: {}", path, std::strerror(errno)));
 }
 
-// A name under /tmp may be anybody's: a link is not followed, and neither a FIFO nor a device is
-// waited for.
-int openTable(const std::string& path) {
-    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+// Opens for reading what a descriptor of O_PATH names.
+int openNamed(int file) {
+    constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+    const std::string path = fmt::format("/proc/self/fd/{}", file);
     // Only the file's owner may leave its access time alone.
-    int descriptor = open(path.c_str(), kFlags | O_NOATIME);
-    if (descriptor < 0 && errno == EPERM)
-        descriptor = open(path.c_str(), kFlags);
-    if (descriptor >= 0)
-        return descriptor;
-    if (errno == ENOENT)
-        throw Failure(fmt::format("there is no table {}: no host has run here", path));
-    throw Failure(fmt::format("cannot read the table {}: {}", path,
-                              errno == ELOOP ? "it is a symbolic link" : std::strerror(errno)));
+    const int descriptor = open(path.c_str(), kFlags | O_NOATIME);
+    return descriptor < 0 && errno == EPERM ? open(path.c_str(), kFlags) : descriptor;
 }
 
 // A mapping would end in SIGBUS when somebody cuts the file off.
@@ -67,9 +58,10 @@ Image copyTable(int descriptor, const std::string& path) {
             pread(descriptor, image.data() + done, image.size() - done, static_cast<off_t>(done));
         if (count > 0)
             done += static_cast<size_t>(count);
-        else if (count == 0 || errno != EINTR)
-            throw Failure(fmt::format("cannot read the table {}: {}", path,
-                                      count == 0 ? "it became shorter" : std::strerror(errno)));
+        else if (count == 0)
+            throw Failure(fmt::format("cannot read the table {}: it became shorter", path));
+        else if (errno != EINTR)
+            throw unreadable(path);
     }
     return image;
 }
@@ -108,20 +100,44 @@ bool hasNumbers(Bytes record, uint32_t direction, uint32_t number) {
 
 }  // namespace
 
+std::string userName(uid_t user) {
+    // Not thread-safe, like the rest of a command.
+    const passwd* const entry = getpwuid(user);
+    return entry == nullptr ? fmt::format("{}", user) : escapeBytes(entry->pw_name);
+}
+
 ChannelTable readTable(const std::string& path) {
-    const FileDescriptor file(openTable(path));
+    const FileDescriptor file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (file.get() < 0 && errno == ENOENT)
+        throw Failure(fmt::format("there is no table {}: no host has run here", path));
+    if (file.get() < 0)
+        throw unreadable(path);
+    return readTable(file.get(), path);
+}
+
+ChannelTable readTable(int file, const std::string& path) {
+    ChannelTable table;
     struct stat status {};
-    if (fstat(file.get(), &status) != 0)
-        throw Failure(fmt::format("cannot read the table {}: {}", path, std::strerror(errno)));
-    const std::string owner = userName(status.st_uid);
+    if (fstat(file, &status) != 0)
+        throw unreadable(path);
+    table.path = path;
+    table.owner = userName(status.st_uid);
+    table.id = {status.st_dev, status.st_ino};
+    table.replaced = status.st_nlink == 0;
+    // The name may be anybody's: a FIFO or a device would notice that it is opened.
     if (!S_ISREG(status.st_mode))
-        throw Failure(fmt::format("{} (of {}) is no table: it is not a regular file", path, owner));
+        throw Failure(
+            fmt::format("{} (of {}) is no table: it is not a regular file", path, table.owner));
     if (status.st_size < static_cast<off_t>(sizeof(RtpContext)))
         throw Failure(fmt::format("{} (of {}) is no table, or not yet: it has {} bytes, not {}",
-                                  path, owner, status.st_size, sizeof(RtpContext)));
-    const Image image = copyTable(file.get(), path);
+                                  path, table.owner, status.st_size, sizeof(RtpContext)));
+    const FileDescriptor opened(openNamed(file));
+    if (opened.get() < 0 && errno == ENOENT)
+        throw Failure("without /proc no table can be read");
+    if (opened.get() < 0)
+        throw unreadable(path);
+    const Image image = copyTable(opened.get(), path);
     const Bytes bytes(image);
-    ChannelTable table{path, owner, status.st_ino, true, 0, {}};
     table.handles = wordAt(bytes, offsetof(RtpContext, HandleCount));
     table.plausible = wordAt(bytes, offsetof(RtpContext, Instance)) == 0 &&
                       wordAt(bytes, offsetof(RtpContext, TxChannelCount)) == kChannels &&

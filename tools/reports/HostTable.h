@@ -28,17 +28,32 @@ struct ChannelState {
     uint32_t bufferBytes = 0;
 };
 
+// Which file it is, whatever its name.
+struct FileId {
+    dev_t device = 0;
+    ino_t inode = 0;
+    auto operator<=>(const FileId&) const = default;
+};
+
 struct ChannelTable {
     std::string path;
-    std::string owner;       // user name, or number
-    ino_t inode = 0;         // another one: the table of another host
+    std::string owner;  // user name, or number
+    FileId id;
+    bool replaced = false;   // the file has lost its name
     bool plausible = false;  // has what the module writes there at load
     uint32_t handles = 0;    // as counted there
     std::vector<ChannelState> channels;
 };
 
 // Copies and interprets the table; changes nothing, not even the file's access time where the
-// system allows that. Throws Failure when there is none.
+// system allows that. No link is followed, and neither a FIFO nor a device is opened. Throws
+// Failure when there is none.
 ChannelTable readTable(const std::string& path);
+
+// The same of a file that a descriptor of O_PATH names.
+ChannelTable readTable(int file, const std::string& path);
+
+// A user's name, or number, as one word of ASCII.
+std::string userName(uid_t user);
 
 #endif

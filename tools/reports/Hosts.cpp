@@ -1,89 +1,209 @@
 #include "reports/Hosts.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
-#include <filesystem>
-#include <fstream>
-#include <optional>
+#include <climits>
+#include <map>
+#include <memory>
+#include <sstream>
 #include <string_view>
 
+#include "RtpContext.h"
+#include "base/Errors.h"
 #include "base/SafeText.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
-bool isSameDirectory(const fs::path& one, const fs::path& other) {
-    struct stat status[2]{};
-    return stat(one.c_str(), &status[0]) == 0 && stat(other.c_str(), &status[1]) == 0 &&
-           status[0].st_dev == status[1].st_dev && status[0].st_ino == status[1].st_ino;
+constexpr auto kSearchInterval = 5s;
+constexpr size_t kMostDescriptors = 16384;  // of a process that are looked at
+constexpr size_t kCommandLineBytes = 1024;
+
+using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+
+Directory openDirectory(int parent, const char* name) {
+    const int descriptor = openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return {descriptor < 0 ? nullptr : fdopendir(descriptor), closedir};
+}
+
+std::string contents(int directory, const char* name, size_t limit = 4096) {
+    const FileDescriptor file(openat(directory, name, O_RDONLY | O_CLOEXEC));
+    std::string text(limit, '\0');
+    const ssize_t count = file.get() < 0 ? 0 : read(file.get(), text.data(), text.size());
+    text.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return text;
 }
 
 // What the link shows, "" where that may not be seen.
-std::string linkText(const std::string& link) {
-    std::error_code error;
-    return fs::read_symlink(link, error).string();
+std::string linkText(int directory, const char* name) {
+    std::array<char, PATH_MAX> text{};
+    const ssize_t length = readlinkat(directory, name, text.data(), text.size());
+    return {text.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))};
 }
 
-// The directory of a mapped file, by the process's own root: a process of another container has
-// another file by the same name, and one in a chroot the same file by another name.
-fs::path directoryOf(std::string_view mapped, const std::string& process) {
-    // Both names are as seen from this process, so they begin alike where the root is a chroot's.
-    const std::string root = linkText(process + "root");
-    if (root.size() > 1 && mapped.starts_with(root + '/'))
-        mapped.remove_prefix(root.size());
-    return fs::path(fmt::format("{}root{}", process, mapped)).parent_path();
+bool isDenied(int error) {
+    return error == EACCES || error == EPERM;
 }
 
-std::optional<TableHost> examine(pid_t pid, const std::string& process, const fs::path& table,
-                                 size_t& hidden) {
+// The path of a table, whatever folder it is in, or "". The kernel marks names that are gone.
+std::string tablePath(std::string link) {
     constexpr std::string_view kDeleted = " (deleted)";
-    std::ifstream maps(process + "maps");
-    if (!maps.is_open()) {
-        // It may have ended just now. And the first one is init: in a container, where it may be a
-        // host, nothing is sure anyway.
-        hidden += errno == ENOENT || errno == ESRCH || pid == 1 ? 0 : 1;
-        return std::nullopt;
+    constexpr std::string_view kPath = kSharedMemoryPath;
+    if (link.ends_with(kDeleted))
+        link.resize(link.size() - kDeleted.size());
+    return link.ends_with(kPath.substr(kPath.rfind('/'))) ? link : "";
+}
+
+struct Look {
+    std::optional<ChannelTable> table;
+    bool denied = false;
+};
+
+// The module opens its table for reading and writing. So a process that can only read one watches
+// it, as this one does. Of several tables the module uses the one that was written to last: those
+// from before it was loaded again stay open.
+Look lookForTable(int process) {
+    Look look;
+    const Directory descriptors = openDirectory(process, "fd");
+    if (!descriptors) {
+        look.denied = isDenied(errno);
+        return look;
     }
-    std::optional<TableHost> host;
-    for (std::string line; std::getline(maps, line);) {
-        const size_t begin = line.find('/');
-        if (begin == std::string::npos)
+    const int directory = dirfd(descriptors.get());
+    std::optional<std::pair<time_t, long>> newest;
+    for (size_t count = 0; const dirent* const entry = readdir(descriptors.get()); ++count) {
+        errno = 0;
+        const std::string path = tablePath(linkText(directory, entry->d_name));
+        if (isDenied(errno) || count == kMostDescriptors) {
+            look.denied = true;
+            break;
+        }
+        struct stat link {};
+        if (path.empty() || fstatat(directory, entry->d_name, &link, AT_SYMLINK_NOFOLLOW) != 0 ||
+            (link.st_mode & S_IWUSR) == 0)
             continue;
-        const bool replaced = line.ends_with(kDeleted);
-        if (replaced)
-            line.resize(line.size() - kDeleted.size());
-        // The device and the inode that stand there are not always those that stat() tells.
-        const std::string_view mapped = std::string_view(line).substr(begin);
-        if (fs::path(mapped).filename() != table.filename() ||
-            !isSameDirectory(directoryOf(mapped, process), table.parent_path()))
+        const FileDescriptor file(openat(directory, entry->d_name, O_PATH | O_CLOEXEC));
+        struct stat status {};
+        if (file.get() < 0 || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+            status.st_size < static_cast<off_t>(sizeof(RtpContext)))
             continue;
-        if (!host)
-            host = TableHost{pid, "", replaced};
-        host->replaced = host->replaced && replaced;
+        const std::pair written(status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+        if (newest >= written)
+            continue;
+        try {
+            look.table = readTable(file.get(), path);
+            newest = written;
+        } catch (const Failure&) {
+            look.denied = true;
+        }
     }
-    if (host) {
-        std::ifstream name(process + "comm");
-        std::getline(name, host->command);
-        host->command = escapeBytes(host->command);
+    return look;
+}
+
+// Of /proc/PID/stat.
+struct ProcessState {
+    char state = '?';
+    uint64_t flags = 0;
+    uint64_t startTicks = 0;
+};
+
+ProcessState processState(int process) {
+    ProcessState result;
+    const std::string text = contents(process, "stat");
+    // The name in front may hold any character.
+    std::istringstream fields(text.substr(std::min(text.rfind(')'), text.size() - 1) + 1));
+    constexpr int kFlags = 9;
+    constexpr int kStartTime = 22;
+    fields >> result.state;
+    std::string field;
+    for (int i = 4; i <= kStartTime && fields >> field; ++i) {
+        if (i == kFlags || i == kStartTime)
+            std::from_chars(field.data(), field.data() + field.size(),
+                            i == kFlags ? result.flags : result.startTicks);
     }
+    return result;
+}
+
+// A thread of the kernel, or a process that has ended and waits for its parent: no host, though its
+// descriptors are root's.
+bool isNoProgram(int process) {
+    constexpr uint64_t kKernelThread = 0x00200000;
+    const ProcessState state = processState(process);
+    return state.state == 'Z' || state.state == 'X' || (state.flags & kKernelThread) != 0;
+}
+
+std::time_t startTime(uint64_t ticks) {
+    using std::chrono::nanoseconds;
+    timespec now{}, sinceBoot{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
+    const auto boot = std::chrono::seconds(now.tv_sec - sinceBoot.tv_sec) +
+                      nanoseconds(now.tv_nsec - sinceBoot.tv_nsec);
+    const auto tick = nanoseconds(1s) / sysconf(_SC_CLK_TCK);
+    return std::chrono::floor<std::chrono::seconds>(boot + tick * ticks).count();
+}
+
+// Arguments end in NUL; the first one, the program, is told without its folder.
+std::string commandLine(int process, const std::string& command) {
+    std::string line = contents(process, "cmdline", kCommandLineBytes);
+    line.resize(line.find_last_not_of('\0') + 1);
+    if (line.starts_with('/'))
+        line.erase(0, line.rfind('/', line.find_first_of(std::string_view("\0 ", 2))) + 1);
+    std::replace(line.begin(), line.end(), '\0', ' ');
+    return line.empty() ? command : printable(line);
+}
+
+Host describe(pid_t pid, int process, ChannelTable table) {
+    Host host;
+    host.pid = pid;
+    std::string command = contents(process, "comm");
+    command.resize(command.find_last_not_of('\n') + 1);
+    host.command = escapeBytes(command);
+    host.commandLine = commandLine(process, host.command);
+    struct stat status {};
+    if (fstat(process, &status) == 0)
+        host.user = userName(status.st_uid);
+    host.startTicks = processState(process).startTicks;
+    host.started = startTime(host.startTicks);
+    host.table = std::move(table);
     return host;
 }
 
-std::string blindness(const std::string& proc, size_t hidden) {
+// All that have one table are one host, shown as the process that began first.
+std::vector<Host> merged(std::vector<Host> processes) {
+    std::sort(processes.begin(), processes.end(), [](const Host& one, const Host& other) {
+        return std::pair(one.startTicks, one.pid) < std::pair(other.startTicks, other.pid);
+    });
+    std::vector<Host> hosts;
+    std::map<FileId, size_t> places;
+    for (Host& process : processes) {
+        const auto [place, isNew] = places.emplace(process.table.id, hosts.size());
+        if (isNew)
+            hosts.push_back(std::move(process));
+        else
+            hosts[place->second].sharedWith.push_back(process.pid);
+    }
+    return hosts;
+}
+
+std::string blindness(int proc, size_t hidden) {
     constexpr std::string_view kFirstPidNamespace =
         "pid:[4026531836]";  // the same on every machine
-    const std::string pidNamespace = linkText(proc + "/self/ns/pid");
+    const std::string pidNamespace = linkText(proc, "self/ns/pid");
     struct stat status {};
     if (pidNamespace.empty())
         return "no /proc tells which processes there are";
     if (pidNamespace != kFirstPidNamespace)
         return "processes outside of this PID namespace are not seen";
-    if (stat((proc + "/1").c_str(), &status) != 0)
+    if (fstatat(proc, "1", &status, 0) != 0)
         return "/proc hides the processes of other users";
     if (hidden > 0)
         return fmt::format("{} {} not let this user look", hidden,
@@ -93,27 +213,98 @@ std::string blindness(const std::string& proc, size_t hidden) {
 
 }  // namespace
 
-size_t TableHosts::current() const {
-    return static_cast<size_t>(std::count_if(hosts.begin(), hosts.end(),
-                                             [](const TableHost& host) { return !host.replaced; }));
+bool Machine::isFileLive() const {
+    return file && std::any_of(hosts.begin(), hosts.end(),
+                               [this](const Host& host) { return host.table.id == file->id; });
 }
 
-TableHosts findHosts(const std::string& tablePath, const std::string& proc) {
-    TableHosts result;
-    std::error_code error;
-    const fs::path path = fs::absolute(tablePath, error);
-    for (auto entry = fs::directory_iterator(proc, error);
-         !error && entry != fs::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename();
-        pid_t pid = 0;
-        if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr !=
-            name.data() + name.size())
-            continue;
-        if (auto host = examine(pid, fmt::format("{}/{}/", proc, name), path, result.hidden))
-            result.hosts.push_back(std::move(*host));
+std::vector<ShownTable> Machine::tables() const {
+    std::vector<ShownTable> shown;
+    for (const Host& host : hosts)
+        shown.push_back({&host, &host.table});
+    if (file && !isFileLive())
+        shown.push_back({nullptr, &*file});
+    return shown;
+}
+
+HostFinder::HostFinder(HostSelection selection, const std::string& proc)
+    : selection_(std::move(selection)),
+      proc_(open(proc.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+
+void HostFinder::readFile(Machine& machine) {
+    try {
+        machine.file = readTable(selection_.path.empty() ? kSharedMemoryPath : selection_.path);
+    } catch (const Failure& failure) {
+        machine.trouble = failure.what();
     }
-    std::sort(result.hosts.begin(), result.hosts.end(),
-              [](const TableHost& one, const TableHost& other) { return one.pid < other.pid; });
-    result.blindness = blindness(proc, result.hidden);
-    return result;
+    const FileId id = machine.file ? machine.file->id : FileId{};
+    if (id != file_)
+        searched_.reset();
+    file_ = id;
+}
+
+std::vector<pid_t> HostFinder::processes() const {
+    std::vector<pid_t> pids;
+    const Directory listing = openDirectory(proc_.get(), ".");
+    while (const dirent* const entry = listing ? readdir(listing.get()) : nullptr) {
+        const std::string_view name = entry->d_name;
+        pid_t pid = 0;
+        if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr ==
+            name.data() + name.size())
+            pids.push_back(pid);
+    }
+    return pids;
+}
+
+std::vector<Host> HostFinder::search(const std::vector<pid_t>& pids, size_t& hidden) const {
+    std::vector<Host> found;
+    for (const pid_t pid : pids) {
+        // Whatever is read through this descriptor is of one process, and fails when that has
+        // ended, even if another one has got its number.
+        const FileDescriptor process(
+            openat(proc_.get(), std::to_string(pid).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (process.get() < 0)
+            continue;
+        Look look = lookForTable(process.get());
+        if (look.table)
+            found.push_back(describe(pid, process.get(), std::move(*look.table)));
+        // The first one is init: in a container, where it may be a host, nothing is sure anyway.
+        else if (look.denied && (pid != 1 || selection_.pid) && !isNoProgram(process.get()))
+            ++hidden;
+    }
+    return found;
+}
+
+Machine HostFinder::look() {
+    Machine machine;
+    size_t hidden = 0;
+    if (selection_.pid) {
+        machine.hosts = merged(search({*selection_.pid}, hidden));
+        if (!machine.hosts.empty())
+            machine.file = machine.hosts.front().table;
+        else
+            machine.trouble = fmt::format(
+                "process {} {}", *selection_.pid,
+                hidden > 0 ? "does not let this user look" : "is no host, or has ended");
+        return machine;
+    }
+    readFile(machine);
+    const auto now = std::chrono::steady_clock::now();
+    const bool everywhere = !searched_ || now - *searched_ >= kSearchInterval;
+    std::vector<Host> found = search(everywhere ? processes() : known_, hidden);
+    if (everywhere) {
+        searched_ = now;
+        hidden_ = hidden;
+    }
+    known_.clear();
+    for (const Host& host : found)
+        known_.push_back(host.pid);
+    machine.hosts = merged(std::move(found));
+    if (!selection_.path.empty())
+        std::erase_if(machine.hosts, [&machine](const Host& host) {
+            return !machine.file || host.table.id != machine.file->id;
+        });
+    machine.hidden = hidden_;
+    machine.blindness = blindness(proc_.get(), hidden_);
+    return machine;
 }

@@ -1,5 +1,7 @@
 #include "reports/Json.h"
 
+#include <fmt/chrono.h>
+
 #include <nlohmann/json.hpp>
 
 #include "reports/Text.h"
@@ -32,24 +34,43 @@ Json channelJson(const ChannelState& channel) {
             {"buffer_bytes", channel.bufferBytes}};
 }
 
-}  // namespace
-
-std::string tableJson(const ChannelTable& table, const TableHosts& hosts, bool all) {
-    Json json = {{"path", table.path},
-                 {"owner", table.owner},
-                 {"damaged", !table.plausible},
-                 {"handles", table.handles},
-                 {"alive", hosts.known() ? Json(hosts.current() > 0) : Json(nullptr)},
-                 {"alive_unknown_because", hosts.known() ? Json(nullptr) : Json(hosts.blindness)},
-                 {"hosts", Json::array()},
-                 {"hidden_processes", hosts.hidden},
-                 {"channels", Json::array()}};
-    for (const TableHost& host : hosts.hosts)
-        json["hosts"].push_back(
-            Json{{"pid", host.pid}, {"command", host.command}, {"replaced", host.replaced}});
+Json tableJson(const ChannelTable& table, bool all) {
+    Json json = {{"path", table.path},         {"owner", table.owner},
+                 {"replaced", table.replaced}, {"damaged", !table.plausible},
+                 {"handles", table.handles},   {"channels", Json::array()}};
     for (const ChannelState& channel : table.channels) {
         if (all || channel.running)
             json["channels"].push_back(channelJson(channel));
     }
+    return json;
+}
+
+Json hostJson(const Host& host, bool all) {
+    Json json = {{"pid", host.pid},
+                 {"command", host.command},
+                 {"command_line", host.commandLine},
+                 {"user", host.user},
+                 {"started", fmt::format("{:%FT%TZ}", fmt::gmtime(host.started))},
+                 {"shared_with", host.sharedWith}};
+    json.update(tableJson(host.table, all));
+    return json;
+}
+
+}  // namespace
+
+std::string statusJson(const Machine& machine, bool all) {
+    const bool known = machine.file && machine.isFileKnown();
+    Json json = machine.file
+                    ? tableJson(*machine.file, all)
+                    : Json{{"path", nullptr},    {"owner", nullptr},   {"replaced", nullptr},
+                           {"damaged", nullptr}, {"handles", nullptr}, {"channels", Json::array()}};
+    json["alive"] = known ? Json(machine.isFileLive()) : Json(nullptr);
+    json["alive_unknown_because"] =
+        known ? Json(nullptr) : Json(machine.file ? machine.blindness : machine.trouble);
+    json["hosts"] = Json::array();
+    for (const Host& host : machine.hosts)
+        json["hosts"].push_back(hostJson(host, all));
+    json["incomplete_because"] = orNull(machine.blindness);
+    json["hidden_processes"] = machine.hidden;
     return print(json);
 }

@@ -7,7 +7,8 @@
 #include "reports/HostTable.h"
 #include "reports/Hosts.h"
 
-// Idle channels are left out unless `all`.
-std::string tableJson(const ChannelTable& table, const TableHosts& hosts, bool all);
+// All hosts, each with its table, and the file's table beside them. Idle channels are left out
+// unless `all`.
+std::string statusJson(const Machine& machine, bool all);
 
 #endif

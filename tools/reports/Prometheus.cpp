@@ -67,41 +67,79 @@ void write(Output out, const std::string& name, const char* help, double value) 
     fmt::format_to(out, "qxvrtp_{} {}\n", name, number(value));
 }
 
-void writePresence(Output out, bool present) {
-    write(out, "table_present", "Whether there is a table that can be read (1) or not (0).",
-          present ? 1 : 0);
+// Those of live hosts, and of one that may live.
+std::vector<ShownTable> liveTables(const Machine& machine) {
+    std::vector<ShownTable> tables = machine.tables();
+    if (machine.isFileKnown())
+        std::erase_if(tables, [](const ShownTable& shown) { return shown.host == nullptr; });
+    return tables;
 }
+
+// The labels that tell hosts apart; none for a table whose host is not seen.
+std::string hostLabels(const ShownTable& shown) {
+    return shown.host == nullptr ? ""
+                                 : fmt::format("pid=\"{}\",command=\"{}\"", shown.host->pid,
+                                               labelText(shown.host->command));
+}
+
+struct TableMetric {
+    const char* name;
+    const char* help;
+    std::function<std::optional<double>(const ShownTable&)> value;
+};
+
+const TableMetric kTableMetrics[] = {
+    {"host_start_time_seconds", "When the host's process began, since the epoch.",
+     [](const ShownTable& shown) {
+         return shown.host == nullptr ? std::nullopt
+                                      : std::optional(static_cast<double>(shown.host->started));
+     }},
+    {"table_replaced", "Whether the host's table has lost its name to a later one (1) or not (0).",
+     [](const ShownTable& shown) { return shown.table->replaced ? 1 : 0; }},
+    {"table_damaged", "Whether the table holds what no host writes there (1).",
+     [](const ShownTable& shown) { return shown.table->plausible ? 0 : 1; }},
+    {"table_handles", "Handles open, as the table counts them.",
+     [](const ShownTable& shown) { return shown.table->handles; }},
+};
 
 }  // namespace
 
-std::string tablePrometheus(const ChannelTable& table, const TableHosts& hosts, bool all) {
+std::string statusPrometheus(const Machine& machine, bool all) {
+    const std::vector<ShownTable> tables = liveTables(machine);
+    const auto hosts = static_cast<double>(machine.hosts.size());
     std::string text;
     const Output out(text);
-    writePresence(out, true);
-    write(out, "table_damaged", "Whether the table holds what no host writes there (1).",
-          table.plausible ? 0 : 1);
-    write(out, "table_hosts", "Live processes that have the table in their memory; NaN = unknown.",
-          hosts.known() ? static_cast<double>(hosts.current()) : kUnknown);
-    write(out, "hidden_processes", "Processes that could not be searched for the table.",
-          static_cast<double>(hosts.hidden));
-    write(out, "table_handles", "Handles open, as the table counts them.", table.handles);
-    for (const Metric& metric : kMetrics) {
-        writeHeader(out, fmt::format("channel_{}", metric.name), metric.help);
-        for (const ChannelState& channel : table.channels) {
-            const auto value = all || channel.running ? metric.value(channel) : std::nullopt;
-            if (value)
-                fmt::format_to(out,
-                               "qxvrtp_channel_{}{{direction=\"{}\",channel=\"{}\",address=\"{}\","
-                               "port=\"{}\"}} {}\n",
-                               metric.name, directionName(channel), channel.number,
-                               labelText(channel.address), channel.port, number(*value));
+    write(out, "hosts", "Live hosts that are seen; NaN = none is, but there may be one.",
+          machine.hosts.empty() && !machine.blindness.empty() ? kUnknown : hosts);
+    write(out, "hidden_processes", "Processes that could not be searched for a table.",
+          static_cast<double>(machine.hidden));
+    write(out, "table_present", "Whether there is a file with a table (1) or not (0).",
+          machine.file ? 1 : 0);
+    write(out, "table_hosts", "Live hosts that have the file's table; NaN = unknown.",
+          !machine.file || machine.isFileKnown() ? machine.isFileLive() : kUnknown);
+    for (const TableMetric& metric : kTableMetrics) {
+        writeHeader(out, metric.name, metric.help);
+        for (const ShownTable& shown : tables) {
+            const std::string labels = hostLabels(shown);
+            if (const auto value = metric.value(shown))
+                fmt::format_to(out, "qxvrtp_{}{{{}}} {}\n", metric.name, labels, number(*value));
         }
     }
-    return text;
-}
-
-std::string noTablePrometheus() {
-    std::string text;
-    writePresence(Output(text), false);
+    for (const Metric& metric : kMetrics) {
+        writeHeader(out, fmt::format("channel_{}", metric.name), metric.help);
+        for (const ShownTable& shown : tables) {
+            std::string labels = hostLabels(shown);
+            labels += labels.empty() ? "" : ",";
+            for (const ChannelState& channel : shown.table->channels) {
+                const auto value = all || channel.running ? metric.value(channel) : std::nullopt;
+                if (value)
+                    fmt::format_to(out,
+                                   "qxvrtp_channel_{}{{{}direction=\"{}\",channel=\"{}\","
+                                   "address=\"{}\",port=\"{}\"}} {}\n",
+                                   metric.name, labels, directionName(channel), channel.number,
+                                   labelText(channel.address), channel.port, number(*value));
+            }
+        }
+    }
     return text;
 }

@@ -7,10 +7,8 @@
 #include "reports/HostTable.h"
 #include "reports/Hosts.h"
 
-// Idle channels are left out unless `all`.
-std::string tablePrometheus(const ChannelTable& table, const TableHosts& hosts, bool all);
-
-// Where there is no table: one metric says so.
-std::string noTablePrometheus();
+// Idle channels are left out unless `all`, and so are the channels of a file whose host has ended:
+// their rates are those of its last moment.
+std::string statusPrometheus(const Machine& machine, bool all);
 
 #endif

@@ -1,5 +1,6 @@
 #include "reports/Text.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <iterator>
@@ -9,6 +10,19 @@
 namespace {
 
 using Output = std::back_insert_iterator<std::string>;
+
+void writeChannel(Output out, const ChannelState& channel) {
+    const std::string asked = channel.send ? fmt::format("{:.3f}", channel.asked_bps / 1e6) : "-";
+    fmt::format_to(out, "{:<7} {:>2} {:<4} {:<7} {:<7} {:>9.3f} {:>7} {:>4} {} {}\n",
+                   directionName(channel), channel.number,
+                   channel.mode == ChannelMode::kUnknown ? "?" : modeName(channel.mode),
+                   channel.running ? "running" : "idle",
+                   !channel.running     ? "-"
+                   : channel.socketOpen ? "open"
+                                        : "pending",
+                   channel.measured_bps / 1e6, asked, channel.bufferBytes / 1024,
+                   endpointOf(channel), channel.localAddress.empty() ? "-" : channel.localAddress);
+}
 
 }  // namespace
 
@@ -33,45 +47,46 @@ std::string endpointOf(const ChannelState& channel) {
                        channel.port);
 }
 
-std::string hostsText(const TableHosts& hosts) {
-    std::string text;
-    for (const TableHost& host : hosts.hosts)
-        text += fmt::format("{}{} {}{}", text.empty() ? "" : ", ", host.pid, host.command,
-                            host.replaced ? " (its table was replaced)" : "");
-    if (hosts.current() == 0)
-        text += fmt::format("{}{}", text.empty() ? "" : ", ",
-                            hosts.known() ? "none alive" : "unknown: " + hosts.blindness);
-    return text;
+std::string headingOf(const ShownTable& shown, const Machine& machine) {
+    const ChannelTable& table = *shown.table;
+    const Host* const host = shown.host;
+    std::string text = machine.isFileKnown() ? "left over, its host has ended"
+                                             : "its host is not seen, or has ended";
+    if (host != nullptr)
+        text = fmt::format("host {} of {} since {:%F %T}", host->pid, host->user,
+                           fmt::localtime(host->started));
+    if (!table.plausible)
+        text += ", table damaged";
+    if (table.replaced)
+        text += ", table replaced";
+    if (host != nullptr && !host->sharedWith.empty())
+        text += fmt::format(", shared with {}", fmt::join(host->sharedWith, " "));
+    return text + ": " +
+           (host != nullptr ? host->commandLine : escapeBytes(table.path) + " of " + table.owner);
 }
 
-std::string tableText(const ChannelTable& table, const TableHosts& hosts, bool all,
-                      std::optional<size_t> width) {
+std::string doubtsText(const Machine& machine) {
+    return machine.blindness.empty() ? ""
+                                     : "there may be hosts that are not seen: " + machine.blindness;
+}
+
+std::string statusText(const Machine& machine, bool all, std::optional<size_t> width) {
     std::string text;
     const Output out(text);
-    fmt::format_to(out, "# {} of {}, hosts: {}\n", escapeBytes(table.path), table.owner,
-                   hostsText(hosts));
-    if (!table.plausible)
-        fmt::format_to(out, "# the table is damaged: do not rely on it\n");
     fmt::format_to(out, "#dir    ch mode state   socket     Mbit/s   asked  KiB address local\n");
-    size_t shown = 0;
-    for (const ChannelState& channel : table.channels) {
-        if (!channel.running && !all)
-            continue;
-        ++shown;
-        const std::string asked =
-            channel.send ? fmt::format("{:.3f}", channel.asked_bps / 1e6) : "-";
-        fmt::format_to(out, "{:<7} {:>2} {:<4} {:<7} {:<7} {:>9.3f} {:>7} {:>4} {} {}\n",
-                       directionName(channel), channel.number,
-                       channel.mode == ChannelMode::kUnknown ? "?" : modeName(channel.mode),
-                       channel.running ? "running" : "idle",
-                       !channel.running     ? "-"
-                       : channel.socketOpen ? "open"
-                                            : "pending",
-                       channel.measured_bps / 1e6, asked, channel.bufferBytes / 1024,
-                       endpointOf(channel),
-                       channel.localAddress.empty() ? "-" : channel.localAddress);
+    for (const ShownTable& shown : machine.tables()) {
+        fmt::format_to(out, "# {}\n", headingOf(shown, machine));
+        const size_t before = text.size();
+        for (const ChannelState& channel : shown.table->channels) {
+            if (all || channel.running)
+                writeChannel(out, channel);
+        }
+        if (text.size() == before)
+            fmt::format_to(out, "# no channel is running\n");
     }
-    if (shown == 0)
-        fmt::format_to(out, "# no channel is running\n");
+    if (machine.tables().empty())
+        fmt::format_to(out, "# {}\n", printable(machine.trouble));
+    if (!machine.blindness.empty())
+        fmt::format_to(out, "# {}\n", doubtsText(machine));
     return width ? cutLines(text, *width) : text;
 }

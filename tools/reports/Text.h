@@ -8,13 +8,16 @@
 #include "reports/HostTable.h"
 #include "reports/Hosts.h"
 
-// The table in columns that no space or control character breaks; other lines begin with '#'. Cut
-// to `width` columns where that is given. Idle channels are left out unless `all`.
-std::string tableText(const ChannelTable& table, const TableHosts& hosts, bool all,
-                      std::optional<size_t> width);
+// The channels of all hosts in columns that no space or control character breaks; other lines begin
+// with '#', those above a host's channels with "# host ". Cut to `width` columns where that is
+// given. Idle channels are left out unless `all`.
+std::string statusText(const Machine& machine, bool all, std::optional<size_t> width);
 
-// The processes that have the table.
-std::string hostsText(const TableHosts& hosts);
+// A line that tells whose table it is, for people.
+std::string headingOf(const ShownTable& shown, const Machine& machine);
+
+// Why there may be hosts that are not seen, as a sentence; "" = there are none.
+std::string doubtsText(const Machine& machine);
 
 // Parts of the reports about tables, in all formats.
 const char* directionName(const ChannelState& channel);
