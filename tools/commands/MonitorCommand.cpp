@@ -176,7 +176,7 @@ constexpr auto kHelp =
     "for a while; a line on standard error tells both. Limits and times are keys of [[monitor]]\n"
     "in a configuration file; see qxvrtp.toml(5).\n"
     "--on-alarm runs a program, without a shell or arguments, for at most 30 seconds, 8 at a\n"
-    "time. Its environment has QXVRTP_URL, QXVRTP_NAME, QXVRTP_ALARM (no_signal), \n"
+    "time. Its environment has QXVRTP_URL, QXVRTP_NAME, QXVRTP_ALARM (no_signal),\n"
     "QXVRTP_NUMBER (1.1), QXVRTP_STATE (raised or cleared), QXVRTP_DETAIL and QXVRTP_TIME.\n"
     "\n"
     "A socket that cannot be opened is waited for, and so is a stream that does not come; only\n"

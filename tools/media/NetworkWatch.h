@@ -19,7 +19,7 @@ class NetworkWatch {
 
     NetworkWatch();
 
-    // Looks again if that is due. Returns the number of looks so far: where it differs from the
+    // Looks again if that is due, once for all who call at the same time. Returns the number of looks so far: where it differs from the
     // last one that a user has seen, memberships have to be renewed.
     uint64_t look(Clock::time_point now);
 
@@ -32,6 +32,7 @@ class NetworkWatch {
     zaqsockets::InterfaceList interfaces_;
     uint64_t looks_ = 0;
     int left_ = 0;
+    Clock::time_point now_{};
     Clock::time_point next_{};
 };
 

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <iterator>
+#include <utility>
 
 #include "base/Quantity.h"
 #include "base/SafeText.h"
