@@ -19,8 +19,9 @@ class NetworkWatch {
 
     NetworkWatch();
 
-    // Looks again if that is due, once for all who call at the same time. Returns the number of looks so far: where it differs from the
-    // last one that a user has seen, memberships have to be renewed.
+    // Looks again if that is due, once for all who call at the same time. Returns the number of
+    // looks so far: where it differs from the last one that a user has seen, memberships have to be
+    // renewed.
     uint64_t look(Clock::time_point now);
 
     const zaqsockets::InterfaceList& interfaces() const { return interfaces_; }
