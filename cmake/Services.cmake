@@ -13,6 +13,8 @@ foreach(QXV_SERVICE send receive relay monitor)
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/services/qxvrtp.toml.5
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT tools)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/services/prometheus
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/qxvrtp COMPONENT tools)
 
 # The rest is made by the tool itself. A sanitizer may not let it run outside of the tests.
 if(QXV_SANITIZE)

@@ -49,7 +49,7 @@ for configuration in "$@"; do
                 mandoc zsh fish
             # The other programs: those that cannot be installed are skipped, by name.
             for packages in ffmpeg multicat "gstreamer1.0-tools gstreamer1.0-plugins-base \
-                gstreamer1.0-plugins-good gstreamer1.0-plugins-bad" tshark "vlc-bin vlc-plugin-base"; do
+                gstreamer1.0-plugins-good gstreamer1.0-plugins-bad" tshark "vlc-bin vlc-plugin-base" prometheus; do
                 scripts/install.sh $packages || echo "cannot be installed: $packages"
             done
             ;;
