@@ -100,7 +100,9 @@ try:
     rates = await_(lambda: len(has_rates() or []) == 2 and min(has_rates()) > 0 and has_rates())
     assert max(rates) < 20e6, rates
     # At the end of the file, where the loop begins anew, packets are missing.
-    assert {name for name, _ in alerts()} <= {"QxvrtpContinuityErrors", "QxvrtpMediaDelivery"}, alerts()
+    # A busy machine sends tables late.
+    assert {name for name, _ in alerts()} <= {"QxvrtpContinuityErrors", "QxvrtpMediaDelivery",
+                                              "QxvrtpStreamFault"}, alerts()
 
     broken = list(MACHINES)[1]
     senders[broken].terminate()
