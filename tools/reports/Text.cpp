@@ -3,6 +3,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <ctime>
 #include <iterator>
 
 #include "base/SafeText.h"
@@ -22,6 +23,14 @@ void writeChannel(Output out, const ChannelState& channel) {
                                         : "pending",
                    channel.measured_bps / 1e6, asked, channel.bufferBytes / 1024,
                    endpointOf(channel), channel.localAddress.empty() ? "-" : channel.localAddress);
+}
+
+// The time, or the day when that is longer ago.
+std::string startText(std::time_t started) {
+    constexpr std::time_t kDay = 24 * 60 * 60;
+    const std::tm local = fmt::localtime(started);
+    const bool recent = std::time(nullptr) - started < kDay;
+    return recent ? fmt::format("{:%T}", local) : fmt::format("{:%F}", local);
 }
 
 }  // namespace
@@ -49,20 +58,19 @@ std::string endpointOf(const ChannelState& channel) {
 
 std::string headingOf(const ShownTable& shown, const Machine& machine) {
     const ChannelTable& table = *shown.table;
-    const Host* const host = shown.host;
-    std::string text = machine.isFileKnown() ? "left over, its host has ended"
-                                             : "its host is not seen, or has ended";
-    if (host != nullptr)
-        text = fmt::format("host {} of {} since {:%F %T}", host->pid, host->user,
-                           fmt::localtime(host->started));
-    if (!table.plausible)
-        text += ", table damaged";
-    if (table.replaced)
-        text += ", table replaced";
-    if (host != nullptr && !host->sharedWith.empty())
-        text += fmt::format(", shared with {}", fmt::join(host->sharedWith, " "));
-    return text + ": " +
-           (host != nullptr ? host->commandLine : escapeBytes(table.path) + " of " + table.owner);
+    const char* const damage = table.plausible ? "" : ", table damaged";
+    if (shown.host == nullptr)
+        return fmt::format("{}{}: {} of {}",
+                           machine.isFileKnown() ? "left over, its host has ended"
+                                                 : "its host is not seen, or has ended",
+                           damage, escapeBytes(table.path), table.owner);
+    const Host& host = *shown.host;
+    // What is behind the command may be beyond the edge of a terminal.
+    std::string text = fmt::format("host {} of {} since {}{}: {}", host.pid, host.user,
+                                   startText(host.started), damage, host.commandLine);
+    if (!host.sharedWith.empty())
+        text += fmt::format(" [table shared with {}]", fmt::join(host.sharedWith, " "));
+    return table.replaced ? text + " [table replaced]" : text;
 }
 
 std::string doubtsText(const Machine& machine) {
