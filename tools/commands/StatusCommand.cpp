@@ -12,7 +12,6 @@
 #include "base/Errors.h"
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
-#include "reports/HostTable.h"
 #include "reports/Hosts.h"
 #include "reports/Json.h"
 #include "reports/Prometheus.h"
@@ -33,16 +32,14 @@ std::optional<size_t> terminalWidth() {
 
 std::string tableHelp() {
     return fmt::format(
-        "A host is a process that has loaded the module, such as 'qxvrtp send' or 'receive'. Each\n"
-        "has a table of its channels, which is only read: no host is disturbed. A host that "
-        "begins\n"
-        "replaces the file {}; the earlier ones keep their\n"
-        "own tables, and are shown as well. Root sees the hosts of all users and containers, "
-        "other\n"
-        "users only their own, and in a container nobody sees those outside; where there may be\n"
-        "more hosts, that is said. The file stays when its host has ended, and is shown as left\n"
-        "over. Processes that share one table, such as children of a fork, are shown as one "
-        "host.\n",
+        "A host is a process that has loaded the module, such as 'qxvrtp send' or 'receive'.\n"
+        "Each has a table of its channels, which is only read: no host is disturbed. A host that\n"
+        "begins replaces the file {};\n"
+        "the earlier ones keep their own tables, and are shown as well. Root sees the hosts of\n"
+        "all users and containers, other users only their own, and in a container nobody sees\n"
+        "those outside; where there may be more hosts, that is said. The file stays when its\n"
+        "host has ended, and is shown as left over. Processes that share one table, such as\n"
+        "children of a fork, are shown as one host.\n",
         kSharedMemoryPath);
 }
 
@@ -93,13 +90,10 @@ CommandModel statusCommand() {
     command.footer = fmt::format(
         "{}\n"
         "In the JSON object, hosts[] has all hosts with their channels[], the oldest first; what\n"
-        "stands beside it is of the file or, with --pid, of that host's table. Metrics of "
-        "channels\n"
-        "have the labels pid and command.\n"
+        "stands beside it is of the file or, with --pid, of that host's table. The metrics of\n"
+        "channels have the labels pid and command.\n"
         "\n"
-        "Failed (1) when there is neither a host nor a table, unless metrics are printed: they "
-        "say\n"
-        "so.\n"
+        "Failed (1) when there is neither a host nor a table, unless metrics are printed.\n"
         "\n"
         "Examples:\n"
         "  qxvrtp status --all\n"

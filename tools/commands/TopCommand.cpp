@@ -10,7 +10,6 @@
 #include <memory>
 #include <thread>
 
-#include "RtpContext.h"
 #include "base/Errors.h"
 #include "base/SafeText.h"
 #include "base/StopSignal.h"
