@@ -58,7 +58,9 @@ void StreamMonitor::lookAround(Time now) {
     looked_ = now;
     reception_.tick(now);
     compareCounts(now);
-    if (signal_)
+    // In a pause, nothing of the stream is missing: either it ends the signal, or what comes next
+    // tells.
+    if (signal_ && now - arrival_ < 2 * kLook)
         transport_.tick(now);
     if (delivery_.tick(now))
         endSecond(now);

@@ -6,6 +6,8 @@
 #include <bitstream/mpeg/ts.h>
 
 #include <algorithm>
+#include <string_view>
+#include <utility>
 
 namespace ts {
 

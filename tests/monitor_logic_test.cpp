@@ -1,7 +1,9 @@
 // The monitor of a stream, in virtual time: streams with seeded faults, and what is said of them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <memory>
 
 #include "StreamMonitor.h"
 #include "StreamSupport.h"
@@ -102,7 +104,6 @@ void Play(const Scenario& scenario, ts::StreamMonitor& monitor) {
     uint16_t sequence = 65'000;
     Time looked = 0s, now = 0s;
     std::string carried;
-    int packets = 0;
     const auto tickTo = [&](Time time) {
         for (; looked < time; looked += 40ms)
             monitor.tick(looked);
@@ -114,7 +115,7 @@ void Play(const Scenario& scenario, ts::StreamMonitor& monitor) {
             if (scenario.packets)
                 scenario.packets(now, packet);
             carried += packet;
-            if (++packets % 7 == 0) {
+            if (carried.size() >= 7 * 188) {
                 sent.push_back({now, (scenario.rtp ? Rtp(sequence++, now) : "") + carried});
                 carried.clear();
             }
@@ -306,6 +307,169 @@ TEST(MonitorLogic, FindsEachFaultOfAStreamAndNoOther) {
     };
     for (const auto& c : cases)
         EXPECT_EQ(Names(Judge({.packets = c.packets}, c.expected)), Names(c.expected)) << c.what;
+}
+
+using Sending = std::vector<Sent>;
+
+TEST(MonitorLogic, FindsEachFaultOfTheNetworkAndNoOther) {
+    const auto jitter = [](Sending& sent) {  // in order, up to 28 ms late
+        for (size_t i = 1; i < sent.size(); ++i)
+            sent[i].arrival = std::max(sent[i].arrival + Time(i % 5 * 7ms), sent[i - 1].arrival);
+    };
+    const auto erase = [](Sending& sent, size_t first, size_t count) {
+        const auto begin = sent.begin() + static_cast<long>(first);
+        sent.erase(begin, begin + static_cast<long>(count));
+    };
+    const struct {
+        const char* what;
+        bool rtp;
+        std::function<void(Sending&)> datagrams;
+        Verdicts expected;
+    } cases[] = {
+        {"held back for 200 ms",
+         true,
+         [](Sending& sent) {
+             for (size_t i = 700; i < 729; ++i)
+                 sent[i].arrival = sent[729].arrival;
+         },
+         {{Check::kDelayFactor, 2}}},
+        {"three lost",
+         true,
+         [&](Sending& sent) { erase(sent, 700, 3); },
+         {{Check::kRtpLoss, 6}, {Check::kContinuity, kSome}, {Check::kMediaLoss, 2}}},
+        {"one lost, raw",
+         false,
+         [&](Sending& sent) { erase(sent, 700, 1); },
+         {{Check::kContinuity, kSome}, {Check::kMediaLoss, kSome}}},
+        {"two in the wrong order",
+         true,
+         [](Sending& sent) { std::swap(sent[700].bytes, sent[703].bytes); },
+         {{Check::kContinuity, kSome}}},
+        {"twice", true, [](Sending& sent) { sent.insert(sent.begin() + 700, sent[700]); }, {}},
+        {"twice, raw",
+         false,
+         [](Sending& sent) { sent.insert(sent.begin() + 700, sent[700]); },
+         {{Check::kContinuity, kSome}, {Check::kMediaLoss, kSome}}},
+        {"half a datagram",
+         true,
+         [](Sending& sent) { sent[700].bytes.resize(600); },
+         {{Check::kDatagramSize, 2},
+          {Check::kSyncLoss, 2},
+          {Check::kSyncByte, 4},
+          {Check::kContinuity, kSome}}},
+        {"another sender for a second",
+         false,
+         [](Sending& sent) {
+             for (size_t i = 700; i < 840; i += 2)
+                 sent[i].port = 2000;
+         },
+         {{Check::kSecondSender, 2 * 139}}},
+        {"the sender began anew",
+         false,
+         [](Sending& sent) {
+             for (size_t i = 700; i < sent.size(); ++i)
+                 sent[i].port = 2000;
+         },
+         {}},
+        {"nothing for three seconds",
+         false,
+         [&](Sending& sent) { erase(sent, 400, 429); },
+         {{Check::kNoSignal, 2}}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(Names(Judge({.rtp = c.rtp, .datagrams = c.datagrams}, c.expected)),
+                  Names(c.expected))
+            << c.what;
+    ts::MonitorLimits jittery;
+    jittery.transport.tolerance = 40ms;
+    EXPECT_EQ(Names(Judge({.rtp = true, .datagrams = jitter, .limits = jittery})), "");
+}
+
+TEST(MonitorLogic, MeasuresWhatTheNetworkDidToRtp) {
+    ts::StreamMonitor monitor({});
+    Play({.length = 10s,
+          .rtp = true,
+          .datagrams =
+              [](Sending& sent) {
+                  for (size_t i = 0; i < sent.size(); i += 3)
+                      sent[i].arrival += 3ms;
+                  std::swap(sent[100].bytes, sent[105].bytes);
+                  sent.erase(sent.begin() + 500, sent.begin() + 510);
+                  sent.insert(sent.begin() + 900, sent[900]);
+                  for (size_t i = 1000; i < sent.size(); ++i)
+                      sent[i].bytes.replace(2, 1, 1, static_cast<char>(sent[i].bytes[2] + 100));
+              }},
+         monitor);
+    const ts::MonitorReport report = monitor.report();
+    const ts::RtpReport rtp = report.reception.rtp.value();
+    EXPECT_EQ(rtp.counts.lost, 10u);
+    EXPECT_EQ(rtp.counts.reordered, 5u) << "the one that came late, and four behind the early one";
+    EXPECT_EQ(rtp.counts.furthest, 5u);
+    EXPECT_EQ(rtp.counts.duplicates, 1u);
+    EXPECT_EQ(rtp.counts.restarts, 1u);
+    EXPECT_NEAR(rtp.jitter_ms, 2.0, 0.3) << "3 ms, 3 ms, none";
+    EXPECT_NEAR(rtp.timestampRate.value(), 90'000.0, 200.0);
+    EXPECT_NEAR(report.reception.intervals->p50_ms, 7.0, 0.6);
+    EXPECT_NEAR(report.reception.intervals->p99_ms, 10.0, 0.9);
+    EXPECT_EQ(report.delivery.lost, 70u);
+    EXPECT_NEAR(report.delivery.delayFactor_ms.value(), 10.0, 0.1) << "a datagram, and 3 ms";
+    EXPECT_NEAR(static_cast<double>(report.bitrate_bps.value()), 1'504'000.0, 20'000.0);
+    EXPECT_EQ(report.reception.dscps, std::vector<uint8_t>{40});
+}
+
+TEST(MonitorLogic, RaisesNoAlarmOnACleanStream) {
+    const auto hour = [](Sending& sent) {
+        for (size_t i = 0; i < sent.size(); ++i)
+            sent[i].arrival += Time(i * 7919 % 997 * 6000);  // up to 6 ms: they keep their order
+    };
+    ts::MonitorLimits strict;
+    strict.transport.tablesRequired = true;
+    // The PCRs wrap after ten minutes.
+    EXPECT_EQ(Names(Judge({.length = 1h,
+                           .rtp = true,
+                           .firstPcr = kPcrModulus - 600 * kPcrHz,
+                           .datagrams = hour,
+                           .limits = strict})),
+              "");
+    // Of a rate that varies: null packets go, and the others flow on.
+    ts::StreamMonitor varying({});
+    Play({.packets =
+              [](Time, std::string& packet) {
+                  if (PidOf(packet) == kNullPid)
+                      packet.clear();
+              }},
+         varying);
+    EXPECT_EQ(varying.takeEvents().size(), 0u);
+    EXPECT_EQ(varying.report().pcrs.constantRate, false);
+    // Watching begins within a section and behind its tables.
+    EXPECT_EQ(Names(Judge({.packets =
+                               [](Time time, std::string& packet) {
+                                   if (time < 950ms)
+                                       packet.clear();
+                               }})),
+              "");
+}
+
+TEST(MonitorLogic, RaisesAndClearsAlarmsWithHysteresis) {
+    ts::Alarms alarms({.raiseAfter = 2s, .clearAfter = 5s, .ignored = 1u << 3});
+    std::string told;
+    const auto tell = [&](Time now) {
+        alarms.tick(now);
+        for (const ts::AlarmEvent& event : alarms.takeEvents())
+            told += (event.raised ? "+" : "-") + event.detail + "@" +
+                    std::to_string(event.time / 1s) + " ";
+    };
+    for (const Time at : {10s, 11s, 30s, 31s, 33s, 34s, 37s, 60s}) {
+        for (Time now = at - 1s; now < at; now += 1s)
+            tell(now);
+        alarms.fail(Check::kContinuity, at, {"PID #", {at / 1s}});
+        alarms.fail(Check::kPat, at, {});
+        tell(at);
+        if (at == 37s)
+            tell(42s);
+    }
+    EXPECT_EQ(told, "+PID 33@33 -PID 37@42 ");
+    EXPECT_EQ(alarms.state(Check::kPat).count, 8u) << "ignored, but counted";
 }
 
 }  // namespace
