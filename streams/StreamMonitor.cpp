@@ -42,7 +42,10 @@ void StreamMonitor::add(const Datagram& datagram) {
         transport_.cut();
     second_.bytes += carried.size();
     const uint64_t begin = analyzer_.packetBytes();
+    const uint64_t wrong = analyzer_.splitter().syncByteErrors();
     analyzer_.feed(carried, datagram.arrival);
+    if (analyzer_.splitter().syncByteErrors() != wrong)
+        transport_.checkSync(datagram.arrival);
     delivery_.datagram(begin, analyzer_.packetBytes(), datagram.arrival);
 }
 

@@ -54,6 +54,8 @@ class Tr101290 : public StreamObserver {
     void onSection(uint16_t pid, std::span<const uint8_t> section, bool intact,
                    Time arrival) override;
 
+    // When bytes came that are no packets; also part of tick().
+    void checkSync(Time now);
     // At least every 100 ms, while datagrams come.
     void tick(Time now);
     // The stream has paused: nothing is missing, until it goes on.
@@ -108,7 +110,6 @@ class Tr101290 : public StreamObserver {
     void checkPcr(Pid& pid, const PacketFacts& packet);
     void checkTable(uint16_t pid, std::span<const uint8_t> section, Time arrival);
     void checkGap(std::span<const uint8_t> section, uint16_t pid, Time arrival);
-    void checkSync(Time now);
     void lookForMissing(Pid& pid, Time now);
     Time limitOf(int table) const;
     void failAt(Check check, Time time, const char* text, uint16_t pid, Time length);
