@@ -1,5 +1,5 @@
-// What it costs to watch a stream: a datagram of the sample through the monitor, beside the analyzer
-// alone and a copy of the same bytes.
+// What it costs to watch a stream: a datagram of the sample through the monitor, beside the
+// analyzer alone and a copy of the same bytes.
 #include <benchmark/benchmark.h>
 
 #include <array>

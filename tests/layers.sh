@@ -46,7 +46,7 @@ floor commandline config reports terminal
 floor commands
 [ "$(echo $tool | wc -w)" = "$(echo $rooms | wc -w)" ] || { echo "not every room of tools/ has a floor" && status=1; }
 
-knows bench module common sockets
+knows bench module common sockets streams
 knows examples module sockets
 knows fuzz $ground $tool tests
 knows tests $ground $tool
