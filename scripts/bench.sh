@@ -13,7 +13,7 @@ for argument in "$@"; do
     case $argument in -h | --help | --list) exec python3 bench/bench.py "$argument" ;; esac
 done
 scripts/install.sh cmake ninja-build g++ iproute2 python3 libcli11-dev libfmt-dev libbitstream-dev \
-    nlohmann-json3-dev libtomlplusplus-dev libbenchmark-dev libboost-dev
+    nlohmann-json3-dev libtomlplusplus-dev libcpp-httplib-dev libbenchmark-dev libboost-dev
 # The other programs: those that are not there are left out.
 scripts/install.sh ffmpeg multicat gstreamer1.0-tools gstreamer1.0-plugins-base \
     gstreamer1.0-plugins-good || echo "not all other programs can be installed"

@@ -5,7 +5,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build g++ iproute2 libcli11-dev libfmt-dev libbitstream-dev \
-    nlohmann-json3-dev libtomlplusplus-dev
+    nlohmann-json3-dev libtomlplusplus-dev libcpp-httplib-dev
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build build --target qxvrtp -- --quiet
 

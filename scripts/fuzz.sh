@@ -10,7 +10,7 @@ case ${1:-} in [0-9]*) seconds=$1 && shift ;; esac
 [ $# -gt 0 ] || set -- $(sed -n 's/^ *qxv_fuzz(\([a-z]*\) .*/\1/p; s/^foreach(name \(.*\))/\1/p' fuzz/CMakeLists.txt)
 
 scripts/install.sh cmake ninja-build clang libclang-rt-dev iproute2 libcli11-dev libfmt-dev \
-    libbitstream-dev libtomlplusplus-dev nlohmann-json3-dev libgtest-dev
+    libbitstream-dev libtomlplusplus-dev libcpp-httplib-dev nlohmann-json3-dev libgtest-dev
 cmake --preset fuzz >/dev/null
 for target in "$@"; do
     cmake --build build-fuzz --target "${target}_fuzz" -- --quiet

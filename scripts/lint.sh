@@ -5,7 +5,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build clang clang-format clang-tidy cppcheck libcli11-dev libfmt-dev \
-    libbitstream-dev libtomlplusplus-dev libbenchmark-dev libboost-dev nlohmann-json3-dev
+    libbitstream-dev libtomlplusplus-dev libbenchmark-dev libboost-dev nlohmann-json3-dev libcpp-httplib-dev
 
 failed=0
 find module common sockets streams tools bench tests fuzz examples -name '*.[ch]' -o -name '*.cpp' |

@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 [ $# -gt 0 ] || set -- system
 
 build_needs="cmake ninja-build g++ iproute2 libcli11-dev libfmt-dev libbitstream-dev
-    nlohmann-json3-dev libtomlplusplus-dev libgtest-dev"
+    nlohmann-json3-dev libtomlplusplus-dev libcpp-httplib-dev libgtest-dev"
 
 may_isolate() {
     scripts/install.sh iproute2
@@ -47,6 +47,9 @@ for configuration in "$@"; do
         release)
             scripts/install.sh $build_needs python3 mypy dpkg-dev file pkgconf lintian doxygen systemd \
                 mandoc zsh fish
+            # For the page in a real browser.
+            scripts/install.sh chromium chromium-driver python3-selenium libjs-dygraphs fonts-dejavu-core ||
+                echo "cannot be installed: chromium"
             # The other programs: those that cannot be installed are skipped, by name.
             for packages in ffmpeg multicat "gstreamer1.0-tools gstreamer1.0-plugins-base \
                 gstreamer1.0-plugins-good gstreamer1.0-plugins-bad" tshark "vlc-bin vlc-plugin-base" prometheus; do

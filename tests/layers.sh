@@ -43,6 +43,7 @@ floor base
 floor media
 floor engine
 floor commandline config reports terminal
+floor page
 floor commands
 [ "$(echo $tool | wc -w)" = "$(echo $rooms | wc -w)" ] || { echo "not every room of tools/ has a floor" && status=1; }
 

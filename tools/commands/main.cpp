@@ -21,6 +21,7 @@
 #include "commands/ReceiveCommand.h"
 #include "commands/RelayCommand.h"
 #include "commands/SendCommand.h"
+#include "commands/ServeCommand.h"
 #include "commands/StatusCommand.h"
 #include "commands/TopCommand.h"
 #include "config/ConfigFile.h"
@@ -41,8 +42,8 @@ CommandModel commandLine() {
     root.addVersion();
     root.footer = "'qxvrtp COMMAND --help' explains a command.";
     for (const auto command :
-         {sendCommand, receiveCommand, relayCommand, probeCommand, monitorCommand, statusCommand,
-          topCommand, demoCommand, configCommand})
+         {sendCommand, receiveCommand, relayCommand, probeCommand, monitorCommand, serveCommand,
+          statusCommand, topCommand, demoCommand, configCommand})
         root.addCommand(command());
     return root;
 }

@@ -1,0 +1,332 @@
+#!/usr/bin/env python3
+"""page_test.py TOOL SAMPLE Http|Browser: the page's server by plain sockets, and the page in Chromium."""
+import contextlib, json, os, pathlib, shutil, signal, socket, subprocess, sys, tempfile, time
+import unittest
+
+TOOL, SAMPLE = map(os.path.abspath, sys.argv[1:3])
+HERE = pathlib.Path(__file__).resolve().parent
+PRIVATE = [f"{HERE.parent}/scripts/private-tmp.sh"]
+PORT = 9810
+STREAM = "udp://127.0.0.1:5000"
+# The sample has a seam where it begins anew, which is a fault; here silence counts.
+MONITOR = f"""[[monitor]]
+url = "{STREAM}"
+ignore = ["continuity_count_error", "pcr_discontinuity_error", "pcr_repetition_error", "media_loss",
+          "pcr_accuracy_error", "pts_error", "delay_factor", "pat_error", "pmt_error", "pid_error",
+          "second_sender", "si_repetition_error", "ts_sync_loss", "datagram_size"]
+clear_after = 3
+"""
+
+
+def request(text, timeout=20):
+    with socket.create_connection(("127.0.0.1", PORT), timeout) as client:
+        client.sendall(text if isinstance(text, bytes) else text.encode())
+        answer = b""
+        with contextlib.suppress(ConnectionResetError):
+            while data := client.recv(65536):
+                answer += data
+    return answer
+
+
+def get(path):
+    head, _, body = request(f"GET {path} HTTP/1.1\r\nHost: localhost\r\n\r\n").partition(b"\r\n\r\n")
+    assert head.startswith(b"HTTP/1.1 200"), (path, head)
+    return body.decode()
+
+
+class PageTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.mkdtemp()
+        os.chdir(folder)
+        self.addCleanup(shutil.rmtree, folder)
+
+    # A host replaces the table of its /tmp; each has its own.
+    def start(self, *arguments, program=TOOL):
+        process = subprocess.Popen(["unshare", "--mount", *PRIVATE, program, *arguments],
+                                   stdin=subprocess.DEVNULL)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def end(self, process, number=signal.SIGTERM):
+        process.send_signal(number)
+        return process.wait(40)
+
+    def await_(self, condition, what, seconds=60):
+        end = time.monotonic() + seconds
+        while not (result := condition()):
+            self.assertLess(time.monotonic(), end, what)
+            time.sleep(0.1)
+        return result
+
+    def serve(self, *arguments):
+        server = self.start("serve", *arguments)
+
+        def answers():
+            self.assertIsNone(server.poll())
+            with contextlib.suppress(OSError):
+                return request("GET /api/v1/state HTTP/1.1\r\nHost: [::1]\r\n\r\n").startswith(b"HTTP/1.1 200")
+        self.await_(answers, "the server answers")
+        return server
+
+    def send(self, *arguments, **options):
+        return self.start("send", SAMPLE, *arguments, "--loop", **options)
+
+
+class Http(PageTest):
+    def test_it_answers_questions_only_and_only_under_its_own_names(self):
+        server = self.serve("--host", "proxy.example,other.example")
+        host = "Host: localhost:9810\r\n"
+        for status, first, headers in (
+                (200, "GET / HTTP/1.1", host),
+                (200, "HEAD / HTTP/1.1", host),
+                (200, "HEAD /api/v1/events HTTP/1.1", host),
+                (200, "GET /metrics HTTP/1.1", "Host: 127.0.0.1\r\n"),
+                (200, "GET / HTTP/1.1", "Host: [::1]:9810\r\n"),
+                (200, "GET / HTTP/1.1", "Host: Other.Example:443\r\n"),
+                (421, "GET / HTTP/1.1", "Host: evil.example\r\n"),
+                (421, "GET / HTTP/1.1", "Host: localhost.evil.example\r\n"),
+                (421, "GET / HTTP/1.1", "Host: 192.0.2.1\r\n"),
+                (421, "GET /api/v1/events HTTP/1.1", "Host: 127.0.0.1.evil.example:9810\r\n"),
+                (400, "GET / HTTP/1.1", ""),
+                (400, "GET / HTTP/1.1", host + "Host: evil.example\r\n"),
+                (400, "GET / HTTP/1.1", host + "Content-Length: 5\r\n"),
+                (400, "GET / HTTP/1.1", host + "Transfer-Encoding: chunked\r\n"),
+                (403, "GET /api/v1/state HTTP/1.1", host + "Sec-Fetch-Site: cross-site\r\n"),
+                (200, "GET / HTTP/1.1", host + "Sec-Fetch-Site: cross-site\r\n"),
+                (405, "POST /api/v1/state HTTP/1.1", host + "Content-Length: 0\r\n"),
+                (405, "DELETE / HTTP/1.1", host),
+                (404, "GET /../../etc/passwd HTTP/1.1", host),
+                (404, "GET /%2e%2e/%2e%2e/etc/passwd HTTP/1.1", host),
+                (200, "GET / HTTP/1.1", host + "Range: bytes=" + "0-," * 1000 + "0-\r\n")):
+            with self.subTest(first, headers=headers[:60]):
+                answer = request(f"{first}\r\n{headers}\r\n")
+                self.assertEqual(answer.split(b" ")[1], str(status).encode(), answer[:300])
+                self.assertIn(b"Content-Security-Policy: default-src 'none';", answer)
+                self.assertIn(b"X-Content-Type-Options: nosniff", answer)
+                self.assertNotIn(b"Access-Control", answer)
+                self.assertEqual(first.startswith("HEAD"), answer.endswith(b"\r\n\r\n") and
+                                 status == 200)
+        # What is no request, or too large for one, gets no page and no thread for long.
+        for text in (b"\0" * 100 + b"\r\n\r\n", b"GET /" + b"a" * 100000,
+                     b"GET / HTTP/1.1\r\n" + b"".join(b"X-%d: y\r\n" % i for i in range(5000))):
+            with contextlib.suppress(ConnectionError):
+                self.assertNotIn(b" 200 ", request(text))
+        self.assertEqual(self.end(server), 0)
+
+    def test_slow_and_many_clients_delay_nobody(self):
+        server = self.serve()
+        started = time.monotonic()
+        slow = [socket.create_connection(("127.0.0.1", PORT)) for _ in range(40)]
+        listeners = [socket.create_connection(("127.0.0.1", PORT)) for _ in range(50)]
+        with contextlib.ExitStack() as stack:
+            for client in slow + listeners:
+                stack.enter_context(client)
+            for client in slow:
+                client.sendall(b"GET / HTTP/1.1\r\nHost: loc")
+            for client in listeners:
+                client.sendall(b"GET /api/v1/events HTTP/1.1\r\nHost: localhost\r\n\r\n")
+            # Everybody is told once a second.
+            heard = [client.makefile("rb") for client in listeners]
+            numbers = []
+            for file in heard:
+                stack.enter_context(file)
+                lines = []
+                while len(lines) < 3:
+                    line = file.readline()
+                    self.assertTrue(line, "a listener is cut off")
+                    if line.startswith(b"data: "):
+                        lines.append(json.loads(line[6:])["number"])
+                numbers.append(lines)
+            for lines in numbers:
+                self.assertEqual(lines, sorted(set(lines)))
+            self.assertIn("problems", get("/api/v1/state"))
+            # Drops of a request do not keep a connection open.
+            for client in slow:
+                with contextlib.suppress(OSError):
+                    client.sendall(b"a")
+            for client in slow:
+                client.settimeout(30)
+                with contextlib.suppress(ConnectionResetError):
+                    while client.recv(4096):
+                        pass
+            self.assertLess(time.monotonic() - started, 30)
+            # Listeners leave room for others, and there is an end to the others, too.
+            more = [stack.enter_context(socket.create_connection(("127.0.0.1", PORT)))
+                    for _ in range(30)]
+            for client in more:
+                client.sendall(b"GET /api/v1/events HTTP/1.1\r\nHost: localhost\r\n\r\n")
+                client.settimeout(30)
+            answers = [client.recv(12) for client in more]
+            self.assertEqual(sorted(answers), [b"HTTP/1.1 200"] * 14 + [b"HTTP/1.1 503"] * 16)
+            get("/")
+            for _ in range(80):
+                stack.enter_context(socket.create_connection(("127.0.0.1", PORT)))
+            self.await_(lambda: request("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n")
+                        .startswith(b"HTTP/1.1 503"), "too many are refused", 4)
+            # It ends at once, whoever is there.
+            begun = time.monotonic()
+            self.assertEqual(self.end(server), 0)
+            self.assertLess(time.monotonic() - begun, 5)
+
+    def test_hosts_streams_history_and_metrics(self):
+        self.serve(STREAM)
+        hostile = '<b>"&'
+        os.symlink(TOOL, hostile)
+        sender = self.send(STREAM, program=os.path.abspath(hostile))
+
+        def state(): return json.loads(get("/api/v1/state"))
+        self.await_(lambda: state()["streams"][0]["bitrate_bps"], "a rate is measured")
+        host = self.await_(lambda: state()["hosts"], "the host is seen")[0]
+        self.assertEqual((host["pid"], host["command"]), (sender.pid, hostile))
+        self.assertEqual(host["channels"][0]["endpoint"], "127.0.0.1:5000")
+        full = json.loads(get("/api/v1/hosts"))["hosts"][0]
+        self.assertEqual(full["channels"][0]["port"], 5000)
+        found = json.loads(get(f"/api/v1/streams?stream={STREAM}"))["streams"]
+        self.assertEqual([stream["url"] for stream in found], [STREAM])
+        self.assertTrue(found[0]["signal"] and found[0]["pids"])
+        self.assertEqual(json.loads(get("/api/v1/streams?stream=none"))["streams"], [])
+
+        def known(query):
+            hour = json.loads(get(f"/api/v1/history?points=3600&{query}"))
+            self.assertEqual(len(hour["bitrate_bps"]), len(hour["errors"]))
+            self.assertEqual(hour["interval_seconds"], 1)
+            return [rate for rate in hour["bitrate_bps"] if rate]
+        for query in (f"stream={STREAM}", f"pid={sender.pid}&direction=send&channel=0"):
+            self.await_(lambda: len(known(query)) >= 3, "the history grows")
+            self.assertTrue(all(1e4 < rate < 1e8 for rate in known(query)))
+        self.assertEqual(known(f"pid={sender.pid}&direction=receive&channel=0"), [])
+        self.assertEqual(len(json.loads(get("/api/v1/history"))["series"]), 2)
+
+        metrics = get("/metrics")
+        for line in ("qxvrtp_hosts 1\n", f'qxvrtp_channel_running{{pid="{sender.pid}"',
+                     'qxvrtp_monitor_signal{url="udp://127.0.0.1:5000"', "process_resident_memory_bytes "):
+            self.assertIn(line, metrics)
+        types = [line for line in metrics.splitlines() if line.startswith("# TYPE")]
+        self.assertEqual(len(types), len(set(types)))
+        self.assertLess(abs(time.time() - 30 - float(metrics.rsplit(" ", 1)[1])), 60)
+
+        self.end(sender, signal.SIGKILL)
+        self.await_(lambda: {p["level"] for p in state()["problems"]} == {"alarm", "warning"},
+                    "an end is a warning, silence an alarm")
+        self.assertEqual(state()["ended"][0]["pid"], sender.pid)
+        kinds = [event["kind"] for event in json.loads(get("/api/v1/log"))["events"]]
+        self.assertIn("host", kinds)
+        last = json.loads(get("/api/v1/log?after=2"))["events"]
+        self.assertEqual(len(last), len(kinds) - 2)
+        self.assertTrue(known(f"pid={sender.pid}&direction=send&channel=0"))
+
+    def test_wrong_addresses_are_refused(self):
+        self.serve()
+        for code, listen in ((2, "9810"), (2, "localhost:9810"), (2, "127.0.0.1:0"), (2, "::1:9810"),
+                             (2, "127.0.0.1:99999"), (1, "127.0.0.1:9810"), (1, "192.0.2.1:9811")):
+            self.assertEqual(self.start("serve", "--listen", listen).wait(20), code, listen)
+        server = self.start("serve", "--listen", "[::1]:9811")
+        self.await_(lambda: socket.socket(socket.AF_INET6).connect_ex(("::1", 9811)) == 0, "listens")
+        self.assertEqual(self.end(server), 0)
+
+
+class Browser(PageTest):
+    def setUp(self):
+        super().setUp()
+        options = webdriver.ChromeOptions()
+        for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-dev-shm-usage",
+                         "window-size=1280,900", "disable-background-networking"):
+            options.add_argument("--" + argument)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        self.page = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        self.addCleanup(self.page.quit)
+
+    def open(self):
+        self.page.get(f"http://127.0.0.1:{PORT}/")
+
+    def text(self, selector):
+        return self.page.execute_script(
+            "return [...document.querySelectorAll(arguments[0])]"
+            ".filter(e => e.checkVisibility()).map(e => e.innerText).join('\\n')", selector)
+
+    def sees(self, selector, *parts, seconds=90):
+        self.await_(lambda: all(part in self.text(selector) for part in parts),
+                    (selector, parts), seconds)
+
+    def press(self, *keys):
+        for key in keys:
+            self.page.switch_to.active_element.send_keys(key)
+
+    def test_alarms_deaths_and_returns_show(self):
+        pathlib.Path("page.toml").write_text(MONITOR)
+        watch = ["--config", os.path.abspath("page.toml")]
+        server = self.serve(*watch)
+        hostile = '<img/src=x>'.replace("/", "\u2215")
+        os.symlink(TOOL, hostile)
+        sender = self.send(STREAM, program=os.path.abspath(hostile))
+        self.open()
+        self.sees("#hosts", "send 0", "127.0.0.1:5000", "bit/s", str(sender.pid))
+        self.sees("#streams", STREAM, "kbit/s")
+        self.sees("#age", "Live")
+
+        # By keyboard: the first stream's details, and back.
+        self.page.execute_script("document.querySelector('#streams button').focus()")
+        self.press(Keys.ENTER)
+        self.sees("#details", "Close", "Rate in the last hour", "Continuity count error", "PIDs")
+        self.await_(lambda: self.page.execute_script(
+            "return document.querySelectorAll('#rate-chart canvas').length"), "a chart")
+        self.press(Keys.ESCAPE)
+        self.await_(lambda: not self.text("#details"), "closed")
+
+        self.end(sender, signal.SIGKILL)
+        self.sees("#problems", "Alarm", STREAM, "Warning", "Has ended")
+        self.sees("#verdict", "1 alarm, 1 warning")
+        self.sees("#ended", str(sender.pid))
+        self.sees("#events", "Alarm")
+        self.assertIn("(1)", self.page.title)
+        self.assertIn("<img", self.text("#ended"))
+        self.assertEqual(self.page.execute_script("return document.images.length"), 0)
+
+        sender = self.send(STREAM)
+        self.await_(lambda: "Alarm" not in self.text("#problems"), "the alarm is cleared")
+        self.sees("#events", "Cleared")
+        self.sees("#hosts", str(sender.pid))
+
+        self.end(server, signal.SIGKILL)
+        self.sees("#old", "does not answer", "old")
+        self.sees("#hosts", str(sender.pid))
+        self.serve(*watch)
+        self.await_(lambda: not self.text("#old"), "it recovers")
+        self.sees("#age", "Live")
+        self.sees("#verdict", "Everything works")
+        errors = [entry["message"] for entry in self.page.get_log("browser")
+                  if "ERR_CONNECTION" not in entry["message"] and "ERR_INCOMPLETE" not in entry["message"]]
+        self.assertEqual(errors, [])
+        for width in (390, 1280):
+            self.page.set_window_size(width, 900)
+            self.assertLessEqual(*self.page.execute_script(
+                "return [document.documentElement.scrollWidth, innerWidth]"))
+
+    def test_without_charts_there_is_a_table(self):
+        subprocess.run("mount -t tmpfs none /usr/share/javascript", shell=True, check=True)
+        self.addCleanup(subprocess.run, "umount /usr/share/javascript", shell=True, check=True)
+        self.serve(STREAM)
+        self.send(STREAM)
+        self.open()
+        self.sees("#streams", "kbit/s")
+        self.page.find_element("css selector", "#streams button").click()
+        self.sees("#details", "libjs-dygraphs")
+        self.sees("#stand-in", "Rate")
+
+
+if __name__ == "__main__":
+    # Processes of its own: hosts of other tests are none of these.
+    if os.getpid() != 1:
+        os.execvp("unshare", ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc",
+                              sys.executable, *sys.argv])
+    if sys.argv[3:] == ["Browser"]:
+        try:
+            from selenium import webdriver
+            from selenium.webdriver.chrome.service import Service
+            from selenium.webdriver.common.keys import Keys
+        except ImportError:
+            sys.exit(print("skipped: python3-selenium is not installed") or 77)
+        if not all(map(shutil.which, ("chromium", "chromedriver"))):
+            sys.exit(print("skipped: chromium-driver is not installed") or 77)
+    unittest.main(argv=sys.argv[:1] + sys.argv[3:], warnings="ignore")
