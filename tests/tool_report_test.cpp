@@ -316,6 +316,7 @@ TEST(ToolReport, OfAStreamIsThatToTheLetter) {
     const std::string line = findingsJson(made, true);
     EXPECT_EQ(json::parse(line), json::parse(findingsJson(made, false)));
     EXPECT_EQ(line.find('\n'), line.size() - 1);
+    EXPECT_EQ(findingsText({{"udp://@:5000"}, {}}), "udp://@:5000\nnothing has come\n");
     const json silence = json::parse(findingsJson({{"udp://@:5000"}, {}}, true));
     for (const char* key : {"encapsulation", "packet_size", "rtp", "ttl_min", "null_share"})
         EXPECT_TRUE(silence.at(key).is_null()) << key;

@@ -126,8 +126,8 @@ std::string MonitorChain::figures() const {
         raised += check.raised ? 1 : 0;
     return fmt::format(
         "{} {}, {} lost, {}, {} dropped here{}", formatBytes(report.stream.bytes),
-        report.bitrate_bps ? formatBitrate(*report.bitrate_bps) : "no signal", report.delivery.lost,
-        counted(report.stream.continuityErrors, "continuity error"),
+        report.signal ? formatBitrate(report.bitrate_bps.value_or(0)) : "no signal",
+        report.delivery.lost, counted(report.stream.continuityErrors, "continuity error"),
         report.reception.counts.socketDrops, raised > 0 ? ", " + counted(raised, "ALARM") : "");
 }
 

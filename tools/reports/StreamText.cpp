@@ -149,6 +149,11 @@ std::string findingsText(const StreamFindings& findings) {
     const ts::ReceptionReport& reception = findings.report.reception;
     std::string text;
     const Output out(text);
+    if (reception.counts.datagrams == 0) {
+        fmt::format_to(out, "{}\nnothing has come\n", printable(findings.name()));
+        writeChecks(out, findings);
+        return text;
+    }
     fmt::format_to(out, "{}\n{}, packets of {} bytes, {} packets in {} datagrams, {:.2f} s\n",
                    printable(findings.name()), findings.isRtp() ? "RTP" : "raw", stream.packetSize,
                    stream.packets, reception.counts.datagrams,
