@@ -114,8 +114,11 @@ void StreamMonitor::compareCounts(Time now) {
 
 void StreamMonitor::endSecond(Time now) {
     const MediaDeliveryReport& delivery = delivery_.report();
-    if (delivery.delayFactor_ms &&
-        *delivery.delayFactor_ms * 1e6 > static_cast<double>(limits_.delayFactor.count()))
+    const uint64_t datagrams = reception_.counts().datagrams - second_.datagrams;
+    // The time between two datagrams is in every delay factor, and long where the rate is low.
+    if (delivery.delayFactor_ms && datagrams > 0 &&
+        *delivery.delayFactor_ms * 1e6 >
+            static_cast<double>(limits_.delayFactor.count()) + 1e9 / static_cast<double>(datagrams))
         alarms_.fail(Check::kDelayFactor, now, {"# ms", {std::llround(*delivery.delayFactor_ms)}});
     if (delivery.lossRate > limits_.lossRate)
         alarms_.fail(Check::kMediaLoss, now,
@@ -129,7 +132,7 @@ void StreamMonitor::endSecond(Time now) {
             static_cast<uint64_t>(std::llround(static_cast<double>(second_.bytes) * 8.0 / seconds));
     if (packets > 0)
         nullShare_ = static_cast<double>(nulls_ - second_.nulls) / static_cast<double>(packets);
-    second_ = {now, 0, analyzer_.splitter().packets(), nulls_};
+    second_ = {now, 0, analyzer_.splitter().packets(), nulls_, reception_.counts().datagrams};
 }
 
 MonitorReport StreamMonitor::report() const {

@@ -19,7 +19,7 @@ struct MonitorLimits {
     Alarms::Limits alarms;
     TransportLimits transport;
     Time noSignal = std::chrono::seconds(1);
-    Time delayFactor = std::chrono::milliseconds(100);
+    Time delayFactor = std::chrono::milliseconds(100);  // beyond the time between two datagrams
     double lossRate = 0.0;  // packets in a second: more than that is an alarm
 };
 
@@ -55,7 +55,7 @@ class StreamMonitor : private StreamObserver {
   private:
     struct Second {  // of which the figures are
         Time begun{};
-        uint64_t bytes = 0, packets = 0, nulls = 0;
+        uint64_t bytes = 0, packets = 0, nulls = 0, datagrams = 0;
     };
     void onPacket(const PacketFacts& packet) override;
     void onSection(uint16_t pid, std::span<const uint8_t> section, bool intact,
