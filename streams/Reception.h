@@ -41,7 +41,7 @@ class ArrivalIntervals {
     std::optional<Report> report() const;
 
   private:
-    static constexpr size_t kClasses = 28 * 8;  // a microsecond to more than two minutes
+    static constexpr size_t kClasses = size_t{28} * 8;  // a microsecond to more than two minutes
     struct Minute {
         std::array<uint32_t, kClasses> counts{};
         Time longest{0};

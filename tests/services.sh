@@ -26,7 +26,7 @@ while read -r expected line; do
     echo "$line: ${COMPREPLY[*]} by bash, $by_fish by fish"
     status=1
 done <<'END'
-send qxvrtp se
+send qxvrtp sen
 show qxvrtp config sh
 pages/qxvrtp.1 qxvrtp config check pages/qxvrtp.
 --config qxvrtp send --conf

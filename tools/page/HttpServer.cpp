@@ -175,16 +175,17 @@ std::string hostOf(const std::string& header) {
 }
 
 // Nothing from elsewhere, no script but the page's own, and no other site around or inside it.
-const httplib::Headers kHeaders = {
-    {"Content-Security-Policy",
-     "default-src 'none'; script-src 'self'; style-src 'self'; "
-     "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
-    {"X-Content-Type-Options", "nosniff"},
-    {"X-Frame-Options", "DENY"},
-    {"Referrer-Policy", "no-referrer"},
-    {"Cross-Origin-Resource-Policy", "same-origin"},
-    {"Cross-Origin-Opener-Policy", "same-origin"},
-    {"Cache-Control", "no-store"}};
+httplib::Headers headers() {
+    return {{"Content-Security-Policy",
+             "default-src 'none'; script-src 'self'; style-src 'self'; "
+             "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
+            {"X-Content-Type-Options", "nosniff"},
+            {"X-Frame-Options", "DENY"},
+            {"Referrer-Policy", "no-referrer"},
+            {"Cross-Origin-Resource-Policy", "same-origin"},
+            {"Cross-Origin-Opener-Policy", "same-origin"},
+            {"Cache-Control", "no-store"}};
+}
 
 }  // namespace
 
@@ -201,7 +202,7 @@ class HttpServer::Server : public httplib::Server {
         for (std::string& name : settings_.names)
             name = lower(name);
         new_task_queue = [] { return new Clients; };
-        set_default_headers(kHeaders);
+        set_default_headers(headers());
         // Not also SO_REUSEPORT, by which two of them would share the clients.
         set_socket_options([](socket_t socket) {
             const int on = 1;

@@ -85,8 +85,6 @@ function problemOf(subject) {
   return state.problems.find((problem) => subjectOf(problem) === subject);
 }
 
-// ---------------------------------------------------------------- what is wrong
-
 function showProblems() {
   const alarms = state.problems.filter((problem) => problem.level === "alarm").length;
   const warnings = state.problems.length - alarms;
@@ -126,8 +124,6 @@ function showProblems() {
       set(what.children[1], lines.join("\n"));
     });
 }
-
-// ---------------------------------------------------------------- streams and hosts
 
 function sparkline(cell, subject, now) {
   const hour = hours.get(subject);
@@ -251,8 +247,6 @@ function showHosts() {
     }, () => {});
 }
 
-// ---------------------------------------------------------------- events
-
 let events = [];
 let fetching = false;
 
@@ -289,8 +283,6 @@ async function fetchEvents() {
     fetching = false;
   }
 }
-
-// ---------------------------------------------------------------- details
 
 let chosen = null;  // the query of what the dialog shows
 let charts = {};
@@ -454,8 +446,6 @@ async function refreshDetails() {
   }
 }
 
-// ---------------------------------------------------------------- charts
-
 // From the first time on at which something was known.
 function rows(hour, column, scale) {
   const first = hour.bitrate_bps.findIndex((value) => value !== null);
@@ -515,8 +505,6 @@ function showStandIn(hour) {
   }
   at("stand-in").replaceChildren(grid);
 }
-
-// ---------------------------------------------------------------- the server
 
 async function ask(what) {
   const answer = await fetch(`/api/v1/${what}`);
