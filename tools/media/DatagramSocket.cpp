@@ -22,7 +22,8 @@ nanoseconds wallTime() {
 double countedBytes(unsigned int length) {
     constexpr unsigned int kFrameBytes = 1500;
     constexpr double kCountedBytes = 2304;
-    return (length / kFrameBytes + 1) * kCountedBytes;
+    const unsigned int frames = length / kFrameBytes + 1;
+    return frames * kCountedBytes;
 }
 
 template <typename Value>
