@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 
-#include <functional>
 #include <iterator>
 #include <optional>
 
@@ -29,11 +28,13 @@ double inSeconds(double milliseconds) {
     return milliseconds / 1e3;
 }
 
+using Value = std::optional<double>;
+
 struct Metric {
     const char* name;
     const char* type;
     const char* help;
-    std::function<std::optional<double>(const StreamFindings&)> value;
+    Value (*value)(const StreamFindings&);
 };
 
 std::optional<double> ofRtp(const StreamFindings& stream, uint64_t ts::RtpCounts::*count) {
@@ -48,69 +49,71 @@ std::optional<double> ofIntervals(const StreamFindings& stream,
     return intervals ? std::optional(inSeconds((*intervals).*interval_ms)) : std::nullopt;
 }
 
-const Metric kMetrics[] = {
+constexpr Metric kMetrics[] = {
     {"updated_timestamp_seconds", "gauge", "When these figures were written.",
-     [](const StreamFindings& s) {
+     [](const StreamFindings& s) -> Value {
          return std::chrono::duration<double>(s.place.time + s.place.wallAhead).count();
      }},
     {"socket_open", "gauge", "Whether the stream's socket is open (1) or still to be made (0).",
-     [](const StreamFindings& s) { return s.place.socketOpen ? 1 : 0; }},
+     [](const StreamFindings& s) -> Value { return s.place.socketOpen ? 1 : 0; }},
     {"signal", "gauge", "Whether datagrams arrive (1) or not (0).",
-     [](const StreamFindings& s) { return s.report.signal ? 1 : 0; }},
+     [](const StreamFindings& s) -> Value { return s.report.signal ? 1 : 0; }},
     {"without_signal_seconds_total", "counter", "Time in which no datagrams arrived.",
-     [](const StreamFindings& s) {
+     [](const StreamFindings& s) -> Value {
          return std::chrono::duration<double>(s.report.withoutSignal).count();
      }},
     {"bytes_total", "counter", "Bytes of transport stream.",
-     [](const StreamFindings& s) { return static_cast<double>(s.report.stream.bytes); }},
+     [](const StreamFindings& s) -> Value { return static_cast<double>(s.report.stream.bytes); }},
     {"packets_total", "counter", "Packets of transport stream.",
-     [](const StreamFindings& s) { return static_cast<double>(s.report.stream.packets); }},
+     [](const StreamFindings& s) -> Value { return static_cast<double>(s.report.stream.packets); }},
     {"datagrams_total", "counter", "Datagrams.",
-     [](const StreamFindings& s) {
+     [](const StreamFindings& s) -> Value {
          return static_cast<double>(s.report.reception.counts.datagrams);
      }},
     {"socket_dropped_total", "counter", "Datagrams for which the monitor itself was too slow.",
-     [](const StreamFindings& s) {
+     [](const StreamFindings& s) -> Value {
          return static_cast<double>(s.report.reception.counts.socketDrops);
      }},
     {"bytes_per_second", "gauge", "Rate of transport stream in the last second.",
-     [](const StreamFindings& s) -> std::optional<double> {
+     [](const StreamFindings& s) -> Value {
          if (!s.report.bitrate_bps)
              return std::nullopt;
          return static_cast<double>(*s.report.bitrate_bps) / 8.0;
      }},
     {"null_packet_ratio", "gauge", "Share of null packets in the last second.",
-     [](const StreamFindings& s) { return s.report.nullShare; }},
+     [](const StreamFindings& s) -> Value { return s.report.nullShare; }},
     {"rtp_lost_total", "counter", "RTP datagrams that did not come.",
-     [](const StreamFindings& s) { return ofRtp(s, &ts::RtpCounts::lost); }},
+     [](const StreamFindings& s) -> Value { return ofRtp(s, &ts::RtpCounts::lost); }},
     {"rtp_reordered_total", "counter", "RTP datagrams that came behind a later one.",
-     [](const StreamFindings& s) { return ofRtp(s, &ts::RtpCounts::reordered); }},
+     [](const StreamFindings& s) -> Value { return ofRtp(s, &ts::RtpCounts::reordered); }},
     {"rtp_duplicates_total", "counter", "RTP datagrams that came again.",
-     [](const StreamFindings& s) { return ofRtp(s, &ts::RtpCounts::duplicates); }},
+     [](const StreamFindings& s) -> Value { return ofRtp(s, &ts::RtpCounts::duplicates); }},
     {"rtp_jitter_seconds", "gauge", "Interarrival jitter (RFC 3550).",
-     [](const StreamFindings& s) -> std::optional<double> {
+     [](const StreamFindings& s) -> Value {
          const auto& rtp = s.report.reception.rtp;
          return rtp ? std::optional(inSeconds(rtp->jitter_ms)) : std::nullopt;
      }},
     {"arrival_interval_p99_seconds", "gauge", "99 % of datagrams come within this of the last.",
-     [](const StreamFindings& s) { return ofIntervals(s, &ts::ArrivalIntervals::Report::p99_ms); }},
+     [](const StreamFindings& s) -> Value {
+         return ofIntervals(s, &ts::ArrivalIntervals::Report::p99_ms);
+     }},
     {"arrival_interval_max_seconds", "gauge", "Longest time between datagrams, of two minutes.",
-     [](const StreamFindings& s) {
+     [](const StreamFindings& s) -> Value {
          return ofIntervals(s, &ts::ArrivalIntervals::Report::longest_ms);
      }},
     {"delay_factor_seconds", "gauge", "Delay factor of the last second (RFC 4445).",
-     [](const StreamFindings& s) -> std::optional<double> {
+     [](const StreamFindings& s) -> Value {
          const auto& factor = s.report.delivery.delayFactor_ms;
          return factor ? std::optional(inSeconds(*factor)) : std::nullopt;
      }},
     {"pcr_accuracy_seconds", "gauge", "How far PCRs were off their places in the last second.",
-     [](const StreamFindings& s) -> std::optional<double> {
+     [](const StreamFindings& s) -> Value {
          if (s.report.pcrs.constantRate != true)
              return std::nullopt;
          return std::chrono::duration<double>(s.report.pcrs.worstError).count();
      }},
     {"media_lost_packets_total", "counter", "Packets that the media loss rate counts (RFC 4445).",
-     [](const StreamFindings& s) { return static_cast<double>(s.report.delivery.lost); }},
+     [](const StreamFindings& s) -> Value { return static_cast<double>(s.report.delivery.lost); }},
 };
 
 void writeHeader(Output out, const char* name, const char* type, const char* help) {
