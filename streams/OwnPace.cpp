@@ -64,7 +64,9 @@ void OwnPace::push(std::span<const uint8_t> packets, Time arrival) {
             follower_->add(packets.data() + at);
             note(follower_->point());
         }
-        if (!rate_bps_ && follower_->point().time >= kMeasureTime)
+        // No more is read when there is no room, so a fast stream has to be told by less.
+        const bool full = bytes_.size() - begin_ >= kMostAhead && !points_.empty();
+        if (!rate_bps_ && (full || follower_->point().time >= kMeasureTime))
             measure();
     }
     if (rate_bps_ && !origin_)

@@ -406,6 +406,16 @@ TEST(OwnPace, DatagramsLeaveAtTheGivenRateOrAtTheTimeOfThePcrs) {
     }
 }
 
+TEST(OwnPace, AStreamWithMoreInASecondThanIsReadAheadIsToldByLess) {
+    TestStream stream;
+    for (int i = 0; i < 12; ++i)
+        stream.Interval(8000);
+    ts::OwnPace shaper(188, std::nullopt, false);
+    shaper.push(stream.Data, kEpoch);
+    EXPECT_FALSE(shaper.needsInput(kEpoch));
+    EXPECT_NEAR(shaper.rate().value_or(0), 300.8e6, 1e6);
+}
+
 TEST(OwnPace, AStreamWhosePcrsEndGoesOnAtItsRate) {
     TestStream stream;
     for (int i = 0; i < 125; ++i)

@@ -38,7 +38,6 @@ constexpr double kSameRate = 0.02;  // less is not worth a new schedule
 // More in the ring than there should be: the stream has become faster, or the clock by which
 // channels send was set back.
 constexpr ts::Time kBacklog = 250ms;
-constexpr uint32_t kMostEmptyLooks = 5;
 
 }  // namespace
 
@@ -64,7 +63,8 @@ void RelayBranch::makeShaper() {
         options.rate_bps = job_.bitrate_bps;
         shaper_ = std::make_unique<ts::Pacer>(packetSize_, ts::InputKind::kLive, options);
     }
-    rateSettled_ = needTold_ = false;
+    rateSettled_ = false;
+    need_ = {};
 }
 
 void RelayBranch::push(std::span<const uint8_t> packets, size_t packetSize, Clock::time_point now) {
@@ -220,10 +220,8 @@ void RelayBranch::feed(Clock::time_point now) {
     for (Output& output : outputs_)
         if (output.works && rateSettled_)
             keepUp(output, now);
-    const ts::ShaperStatus status = shaper_->status();
-    if (status.rateNeeded_bps != 0 && !std::exchange(needTold_, true))
-        events_.push_back(fmt::format("{} comes late at {}; --cbr {} would have done", job_.from,
-                                      formatBitrate(status.rate_bps), status.rateNeeded_bps));
+    if (const auto event = need_.tell(job_.from, shaper_->status(), now))
+        events_.push_back(*event);
 }
 
 void RelayBranch::hand(std::span<const uint8_t> datagrams) {
@@ -243,7 +241,7 @@ void RelayBranch::hand(std::span<const uint8_t> datagrams) {
     }
 }
 
-// Looks whether the ring holds what is not due yet, and neither more nor less.
+// Looks whether the ring holds what is not due yet, and no more.
 void RelayBranch::keepUp(Output& output, Clock::time_point now) {
     ChannelOutput& channel = output.channel;
     output.leastBuffered = std::min(output.leastBuffered, channel.buffered());
@@ -251,12 +249,7 @@ void RelayBranch::keepUp(Output& output, Clock::time_point now) {
     if (!next || pace_ == Pace::kCeiling)
         return;
     const ts::Time left = *next - now.time_since_epoch();
-    output.emptyLooks = channel.isEmpty() && left > kLead / 2 ? output.emptyLooks + 1 : 0;
-    if (std::exchange(output.emptyLooks, output.emptyLooks % (kMostEmptyLooks + 1)) >
-        kMostEmptyLooks)
-        channel.setRate(channel.rate());
-    else if (pace_ == Pace::kSteered || channel.isCatchingUp() ||
-             channel.buffered() - left > kBacklog)
+    if (pace_ == Pace::kSteered || channel.isCatchingUp() || channel.buffered() - left > kBacklog)
         channel.steer(left, shaper_->rate().value_or(channel.rate()));
 }
 

@@ -14,6 +14,7 @@
 #include "Shaper.h"
 #include "engine/ChannelOutput.h"
 #include "engine/Jobs.h"
+#include "engine/RateNeed.h"
 
 // Gives the packets of the input their times, and feeds the outputs. Where the times are this
 // machine's, the channels have the stream's rate and are fed a little ahead. A stream that keeps
@@ -65,8 +66,7 @@ class RelayBranch {
 
         ChannelOutput channel;
         bool works = false;
-        bool worked = false;      // before its channel was ended
-        uint32_t emptyLooks = 0;  // in a row, at a ring that should not have been empty
+        bool worked = false;  // before its channel was ended
         ts::Time leastBuffered{0};
         uint64_t lookedAt = 0;  // bytes that had been handed over at the last look
         uint64_t dropped = 0;
@@ -95,7 +95,7 @@ class RelayBranch {
     size_t packetSize_ = 0;
     std::unique_ptr<ts::Shaper> shaper_;  // none while the input pauses
     bool rateSettled_ = false;            // the channels have it
-    bool needTold_ = false;
+    RateNeed need_;
     Pace pace_ = Pace::kSteered;
     std::optional<Clock::time_point> restartBy_;
     bool restarting_ = false;  // the channels of the old packet size have been ended

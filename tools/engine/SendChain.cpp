@@ -105,7 +105,7 @@ bool SendChain::openInput(Clock::time_point now) {
         if (patience_)
             throw;
         if (!std::exchange(inputReported_, true))
-            events_.push_back(fmt::format("{}; trying on", failure.what()));
+            events_.push_back(fmt::format("{}; trying again", failure.what()));
         retry_ = now + kRetry;
         return false;
     }
@@ -230,28 +230,20 @@ void SendChain::feed(Clock::time_point now) {
     keepUp(now);
     std::array<uint8_t, kChunkBytes> data;  // NOLINT(*-member-init): written before it is read
     for (size_t size = 1; size > 0;) {
+        const auto due = shaper_->next();
         size = shaper_->pull(std::span(data).first(std::min(output_.room(), data.size())),
                              streamTime(now) + lead());
         output_.hand(std::span(data).first(size));
+        // The next one may be far off: a datagram of a slow stream lasts longer than the lead.
+        if (size > 0)
+            lasts_ = now + (due && size == output_.payload() ? *due - streamTime(now) : lead());
     }
-    if (const auto next = shaper_->next()) {
-        const ts::Time left = *next - streamTime(now);
-        lasts_ = now + left;
-        if (follows_)
-            output_.steer(left, shaper_->rate().value_or(output_.rate()));
-    }
-    tellNeed();
-}
-
-void SendChain::tellNeed() {
-    if (needTold_ || !isMadeConstant_)
-        return;
-    const ts::ShaperStatus status = shaper_->status();
-    needTold_ = status.rateNeeded_bps != 0;
-    if (needTold_)
-        events_.push_back(fmt::format("{} comes late at {}; --cbr {} would have done",
-                                      source_->name(), formatBitrate(status.rate_bps),
-                                      status.rateNeeded_bps));
+    const auto next = shaper_->next();
+    if (next && follows_)
+        output_.steer(*next - streamTime(now), shaper_->rate().value_or(output_.rate()));
+    if (isMadeConstant_)
+        if (const auto event = need_.tell(source_->name(), shaper_->status(), now))
+            events_.push_back(*event);
 }
 
 // Looks for what steering does not mend: input that came too late, a channel that is too slow for
@@ -332,6 +324,9 @@ std::string SendChain::summary() const {
 
 std::vector<std::string> SendChain::warnings() const {
     std::vector<std::string> warnings;
+    if (isMadeConstant_ && shaper_)
+        if (const auto last = need_.tell(inputName(), shaper_->status()))
+            warnings.push_back(*last);
     if (output_.rateChanges() > 0 && url_.rtp)
         warnings.push_back(
             fmt::format("{}: its rate rose too far: sequence numbers to {} began anew, {} in all",

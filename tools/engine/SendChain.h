@@ -15,6 +15,7 @@
 #include "engine/Chain.h"
 #include "engine/ChannelOutput.h"
 #include "engine/Jobs.h"
+#include "engine/RateNeed.h"
 #include "media/PacketSource.h"
 #include "media/StreamUrl.h"
 
@@ -54,7 +55,6 @@ class SendChain : public Chain {
     void feed(Clock::time_point now);
     void keepUp(Clock::time_point now);
     void resync(Clock::time_point now);
-    void tellNeed();
     bool varies() const { return ownPace_ != nullptr && ownPace_->varies(); }
     std::optional<Clock::time_point> drain(Clock::time_point now);
     Clock::time_point nextLook(Clock::time_point now) const;
@@ -87,13 +87,13 @@ class SendChain : public Chain {
     std::optional<Excerpt> excerpt_;
     std::unique_ptr<ts::Shaper> shaper_;
     const ts::OwnPace* ownPace_ = nullptr;  // the shaper, where it is one
-    bool needTold_ = false;                 // that the rate is too low
+    RateNeed need_;
     bool inputOver_ = false;
     bool busy_ = false;  // more could be read at once
 
     uint32_t emptyLooks_ = 0;    // in a row, at a buffer that should not have been empty
     ts::Time shift_{0};          // how long the stream has been held up in all
-    Clock::time_point lasts_{};  // when the buffer should be empty
+    Clock::time_point lasts_{};  // when the last datagram in the buffer is due
     Clock::time_point drainedAt_{};
 
     const Clock::time_point started_ = Clock::now();
