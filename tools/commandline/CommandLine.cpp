@@ -17,10 +17,10 @@ std::string urlHelp() {
         "name. Options follow behind '?', joined by '&':\n"
         "  iface=NAME         use this interface; localaddr=ADDRESS names it by its address\n"
         "  source=HOST        receive the group from this sender only; HOST@GROUP means the same\n"
-        "  ttl=0..255         datagrams to a group: 0 keeps them on this machine, 1 on its\n"
-        "                     network, each router on the way takes one more; {} if not given\n"
-        "  dscp=0..63         mark datagrams for precedence; 34 is usual for video\n"
-        "Options by which ffmpeg and VLC size buffers are accepted and have no effect.\n{}",
+        "  ttl=0..255         TTL of datagrams to a group: 0 keeps them on this machine, 1 on its\n"
+        "                     network, and each router on the way takes one off; {} if not given\n"
+        "  dscp=0..63         send datagrams with this DSCP; 34 is usual for video\n"
+        "Options of ffmpeg and VLC for buffer sizes are accepted and have no effect.\n{}",
         kDefaultTtl, kExitCodes);
 }
 

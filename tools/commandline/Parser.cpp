@@ -5,7 +5,10 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
+#include <memory>
+#include <span>
 
 #include "base/Errors.h"
 
@@ -69,18 +72,56 @@ void build(CLI::App& app, const CommandModel& model) {
 }
 
 // The parser would complain of a missing command where there is a wrong one.
-void checkCommand(const CommandModel& root, const CLI::App& app, const std::string& first) {
+void checkCommand(const CommandModel& model, std::span<const char* const> arguments) {
+    if (model.commands.empty())
+        return;
+    const std::string first = arguments.empty() ? "" : arguments.front();
     std::string names;
-    for (const CommandModel& command : root.commands) {
+    for (const CommandModel& command : model.commands) {
         if (command.name == first)
-            return;
+            return checkCommand(command, arguments.subspan(1));
         if (!command.hidden)
             names += (names.empty() ? "" : ", ") + command.name;
     }
-    if (first.starts_with('-') && app.get_option_no_throw(first) == nullptr)
-        throw UsageError(fmt::format("there is no option '{}'; see 'qxvrtp --help'", first));
-    if (!first.starts_with('-'))
-        throw UsageError(fmt::format("there is no command '{}'; commands are {}", first, names));
+    if (first.empty())
+        throw UsageError(
+            fmt::format("a command is missing; commands of '{}' are {}", model.path, names));
+    const bool isOption = first.starts_with('-');
+    if (isOption && std::none_of(model.options.begin(), model.options.end(),
+                                 [&first](const OptionModel& option) {
+                                     return std::count(option.names.begin(), option.names.end(),
+                                                       first) > 0;
+                                 }))
+        throw UsageError(
+            fmt::format("there is no option '{}'; see '{} --help'", first, model.path));
+    if (!isOption)
+        throw UsageError(
+            fmt::format("there is no command '{} {}'; commands are {}", model.path, first, names));
+}
+
+// What excludes what would be longer than the descriptions; an error tells it.
+class Formatter : public CLI::Formatter {
+  public:
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const std::string type = option->get_type_name();
+        const bool repeated = option->get_expected_max() == CLI::detail::expected_max_vector_size;
+        return (type.empty() ? "" : ' ' + type) + (repeated && type != "..." ? " ..." : "");
+    }
+};
+
+std::string message(const CLI::ParseError& error, const CLI::App& app) {
+    const auto rest = app.remaining(true);
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !rest.empty())
+        return fmt::format("{} '{}'",
+                           rest.front().starts_with('-') ? "there is no option"
+                                                         : "there is one argument too many,",
+                           rest.front());
+    std::string text = error.what();
+    if (dynamic_cast<const CLI::ExcludesError*>(&error) != nullptr)
+        return replaced(text, " excludes ", " cannot be combined with ");
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
+        return replaced(replaced(text, ": 1 required ", " needs a value: "), " missing", "");
+    return text;
 }
 
 }  // namespace
@@ -89,16 +130,17 @@ void runCommandLine(const CommandModel& root, const std::string& version, int ar
                     const char* const* argv) {
     CLI::App app(root.description, root.name);
     app.set_version_flag("--version", version);
+    app.formatter(std::make_shared<Formatter>());
     build(app, root);
     try {
         if (argc < 2)
             throw CLI::CallForHelp();
-        checkCommand(root, app, argv[1]);
+        checkCommand(root, std::span(argv, static_cast<size_t>(argc)).subspan(1));
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         const auto chosen = app.get_subcommands();
         if (error.get_exit_code() != 0)
-            throw UsageError(fmt::format("{}; see 'qxvrtp {}--help'", error.what(),
+            throw UsageError(fmt::format("{}; see 'qxvrtp {}--help'", message(error, app),
                                          chosen.empty() ? "" : chosen.front()->get_name() + " "));
         app.exit(error);  // help or version, printed
         if (!std::cout.flush())

@@ -17,7 +17,7 @@ CommandModel checkCommand() {
     CommandModel command("check", "Print the errors of a file, and nothing else");
     const auto file = std::make_shared<std::string>();
     command.addArgument("FILE", *file, "Configuration file").require();
-    command.footer = fmt::format("Succeeds (0) when there are none.\n{}", kExitCodes);
+    command.footer = fmt::format("Succeeds (0) when the file has no errors.\n{}", kExitCodes);
     command.action = [file] { readConfig(*file); };
     return command;
 }

@@ -353,7 +353,7 @@ CommandModel demoCommand() {
     command.addOption("-d,--duration", given->duration, "SECONDS",
                       fmt::format("Length of the stream, {} if not given", given->options.seconds));
     command.addOption("--sample", given->options.sample, "FILE",
-                      "Stream to send instead; ffmpeg is not run then");
+                      "Stream to send without FILE; ffmpeg is not run then");
     command.footer =
         "Succeeds (0) when every byte came back on every channel. " + std::string(kExitCodes);
     command.action = [given] {

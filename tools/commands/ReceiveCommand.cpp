@@ -196,8 +196,8 @@ void addArguments(CommandModel& command, Arguments& given) {
     command
         .addArguments("URL FILE", given.streams,
                       "Group to join, or local address to listen on (udp://@:5000 = any), and "
-                      "where to record; - is standard output. Up to 16 such pairs; the options are "
-                      "for all",
+                      "where to record it (- is standard output). Up to 16 such pairs; options "
+                      "apply to all",
                       "...")
         .require();
     command.addOption("-d,--duration", given.duration, "SECONDS",
@@ -211,7 +211,7 @@ void addArguments(CommandModel& command, Arguments& given) {
     command.addOption("--rotate-time", given.rotateTime, "SECONDS",
                       "Begin a new file after this long");
     command.addOption("--patience", given.patience, "SECONDS",
-                      "How long to try to open the socket before giving up (3)");
+                      "How long to try to open the socket before giving up; 3 if not given");
     command.addFlag("--statistics", given.statistics,
                     "At the end, print one line of JSON per stream to standard error");
 }

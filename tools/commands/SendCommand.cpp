@@ -32,7 +32,6 @@ struct Arguments {
 std::vector<SendJob> jobsOf(const Arguments& given) {
     if (!given.config.empty())
         return readSendJobs(given.config);
-    checkPairs(given.pairs, "URL");
     SendJob job;
     job.loop = given.loop;
     if (!given.bitrate.empty())
@@ -42,6 +41,7 @@ std::vector<SendJob> jobsOf(const Arguments& given) {
     if (!given.duration.empty())
         job.duration = duration("--duration", given.duration, 0.001, 1e9);
     job.shaping = shaping(given.shaping);
+    checkPairs(given.pairs, "URL");
     std::vector<SendJob> jobs;
     for (size_t i = 0; i < given.pairs.size(); i += 2) {
         job.input = given.pairs[i];
@@ -53,9 +53,10 @@ std::vector<SendJob> jobsOf(const Arguments& given) {
 }
 
 constexpr auto kHelp =
-    "Options apply to all pairs. Each pair is sent on a channel of its own, 16 at most; one that\n"
-    "fails does not stop the others. Succeeds (0) when all have been sent or, with --loop, when\n"
-    "SIGINT or SIGTERM comes.\n"
+    "Options apply to all pairs. Each pair is sent on a channel of its own, 16 at most; if one\n"
+    "fails, the others go on. Succeeds (0) when all have been sent or, with --loop, when SIGINT "
+    "or\n"
+    "SIGTERM comes.\n"
     "\n"
     "Examples:\n"
     "  qxvrtp send film.ts rtp://239.1.1.1:5000\n"
@@ -63,25 +64,26 @@ constexpr auto kHelp =
     "  qxvrtp send film.ts udp://192.0.2.7:5000 --start 600 --duration 30\n"
     "  ffmpeg ... -f mpegts - | qxvrtp send - 'udp://239.1.1.1:5000?ttl=4'\n"
     "\n"
-    "Rate: without --bitrate, a stream goes at the pace of its PCRs. udp:// sends it as it is,\n"
-    "and changes the channel's rate where the stream would otherwise be 20 ms early or late.\n"
-    "rtp:// makes a stream that varies constant, since RTP's timestamps follow from the rate:\n"
-    "null packets fill the gaps, and PCRs are set anew. A stream of constant rate is left as it\n"
-    "is, byte for byte. With --as-is, none is changed; timestamps then count at a ceiling.\n"
-    "Where a stream needs more than the rate later on, it comes late, which a line tells with the\n"
-    "rate that would have done. Live input is delayed by the second in which its rate is\n"
-    "measured.\n"
-    "Outages: a stream whose output fails (no socket, no route) goes on within a second when it\n"
-    "works again, however long that takes: a file where it stopped; what came from a pipe\n"
-    "meanwhile is lost. Only an output that does not even begin ends the stream, after\n"
-    "--patience; with --config, it is tried for ever.\n"
+    "Rate: without --bitrate, a stream keeps the pace of its PCRs. Over udp:// it is sent as it\n"
+    "is; the channel's rate changes where the stream would otherwise be 20 ms early or late.\n"
+    "Over rtp:// a stream that varies is made constant-rate, since RTP timestamps are derived\n"
+    "from the rate: null packets fill the gaps, and PCRs are restamped. A stream that has a\n"
+    "constant rate already is left as it is, byte for byte. With --as-is, every stream is; the\n"
+    "RTP timestamps of one that varies then run slow. Of a file, 'auto' looks at the first\n"
+    "128 MiB; live input is delayed by the second in which its rate is measured. A stream that\n"
+    "later needs more than its constant rate is late, and a message says which rate would have\n"
+    "been enough.\n"
+    "Outages: a stream whose output fails (no socket, no route) resumes within a second when the\n"
+    "output works again, however long that takes: a file where it stopped; what came from a pipe\n"
+    "meanwhile is lost. Only an output that never worked ends the stream, after --patience; with\n"
+    "--config, it is tried for ever.\n"
     "Bytes: packets have 188 or 204 bytes, and the rate counts all of them. Null packets fill up\n"
-    "the last datagram. Bytes that are no packets are skipped, which a\n"
-    "warning tells in the end.\n"
-    "Loop: the seam takes no time, keeps the rate, and changes no byte: PCRs and continuity\n"
-    "counters jump there, unannounced, as in any stream that is spliced without being remade.\n"
-    "Times count in the stream's own time, by its PCRs, or by --bitrate where it has none. "
-    "--start\n"
+    "the last datagram. Bytes that are not packets are skipped, and a warning at the end counts\n"
+    "them.\n"
+    "Loop: the file begins again without a pause, at the same rate, with no byte changed: PCRs\n"
+    "and continuity counters jump there, unannounced, as in any stream that is spliced without\n"
+    "being processed.\n"
+    "Times are in the stream's own time, by its PCRs, or by --bitrate where it has none. --start\n"
     "holds for each turn of a loop, --duration for all turns together.\n";
 
 }  // namespace
@@ -104,14 +106,16 @@ CommandModel sendCommand() {
     command.addOption("-b,--bitrate", given->bitrate, "RATE",
                       "Bits per second, like 2500000, 2500k or 2.5M, kept throughout; without it, "
                       "the pace of the stream's PCRs");
-    command.addFlag("-l,--loop", given->loop, "Repeat the input, a file, until a signal comes");
+    command.addFlag("-l,--loop", given->loop,
+                    "Repeat the input, which has to be a file, until a signal comes");
     command.addOption("-s,--start", given->start, "SECONDS",
                       "Skip this much of the stream at the beginning");
     command.addOption("-d,--duration", given->duration, "SECONDS",
                       "Send this much of the stream, then end");
     addShaping(command, given->shaping);
-    command.addOption("--patience", given->patience, "SECONDS",
-                      "How long to wait for an output that does not begin; 3 if not given");
+    command.addOption(
+        "--patience", given->patience, "SECONDS",
+        "How long to wait at the start for an output that does not work; 3 if not given");
     addConfigOption(command, given->config);
     command.footer = kHelp + urlHelp();
     command.action = [given] {

@@ -1,5 +1,9 @@
 #include "commands/ShapingOptions.h"
 
+#include <fmt/format.h>
+
+#include "base/Errors.h"
+#include "base/Quantity.h"
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
 
@@ -7,20 +11,25 @@ void addShaping(CommandModel& command, ShapingArguments& given) {
     command
         .addOption(
             "--cbr", given.cbr, "RATE",
-            "Give the stream this constant rate, or with 'auto' the least that its beginning "
-            "allows, of a file its first 128 MiB; rtp:// has 'auto' if nothing else is given")
+            "Give the stream this constant rate, or with 'auto' the lowest that its beginning "
+            "needs; 'auto' is the default for rtp://")
         .exclude({"--bitrate", "--as-is"});
     command.addOption("--delay", given.delay, "SECONDS",
-                      "Buffer that evens out the rate of --cbr, up to 1; 0.5 if not given");
-    command.addFlag("--as-is", given.asIs, "Change no byte of a stream that varies over rtp://");
+                      "Buffer with which a constant rate is made, up to 1; 0.5 if not given");
+    command.addFlag("--as-is", given.asIs,
+                    "Change no byte over rtp://, even if the rate of the stream varies");
 }
 
 Shaping shaping(const ShapingArguments& given) {
     Shaping shaping;
     shaping.constant = !given.cbr.empty();
     shaping.asIs = given.asIs;
-    if (shaping.constant && given.cbr != "auto")
+    if (shaping.constant && given.cbr != "auto") {
+        if (!parseQuantity(given.cbr))
+            throw UsageError(
+                fmt::format("--cbr '{}': a bitrate like 5M is accepted, or 'auto'", given.cbr));
         shaping.rate_bps = bitrate("--cbr", given.cbr);
+    }
     if (!given.delay.empty())
         shaping.delay = duration("--delay", given.delay, 0.0, 1.0);
     return shaping;

@@ -111,7 +111,7 @@ class FileReader {
         if (cbr != nullptr && cbr->is_boolean())
             shaping.constant = entry.flag("cbr");
         else
-            shaping.rate_bps = entry.quantity<uint32_t>("cbr", UINT32_MAX);
+            shaping.rate_bps = entry.quantity<uint32_t>("cbr", UINT32_MAX, "true, ");
         shaping.constant = shaping.constant || shaping.rate_bps;
         shaping.delay = entry.seconds("delay", 0.0);
         if (shaping.delay > std::chrono::seconds(1))

@@ -99,7 +99,8 @@ class TableReader {
 
     // From 1 up, as a number or as a string with k, M or G.
     template <typename Number>
-    std::optional<Number> quantity(std::string_view key, uint64_t largest) {
+    std::optional<Number> quantity(std::string_view key, uint64_t largest,
+                                   std::string_view others = "") {
         const toml::node* const node = find(key);
         if (node == nullptr)
             return std::nullopt;
@@ -110,9 +111,9 @@ class TableReader {
             value = static_cast<uint64_t>(std::max<int64_t>(integer->get(), 0));
         if (!value || *value < 1 || *value > largest) {
             problems_.add(place(key),
-                          fmt::format("an integer from 1 to {}, or a string like \"2.5M\" or "
-                                      "\"800k\", is expected",
-                                      largest));
+                          fmt::format("{}an integer from 1 to {}, or a string like \"2.5M\" "
+                                      "or \"800k\", is expected",
+                                      others, largest));
             return std::nullopt;
         }
         return static_cast<Number>(*value);

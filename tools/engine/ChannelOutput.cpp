@@ -54,7 +54,7 @@ bool ChannelOutput::start(Clock::time_point now, uint32_t rate_bps, uint32_t rin
             state_ = {};
             return true;
         }
-        goDown(now, fmt::format("the address of {} is not known yet", url_.text));
+        goDown(now, fmt::format("the address of {} has not been found yet", url_.text));
         retry_ = now + kAddressRetry;
     } catch (const Failure& failure) {
         if (patience_ && now - created_ > *patience_)
@@ -96,7 +96,7 @@ void ChannelOutput::goDown(Clock::time_point now, const std::string& why) {
     if (downReported_ || time < (everWorked_ ? kReportAfter : kFirstReportAfter))
         return;
     downReported_ = true;
-    events_.push_back(fmt::format("{}{} Trying on.", why, why.ends_with('?') ? "" : "."));
+    events_.push_back(fmt::format("{}{} Trying again.", why, why.ends_with('?') ? "" : "."));
 }
 
 void ChannelOutput::comeBack(Clock::time_point now) {

@@ -67,7 +67,8 @@ void ReceiveChain::connect() {
         try {
             const auto url = addresses_.poll(url_);
             if (!url)
-                return awaitSocket(fmt::format("the address of {} is not known yet", url_.text));
+                return awaitSocket(
+                    fmt::format("the address of {} has not been found yet", url_.text));
             channel_.emplace(*module_, number_, receiveConfig(*url));
         } catch (const std::exception& failure) {
             retry_ = now_ + kRetryInterval;

@@ -69,7 +69,9 @@ class ReceiveChain {
     uint64_t datagrams() const { return datagrams_; }
     uint64_t datagramsDropped() const { return dropped_; }
     Clock::duration sinceOpened() const { return closed_ - opened_; }
-    Clock::duration withData() const { return lastData_ - firstData_; }
+    Clock::duration withData() const {
+        return firstData_ == Clock::time_point() ? Clock::duration(0) : lastData_ - firstData_;
+    }
 
   private:
     enum class State { kOpening, kConnecting, kReceiving, kEnding, kEnded };

@@ -72,7 +72,7 @@ void RelayChain::openInput(Clock::time_point now) {
         if (const auto url = address_.poll(url_))
             channel_.emplace(module_.get(), number_, receiveConfig(*url));
         else
-            trouble_ = fmt::format("the address of {} is not known yet", url_.text);
+            trouble_ = fmt::format("the address of {} has not been found yet", url_.text);
     } catch (const Failure& failure) {
         trouble_ = failure.what();
     }
@@ -88,11 +88,11 @@ void RelayChain::watchInput(Clock::time_point now) {
             events_.push_back(fmt::format("{} is received again", url_.text));
     } else if (now - socketSeen_ > kSocketGrace && !std::exchange(socketReported_, true)) {
         events_.push_back(
-            fmt::format("{}{} Trying on.", trouble_, trouble_.ends_with('?') ? "" : "."));
+            fmt::format("{}{} Trying again.", trouble_, trouble_.ends_with('?') ? "" : "."));
     }
     if (socketOpen_ && now - lastData_ > kSilence && !std::exchange(silenceReported_, true))
-        events_.push_back(
-            fmt::format("nothing comes from {}{}", url_.text, bytes_ == 0 ? " yet" : " any more"));
+        events_.push_back(fmt::format("nothing arrives from {}{}", url_.text,
+                                      bytes_ == 0 ? " yet" : " any more"));
     if (now - lastData_ > kPause)
         for (RelayBranch& branch : branches_)
             branch.pause();
@@ -105,7 +105,7 @@ void RelayChain::takeInput(Clock::time_point now) {
             return;
         bytes_ += taken;
         if (std::exchange(silenceReported_, false))
-            events_.push_back(fmt::format("{} comes {}after {}", url_.text,
+            events_.push_back(fmt::format("{} arrives {}after {}", url_.text,
                                           bytes_ == taken ? "" : "again ",
                                           formatTime(whole(now - lastData_))));
         lastData_ = now;

@@ -126,6 +126,8 @@ bool PacketSource::findFirstPacket() {
             loopFrom(0);
             return true;
         }
+        if (ended_ && available() == 0)
+            throw Failure(fmt::format("{} is empty", name_));
         if (ended_ || available() >= kSearchBytes)
             throw Failure(
                 fmt::format("{} is not a transport stream: no run of packets of 188 "
