@@ -35,7 +35,7 @@ class ArrivalIntervals {
     void add(Time interval, Time now);
 
     struct Report {
-        double p50_ms, p99_ms;  // at most 9 % too long
+        double p50_ms, p99_ms;  // at most an eighth too long
         double longest_ms;
     };
     std::optional<Report> report() const;

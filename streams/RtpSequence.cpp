@@ -17,6 +17,7 @@ constexpr int64_t kMostMissing = 3000;
 constexpr Time kPatience = std::chrono::milliseconds(100);
 constexpr double kRtpTicksPerNanosecond = 90e3 / 1e9;
 constexpr int32_t kTimestampJump = 10 * 90'000;
+constexpr double kTimestampSlack = 45'000;  // half a second, between clocks and in buffers
 
 }  // namespace
 
@@ -52,11 +53,17 @@ void RtpSequence::begin(const RtpDatagram& datagram, Time arrival) {
     timestamp_ = datagram.timestamp;
     arrival_ = firstArrival_ = arrival;
     ticks_ = 0;
+    jitter_ = 0.0;
 }
 
 void RtpSequence::settleTo(int64_t number, RtpCounts& counts) {
     while (settled_ < number)
-        counts.lost += received_[static_cast<size_t>(++settled_ % kWindow)] ? 0 : 1;
+        countLost(received_[static_cast<size_t>(++settled_ % kWindow)] ? 0 : 1, counts);
+}
+
+void RtpSequence::countLost(uint64_t datagrams, RtpCounts& counts) {
+    counts.lost += datagrams;
+    counts.everLost += datagrams;
 }
 
 void RtpSequence::settle(Time now, RtpCounts& counts) {
@@ -101,8 +108,14 @@ RtpSequence::Place RtpSequence::add(const RtpDatagram& datagram, Time arrival, R
         const bool follows = elsewhere_ == datagram.sequence;
         elsewhere_ = static_cast<uint16_t>(datagram.sequence + 1);
         if (follows) {
-            ++counts.restarts;
             settleTo(highest_, counts);
+            // By how much the numbers went on, where the timestamps went on with the time; but for
+            // this datagram and the one in front.
+            if (goesOn(datagram, arrival))
+                countLost(static_cast<uint16_t>(datagram.sequence - highest_) - uint64_t{2},
+                          counts);
+            else
+                ++counts.restarts;
             begin(datagram, arrival);
         }
         return Place::kNext;
@@ -130,6 +143,14 @@ RtpSequence::Place RtpSequence::add(const RtpDatagram& datagram, Time arrival, R
         counts.lost -= number <= settled_ ? 1 : 0;
     }
     return Place::kLate;
+}
+
+// A sender that was restarted begins with a random timestamp.
+bool RtpSequence::goesOn(const RtpDatagram& datagram, Time arrival) const {
+    const double step = static_cast<int32_t>(datagram.timestamp - timestamp_);
+    const double passed =
+        static_cast<double>((arrival - arrival_).count()) * kRtpTicksPerNanosecond;
+    return step > 0 && std::abs(passed - step) < kTimestampSlack;
 }
 
 std::optional<double> RtpSequence::timestampRate() const {

@@ -25,6 +25,7 @@ std::optional<RtpDatagram> readRtp(std::span<const uint8_t> datagram);
 struct RtpCounts {
     uint64_t received = 0;   // duplicates, too
     uint64_t lost = 0;       // what has not come within 100 to 200 ms; less if it comes later
+    uint64_t everLost = 0;   // the same, with those that came later
     uint64_t reordered = 0;  // came behind one with a higher number
     uint64_t furthest = 0;   // by how many places
     uint64_t duplicates = 0;
@@ -52,6 +53,8 @@ class RtpSequence {
 
     void begin(const RtpDatagram& datagram, Time arrival);
     void settleTo(int64_t number, RtpCounts& counts);
+    static void countLost(uint64_t datagrams, RtpCounts& counts);
+    bool goesOn(const RtpDatagram& datagram, Time arrival) const;
     void measure(const RtpDatagram& datagram, Time arrival);
 
     bool begun_ = false;

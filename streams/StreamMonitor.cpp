@@ -95,7 +95,7 @@ void StreamMonitor::compareCounts(Time now) {
             alarms_.fail(check, now, {text, {static_cast<int64_t>(more)}}, more);
         }
     };
-    compare(Check::kRtpLoss, seen_.rtp.lost, counts.rtp.lost, "# datagrams lost");
+    compare(Check::kRtpLoss, seen_.rtp.everLost, counts.rtp.everLost, "# datagrams lost");
     compare(Check::kSecondSender, seen_.alternations, counts.alternations,
             "senders took turns # times");
     compare(Check::kDatagramSize, seen_.oddDatagrams, counts.oddDatagrams,
@@ -103,13 +103,19 @@ void StreamMonitor::compareCounts(Time now) {
     compare(Check::kSocketDrops, seen_.socketDrops, counts.socketDrops, "# datagrams dropped");
     // RTP tells the network's loss from that of the stream itself.
     const uint64_t missing = analyzer_.missingPackets();
-    if (counts.rtpDatagrams == 0)
+    const uint64_t lost = counts.rtp.everLost - seen_.rtp.everLost;
+    if (lost > 0)
+        delivery_.lost(lost * packetsPerDatagram());
+    else if (counts.rtpDatagrams == seen_.rtpDatagrams)
         delivery_.lost(missing - seenMissing_);
-    else if (counts.rtp.lost > seen_.rtp.lost)
-        delivery_.lost((counts.rtp.lost - seen_.rtp.lost) * analyzer_.splitter().packets() /
-                       counts.rtpDatagrams);
     seenMissing_ = missing;
     seen_ = counts;
+}
+
+uint64_t StreamMonitor::packetsPerDatagram() const {
+    const ReceptionCounts& counts = reception_.counts();
+    const uint64_t datagrams = std::max<uint64_t>(counts.datagrams - counts.rtp.duplicates, 1);
+    return (analyzer_.splitter().packets() + datagrams / 2) / datagrams;
 }
 
 void StreamMonitor::endSecond(Time now) {

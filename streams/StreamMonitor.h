@@ -65,6 +65,7 @@ class StreamMonitor : private StreamObserver {
     void lookAround(Time now);
     void lookForSignal(Time now);
     void compareCounts(Time now);
+    uint64_t packetsPerDatagram() const;
     void endSecond(Time now);
 
     const MonitorLimits limits_;

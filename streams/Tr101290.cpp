@@ -133,8 +133,6 @@ void Tr101290::onPacket(const PacketFacts& packet) {
         cut();
         return;
     }
-    if (stream_.tables().changes() != references_)
-        readReferences(packet.arrival);
     nulls_ += packet.pid == kNullPid ? 1 : 0;
     if (places_[packet.pid] == 0)
         find(packet.pid).contents.since = firstDue(packet.arrival, limits_.unreferenced);
@@ -332,6 +330,9 @@ void Tr101290::tick(Time now) {
     checkSync(now);
     if (!begun_ || unsynchronised_)
         return;
+    // Not with each change: a hostile stream changes its largest tables with every packet.
+    if (stream_.tables().changes() != references_)
+        readReferences(now);
     Time since = pat_.since;
     if (pat_.isLate(now, limits_.pat + limits_.tolerance))
         alarms_.fail(Check::kPat, now, {"# ms without a PAT", {milliseconds(now - since)}});

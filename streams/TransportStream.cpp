@@ -213,7 +213,8 @@ Continuity ContinuityCounter::add(const uint8_t* packet) {
         }
         if (ts_check_discontinuity(counter, before)) {
             ++errors_;
-            missing_ += (counter - before - 1u) & 0x0F;
+            if (counter != before)  // more than the one duplicate that may come
+                missing_ += (counter - before - 1u) & 0x0F;
             result = Continuity::kJump;
         }
     }

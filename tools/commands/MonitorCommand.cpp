@@ -68,6 +68,7 @@ class Watching {
             failure = std::current_exception();
         }
         report();
+        lines_.finish(std::chrono::seconds(2));
         if (options_.reportAtEnd && !options_.json)
             for (const MonitorChain* const chain : chains_)
                 if (chain->wasOpened())

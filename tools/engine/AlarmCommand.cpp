@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -62,8 +63,10 @@ void AlarmCommand::run(Clock::time_point now) {
 
 void AlarmCommand::start(const Call& call, Clock::time_point now) {
     std::vector<char*> environment;
+    // Of two of one name the first counts: an alarm's program may have started this process.
     for (char** variable = environ; *variable != nullptr; ++variable)
-        environment.push_back(*variable);
+        if (!std::string_view(*variable).starts_with("QXVRTP_"))
+            environment.push_back(*variable);
     // The strings are not changed; the interface is older than const.
     for (const std::string& fact : call.facts)
         environment.push_back(const_cast<char*>(fact.c_str()));
@@ -83,6 +86,7 @@ bool AlarmCommand::hasEnded(Process& process, Clock::time_point now) {
             events_.push_back(
                 fmt::format("'{}' is killed after {} s", process.command, kLongest / 1s));
             kill(-process.id, SIGKILL);
+            kill(process.id, SIGKILL);  // it may have left its group
         }
         return false;
     }

@@ -15,7 +15,9 @@ using namespace std::chrono_literals;
 constexpr Chain::Clock::duration kInterval = 40ms;
 constexpr Chain::Clock::duration kShortestInterval = 1ms;
 constexpr Chain::Clock::duration kFirstInterval = 5ms;  // before the rate is known
-constexpr int kMostBatches = 16;  // at a time, before the other streams have their turn
+// At a time, before the other streams have their turn.
+constexpr int kMostBatches = 16;
+constexpr auto kLongestTurn = 20ms;
 constexpr double kMostFilled = 0.25;
 constexpr double kHardlyFilled = kMostFilled / 4;
 constexpr auto kSettled = 2ms;  // what the kernel has stamped is in the socket by then
@@ -103,7 +105,7 @@ void MonitorChain::add(const ts::Datagram& datagram) {
 // Returns when more is to be taken.
 Chain::Clock::time_point MonitorChain::take(Clock::time_point now) {
     double filled = 0.0;
-    for (int i = 0; i < kMostBatches; ++i) {
+    for (int i = 0; i < kMostBatches && Clock::now() - now < kLongestTurn; ++i) {
         const auto taken = socket_->receive(
             *means_.batch, [this](const ts::Datagram& datagram) { add(datagram); });
         filled += taken.ofBuffer;

@@ -29,13 +29,25 @@ void LineOutput::add(std::string_view line) {
     flush();
 }
 
-// A pipe that poll() calls writable takes PIPE_BUF bytes at once (pipe(7)).
 void LineOutput::flush() {
+    write(std::chrono::milliseconds(0));
+}
+
+void LineOutput::finish(std::chrono::milliseconds patience) {
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + patience;
+    for (auto now = Clock::now(); !waiting_.empty() && now < end; now = Clock::now())
+        write(std::chrono::ceil<std::chrono::milliseconds>(end - now));
+}
+
+// A pipe that poll() calls writable takes PIPE_BUF bytes at once (pipe(7)).
+void LineOutput::write(std::chrono::milliseconds patience) {
     size_t written = 0;
     pollfd output{STDOUT_FILENO, POLLOUT, 0};
-    while (written < waiting_.size() && poll(&output, 1, 0) == 1) {
-        const ssize_t count = write(STDOUT_FILENO, waiting_.data() + written,
-                                    std::min<size_t>(waiting_.size() - written, PIPE_BUF));
+    while (written < waiting_.size() &&
+           poll(&output, 1, written == 0 ? static_cast<int>(patience.count()) : 0) == 1) {
+        const ssize_t count = ::write(STDOUT_FILENO, waiting_.data() + written,
+                                      std::min<size_t>(waiting_.size() - written, PIPE_BUF));
         if (count < 0 && errno != EINTR && errno != EAGAIN)
             throw Failure(
                 fmt::format("standard output cannot be written: {}", std::strerror(errno)));
@@ -54,6 +66,10 @@ void replaceFile(const std::string& name, std::string_view text) {
         throw Failure(fmt::format("cannot write '{}': {}", name, why));
     };
     // Whatever stands there from an earlier run, it is not written through: it may be a link.
+    // A device, a FIFO or a link would not come back.
+    struct stat status {};
+    if (lstat(name.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        throw Failure(fmt::format("cannot write '{}': it is not a regular file", name));
     if (unlink(made.c_str()) != 0 && errno != ENOENT)
         fail();
     constexpr mode_t kReadable = 0644;

@@ -2,6 +2,7 @@
 #ifndef TOOLS_MEDIA_LINEOUTPUT_H
 #define TOOLS_MEDIA_LINEOUTPUT_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -15,10 +16,14 @@ class LineOutput {
     // written.
     void add(std::string_view line);
     void flush();
+    // Waits for the reader, but no longer than that; the end of the last line may be missing then.
+    void finish(std::chrono::milliseconds patience);
 
     uint64_t dropped() const { return dropped_; }  // lines
 
   private:
+    void write(std::chrono::milliseconds patience);
+
     std::string waiting_;
     uint64_t dropped_ = 0;
 };
