@@ -396,13 +396,20 @@ TEST(MonitorLogic, MeasuresWhatTheNetworkDidToRtp) {
                   std::swap(sent[100].bytes, sent[105].bytes);
                   sent.erase(sent.begin() + 500, sent.begin() + 510);
                   sent.insert(sent.begin() + 900, sent[900]);
-                  for (size_t i = 1000; i < sent.size(); ++i)
-                      sent[i].bytes.replace(2, 1, 1, static_cast<char>(sent[i].bytes[2] + 100));
+                  // From 1000 on a sender that began anew; from 1100 on, 4096 are missing.
+                  const auto raise = [&sent](size_t from, size_t byte, int by) {
+                      for (size_t i = from; i < sent.size(); ++i)
+                          sent[i].bytes.replace(byte, 1, 1,
+                                                static_cast<char>(sent[i].bytes[byte] + by));
+                  };
+                  raise(1000, 2, 100);
+                  raise(1000, 4, 50);
+                  raise(1100, 2, 16);
               }},
          monitor);
     const ts::MonitorReport report = monitor.report();
     const ts::RtpReport rtp = report.reception.rtp.value();
-    EXPECT_EQ(rtp.counts.lost, 10u);
+    EXPECT_EQ(rtp.counts.lost, 10u + 4096u);
     EXPECT_EQ(rtp.counts.reordered, 5u) << "the one that came late, and four behind the early one";
     EXPECT_EQ(rtp.counts.furthest, 5u);
     EXPECT_EQ(rtp.counts.duplicates, 1u);
@@ -411,7 +418,7 @@ TEST(MonitorLogic, MeasuresWhatTheNetworkDidToRtp) {
     EXPECT_NEAR(rtp.timestampRate.value(), 90'000.0, 200.0);
     EXPECT_NEAR(report.reception.intervals->p50_ms, 7.0, 0.6);
     EXPECT_NEAR(report.reception.intervals->p99_ms, 10.0, 0.9);
-    EXPECT_EQ(report.delivery.lost, 70u);
+    EXPECT_EQ(report.delivery.lost, 7u * (10u + 4096u));
     EXPECT_NEAR(report.delivery.delayFactor_ms.value(), 10.0, 0.1) << "a datagram, and 3 ms";
     EXPECT_NEAR(static_cast<double>(report.bitrate_bps.value()), 1'504'000.0, 20'000.0);
     EXPECT_EQ(report.reception.dscps, std::vector<uint8_t>{40});
