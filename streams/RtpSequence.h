@@ -25,13 +25,13 @@ std::optional<RtpDatagram> readRtp(std::span<const uint8_t> datagram);
 struct RtpCounts {
     uint64_t received = 0;   // duplicates, too
     uint64_t lost = 0;       // what has not come within 100 to 200 ms; less if it comes later
-    uint64_t everLost = 0;   // the same, with those that came later
     uint64_t reordered = 0;  // came behind one with a higher number
     uint64_t furthest = 0;   // by how many places
     uint64_t duplicates = 0;
     uint64_t ssrcChanges = 0;
     uint64_t restarts = 0;  // the numbers began elsewhere
     uint64_t breaks = 0;    // another than the next number came, duplicates aside
+    uint64_t everLost = 0;  // as lost, with those that came later
 };
 
 // The sequence of one source. It counts into the counts of all.

@@ -294,7 +294,7 @@ ts::MonitorReport MonitorMade() {
     reception.largest = 1328;
     const ts::DatagramSource four{{192, 0, 2, 7}, 5001, false};
     reception.sources = {{four, 50, 0s, 0s}, {{{0xFF, 0x15}, 5003, true}, 1, 0s, 0s}};
-    reception.rtp = {{51, 6, 7, 8, 9, 10, 11}, 0xABCD, 33, 0.1239, 89999.55};
+    reception.rtp = {{51, 6, 7, 8, 9, 10, 11, 0, 12}, 0xABCD, 33, 0.1239, 89999.55};
     reception.intervals = {10.1, 12.2, 13.3};
     reception.dscps = {0, 34};
     reception.smallestTtl = 15;
