@@ -34,10 +34,10 @@ void LineOutput::flush() {
 }
 
 void LineOutput::finish(std::chrono::milliseconds patience) {
-    using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + patience;
-    for (auto now = Clock::now(); !waiting_.empty() && now < end; now = Clock::now())
-        write(std::chrono::ceil<std::chrono::milliseconds>(end - now));
+    const auto now = [] { return std::chrono::steady_clock::now(); };
+    const auto end = now() + patience;
+    while (!waiting_.empty() && now() < end)
+        write(std::chrono::ceil<std::chrono::milliseconds>(end - now()));
 }
 
 // A pipe that poll() calls writable takes PIPE_BUF bytes at once (pipe(7)).
