@@ -34,10 +34,11 @@ void LineOutput::flush() {
 }
 
 void LineOutput::finish(std::chrono::milliseconds patience) {
-    const auto now = [] { return std::chrono::steady_clock::now(); };
-    const auto end = now() + patience;
-    while (!waiting_.empty() && now() < end)
-        write(std::chrono::ceil<std::chrono::milliseconds>(end - now()));
+    const auto end = std::chrono::steady_clock::now() + patience;
+    for (auto left = patience; !waiting_.empty() && left.count() > 0;
+         left =
+             std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()))
+        write(left);
 }
 
 // A pipe that poll() calls writable takes PIPE_BUF bytes at once (pipe(7)).
