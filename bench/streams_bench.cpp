@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr size_t kDatagram = 7 * 188;
+constexpr size_t kDatagram = size_t{7} * 188;
 constexpr auto kInterval = std::chrono::microseconds(1316);  // 8 Mbit/s
 
 // Hands out the sample's datagrams again and again.

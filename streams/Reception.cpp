@@ -31,7 +31,7 @@ void ArrivalIntervals::add(Time interval, Time now) {
     const auto length = static_cast<uint64_t>(std::max<int64_t>(interval.count() / 1000, 1));
     const auto octave = static_cast<unsigned>(std::bit_width(length) - 1);
     const uint64_t place = length * kClassesPerOctave >> octave;  // 8 to 15
-    const size_t index = octave * kClassesPerOctave + place - kClassesPerOctave;
+    const size_t index = size_t{octave} * kClassesPerOctave + place - kClassesPerOctave;
     ++minutes_[0].counts[std::min(index, kClasses - 1)];
     minutes_[0].longest = std::max(minutes_[0].longest, interval);
 }
@@ -132,9 +132,9 @@ ReceptionReport Reception::report() const {
             RtpReport{counts_.rtp, rtp.ssrc(), payloadType_, rtp.jitter_ms(), rtp.timestampRate()};
     }
     report.intervals = intervals_.report();
-    for (uint8_t i = 0; i < dscps_.size(); ++i) {
+    for (size_t i = 0; i < dscps_.size(); ++i) {
         if (dscps_[i])
-            report.dscps.push_back(i);
+            report.dscps.push_back(static_cast<uint8_t>(i));
     }
     report.smallestTtl = smallestTtl_;
     report.largestTtl = largestTtl_;

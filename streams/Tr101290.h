@@ -109,7 +109,7 @@ class Tr101290 : public StreamObserver {
     void checkPts(Pid& pid, const PacketFacts& packet);
     void checkPcr(Pid& pid, const PacketFacts& packet);
     void checkTable(uint16_t pid, std::span<const uint8_t> section, Time arrival);
-    void checkGap(std::span<const uint8_t> section, uint16_t pid, Time arrival);
+    void checkGap(std::span<const uint8_t> section, uint16_t extension, Time arrival);
     void lookForMissing(Pid& pid, Time now);
     Time limitOf(int table) const;
     void failAt(Check check, Time time, const char* text, uint16_t pid, Time length);
