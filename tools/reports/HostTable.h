@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 enum class ChannelMode { kRaw, kRtp, kUnknown };
@@ -28,12 +29,8 @@ struct ChannelState {
     uint32_t bufferBytes = 0;
 };
 
-// Which file it is, whatever its name.
-struct FileId {
-    dev_t device = 0;
-    ino_t inode = 0;
-    auto operator<=>(const FileId&) const = default;
-};
+// Which file it is, whatever its name: its device and its inode.
+using FileId = std::pair<dev_t, ino_t>;
 
 struct ChannelTable {
     std::string path;
