@@ -89,7 +89,7 @@ class Connection : public httplib::Stream {
     bool await(short events, Clock::time_point deadline) const {
         pollfd wanted[] = {{socket_, events, 0}, {stop_, POLLIN, 0}};
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left <= 0ms)
+        if (left.count() <= 0)
             return false;
         const int ready = poll(wanted, 2, static_cast<int>(left.count()));
         return (ready > 0 && wanted[1].revents == 0) || (ready < 0 && errno == EINTR);

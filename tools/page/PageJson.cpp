@@ -29,7 +29,9 @@ Json orNull(const std::string& text) {
 
 // NaN is null; what lies behind a thousandth is noise.
 Json number(float value) {
-    return std::isnan(value) ? Json(nullptr) : Json(std::round(double{value} * 1e3) / 1e3);
+    if (std::isnan(value))
+        return nullptr;
+    return std::round(double{value} * 1e3) / 1e3;
 }
 
 std::string machineName() {

@@ -27,7 +27,7 @@ void writeChannel(Output out, const ChannelState& channel) {
 
 // The time, or the day when that is longer ago.
 std::string startText(std::time_t started) {
-    constexpr std::time_t kDay = 24 * 60 * 60;
+    constexpr std::time_t kDay = 86'400;
     const std::tm local = fmt::localtime(started);
     const bool recent = std::time(nullptr) - started < kDay;
     return recent ? fmt::format("{:%T}", local) : fmt::format("{:%F}", local);
