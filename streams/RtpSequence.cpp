@@ -43,6 +43,12 @@ std::optional<RtpDatagram> readRtp(std::span<const uint8_t> datagram) {
                        payload};
 }
 
+bool timestampsGoOn(uint32_t from, uint32_t to, Time passed) {
+    const double step = static_cast<int32_t>(to - from);
+    const double expected = static_cast<double>(passed.count()) * kRtpTicksPerNanosecond;
+    return step > 0 && std::abs(expected - step) < kTimestampSlack;
+}
+
 void RtpSequence::begin(const RtpDatagram& datagram, Time arrival) {
     begun_ = true;
     ssrc_ = datagram.ssrc;
@@ -111,7 +117,7 @@ RtpSequence::Place RtpSequence::add(const RtpDatagram& datagram, Time arrival, R
             settleTo(highest_, counts);
             // By how much the numbers went on, where the timestamps went on with the time; but for
             // this datagram and the one in front.
-            if (goesOn(datagram, arrival))
+            if (timestampsGoOn(timestamp_, datagram.timestamp, arrival - arrival_))
                 countLost(static_cast<uint16_t>(datagram.sequence - highest_) - uint64_t{2},
                           counts);
             else
@@ -143,14 +149,6 @@ RtpSequence::Place RtpSequence::add(const RtpDatagram& datagram, Time arrival, R
         counts.lost -= number <= settled_ ? 1 : 0;
     }
     return Place::kLate;
-}
-
-// A sender that was restarted begins with a random timestamp.
-bool RtpSequence::goesOn(const RtpDatagram& datagram, Time arrival) const {
-    const double step = static_cast<int32_t>(datagram.timestamp - timestamp_);
-    const double passed =
-        static_cast<double>((arrival - arrival_).count()) * kRtpTicksPerNanosecond;
-    return step > 0 && std::abs(passed - step) < kTimestampSlack;
 }
 
 std::optional<double> RtpSequence::timestampRate() const {

@@ -22,6 +22,10 @@ struct RtpDatagram {
 // None: it is not RTP with packets of a transport stream.
 std::optional<RtpDatagram> readRtp(std::span<const uint8_t> datagram);
 
+// Whether the timestamps go on with the time that passed. Then the stream does, however far apart its
+// numbers are, for a sender that was restarted begins with a random timestamp.
+bool timestampsGoOn(uint32_t from, uint32_t to, Time passed);
+
 struct RtpCounts {
     uint64_t received = 0;   // duplicates, too
     uint64_t lost = 0;       // what has not come within 100 to 200 ms; less if it comes later
@@ -54,7 +58,6 @@ class RtpSequence {
     void begin(const RtpDatagram& datagram, Time arrival);
     void settleTo(int64_t number, RtpCounts& counts);
     static void countLost(uint64_t datagrams, RtpCounts& counts);
-    bool goesOn(const RtpDatagram& datagram, Time arrival) const;
     void measure(const RtpDatagram& datagram, Time arrival);
 
     bool begun_ = false;
