@@ -307,6 +307,7 @@ void PsiTables::addPat(Bytes section) {
             watched_.set(known);
         programmes_.clear();
         known_.clear();
+        networkPid_ = NIT_PID;
         transportStreamId_ = id;
         patVersion_ = version;
     }
@@ -316,10 +317,11 @@ void PsiTables::addPat(Bytes section) {
         const uint16_t pid = patn_get_pid(rest.data());
         if (!mayHavePmt(pid))
             continue;
-        if (number == 0) {
+        // A PAT names one network PID; a hostile one names any number of them.
+        if (number == 0 && networkPid_ == NIT_PID) {
             networkPid_ = pid;
             watch(pid);
-        } else if (programmes_.size() < kMostProgrammes &&
+        } else if (number != 0 && programmes_.size() < kMostProgrammes &&
                    programmes_.try_emplace(number, Programme{pid, std::nullopt, {}}).second)
             watch(pid);
     }

@@ -71,6 +71,8 @@ Reception::Source& Reception::find(const Datagram& datagram) {
         const auto oldest = std::min_element(
             sources_.begin(), sources_.end(),
             [](const Source& a, const Source& b) { return a.report.last < b.report.last; });
+        // So many senders in so short a time take turns, even if none of them is remembered.
+        counts_.alternations += datagram.arrival - oldest->report.last < kAlternation ? 1 : 0;
         current_ = static_cast<size_t>(oldest - sources_.begin());
         *oldest = Source{};
     } else {

@@ -362,6 +362,13 @@ TEST(MonitorLogic, FindsEachFaultOfTheNetworkAndNoOther) {
                  sent[i].port = 2000;
          },
          {{Check::kSecondSender, 2 * 139}}},
+        {"more senders in turns than are remembered",
+         false,
+         [](Sending& sent) {
+             for (size_t i = 700; i < 840; ++i)
+                 sent[i].port = static_cast<uint16_t>(2000 + i % 20);
+         },
+         {{Check::kSecondSender, kSome}}},
         {"the sender began anew",
          false,
          [](Sending& sent) {

@@ -489,7 +489,7 @@ class Watch(ToolTest):
         write("watch.toml", b"""[[monitor]]\nurl = 'rtp://192.0.2.46:7150'\nname = 'One'
             on_alarm = './note'\nclear_after = 0.5\nignore = ['media_loss']\n""")
         monitor = self.watch("-c watch.toml --json -i 0.1 --metrics metrics")
-        self.await_(lambda: b"address not this machine's? Trying on.\n" in read("said"))
+        self.await_(lambda: b"address not this machine's? Trying again.\n" in read("said"))
         run("ip addr add 192.0.2.46/32 dev lo")
         self.addCleanup(run, "ip addr del 192.0.2.46/32 dev lo")
         self.await_(lambda: is_bound(7150))
@@ -553,7 +553,7 @@ class Watch(ToolTest):
             return self.lines()[-1]["datagrams"] if self.lines() else 0
         self.await_(lambda: datagrams() > 0)
         run("ip link del v0")
-        self.await_(lambda: b"Trying on.\n" in read("said"))
+        self.await_(lambda: b"Trying again.\n" in read("said"))
         before = datagrams()
         self.link("198.51.100.1")
         self.await_(lambda: datagrams() > before + 10)
@@ -578,6 +578,27 @@ class Watch(ToolTest):
         os.close(reader)
         self.assertEqual(monitor.wait(40), 1)
         self.assert_said("standard output cannot be written: Broken pipe")
+
+    def test_messages_that_nobody_reads_hold_up_nothing_and_are_counted(self):
+        write("watch.toml", b"monitor = [{url = 'udp://127.0.0.1:7157', clear_after = 0.1}]")
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        os.set_blocking(writing, False)
+        full = os.write(writing, bytes(1 << 20))
+        os.set_blocking(writing, True)
+        monitor = self.start(f"'{TOOL}' monitor -c watch.toml -i 0.1 --json > lines", stderr=writing)
+        os.close(writing)
+
+        def raised():
+            return self.lines()[-1:] and "no_signal" in self.lines()[-1]["alarms"]
+        self.await_(raised)
+        self.assertEqual(len(os.read(reading, full)), full)
+        sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(sender.close)
+        packet = NULL_PACKET.ljust(188, b"n")
+        self.await_(lambda: sender.sendto(packet, ("127.0.0.1", 7157)) and not raised())
+        self.assertEqual(self.end(monitor), 0)
+        self.assertRegex(os.read(reading, full), rb"^qxvrtp: 1 message not shown here\nqxvrtp: udp")
 
 
 class Monitor(ToolTest):

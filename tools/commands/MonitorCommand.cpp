@@ -122,7 +122,7 @@ class Watching {
                 session_.tell(fmt::format("'{}' is written again", options_.metrics));
         } catch (const Failure& failure) {
             if (!std::exchange(metricsFail_, true))
-                session_.tell(fmt::format("{}. Trying on.", failure.what()));
+                session_.tell(fmt::format("{}. Trying again.", failure.what()));
         }
     }
 

@@ -15,6 +15,7 @@
 
 #include "base/Errors.h"
 #include "base/SafeText.h"
+#include "base/StandardError.h"
 #include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
@@ -186,7 +187,7 @@ void runServe(const HttpServer::Settings& settings, const std::vector<MonitorJob
     runner.run([&] {
         for (const auto& monitor : monitors)
             for (const std::string& event : monitor->takeEvents())
-                fmt::print(stderr, "{}\n", printable(monitor->name() + ": " + event));
+                printError(printable(monitor->name() + ": " + event) + "\n");
     });
     board.close();
     for (size_t i = 0; i <= monitors.size(); ++i)

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include "base/Errors.h"
 #include "base/SafeText.h"
+#include "base/StandardError.h"
 #include "commandline/Completion.h"
 #include "commandline/Manual.h"
 #include "commandline/Parser.h"
@@ -31,10 +33,11 @@ namespace {
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kMisused = 2;
+constexpr std::chrono::seconds kReaderPatience{2};
 
 // An error is one line, whatever names and texts went into it.
 void complain(const std::string& text) {
-    fmt::print(stderr, "qxvrtp: {}\n", printable(text));
+    printError(fmt::format("qxvrtp: {}\n", printable(text)), kReaderPatience);
 }
 
 CommandModel commandLine() {

@@ -92,7 +92,7 @@ void MonitorChain::watch(Clock::time_point now) {
         throw Failure(trouble_);
     } else if (now - socketSeen_ >= kGrace && !std::exchange(outageReported_, true)) {
         events_.push_back(
-            fmt::format("{}{} Trying on.", trouble_, trouble_.ends_with('?') ? "" : "."));
+            fmt::format("{}{} Trying again.", trouble_, trouble_.ends_with('?') ? "" : "."));
     }
 }
 

@@ -35,10 +35,12 @@ void LineOutput::flush() {
 
 void LineOutput::finish(std::chrono::milliseconds patience) {
     const auto end = std::chrono::steady_clock::now() + patience;
-    for (auto left = patience; !waiting_.empty() && left.count() > 0;
-         left =
-             std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()))
-        write(left);
+    for (size_t before = SIZE_MAX; !waiting_.empty() && waiting_.size() < before;) {
+        before = waiting_.size();
+        const auto left = end - std::chrono::steady_clock::now();
+        write(std::max(std::chrono::milliseconds(0),
+                       std::chrono::ceil<std::chrono::milliseconds>(left)));
+    }
 }
 
 // A pipe that poll() calls writable takes PIPE_BUF bytes at once (pipe(7)).
@@ -49,7 +51,7 @@ void LineOutput::write(std::chrono::milliseconds patience) {
            poll(&output, 1, written == 0 ? static_cast<int>(patience.count()) : 0) == 1) {
         const ssize_t count = ::write(STDOUT_FILENO, waiting_.data() + written,
                                       std::min<size_t>(waiting_.size() - written, PIPE_BUF));
-        if (count < 0 && errno != EINTR && errno != EAGAIN)
+        if (count < 0 && errno != EINTR && errno != EAGAIN && errno != ENOSPC && errno != EDQUOT)
             throw Failure(
                 fmt::format("standard output cannot be written: {}", std::strerror(errno)));
         if (count <= 0)

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-// Writes to standard output without waiting for whoever reads it: what a full pipe does not take
-// is kept, up to a limit, beyond which whole lines are dropped.
+// Writes to standard output without waiting for whoever reads it: what a full pipe or a full disk
+// does not take is kept, up to a limit, beyond which whole lines are dropped.
 class LineOutput {
   public:
     // The line has its line feed. Throws Failure, as flush() does, when standard output cannot be

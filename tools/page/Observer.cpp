@@ -80,7 +80,8 @@ std::shared_ptr<const Snapshot> Observer::look(Machine machine, std::vector<Stre
             std::exchange(errors_.try_emplace(stream.name(), errors).first->second, errors);
         const auto& factor = report.delivery.delayFactor_ms;
         HistoryPoint point;
-        point.bitrate_bps = static_cast<float>(report.bitrate_bps.value_or(0));
+        if (report.bitrate_bps)
+            point.bitrate_bps = static_cast<float>(*report.bitrate_bps);
         if (factor)
             point.jitter_ms = static_cast<float>(*factor);
         else if (report.reception.rtp)

@@ -538,7 +538,7 @@ function showAge() {
   document.body.classList.toggle("stale", old);
   at("old").hidden = !old;
   const since = heard ? `What is shown is ${span(age / 1000)} old` : "Nothing has been received yet";
-  set(at("old"), `The server does not answer. ${since}; trying on.`);
+  set(at("old"), `The server does not answer. ${since}; trying again.`);
   set(at("age"), old ? "Not connected" : `Live, ${clock(state.time)}`);
 }
 

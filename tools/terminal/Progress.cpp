@@ -4,9 +4,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cstdio>
-
+#include "base/Quantity.h"
 #include "base/SafeText.h"
+#include "base/StandardError.h"
 
 namespace {
 
@@ -18,11 +18,6 @@ winsize terminalSize() {
     if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
         size = {.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
     return size;
-}
-
-// A terminal that has gone away is no reason to stop.
-void print(const std::string& text) {
-    static_cast<void>(std::fputs(text.c_str(), stderr));
 }
 
 }  // namespace
@@ -53,8 +48,8 @@ void Progress::show(const std::vector<std::string>& lines) {
         if (shown_ == size.ws_row)
             break;
         if (shown_ > 0)
-            print("\n");
-        print(cutLines(printable(line), size.ws_col - size_t{1}));
+            printError("\n");
+        printError(cutLines(printable(line), size.ws_col - size_t{1}));
         ++shown_;
     }
 }
@@ -62,18 +57,20 @@ void Progress::show(const std::vector<std::string>& lines) {
 void Progress::summary(const std::string& line) {
     clear();
     if (terminal_)
-        print(printable(line) + "\n");
+        printError(printable(line) + "\n");
 }
 
 void Progress::warn(const std::string& line) {
     clear();
-    print(fmt::format("qxvrtp: {}\n", printable(line)));
+    const std::string lost =
+        lost_ == 0 ? "" : fmt::format("qxvrtp: {} not shown here\n", counted(lost_, "message"));
+    lost_ = printError(fmt::format("{}qxvrtp: {}\n", lost, printable(line))) ? 0 : lost_ + 1;
 }
 
 void Progress::clear() {
     if (shown_ > 1)
-        print(fmt::format("\033[{}A", shown_ - 1));
+        printError(fmt::format("\033[{}A", shown_ - 1));
     if (shown_ > 0)
-        print("\r\033[J");
+        printError("\r\033[J");
     shown_ = 0;
 }

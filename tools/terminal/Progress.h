@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -27,7 +28,8 @@ class Progress {
     // Replaces the lines of progress for good.
     void summary(const std::string& line);
 
-    // A line as of an error, above the progress.
+    // A line as of an error, above the progress. Where nobody reads it, it is dropped, and the next
+    // one that is read says how many were.
     void warn(const std::string& line);
 
   private:
@@ -35,7 +37,8 @@ class Progress {
 
     using Clock = std::chrono::steady_clock;
     bool terminal_;
-    size_t shown_ = 0;  // lines
+    size_t shown_ = 0;   // lines
+    uint64_t lost_ = 0;  // messages
     Clock::time_point start_ = Clock::now();
     Clock::time_point next_ = start_;
 };
