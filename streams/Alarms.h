@@ -79,6 +79,7 @@ class Alarms {
         Time raiseAfter{0};
         Time clearAfter = std::chrono::seconds(10);
         std::bitset<kChecks> ignored;  // counted, but never raised
+        bool operator==(const Limits&) const = default;
     };
     explicit Alarms(const Limits& limits) : limits_(limits) {}
 

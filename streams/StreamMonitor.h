@@ -21,6 +21,7 @@ struct MonitorLimits {
     Time noSignal = std::chrono::seconds(1);
     Time delayFactor = std::chrono::milliseconds(100);  // beyond the time between two datagrams
     double lossRate = 0.0;  // packets in a second: more than that is an alarm
+    bool operator==(const MonitorLimits&) const = default;
 };
 
 struct MonitorReport {

@@ -36,6 +36,7 @@ struct TransportLimits {
     bool tablesRequired = false;  // the four also hold where none has been seen
     Time sectionGap = std::chrono::milliseconds(25);
     Time unreferenced = std::chrono::milliseconds(500);
+    bool operator==(const TransportLimits&) const = default;
 };
 
 struct PcrFigures {

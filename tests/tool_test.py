@@ -718,4 +718,5 @@ class Monitor(ToolTest):
         self.assertEqual(self.end(flood), 0)
 
 
-unittest.main(argv=sys.argv[:1] + sys.argv[3:], warnings="ignore")
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + sys.argv[3:], warnings="ignore")

@@ -1,5 +1,7 @@
 #include "base/StopSignal.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <ctime>
@@ -20,6 +22,17 @@ StopSignal::StopSignal(std::initializer_list<int> further) {
     sigaction(SIGPIPE, &ignore, nullptr);
 }
 
+void StopSignal::acceptReload() {
+    reloads_ = true;
+    hasTerminal_ = isatty(STDERR_FILENO) == 1;
+    sigaddset(&signals_, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+}
+
+bool StopSignal::takeReload() {
+    return reload_.exchange(false);
+}
+
 bool StopSignal::requested() {
     await(std::chrono::nanoseconds(0));
     return signal_ != 0;
@@ -32,7 +45,9 @@ void StopSignal::await(std::chrono::nanoseconds time) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(rest);
     const timespec wait{.tv_sec = seconds.count(), .tv_nsec = (rest - seconds).count()};
     const int signal = sigtimedwait(&signals_, nullptr, &wait);
-    if (signal > 0)
+    if (signal == SIGHUP && reloads_ && !(hasTerminal_ && isatty(STDERR_FILENO) != 1))
+        reload_ = true;
+    else if (signal > 0)
         signal_ = signal;
 }
 

@@ -1,4 +1,4 @@
-// A clean end on SIGINT, SIGTERM and the like.
+// A clean end on SIGINT, SIGTERM and the like, and a wish to read files again on SIGHUP.
 #ifndef TOOLS_BASE_STOPSIGNAL_H
 #define TOOLS_BASE_STOPSIGNAL_H
 
@@ -19,6 +19,12 @@ class StopSignal {
     // Further signals may end the command in the same way, unless they are ignored, as by nohup.
     explicit StopSignal(std::initializer_list<int> further = {});
 
+    // From now on, SIGHUP asks for a reload. It still ends the command where it tells that the
+    // terminal has gone on which the command was started.
+    void acceptReload();
+    // True once after one or more of these signals.
+    bool takeReload();
+
     // True from the first of the signals on.
     bool requested();
 
@@ -31,6 +37,9 @@ class StopSignal {
   private:
     sigset_t signals_;
     std::atomic<int> signal_{0};
+    std::atomic<bool> reload_{false};
+    bool reloads_ = false;
+    bool hasTerminal_ = false;
 };
 
 #endif

@@ -70,9 +70,11 @@ CommandModel configCommand() {
         "\n"
         "qxvrtp.toml(5) describes the format. Every error is one line: file, line, column, field.\n"
         "Names of hosts and interfaces are not looked up before a stream is opened.\n"
+        "With SIGHUP, the commands read their file again; streams whose entries are the same are\n"
+        "not touched, and a file with errors changes nothing.\n"
         "\n"
         "Examples:\n"
-        "  qxvrtp config check /etc/qxvrtp/news.toml && systemctl restart qxvrtp-send@news\n"
+        "  qxvrtp config check /etc/qxvrtp/news.toml && systemctl start qxvrtp-send@news\n"
         "  qxvrtp config show --json news.toml | jq '.send[].url'\n"
         "\n{}",
         kExitCodes);

@@ -16,6 +16,8 @@ class Failures {
   public:
     Failures(size_t channels, Progress& progress) : channels_(channels), progress_(progress) {}
 
+    void setChannels(size_t channels) { channels_ = channels; }
+
     void add(const std::string& text) {
         ++count_;
         last_ = text;
@@ -32,7 +34,7 @@ class Failures {
     }
 
   private:
-    const size_t channels_;
+    size_t channels_;
     Progress& progress_;
     size_t count_ = 0;
     std::string last_;

@@ -10,6 +10,7 @@
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
 #include "commands/ConfigCommand.h"
+#include "commands/ConfiguredStreams.h"
 #include "commands/Session.h"
 #include "config/ConfigFile.h"
 #include "config/ConfigRules.h"
@@ -21,6 +22,13 @@
 namespace {
 
 using Clock = Chain::Clock;
+
+struct MonitorOptions {
+    std::chrono::milliseconds interval{10000};  // of the lines and the metrics
+    bool json = false;
+    bool reportAtEnd = true;  // for people, unless there are lines of JSON
+    std::string metrics;      // file; empty = none
+};
 
 struct Arguments {
     std::vector<std::string> urls;
@@ -50,27 +58,29 @@ std::vector<std::string> factsOf(const MonitorChain& chain, const ts::AlarmEvent
 // All chains, and what is made of their findings.
 class Watching {
   public:
-    Watching(const std::vector<MonitorJob>& jobs, const MonitorOptions& options,
+    Watching(const JobSource<MonitorJob>& jobs, const MonitorOptions& options,
              std::optional<std::chrono::milliseconds> patience)
-        : options_(options), next_(Clock::now() + options.interval) {
-        for (const MonitorJob& job : jobs) {
-            auto chain = std::make_unique<MonitorChain>(job, means_, patience);
-            chains_.push_back(chain.get());
-            session_.add(std::move(chain));
-        }
-    }
+        : options_(options),
+          streams_(session_, jobs,
+                   [this, patience](const MonitorJob& job) {
+                       return std::make_unique<MonitorChain>(job, means_, patience);
+                   }),
+          next_(Clock::now() + options.interval) {}
 
     void run() {
         std::exception_ptr failure;
         try {
-            session_.run("streams could not be watched", [this] { attend(); });
+            session_.run("streams could not be watched", [this] {
+                attend();
+                return streams_.attend();
+            });
         } catch (const Failure&) {
             failure = std::current_exception();
         }
         report();
         lines_.finish(std::chrono::seconds(2));
         if (options_.reportAtEnd && !options_.json)
-            for (const MonitorChain* const chain : chains_)
+            for (const MonitorChain* const chain : streams_.chains())
                 if (chain->wasOpened())
                     fmt::print("{}\n", findingsText(findingsOf(*chain)));
         if (failure)
@@ -80,7 +90,7 @@ class Watching {
   private:
     void attend() {
         const auto now = Clock::now();
-        for (MonitorChain* const chain : chains_)
+        for (MonitorChain* const chain : streams_.chains())
             for (const ts::AlarmEvent& event : chain->takeAlarms())
                 tell(*chain, event);
         command_.run(now);
@@ -104,7 +114,7 @@ class Watching {
     void report() {
         std::vector<StreamFindings> streams;
         if (options_.json || !options_.metrics.empty())
-            for (const MonitorChain* const chain : chains_)
+            for (const MonitorChain* const chain : streams_.chains())
                 streams.push_back(findingsOf(*chain));
         if (options_.json)
             for (const StreamFindings& stream : streams)
@@ -135,7 +145,7 @@ class Watching {
     const MonitorOptions options_;
     MonitorMeans means_;
     Session session_;
-    std::vector<MonitorChain*> chains_;  // the session's
+    ConfiguredStreams<MonitorJob, MonitorChain> streams_;
     AlarmCommand command_;
     LineOutput lines_;
     Clock::time_point next_;
@@ -192,11 +202,6 @@ constexpr auto kHelp =
 
 }  // namespace
 
-void runMonitor(const std::vector<MonitorJob>& jobs, const MonitorOptions& options,
-                std::optional<std::chrono::milliseconds> patience) {
-    Watching(jobs, options, patience).run();
-}
-
 CommandModel monitorCommand() {
     CommandModel command("monitor", "Watch streams and raise alarms");
     const auto given = std::make_shared<Arguments>();
@@ -223,8 +228,10 @@ CommandModel monitorCommand() {
         if (!given->interval.empty())
             options.interval = duration("--interval", given->interval, 0.1, 1e6);
         const auto patience = duration("--patience", given->patience, 0.0, 1e9);
-        runMonitor(jobsOf(*given), options,
-                   given->config.empty() ? std::optional(patience) : std::nullopt);
+        // Watches until all have had their duration, or SIGINT or SIGTERM comes.
+        Watching({given->config, [given] { return jobsOf(*given); }}, options,
+                 given->config.empty() ? std::optional(patience) : std::nullopt)
+            .run();
     };
     return command;
 }

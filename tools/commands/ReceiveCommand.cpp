@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <map>
@@ -18,6 +19,7 @@
 #include "commands/Failures.h"
 #include "commands/ReceiveStatistics.h"
 #include "config/ConfigFile.h"
+#include "config/ConfigReload.h"
 #include "config/ConfigRules.h"
 #include "engine/Collector.h"
 #include "engine/HostModule.h"
@@ -31,21 +33,12 @@ using namespace std::chrono_literals;
 
 constexpr auto kLookInterval = 50ms;
 
-// A job and what comes of it.
+// A stream, and what has been done about it.
 struct Task {
-    const ReceiveJob* job;
-    StreamUrl url;
-    std::unique_ptr<ReceiveChain> chain;
+    std::shared_ptr<ReceiveChain> chain;
+    bool isLeaving = false;  // it is not in the file any more
     bool isConcluded = false;
 };
-
-std::vector<Task> makeTasks(const std::vector<ReceiveJob>& jobs) {
-    std::vector<Task> tasks;
-    tasks.reserve(jobs.size());
-    for (const ReceiveJob& job : jobs)
-        tasks.push_back({&job, parseStreamUrl(job.url), nullptr});
-    return tasks;
-}
 
 // What the collectors have to say, until it is shown.
 class Messages {
@@ -64,58 +57,95 @@ class Messages {
     std::vector<std::string> texts_;  // guarded by lock_
 };
 
+// Records all streams, until they have reached their limits or SIGINT or SIGTERM comes. The
+// collectors do the work; this thread tells what there is to tell.
 class Session {
   public:
-    Session(std::vector<Task> tasks, std::optional<std::chrono::milliseconds> patience)
-        : patience_(patience), tasks_(std::move(tasks)), failures_(tasks_.size(), progress_) {}
+    Session(JobSource<ReceiveJob> source, bool statistics,
+            std::optional<std::chrono::milliseconds> patience)
+        : source_(std::move(source)), statistics_(statistics), patience_(patience) {
+        if (!source_.file.empty())
+            signal_.acceptReload();
+    }
 
     void run() {
-        StopSignal signal;
-        uint32_t channel = 0;
-        for (Task& task : tasks_)
-            open(task, channel++);
-        std::map<dev_t, Collector> collectors;
-        for (const Task& task : tasks_)
-            if (!task.chain->hasEnded())
-                collectors.try_emplace(task.chain->output().place(), stop_)
-                    .first->second.add(*task.chain);
-        if (!collectors.empty())
-            module_.emplace();
-        for (auto& [place, collector] : collectors)
-            collector.start();
-        while (look() > 0) {
-            if (signal.requested() && stop_.load() == nullptr)
-                stop_ = signal.name();
+        start(source_.read());
+        while (look() > 0 || (stop_.load() == nullptr && (coming_ || reload_.isReading()))) {
+            if (signal_.requested() && stop_.load() == nullptr)
+                stop_ = signal_.name();
+            if (stop_.load() == nullptr)
+                reload();
             if (progress_.due())
                 progress_.show(describeProgress());
             std::this_thread::sleep_for(kLookInterval);
         }
-    }
-
-    void conclude(bool statistics) {
-        for (const Task& task : tasks_) {
-            const ReceiveStatistics result = makeStatistics(*task.job, task.url, *task.chain);
-            progress_.summary(describe(result));
-            if (result.skippedBytes > 0)
-                progress_.warn(describeSkipped(result));
-            if (statistics)
-                fmt::print(stderr, "{}\n", toJson(result));
-        }
+        for (const Task& task : tasks_)
+            sumUp(*task.chain);
         failures_.conclude("streams");
     }
 
   private:
+    void start(const std::vector<ReceiveJob>& jobs) {
+        const size_t first = tasks_.size();
+        for (const ReceiveJob& job : jobs)
+            open(job);
+        failures_.setChannels(tasks_.size());
+        for (size_t i = first; i < tasks_.size(); ++i) {
+            const auto& chain = tasks_[i].chain;
+            if (chain->hasEnded())
+                continue;
+            module_.get();
+            collectors_.try_emplace(chain->output().place(), stop_).first->second.add(chain);
+        }
+    }
+
     // Names that differ may be those of one file.
-    void open(Task& task, uint32_t channel) {
-        task.chain = std::make_unique<ReceiveChain>(
-            *task.job, task.url, module_, channel, patience_,
-            [this](const std::string& text) { messages_.add(text); });
-        task.chain->open();
+    void open(const ReceiveJob& job) {
+        const auto chain = std::make_shared<ReceiveChain>(
+            job, module_, patience_, [this](const std::string& text) { messages_.add(text); });
+        chain->open();
         for (const Task& other : tasks_)
-            if (other.chain && other.chain != task.chain &&
-                other.chain->output().sharesFileWith(task.chain->output()))
-                task.chain->end(fmt::format("{} is the file that {} is recorded to",
-                                            task.chain->output().name(), other.url.text));
+            if (other.chain->output().sharesFileWith(chain->output()))
+                chain->end(fmt::format("{} is the file that {} is recorded to",
+                                       chain->output().name(), other.chain->url().text));
+        tasks_.push_back({chain});
+    }
+
+    // A stream whose job is in the new file, too, is not touched. The others end first, so that
+    // those which are new find their channels, ports and files free.
+    void reload() {
+        if (!coming_ && !reload_.isReading() && signal_.takeReload())
+            reload_.begin(source_);
+        if (auto jobs = reload_.take([this](const auto& text) { progress_.warn(text); })) {
+            std::vector<ReceiveJob> old;
+            for (const Task& task : tasks_)
+                old.push_back(task.chain->job());
+            coming_ = changesOf(old, *std::move(jobs));
+            for (const size_t i : coming_->gone) {
+                tasks_[i].isLeaving = true;
+                tasks_[i].chain->askForEnd("SIGHUP");
+            }
+        }
+        const auto isLeaving = [](const Task& task) { return task.isLeaving; };
+        const auto hasLeft = [](const Task& task) { return !task.isLeaving || task.isConcluded; };
+        if (!coming_ || !std::all_of(tasks_.begin(), tasks_.end(), hasLeft))
+            return;
+        for (const Task& task : tasks_)
+            if (task.isLeaving)
+                sumUp(*task.chain);
+        std::erase_if(tasks_, isLeaving);
+        start(coming_->added);
+        progress_.warn(coming_->text());
+        coming_.reset();
+    }
+
+    void sumUp(const ReceiveChain& chain) {
+        const ReceiveStatistics result = makeStatistics(chain);
+        progress_.summary(describe(result));
+        if (result.skippedBytes > 0)
+            progress_.warn(describeSkipped(result));
+        if (statistics_)
+            fmt::print(stderr, "{}\n", toJson(result));
     }
 
     // Shows what there is to say, and returns how many streams still run.
@@ -124,7 +154,11 @@ class Session {
         for (Task& task : tasks_) {
             const bool ended = task.chain->figures().ended;
             running += ended ? 0 : 1;
-            if (ended && !std::exchange(task.isConcluded, true) && !task.chain->error().empty())
+            if (!ended || std::exchange(task.isConcluded, true) || task.chain->error().empty())
+                continue;
+            if (task.isLeaving)
+                progress_.warn(task.chain->error());
+            else
                 failures_.add(task.chain->error());
         }
         for (const std::string& message : messages_.take())
@@ -153,13 +187,19 @@ class Session {
                            formatBitrate(bitrate_bps), errors);
     }
 
+    StopSignal signal_;
+    const JobSource<ReceiveJob> source_;
+    const bool statistics_;  // a line of JSON for each stream when it has ended
     const std::optional<std::chrono::milliseconds> patience_;
-    std::optional<HostModule> module_;  // outlives the channels of the tasks
+    ModuleOnDemand module_;  // outlives the channels of the tasks
     std::atomic<const char*> stop_{nullptr};
     Messages messages_;
     Progress progress_;
     std::vector<Task> tasks_;
-    Failures failures_;
+    std::map<dev_t, Collector> collectors_;  // end before what they use
+    Failures failures_{0, progress_};
+    ConfigReload<ReceiveJob> reload_;
+    std::optional<JobChanges<ReceiveJob>> coming_;  // to be started when others have ended
 };
 
 struct Arguments {
@@ -218,13 +258,6 @@ void addArguments(CommandModel& command, Arguments& given) {
 
 }  // namespace
 
-void runReceive(const std::vector<ReceiveJob>& jobs, bool statistics,
-                std::optional<std::chrono::milliseconds> patience) {
-    Session session(makeTasks(jobs), patience);
-    session.run();
-    session.conclude(statistics);
-}
-
 CommandModel receiveCommand() {
     CommandModel command("receive", "Record transport streams");
     const auto given = std::make_shared<Arguments>();
@@ -261,10 +294,13 @@ CommandModel receiveCommand() {
         urlHelp());
     command.action = [given] {
         if (!given->config.empty())
-            runReceive(readReceiveJobs(given->config), given->statistics, std::nullopt);
+            Session({given->config, [given] { return readReceiveJobs(given->config); }},
+                    given->statistics, std::nullopt)
+                .run();
         else
-            runReceive(makeJobs(*given), given->statistics,
-                       duration("--patience", given->patience, 0.0, 1e9));
+            Session({"", [given] { return makeJobs(*given); }}, given->statistics,
+                    duration("--patience", given->patience, 0.0, 1e9))
+                .run();
     };
     return command;
 }

@@ -15,14 +15,13 @@ uint64_t ReceiveStatistics::bitrate_bps() const {
     return static_cast<uint64_t>(std::llround(static_cast<double>(bytes) * 8.0 / dataSeconds));
 }
 
-ReceiveStatistics makeStatistics(const ReceiveJob& job, const StreamUrl& url,
-                                 const ReceiveChain& chain) {
+ReceiveStatistics makeStatistics(const ReceiveChain& chain) {
     const auto seconds = [](auto time) {
         return std::round(std::chrono::duration<double>(time).count() * 1e3) / 1e3;
     };
     ReceiveStatistics result;
-    result.url = url.text;
-    result.output = job.output;
+    result.url = chain.url().text;
+    result.output = chain.job().output;
     result.files = chain.output().files();
     result.datagrams = chain.datagrams();
     result.datagramsDropped = chain.datagramsDropped();

@@ -30,8 +30,7 @@ struct ReceiveStatistics {
 };
 
 // Of a chain that has ended.
-ReceiveStatistics makeStatistics(const ReceiveJob& job, const StreamUrl& url,
-                                 const ReceiveChain& chain);
+ReceiveStatistics makeStatistics(const ReceiveChain& chain);
 
 // "udp://...: skipped 28 bytes (1 gap) that are not TS packets".
 std::string describeSkipped(const ReceiveStatistics& statistics);

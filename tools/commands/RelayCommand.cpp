@@ -9,6 +9,7 @@
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
 #include "commands/ConfigCommand.h"
+#include "commands/ConfiguredStreams.h"
 #include "commands/Session.h"
 #include "commands/ShapingOptions.h"
 #include "config/ConfigFile.h"
@@ -57,19 +58,17 @@ constexpr auto kHelp =
     "\n"
     "Ends with SIGINT or SIGTERM, successfully (0).\n";
 
-}  // namespace
-
-void runRelay(const std::vector<RelayJob>& jobs,
-              std::optional<std::chrono::milliseconds> patience) {
+// Sends on what arrives until SIGINT or SIGTERM comes. Sockets are tried for ever or, to begin
+// with, for that long.
+void runRelay(const JobSource<RelayJob>& jobs, std::optional<std::chrono::milliseconds> patience) {
     Session session;
-    uint32_t input = 0;
-    uint32_t output = 0;
-    for (const RelayJob& job : jobs) {
-        session.add(std::make_unique<RelayChain>(job, input++, output, session.module(), patience));
-        output += static_cast<uint32_t>(job.to.size());
-    }
-    session.run("relays failed");
+    ConfiguredStreams<RelayJob, RelayChain> streams(session, jobs, [&](const RelayJob& job) {
+        return std::make_unique<RelayChain>(job, session.module(), patience);
+    });
+    session.run("relays failed", [&] { return streams.attend(); });
 }
+
+}  // namespace
 
 CommandModel relayCommand() {
     CommandModel command("relay", "Forward an incoming stream to other addresses");
@@ -94,9 +93,9 @@ CommandModel relayCommand() {
         given->job.shaping = shaping(given->shaping);
         const auto patience = duration("--patience", given->patience, 0.0, 1e9);
         if (!given->config.empty())
-            return runRelay(readRelayJobs(given->config), std::nullopt);
+            return runRelay({given->config, [given] { return readRelayJobs(given->config); }}, {});
         checkArguments(given->job);
-        runRelay({given->job}, patience);
+        runRelay({"", [given] { return std::vector{given->job}; }}, patience);
     };
     return command;
 }

@@ -9,6 +9,7 @@
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
 #include "commands/ConfigCommand.h"
+#include "commands/ConfiguredStreams.h"
 #include "commands/Session.h"
 #include "commands/ShapingOptions.h"
 #include "config/ConfigFile.h"
@@ -27,13 +28,13 @@ struct Arguments {
     ShapingArguments shaping;
     std::string config;
     bool loop = false;
+    bool follow = false;
 };
 
 std::vector<SendJob> jobsOf(const Arguments& given) {
-    if (!given.config.empty())
-        return readSendJobs(given.config);
     SendJob job;
     job.loop = given.loop;
+    job.follow = given.follow;
     if (!given.bitrate.empty())
         job.bitrate_bps = bitrate("--bitrate", given.bitrate);
     if (!given.start.empty())
@@ -83,18 +84,25 @@ constexpr auto kHelp =
     "Loop: the file begins again without a pause, at the same rate, with no byte changed: PCRs\n"
     "and continuity counters jump there, unannounced, as in any stream that is spliced without\n"
     "being processed.\n"
+    "Follow: what is appended to the file goes on at the stream's own pace. What comes too late\n"
+    "makes a pause, as on a pipe, and is not made up for. The end behind the last PCR waits for\n"
+    "more. A file that has become shorter is sent from its beginning, and so is another one that\n"
+    "has taken its name, once the first has been sent. A FIFO waits for its next writer.\n"
     "Times are in the stream's own time, by its PCRs, or by --bitrate where it has none. --start\n"
     "holds for each turn of a loop, --duration for all turns together.\n";
 
-}  // namespace
-
-void runSend(const std::vector<SendJob>& jobs, std::optional<std::chrono::milliseconds> patience) {
+// Sends each job's stream on a channel of its own, at most 16, and returns when all of them have
+// left. A job that fails does not stop the others; with a limit to the patience, a job fails whose
+// output does not begin.
+void runSend(const JobSource<SendJob>& jobs, std::optional<std::chrono::milliseconds> patience) {
     Session session;
-    uint32_t channel = 0;
-    for (const SendJob& job : jobs)
-        session.add(std::make_unique<SendChain>(job, channel++, session.module(), patience));
-    session.run("streams were not sent to their end");
+    ConfiguredStreams<SendJob, SendChain> streams(session, jobs, [&](const SendJob& job) {
+        return std::make_unique<SendChain>(job, session.module(), patience);
+    });
+    session.run("streams were not sent to their end", [&] { return streams.attend(); });
 }
+
+}  // namespace
 
 CommandModel sendCommand() {
     CommandModel command("send", "Send transport streams");
@@ -108,6 +116,11 @@ CommandModel sendCommand() {
                       "the pace of the stream's PCRs");
     command.addFlag("-l,--loop", given->loop,
                     "Repeat the input, which has to be a file, until a signal comes");
+    command
+        .addFlag("-f,--follow", given->follow,
+                 "At the end of the input, wait for what is appended to the file, until a signal "
+                 "comes")
+        .exclude({"--loop"});
     command.addOption("-s,--start", given->start, "SECONDS",
                       "Skip this much of the stream at the beginning");
     command.addOption("-d,--duration", given->duration, "SECONDS",
@@ -120,7 +133,9 @@ CommandModel sendCommand() {
     command.footer = kHelp + urlHelp();
     command.action = [given] {
         const auto patience = duration("--patience", given->patience, 0.0, 1e9);
-        runSend(jobsOf(*given), given->config.empty() ? std::optional(patience) : std::nullopt);
+        if (!given->config.empty())
+            return runSend({given->config, [given] { return readSendJobs(given->config); }}, {});
+        runSend({"", [given] { return jobsOf(*given); }}, patience);
     };
     return command;
 }

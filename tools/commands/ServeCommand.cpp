@@ -188,6 +188,7 @@ void runServe(const HttpServer::Settings& settings, const std::vector<MonitorJob
         for (const auto& monitor : monitors)
             for (const std::string& event : monitor->takeEvents())
                 printError(printable(monitor->name() + ": " + event) + "\n");
+        return false;
     });
     board.close();
     for (size_t i = 0; i <= monitors.size(); ++i)

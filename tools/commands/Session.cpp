@@ -33,10 +33,30 @@ void Session::add(std::unique_ptr<Chain> chain) {
     told_.push_back(false);
 }
 
-void Session::run(const std::string& things, const std::function<void()>& also) {
+void Session::remove(const std::vector<size_t>& streams) {
+    std::vector<std::unique_ptr<Chain>> removed;
+    for (const size_t i : streams) {
+        chains_[i]->cancel();
+        sumUp(*chains_[i]);
+        removed.push_back(std::move(chains_[i]));
+        const auto at = static_cast<std::ptrdiff_t>(i);
+        chains_.erase(chains_.begin() + at);
+        told_.erase(told_.begin() + at);
+        runner_.remove(i);
+    }
+    removed_ =
+        std::async(std::launch::async, [chains = std::move(removed)]() mutable { chains.clear(); });
+}
+
+bool Session::removedHaveEnded() const {
+    return !removed_.valid() ||
+           removed_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+void Session::run(const std::string& things, const std::function<bool()>& also) {
     runner_.run([&] {
         attend();
-        also();
+        return also();
     });
     attend();
     conclude(things);
@@ -83,13 +103,17 @@ std::exception_ptr Session::failure(size_t i) const {
         Failure(fmt::format("stopped by {} before {}", stop_.name(), *unfinished)));
 }
 
+void Session::sumUp(const Chain& chain) {
+    if (const std::string summary = chain.summary(); !summary.empty())
+        progress_.summary(summary);
+    for (const std::string& warning : chain.warnings())
+        progress_.warn(warning);
+}
+
 void Session::conclude(const std::string& things) {
     size_t failed = 0;
     for (size_t i = 0; i < chains_.size(); ++i) {
-        if (const std::string summary = chains_[i]->summary(); !summary.empty())
-            progress_.summary(summary);
-        for (const std::string& warning : chains_[i]->warnings())
-            progress_.warn(warning);
+        sumUp(*chains_[i]);
         const auto why = failure(i);
         failed += why ? 1 : 0;
         if (why && !told_[i] && chains_.size() > 1)

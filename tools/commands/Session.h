@@ -5,6 +5,7 @@
 #include <chrono>
 #include <exception>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,16 +30,28 @@ class Session {
 
     void add(std::unique_ptr<Chain> chain);
 
+    // Takes streams out, by their numbers in the order of add(), the highest first; those behind
+    // move up. They end beside the others, since some take up to a second; until they have, their
+    // channels and ports are not free.
+    void remove(const std::vector<size_t>& streams);
+    bool removedHaveEnded() const;
+
+    // The command reads its configuration again on SIGHUP: takeReload() tells when.
+    void acceptReload() { stop_.acceptReload(); }
+    bool takeReload() { return stop_.takeReload(); }
+
     // Throws the failure of the only stream, or Failure with `things` ("relays failed"), where some
-    // of several have failed. `also` is called each time when the chains have run.
+    // of several have failed. `also` is called each time when the chains have run; while it returns
+    // true, more streams may come, even if all have ended.
     void run(
-        const std::string& things, const std::function<void()>& also = [] {});
+        const std::string& things, const std::function<bool()>& also = [] { return false; });
 
     // Says something above the progress.
     void tell(const std::string& text) { progress_.warn(text); }
 
   private:
     void attend();
+    void sumUp(const Chain& chain);
     void warn(size_t i, const std::string& text);
     std::exception_ptr failure(size_t i) const;
     void conclude(const std::string& things);
@@ -48,6 +61,7 @@ class Session {
     ModuleOnDemand module_;
     std::vector<std::unique_ptr<Chain>> chains_;
     std::vector<bool> told_;
+    std::future<void> removed_;  // all that was removed has ended when it is ready
     Progress progress_;
     // The room that the streams' first seconds took, by which their rates are told, goes back to
     // the system then.

@@ -129,12 +129,17 @@ class FileReader {
         job.url = entry.text("url");
         job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
         job.loop = entry.flag("loop");
+        job.follow = entry.flag("follow");
+        if (job.loop && job.follow)
+            problems_.add(entry.place("follow"), "excludes 'loop'");
         job.shaping = shaping(entry);
         job.start = entry.seconds("start", 0.0);
         job.duration = entry.seconds("duration", 0.001);
         rules_.addInput(job.input, entry.place("input"));
         if (job.loop)
             rules_.repeatInput(job.input, entry.place("loop"));
+        if (job.follow)
+            rules_.followInput(job.input, entry.place("follow"));
         if (const auto destination = url(job.url, entry.place("url"), checkDestination))
             rules_.addDestination(*destination, entry.place("url"));
         return job;
@@ -265,6 +270,8 @@ toml::table tableOf(const SendJob& job) {
     writer.number("bitrate", job.bitrate_bps);
     writer.shaping(job.shaping);
     writer.table.insert("loop", job.loop);
+    if (job.follow)
+        writer.table.insert("follow", true);
     writer.seconds("start", job.start);
     writer.seconds("duration", job.duration);
     return std::move(writer.table);

@@ -174,6 +174,11 @@ void ConfigRules::repeatInput(const std::string& path, const ConfigPlace& place)
         problems_.add(place, "standard input cannot be repeated");
 }
 
+void ConfigRules::followInput(const std::string& path, const ConfigPlace& place) {
+    if (path == "-")
+        problems_.add(place, "standard input ends when its writer ends it");
+}
+
 void ConfigRules::rotateOutput(const std::string& path, const ConfigPlace& place) {
     if (path == "-")
         problems_.add(place, "standard output cannot be followed by a new file");
@@ -279,6 +284,8 @@ void checkArguments(const std::vector<SendJob>& jobs) {
         rules.addInput(jobs[i].input, argument("INPUT", i));
         if (jobs[i].loop)
             rules.repeatInput(jobs[i].input, {0, 0, "--loop"});
+        if (jobs[i].follow)
+            rules.followInput(jobs[i].input, {0, 0, "--follow"});
         rules.addDestination(checkedUrl(jobs[i].url, checkDestination), argument("URL", i));
     }
     problems.throwFirst();

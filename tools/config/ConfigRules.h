@@ -50,6 +50,7 @@ class ConfigRules {
 
     // The places are those of the wish.
     void repeatInput(const std::string& path, const ConfigPlace& place);
+    void followInput(const std::string& path, const ConfigPlace& place);
     void rotateOutput(const std::string& path, const ConfigPlace& place);
 
     // Returns the number of the source, or none where there are too many.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "TransportStream.h"
 #include "base/Errors.h"
@@ -27,10 +28,10 @@ constexpr ts::Time kShortestSteering = 35ms;
 
 }  // namespace
 
-ChannelOutput::ChannelOutput(const StreamUrl& url, uint32_t number, ModuleOnDemand& module,
+ChannelOutput::ChannelOutput(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module,
                              std::optional<std::chrono::milliseconds> patience,
                              std::vector<std::string>& events)
-    : url_(url), number_(number), module_(module), patience_(patience), events_(events) {
+    : url_(url), number_(std::move(number)), module_(module), patience_(patience), events_(events) {
     checkDestination(url_);
     setPacketSize(kPacketBytes);
 }
@@ -49,8 +50,8 @@ bool ChannelOutput::start(Clock::time_point now, uint32_t rate_bps, uint32_t rin
     try {
         const auto url = addresses_.poll(url_);
         if (url) {
-            channel_ = std::make_unique<SendChannel>(module, number_, sendConfig(*url), rate_bps_,
-                                                     ringBytes);
+            channel_ = std::make_unique<SendChannel>(module, number_.value(), sendConfig(*url),
+                                                     rate_bps_, ringBytes);
             state_ = {};
             return true;
         }

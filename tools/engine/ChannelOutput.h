@@ -27,7 +27,7 @@ class ChannelOutput {
 
     // The events go to the chain's, which outlive the object, as the module does. Only what does
     // not even begin within the patience, where there is one, throws Failure.
-    ChannelOutput(const StreamUrl& url, uint32_t number, ModuleOnDemand& module,
+    ChannelOutput(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module,
                   std::optional<std::chrono::milliseconds> patience,
                   std::vector<std::string>& events);
 
@@ -96,7 +96,7 @@ class ChannelOutput {
     void comeBack(Clock::time_point now);
 
     const StreamUrl url_;
-    const uint32_t number_;
+    const ChannelNumber number_;
     ModuleOnDemand& module_;
     const std::optional<std::chrono::milliseconds> patience_;
     std::vector<std::string>& events_;

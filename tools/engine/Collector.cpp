@@ -5,6 +5,7 @@
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -22,8 +23,24 @@ Collector::~Collector() {
         thread_.join();
 }
 
-void Collector::start() {
+void Collector::add(std::shared_ptr<ReceiveChain> chain) {
+    const std::lock_guard lock(lock_);
+    added_.push_back(std::move(chain));
+    if (std::exchange(runs_, true))
+        return;
+    if (thread_.joinable())
+        thread_.join();
     thread_ = std::thread([this] { run(); });
+}
+
+// False: there is nothing left to do.
+bool Collector::takeAdded() {
+    const std::lock_guard lock(lock_);
+    for (auto& chain : added_)
+        chains_.push_back(std::move(chain));
+    added_.clear();
+    runs_ = !chains_.empty();
+    return runs_;
 }
 
 void Collector::run() {
@@ -31,21 +48,18 @@ void Collector::run() {
     // The system may wake this thread together with others.
     prctl(PR_SET_TIMERSLACK, std::chrono::nanoseconds(1ms).count());
     std::vector<uint8_t> space(kSpaceBytes);
-    for (auto last = Clock::now();;) {
+    for (auto last = Clock::now(); takeAdded();) {
         const auto now = Clock::now();
-        bool running = false;
         double filled = 0.0;
         auto due = Clock::time_point::max();
-        for (ReceiveChain* const chain : chains_) {
-            if (chain->hasEnded())
-                continue;
+        for (const auto& chain : chains_) {
             chain->serve(space, stop_.load());
-            running |= !chain->hasEnded();
             filled = std::max(filled, chain->filled());
             due = std::min(due, chain->due());
         }
-        if (!running)
-            return;
+        std::erase_if(chains_, [](const auto& chain) { return chain->hasEnded(); });
+        if (chains_.empty())
+            continue;
         const std::chrono::duration<double> sinceLast = now - last;
         const auto pause = std::clamp(sinceLast * (kMostFilled / std::max(filled, 1e-9)),
                                       kShortestPause, kLongestPause);
@@ -57,8 +71,8 @@ void Collector::run() {
 // Until that time, or until there is room in a pipe again.
 void Collector::wait(Clock::time_point until) {
     std::vector<pollfd> pipes;
-    for (const ReceiveChain* const chain : chains_)
-        if (const int pipe = chain->hasEnded() ? -1 : chain->fullPipe(); pipe >= 0)
+    for (const auto& chain : chains_)
+        if (const int pipe = chain->fullPipe(); pipe >= 0)
             pipes.push_back({pipe, POLLOUT, 0});
     const auto left = std::max(until - Clock::now(), Clock::duration::zero());
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);

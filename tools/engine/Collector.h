@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -16,7 +18,7 @@
 // A pipe never makes it wait, but a disk may. So there is one such thread for each file system that
 // is written, and one for all the rest.
 //
-// Thread safety: one thread adds chains, and starts and ends the collector.
+// Thread safety: one thread adds chains and ends the collector.
 class Collector {
   public:
     // Set to the name of a signal, `stop` asks all chains for the end.
@@ -25,8 +27,8 @@ class Collector {
     Collector& operator=(const Collector&) = delete;
     ~Collector();  // waits for the end of all chains
 
-    void add(ReceiveChain& chain) { chains_.push_back(&chain); }
-    void start();
+    // The chain is served until it ends.
+    void add(std::shared_ptr<ReceiveChain> chain);
 
   private:
     using Clock = ReceiveChain::Clock;
@@ -34,8 +36,13 @@ class Collector {
     void run();
     void wait(Clock::time_point until);
 
+    bool takeAdded();
+
     const std::atomic<const char*>& stop_;
-    std::vector<ReceiveChain*> chains_;
+    std::vector<std::shared_ptr<ReceiveChain>> chains_;  // the thread's
+    std::mutex lock_;
+    std::vector<std::shared_ptr<ReceiveChain>> added_;  // guarded by lock_
+    bool runs_ = false;                                 // guarded by lock_
     std::thread thread_;
 };
 

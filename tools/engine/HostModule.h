@@ -8,6 +8,7 @@
 
 #include "QXV_RTP.h"
 #include "base/Errors.h"
+#include "engine/ChannelNumbers.h"
 #include "media/StreamUrl.h"
 
 // The tool does not link with the module: loading it replaces the shared table of this machine's
@@ -61,12 +62,19 @@ class HostModule {
 };
 
 // The module, loaded when it is asked for first: a command whose input turns out to be no stream
-// does not replace the shared table of this machine's other users.
+// does not replace the shared table of this machine's other users. Its channels are given out here.
+//
+// Thread safety: one thread asks for it first; then any does.
 class ModuleOnDemand {
   public:
     HostModule& get() { return module_ ? *module_ : module_.emplace(); }
 
+    ChannelNumber sendNumber() { return sending_.take(); }
+    ChannelNumber receiveNumber() { return receiving_.take(); }
+
   private:
+    ChannelNumbers sending_;
+    ChannelNumbers receiving_;
     std::optional<HostModule> module_;
 };
 

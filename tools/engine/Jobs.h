@@ -1,4 +1,5 @@
-// What a service is to do: an entry of a configuration file, or the arguments of one command.
+// What a service is to do: an entry of a configuration file, or the arguments of one command. A
+// stream whose job is equal after its file has changed is not touched.
 #ifndef TOOLS_ENGINE_JOBS_H
 #define TOOLS_ENGINE_JOBS_H
 
@@ -17,6 +18,7 @@ struct Shaping {
     std::optional<uint32_t> rate_bps = std::nullopt;  // none = the least that the beginning allows
     std::optional<std::chrono::milliseconds> delay = std::nullopt;
     bool asIs = false;
+    bool operator==(const Shaping&) const = default;
 };
 
 // Whether a stream is made constant on its way to a URL. A rate that is given excludes it.
@@ -30,10 +32,12 @@ struct SendJob {
     std::string url;
     std::optional<uint32_t> bitrate_bps;  // none = by the stream's PCRs
     bool loop = false;
+    bool follow = false;  // wait for what is appended
     // Both in the stream's own time: what is skipped at the beginning, and what is sent.
     std::optional<std::chrono::milliseconds> start = std::nullopt;
     std::optional<std::chrono::milliseconds> duration = std::nullopt;
     Shaping shaping = {};
+    bool operator==(const SendJob&) const = default;
 };
 
 struct ReceiveJob {
@@ -44,6 +48,7 @@ struct ReceiveJob {
     std::optional<std::chrono::milliseconds> idleTimeout;  // ends without data for so long
     std::optional<uint64_t> rotateBytes;                   // a new file after so many bytes
     std::optional<std::chrono::milliseconds> rotateTime;   // and after so long
+    bool operator==(const ReceiveJob&) const = default;
 };
 
 struct RelayJob {
@@ -51,6 +56,7 @@ struct RelayJob {
     std::vector<std::string> to;
     std::optional<uint32_t> bitrate_bps;  // none = by the stream's PCRs
     Shaping shaping = {};
+    bool operator==(const RelayJob&) const = default;
 };
 
 struct MonitorJob {
@@ -59,6 +65,7 @@ struct MonitorJob {
     std::optional<std::chrono::milliseconds> duration;  // from the opening of the socket
     std::string onAlarm;                                // empty = no command
     ts::MonitorLimits limits = {};
+    bool operator==(const MonitorJob&) const = default;
 };
 
 #endif

@@ -19,13 +19,12 @@ constexpr uint32_t kLongestDatagram = 65535;
 
 }  // namespace
 
-ReceiveChain::ReceiveChain(const ReceiveJob& job, const StreamUrl& url,
-                           std::optional<HostModule>& module, uint32_t channel,
+ReceiveChain::ReceiveChain(const ReceiveJob& job, ModuleOnDemand& module,
                            std::optional<Clock::duration> patience, Report report)
     : job_(job),
-      url_(url),
+      url_(parseStreamUrl(job.url)),
       module_(module),
-      number_(channel),
+      number_(module.receiveNumber()),
       patience_(patience),
       report_(std::move(report)),
       output_(job.output, Rotation{job.rotateBytes, job.rotateTime}) {}
@@ -69,7 +68,7 @@ void ReceiveChain::connect() {
             if (!url)
                 return awaitSocket(
                     fmt::format("the address of {} has not been found yet", url_.text));
-            channel_.emplace(*module_, number_, receiveConfig(*url));
+            channel_.emplace(module_.get(), number_->value(), receiveConfig(*url));
         } catch (const std::exception& failure) {
             retry_ = now_ + kRetryInterval;
             return awaitSocket(failure.what());
@@ -94,7 +93,7 @@ void ReceiveChain::awaitSocket(const std::string& what) {
 
 void ReceiveChain::serve(std::span<uint8_t> space, const char* stop) {
     now_ = Clock::now();
-    stop_ = stop;
+    stop_ = stop != nullptr ? stop : ownStop_.load();
     pipeIsFull_ = false;
     filled_ = 0.0;
     try {
@@ -280,6 +279,7 @@ void ReceiveChain::end(const std::string& error) {
     nextFigures_ = {};
     publish();
     channel_.reset();
+    number_.reset();
     figures_.ended.store(true, std::memory_order_release);
 }
 

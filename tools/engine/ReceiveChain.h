@@ -25,16 +25,19 @@
 // is over. The chain ends with an error only where it was started with a patience that is used up
 // before anything could be received, and when the reader of standard output has gone.
 //
-// Thread safety: one thread serves it; any thread reads the figures.
+// Thread safety: one thread serves it; any thread reads the figures and asks for the end.
 class ReceiveChain {
   public:
     using Clock = std::chrono::steady_clock;
     using Report = std::function<void(const std::string&)>;
 
-    // With a patience, the output must be there at once and the socket within that time. The job,
-    // the URL and the module outlive the chain; the module has to be there when it is served.
-    ReceiveChain(const ReceiveJob& job, const StreamUrl& url, std::optional<HostModule>& module,
-                 uint32_t channel, std::optional<Clock::duration> patience, Report report);
+    // With a patience, the output must be there at once and the socket within that time. The module
+    // outlives the chain, and has to be there when it is served.
+    ReceiveChain(const ReceiveJob& job, ModuleOnDemand& module,
+                 std::optional<Clock::duration> patience, Report report);
+
+    const ReceiveJob& job() const { return job_; }
+    const StreamUrl& url() const { return url_; }
 
     // Tries to open the output, before the chain is served.
     void open();
@@ -43,6 +46,8 @@ class ReceiveChain {
     // Does what is to be done now; `space` is for the data. `stop` names the signal that asks for
     // the end, which comes within a second, or is null.
     void serve(std::span<uint8_t> space, const char* stop);
+    // Asks for the end of this chain alone.
+    void askForEnd(const char* signal) { ownStop_ = signal; }
 
     // Ends the chain, and gives the channel and the output back; no error = done.
     void end(const std::string& error);
@@ -99,16 +104,17 @@ class ReceiveChain {
     void outputFails(const std::string& what);
     void publish();
 
-    const ReceiveJob& job_;
-    const StreamUrl& url_;
+    const ReceiveJob job_;
+    const StreamUrl url_;
     LookUp addresses_;
-    std::optional<HostModule>& module_;
-    const uint32_t number_;
+    ModuleOnDemand& module_;
+    std::optional<ChannelNumber> number_;  // until the end
     const std::optional<Clock::duration> patience_;
     const Report report_;
 
     State state_ = State::kOpening;
     const char* stop_ = nullptr;
+    std::atomic<const char*> ownStop_{nullptr};
     Clock::time_point now_ = Clock::now();
     FileOutput output_;
     std::optional<ReceiveChannel> channel_;

@@ -47,8 +47,8 @@ RelayBranch::RelayBranch(const RelayJob& job, bool rtp, std::vector<std::string>
       isMadeConstant_(isMadeConstant(job.shaping, rtp, job.bitrate_bps)),
       events_(events) {}
 
-void RelayBranch::add(const StreamUrl& url, uint32_t number, ModuleOnDemand& module) {
-    outputs_.emplace_back(url, number, module, events_);
+void RelayBranch::add(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module) {
+    outputs_.emplace_back(url, std::move(number), module, events_);
 }
 
 void RelayBranch::makeShaper() {

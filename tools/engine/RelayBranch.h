@@ -32,7 +32,7 @@ class RelayBranch {
     // `rtp` outputs, or raw ones. The events go to the chain's.
     RelayBranch(const RelayJob& job, bool rtp, std::vector<std::string>& events);
 
-    void add(const StreamUrl& url, uint32_t number, ModuleOnDemand& module);
+    void add(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module);
 
     // Whole packets, which came now.
     void push(std::span<const uint8_t> packets, size_t packetSize, Clock::time_point now);
@@ -60,9 +60,9 @@ class RelayBranch {
 
   private:
     struct Output {
-        Output(const StreamUrl& url, uint32_t number, ModuleOnDemand& module,
+        Output(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module,
                std::vector<std::string>& events)
-            : channel(url, number, module, std::nullopt, events) {}
+            : channel(url, std::move(number), module, std::nullopt, events) {}
 
         ChannelOutput channel;
         bool works = false;

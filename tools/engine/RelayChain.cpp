@@ -25,14 +25,17 @@ std::chrono::milliseconds whole(std::chrono::nanoseconds time) {
 
 }  // namespace
 
-RelayChain::RelayChain(const RelayJob& job, uint32_t input, uint32_t firstOutput,
-                       ModuleOnDemand& module, std::optional<std::chrono::milliseconds> patience)
+RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module,
+                       std::optional<std::chrono::milliseconds> patience)
     : job_(job),
       url_(parseStreamUrl(job.from)),
-      number_(input),
+      number_(module.receiveNumber()),
       module_(module),
       patience_(patience),
       data_(kInputBytes) {
+    std::vector<ChannelNumber> numbers;  // in the order of the outputs
+    for (size_t i = 0; i < job_.to.size(); ++i)
+        numbers.push_back(module.sendNumber());
     for (const bool rtp : {false, true}) {
         RelayBranch branch(job_, rtp, events_);
         bool used = false;
@@ -40,7 +43,7 @@ RelayChain::RelayChain(const RelayJob& job, uint32_t input, uint32_t firstOutput
             const StreamUrl url = parseStreamUrl(job_.to[i]);
             if (url.rtp != rtp)
                 continue;
-            branch.add(url, firstOutput + static_cast<uint32_t>(i), module_);
+            branch.add(url, std::move(numbers[i]), module_);
             used = true;
         }
         if (used)
@@ -70,7 +73,7 @@ void RelayChain::openInput(Clock::time_point now) {
     retry_ = now + kRetry;
     try {
         if (const auto url = address_.poll(url_))
-            channel_.emplace(module_.get(), number_, receiveConfig(*url));
+            channel_.emplace(module_.get(), number_.value(), receiveConfig(*url));
         else
             trouble_ = fmt::format("the address of {} has not been found yet", url_.text);
     } catch (const Failure& failure) {

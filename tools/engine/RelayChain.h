@@ -25,7 +25,7 @@
 // the outputs.
 class RelayChain : public Chain {
   public:
-    RelayChain(const RelayJob& job, uint32_t input, uint32_t firstOutput, ModuleOnDemand& module,
+    RelayChain(const RelayJob& job, ModuleOnDemand& module,
                std::optional<std::chrono::milliseconds> patience);
 
     std::optional<Clock::time_point> run(Clock::time_point now) override;
@@ -47,7 +47,7 @@ class RelayChain : public Chain {
 
     const RelayJob job_;
     const StreamUrl url_;
-    const uint32_t number_;
+    const ChannelNumber number_;
     ModuleOnDemand& module_;
     const std::optional<std::chrono::milliseconds> patience_;
     std::vector<RelayBranch> branches_;

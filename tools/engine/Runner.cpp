@@ -5,6 +5,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds kGrid{20};
+constexpr std::chrono::milliseconds kSoon{5};
 
 // A little earlier than asked for, where that is a time which the chains share.
 Runner::Clock::time_point shared(Runner::Clock::time_point due, Runner::Clock::time_point now) {
@@ -25,17 +26,16 @@ void Runner::step(Entry& entry, Clock::time_point now) {
     }
 }
 
-void Runner::run(const std::function<void()>& attend) {
+void Runner::run(const std::function<bool()>& attend) {
     while (!stop_.requested()) {
         const auto now = Clock::now();
-        auto next = Clock::time_point::max();
-        for (Entry& entry : entries_) {
+        for (Entry& entry : entries_)
             if (!entry.ended && entry.due <= now)
                 step(entry, now);
+        auto next = attend() ? now + kSoon : Clock::time_point::max();
+        for (const Entry& entry : entries_)
             if (!entry.ended)
                 next = std::min(next, entry.due);
-        }
-        attend();
         if (next == Clock::time_point::max())
             return;
         stop_.await(next - Clock::now());

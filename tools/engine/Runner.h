@@ -17,14 +17,18 @@ class Runner {
 
     explicit Runner(StopSignal& stop) : stop_(stop) {}
 
-    // The chain must outlive run().
+    // The chain must outlive run(), or be removed before its end.
     void add(Chain& chain) { entries_.push_back({&chain, Clock::now(), false, nullptr}); }
 
     // Returns when all chains have ended, or a stop is requested. `attend` is called after each
-    // round, on this thread.
-    void run(const std::function<void()>& attend);
+    // round, on this thread, and may add and remove chains. While it returns true, it is called
+    // again soon, even if there is no chain.
+    void run(const std::function<bool()>& attend);
 
-    // By the order in which the chains were added.
+    // By the order in which the chains were added; those behind move up.
+    void remove(size_t chain) {
+        entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(chain));
+    }
     bool ended(size_t chain) const { return entries_[chain].ended; }
     const std::exception_ptr& failure(size_t chain) const { return entries_[chain].failure; }
 

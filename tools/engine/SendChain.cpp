@@ -30,6 +30,8 @@ constexpr uint32_t kPipeRing = 1024 * 1024;
 constexpr double kRaise = 1.25;
 // Later than that, what was to be sent cannot be made up for.
 constexpr ts::Time kLost = 500ms;
+// What is appended to a file in larger parts would else leave in bursts.
+constexpr ts::Time kLateFollower = 60ms;
 constexpr uint32_t kMostEmptyLooks = 5;
 
 constexpr auto kRetry = 500ms;
@@ -49,14 +51,14 @@ double seconds(std::chrono::nanoseconds time) {
 
 }  // namespace
 
-SendChain::SendChain(const SendJob& job, uint32_t channel, ModuleOnDemand& module,
+SendChain::SendChain(const SendJob& job, ModuleOnDemand& module,
                      std::optional<std::chrono::milliseconds> patience)
     : job_(job),
       url_(parseStreamUrl(job.url)),
       patience_(patience),
       isMadeConstant_(isMadeConstant(job.shaping, url_.rtp, job.bitrate_bps)),
       follows_(!job.bitrate_bps && !url_.rtp && !isMadeConstant_),
-      output_(url_, channel, module, patience, events_) {}
+      output_(url_, module.sendNumber(), module, patience, events_) {}
 
 std::string SendChain::name() const {
     return fmt::format("{} -> {}", job_.input, job_.url);
@@ -99,7 +101,7 @@ std::optional<Chain::Clock::time_point> SendChain::run(Clock::time_point now) {
 
 bool SendChain::openInput(Clock::time_point now) {
     try {
-        source_.emplace(job_.input, job_.loop);
+        source_.emplace(job_.input, job_.loop, job_.follow);
         return true;
     } catch (const Failure& failure) {
         if (patience_)
@@ -123,7 +125,8 @@ bool SendChain::prepareShaper() {
         options.least_bps = leastRate_bps_;
         options.delay = job_.shaping.delay.value_or(whole(options.delay));
         shaper_ = std::make_unique<ts::ConstantRate>(
-            source_->packetSize(), source_->isFile() ? ts::InputKind::kFile : ts::InputKind::kLive,
+            source_->packetSize(),
+            source_->isFile() && !job_.follow ? ts::InputKind::kFile : ts::InputKind::kLive,
             options);
     } else {
         auto ownPace =
@@ -239,6 +242,8 @@ void SendChain::feed(Clock::time_point now) {
             lasts_ = now + (due && size == output_.payload() ? *due - streamTime(now) : lead());
     }
     const auto next = shaper_->next();
+    if (!next)  // what follows has yet to come
+        lasts_ = std::min(lasts_, now + output_.buffered());
     if (next && follows_)
         output_.steer(*next - streamTime(now), shaper_->rate().value_or(output_.rate()));
     if (isMadeConstant_)
@@ -252,7 +257,8 @@ void SendChain::keepUp(Clock::time_point now) {
     const bool isEmpty = output_.isEmpty();
     emptyLooks_ = isEmpty && now + kInterval < lasts_ ? emptyLooks_ + 1 : 0;
     const auto next = shaper_->next();
-    const bool late = next && streamTime(now) - *next > kLost;
+    const bool late =
+        next && streamTime(now) - *next > (job_.follow && !url_.rtp ? kLateFollower : kLost);
     if (late && varies() && !isEmpty) {
         output_.setRate(output_.rate() * kRaise);
         output_.countRateChange();
@@ -342,7 +348,7 @@ std::string SendChain::inputName() const {
     return source_ ? source_->name() : fmt::format("'{}'", job_.input);
 }
 
-// A loop has no other end than a signal, unless it was given one.
+// A loop, or a file that is followed, has no other end than a signal, unless it was given one.
 std::optional<std::string> SendChain::unfinished() const {
-    return job_.loop ? std::nullopt : std::optional("the end of " + inputName());
+    return job_.loop || job_.follow ? std::nullopt : std::optional("the end of " + inputName());
 }

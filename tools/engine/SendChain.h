@@ -28,7 +28,7 @@
 class SendChain : public Chain {
   public:
     // Without `patience`, what cannot begin is tried for ever.
-    SendChain(const SendJob& job, uint32_t channel, ModuleOnDemand& module,
+    SendChain(const SendJob& job, ModuleOnDemand& module,
               std::optional<std::chrono::milliseconds> patience);
 
     std::optional<Clock::time_point> run(Clock::time_point now) override;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,11 +91,14 @@ bool FileOutput::open() {
     if (descriptor < 0)
         throw OutputFailure(name_, errno);
     file_ = std::make_unique<FileDescriptor>(descriptor);
-    fstat(descriptor, &status_);
-    regular_ = S_ISREG(status_.st_mode);
+    struct stat status {};
+    fstat(descriptor, &status);
+    regular_ = S_ISREG(status.st_mode);
+    device_ = regular_ ? status.st_dev : 0;
+    inode_ = regular_ ? status.st_ino : 0;
     const bool isBlocking = (fcntl(descriptor, F_GETFL) & O_NONBLOCK) == 0;
-    mayWait_ = !regular_ && isBlocking && (!S_ISCHR(status_.st_mode) || isatty(descriptor) == 1);
-    if (S_ISFIFO(status_.st_mode))
+    mayWait_ = !regular_ && isBlocking && (!S_ISCHR(status.st_mode) || isatty(descriptor) == 1);
+    if (S_ISFIFO(status.st_mode))
         fcntl(descriptor, F_SETPIPE_SZ, kPipeBytes);
     written_ = 0;
     ++files_;
@@ -143,7 +147,7 @@ int FileOutput::openNew(const std::string& path, bool numbered) {
 
 dev_t FileOutput::place() const {
     if (file_)
-        return regular_ ? status_.st_dev : 0;
+        return device_;
     if (isStandardOutput())
         return 0;
     for (std::string path = expandTime(output_);;) {
@@ -169,8 +173,7 @@ void FileOutput::close() {
 }
 
 bool FileOutput::sharesFileWith(const FileOutput& other) const {
-    return regular_ && other.regular_ && status_.st_dev == other.status_.st_dev &&
-           status_.st_ino == other.status_.st_ino;
+    return inode_ != 0 && inode_ == other.inode_ && device_ == other.device_;
 }
 
 // By the schedule, so that the times at which files begin do not drift.

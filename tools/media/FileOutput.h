@@ -2,8 +2,9 @@
 #ifndef TOOLS_MEDIA_FILEOUTPUT_H
 #define TOOLS_MEDIA_FILEOUTPUT_H
 
-#include <sys/stat.h>
+#include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -54,7 +55,7 @@ class FileOutput {
     // In the end. Throws Failure when not all that was written has arrived.
     void close();
 
-    // Do both write one regular file at this moment, by whatever names?
+    // Do both write one regular file at this moment, by whatever names? Any thread asks.
     bool sharesFileWith(const FileOutput& other) const;
 
     // What is waited for when a file is written: the number of its file system, or 0 for what never
@@ -83,7 +84,9 @@ class FileOutput {
     const Rotation rotation_;
     std::string name_;
     std::unique_ptr<FileDescriptor> file_;
-    struct stat status_ {};  // of the present file, when it was opened
+    // Of the present file, if it is a regular one. Another thread may compare them.
+    std::atomic<dev_t> device_{0};
+    std::atomic<ino_t> inode_{0};
     bool regular_ = false;
     bool mayWait_ = false;  // it is the pipe or terminal of others, whose mode is not ours to set
     uint64_t files_ = 0;

@@ -34,12 +34,14 @@ int openInput(const std::string& path) {
 
 }  // namespace
 
-PacketSource::PacketSource(const std::string& path, bool loop)
-    : name_(path == "-" ? "standard input" : fmt::format("'{}'", path)),
-      file_(openInput(path)),
-      loop_(loop) {
+PacketSource::PacketSource(const std::string& path, bool loop, bool follow)
+    : path_(path),
+      name_(path == "-" ? "standard input" : fmt::format("'{}'", path)),
+      file_(std::make_unique<FileDescriptor>(openInput(path))),
+      loop_(loop),
+      follow_(follow) {
     struct stat status {};
-    if (fstat(file_.get(), &status) != 0)
+    if (fstat(file_->get(), &status) != 0)
         throw Failure(fmt::format("cannot read {}: {}", name_, std::strerror(errno)));
     if (S_ISDIR(status.st_mode))
         throw Failure(fmt::format("cannot read {}: it is a directory", name_));
@@ -49,32 +51,32 @@ PacketSource::PacketSource(const std::string& path, bool loop)
         throw UsageError(fmt::format("--loop repeats a file; {} cannot be rewound", name_));
     // Whoever writes has to get rid of what comes between two looks; a smaller pipe is no error.
     if (S_ISFIFO(status.st_mode))
-        static_cast<void>(fcntl(file_.get(), F_SETPIPE_SZ, kPipeBytes));
+        static_cast<void>(fcntl(file_->get(), F_SETPIPE_SZ, kPipeBytes));
 }
 
 // As read(), but with EAGAIN where the file's next bytes are still to come from the disk.
 ssize_t PacketSource::readFile(std::span<uint8_t> space) {
     const uint64_t position = bufferBegin_ + end_;
     if (position + kFetchBytes / 2 > fetchedTo_) {
-        posix_fadvise(file_.get(), static_cast<off_t>(position), kFetchBytes, POSIX_FADV_WILLNEED);
+        posix_fadvise(file_->get(), static_cast<off_t>(position), kFetchBytes, POSIX_FADV_WILLNEED);
         fetchedTo_ = position + kFetchBytes;
     }
     const iovec vector{space.data(), space.size()};
     if (tellsWhatIsThere_) {
-        const ssize_t count = preadv2(file_.get(), &vector, 1, -1, RWF_NOWAIT);
+        const ssize_t count = preadv2(file_->get(), &vector, 1, -1, RWF_NOWAIT);
         if (count < 0 && errno == EAGAIN)
             fetchedTo_ = 0;  // it may have been dropped from memory meanwhile
         if (count >= 0 || (errno != EOPNOTSUPP && errno != EINVAL && errno != ENOSYS))
             return count;
         tellsWhatIsThere_ = false;
     }
-    return read(file_.get(), space.data(), space.size());
+    return read(file_->get(), space.data(), space.size());
 }
 
 // Adds what is there to read. False: nothing is, for the time being.
 bool PacketSource::fill() {
     if (!regular_) {
-        pollfd readable{file_.get(), POLLIN, 0};
+        pollfd readable{file_->get(), POLLIN, 0};
         if (poll(&readable, 1, 0) <= 0)
             return false;
     }
@@ -86,12 +88,50 @@ bool PacketSource::fill() {
         buffer_.resize(end_ + kReadBytes);
     const auto space = std::span(buffer_).subspan(end_, kReadBytes);
     const ssize_t count =
-        regular_ ? readFile(space) : read(file_.get(), space.data(), space.size());
+        regular_ ? readFile(space) : read(file_->get(), space.data(), space.size());
     if (count < 0 && errno != EINTR && errno != EAGAIN)
         throw Failure(fmt::format("cannot read {}: {}", name_, std::strerror(errno)));
     end_ += static_cast<size_t>(std::max<ssize_t>(count, 0));
+    if (count == 0 && follow_)
+        return goOn();
+    renamed_ = false;
     ended_ = count == 0;
     return count >= 0;
+}
+
+// At the end of what is followed. True: there may be more at once.
+bool PacketSource::goOn() {
+    struct stat own {};
+    struct stat named {};
+    if (!regular_ || fstat(file_->get(), &own) != 0)
+        return false;
+    if (static_cast<uint64_t>(own.st_size) < bufferBegin_ + end_) {
+        if (lseek(file_->get(), 0, SEEK_SET) < 0)
+            return false;
+        beginAnew();
+        return true;
+    }
+    if (stat(path_.c_str(), &named) != 0 || !S_ISREG(named.st_mode) ||
+        (named.st_dev == own.st_dev && named.st_ino == own.st_ino))
+        return false;
+    // Its writer may have written to the first file until it was renamed.
+    if (!std::exchange(renamed_, true))
+        return false;
+    const int next = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (next < 0)
+        return false;
+    file_ = std::make_unique<FileDescriptor>(next);
+    beginAnew();
+    return true;
+}
+
+// The packets are searched for, since a file may begin with something else.
+void PacketSource::beginAnew() {
+    skip(available());
+    begin_ = end_ = 0;
+    bufferBegin_ = fetchedTo_ = 0;
+    searching_ = true;
+    renamed_ = false;
 }
 
 // False where there is nothing to repeat; a file that was emptied meanwhile has to end rather than
@@ -99,7 +139,7 @@ bool PacketSource::fill() {
 bool PacketSource::rewind() {
     if (!loopable())
         return false;
-    if (lseek(file_.get(), static_cast<off_t>(loopBegin_), SEEK_SET) < 0)
+    if (lseek(file_->get(), static_cast<off_t>(loopBegin_), SEEK_SET) < 0)
         throw Failure(fmt::format("cannot rewind {}: {}", name_, std::strerror(errno)));
     begin_ = end_ = 0;
     bufferBegin_ = loopBegin_;

@@ -3,6 +3,7 @@
 #define TOOLS_MEDIA_PACKETSOURCE_H
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
@@ -14,6 +15,10 @@
 // in front of the first one, in between, where the packets are then found again, and a part of one
 // at the end.
 //
+// A file that is followed has no end: what is appended is read when it is there. One that has
+// become shorter is read from its beginning, and so is another one that has taken its name, once
+// nothing is left of the first.
+//
 // No function waits for the input: a pipe is read when something is there, and of a file the kernel
 // is told to fetch what comes next, which is read when it is in memory. On file systems that cannot
 // tell what is in memory, reading waits for the disk.
@@ -21,7 +26,7 @@ class PacketSource {
   public:
     // Opens the file ("-": standard input). Throws Failure, or UsageError where a stream that
     // cannot be rewound is to be looped.
-    PacketSource(const std::string& path, bool loop);
+    PacketSource(const std::string& path, bool loop, bool follow = false);
 
     // Looks for the first packets. False: not enough has come to know. Throws Failure when it is no
     // transport stream. To be called until it is true, before take().
@@ -54,16 +59,21 @@ class PacketSource {
     bool fill();
     ssize_t readFile(std::span<uint8_t> space);
     bool rewind();
+    bool goOn();
+    void beginAnew();
     size_t countPackets(size_t most) const;
     void leaveRun();
     void search();
     void skip(size_t count);
 
+    const std::string path_;
     std::string name_;
-    FileDescriptor file_;
+    std::unique_ptr<FileDescriptor> file_;
     bool regular_ = false;
     bool tellsWhatIsThere_ = true;  // the file system does, of a file
     const bool loop_;
+    const bool follow_;
+    bool renamed_ = false;  // another file has its name
     bool ended_ = false;
     bool dry_ = false;
     bool yielded_ = false;  // packets, since the last rewind
