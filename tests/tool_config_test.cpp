@@ -50,6 +50,7 @@ TEST(ToolConfig, EntriesExcludeEachOtherOnOneInterfaceOnly) {
         {"udp://239.1.1.1:1?iface=a", "udp://239.1.1.1:1", true, false},
         {"udp://239.1.1.1:1?iface=a", "udp://239.1.1.1:1?iface=b", true, true},
         {"udp://192.0.2.9@239.1.1.1:1", "udp://239.1.1.1:1", true, true},
+        {"rtp://239.1.1.2:1+rtp://239.1.1.1:1", "udp://239.1.1.1:1", true, false},
     };
     for (const auto& c : cases) {
         const std::string text =

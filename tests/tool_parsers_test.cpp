@@ -15,8 +15,7 @@
 namespace {
 
 // What a URL means, or why it is refused.
-std::string describe(const std::string& text) try {
-    const StreamUrl url = parseStreamUrl(text);
+std::string describe(const StreamUrl& url) {
     const auto optional = [](const char* word, const std::string& value) {
         return value.empty() ? "" : word + value;
     };
@@ -28,6 +27,16 @@ std::string describe(const std::string& text) try {
                        optional(url.sourceIsName ? " from name " : " from host ", url.source),
                        optional(" on ", url.interface),
                        url.dscp ? fmt::format(" marked {}", *url.dscp) : "");
+}
+
+std::string describe(const std::string& text) try {
+    const std::vector<StreamUrl> paths = parsePaths(text);
+    std::string all;
+    for (const StreamUrl& url : paths)
+        all += (all.empty() ? "" : " and ") + describe(url);
+    if (paths.size() > 1 || paths.front().reorder_ms)
+        all += fmt::format(" in order within {}", reorderWindow(paths).count());
+    return all;
 } catch (const UsageError& error) {
     return std::string("refused: ") + error.what();
 }
@@ -44,7 +53,9 @@ TEST(ToolUrl, MeansWhatTheFieldWritesOrIsRefusedWithAHint) {
             EXPECT_EQ(found, expected) << row;
         }
     }
-    EXPECT_THROW(checkDestination(parseStreamUrl("udp://@:5000")), UsageError);
+    for (const char* const url : {"udp://@:5000", "rtp://239.1.1.1:5?reorder=0"})
+        EXPECT_THROW(checkDestination(parseStreamUrl(url)), UsageError) << url;
+    EXPECT_THROW(parseStreamUrl("rtp://239.1.1.1:5+rtp://239.1.1.2:5"), UsageError);
     for (const char* const option : {"localaddr=127.0.0.1", "iface=lo"})
         EXPECT_THROW(checkSource(parseStreamUrl(std::string("udp://127.0.0.1:5?") + option)),
                      UsageError);

@@ -53,8 +53,8 @@ class ToolTest(unittest.TestCase):
         process.send_signal(number)
         return process.wait(40)
 
-    def receive(self, port, arguments):  # with its socket of the port open
-        receiver = self.tool("receive " + arguments)
+    def receive(self, port, arguments, **options):  # with its socket of the port open
+        receiver = self.tool("receive " + arguments, **options)
         self.await_(lambda: is_bound(port))
         return receiver
 

@@ -20,6 +20,9 @@ std::string urlHelp() {
         "  ttl=0..255         TTL of datagrams to a group: 0 keeps them on this machine, 1 on its\n"
         "                     network, and each router on the way takes one off; {} if not given\n"
         "  dscp=0..63         send datagrams with this DSCP; 34 is usual for video\n"
+        "  reorder=0..1000    receive and relay put RTP in order: how many milliseconds a "
+        "datagram\n"
+        "                     waits at most for those in front of it; 50 if not given\n"
         "Options of ffmpeg and VLC for buffer sizes are accepted and have no effect.\n{}",
         kDefaultTtl, kExitCodes);
 }

@@ -143,7 +143,7 @@ class Watching {
     }
 
     const MonitorOptions options_;
-    MonitorMeans means_;
+    SocketMeans means_;
     Session session_;
     ConfiguredStreams<MonitorJob, MonitorChain> streams_;
     AlarmCommand command_;

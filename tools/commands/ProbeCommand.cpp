@@ -18,7 +18,7 @@
 void runProbe(const ProbeOptions& options) {
     constexpr std::chrono::seconds kPatience{3};
     checkArguments({{options.url, "", options.duration, "", {}}});
-    MonitorMeans means;
+    SocketMeans means;
     Session session;
     auto made = std::make_unique<MonitorChain>(
         MonitorJob{options.url, "", options.duration, "", {}}, means, kPatience);

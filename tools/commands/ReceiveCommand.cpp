@@ -94,7 +94,8 @@ class Session {
             const auto& chain = tasks_[i].chain;
             if (chain->hasEnded())
                 continue;
-            module_.get();
+            if (!isRepaired(parsePaths(chain->job().url)))
+                module_.get();  // before another thread asks for it
             collectors_.try_emplace(chain->output().place(), stop_).first->second.add(chain);
         }
     }
@@ -107,7 +108,7 @@ class Session {
         for (const Task& other : tasks_)
             if (other.chain->output().sharesFileWith(chain->output()))
                 chain->end(fmt::format("{} is the file that {} is recorded to",
-                                       chain->output().name(), other.chain->url().text));
+                                       chain->output().name(), other.chain->job().url));
         tasks_.push_back({chain});
     }
 
@@ -142,6 +143,9 @@ class Session {
     void sumUp(const ReceiveChain& chain) {
         const ReceiveStatistics result = makeStatistics(chain);
         progress_.summary(describe(result));
+        if (result.repairs)
+            for (const std::string& line : describePaths(*result.repairs))
+                progress_.summary(line);
         if (result.skippedBytes > 0)
             progress_.warn(describeSkipped(result));
         if (statistics_)
@@ -269,6 +273,15 @@ CommandModel receiveCommand() {
         "the duration or the idle timeout is over, or SIGINT or SIGTERM comes. If one of several\n"
         "streams fails (1), the others go on.\n"
         "\n"
+        "What comes in from rtp:// is put in order by its sequence numbers, and duplicates are "
+        "left\n"
+        "out; nothing is delayed where nothing is out of order. With reorder=0 it is taken as it\n"
+        "comes. Up to four URLs joined by '+' are paths of one RTP stream, as SMPTE ST 2022-7 has\n"
+        "them: what one of them lacks is taken from another. The streams from rtp:// have sockets "
+        "of\n"
+        "their own; those from udp://, or with reorder=0, are receive channels, which 'status' "
+        "shows.\n"
+        "\n"
         "Only packets are recorded, and what is skipped between them is reported. What arrives is\n"
         "written 25 times a second, so that a pipe adds up to 40 ms of delay. While a pipe or a\n"
         "disk takes nothing, up to 4 MiB of each stream wait; what comes beyond is dropped, which\n"
@@ -288,6 +301,8 @@ CommandModel receiveCommand() {
         "Examples:\n"
         "  qxvrtp receive rtp://239.1.1.1:5000 film.ts --duration 3600\n"
         "  qxvrtp receive udp://@:5000 - | ffplay -\n"
+        "  qxvrtp receive 'rtp://239.1.1.1:5000?iface=eth0+rtp://239.1.1.1:5000?iface=eth1' "
+        "film.ts\n"
         "  qxvrtp receive udp://239.1.1.1:5000 one-%H%M.ts udp://239.1.1.2:5000 two-%H%M.ts \\\n"
         "      --rotate-time 600 --idle-timeout 30 --statistics\n"
         "\n{}",

@@ -20,7 +20,7 @@ ReceiveStatistics makeStatistics(const ReceiveChain& chain) {
         return std::round(std::chrono::duration<double>(time).count() * 1e3) / 1e3;
     };
     ReceiveStatistics result;
-    result.url = chain.url().text;
+    result.url = chain.job().url;
     result.output = chain.job().output;
     result.files = chain.output().files();
     result.datagrams = chain.datagrams();
@@ -36,6 +36,7 @@ ReceiveStatistics makeStatistics(const ReceiveChain& chain) {
         result.rtp = chain.figures().rtp;
     result.seconds = seconds(chain.sinceOpened());
     result.dataSeconds = seconds(chain.withData());
+    result.repairs = chain.repairs();
     result.error = chain.error();
     return result;
 }
@@ -50,11 +51,42 @@ std::string describe(const ReceiveStatistics& statistics) {
     const auto time = std::chrono::milliseconds(std::llround(statistics.seconds * 1e3));
     return fmt::format(
         "received {} in {} from {} ({}): {}, {} datagrams, {} continuity errors, "
-        "{} sync losses",
+        "{} sync losses{}",
         formatBytes(statistics.bytes), formatTime(time), statistics.url,
         statistics.rtp.value_or(false) ? "rtp" : "raw", formatBitrate(statistics.bitrate_bps()),
-        statistics.datagrams, statistics.continuityErrors, statistics.syncLosses);
+        statistics.datagrams, statistics.continuityErrors, statistics.syncLosses,
+        statistics.repairs ? ", " + describeRepairs(*statistics.repairs) : "");
 }
+
+namespace {
+
+double milliseconds(std::chrono::nanoseconds time) {
+    return std::round(std::chrono::duration<double, std::milli>(time).count() * 1e3) / 1e3;
+}
+
+nlohmann::ordered_json toJson(const std::optional<RepairReport>& repairs) {
+    if (!repairs)
+        return nullptr;
+    auto paths = nlohmann::ordered_json::array();
+    for (const auto& [url, path] : repairs->paths)
+        paths.push_back({{"url", url},
+                         {"datagrams", path.received},
+                         {"lost", path.lost},
+                         {"lost_here_only", path.saved},
+                         {"longest_skew_ms", milliseconds(path.greatestSkew)}});
+    const ts::RepairCounts& counts = repairs->counts;
+    return {{"window_ms", milliseconds(repairs->window)},
+            {"lost", counts.lost},
+            {"reordered", counts.reordered},
+            {"duplicates", counts.duplicates},
+            {"late", counts.late},
+            {"strays", counts.strays},
+            {"restarts", counts.restarts + counts.ssrcChanges},
+            {"socket_drops", repairs->socketDrops},
+            {"paths", std::move(paths)}};
+}
+
+}  // namespace
 
 std::string toJson(const ReceiveStatistics& statistics) {
     const auto text = [](const std::string& value) {
@@ -75,6 +107,7 @@ std::string toJson(const ReceiveStatistics& statistics) {
                                         {"skipped_bytes", statistics.skippedBytes},
                                         {"gaps", statistics.gaps},
                                         {"datagrams_dropped", statistics.datagramsDropped},
+                                        {"repair", toJson(statistics.repairs)},
                                         {"continuity_errors", statistics.continuityErrors},
                                         {"sync_losses", statistics.syncLosses},
                                         {"error", text(statistics.error)}};

@@ -24,7 +24,8 @@ struct ReceiveStatistics {
     std::optional<bool> rtp;    // as detected last; none = nothing came
     double seconds = 0.0;       // since the socket was opened
     double dataSeconds = 0.0;   // from the first data to the last
-    std::string error;          // empty = done
+    std::optional<RepairReport> repairs;
+    std::string error;  // empty = done
 
     uint64_t bitrate_bps() const;  // mean while data came
 };

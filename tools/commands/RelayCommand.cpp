@@ -33,6 +33,12 @@ constexpr auto kHelp =
     "An output that is too slow loses whole datagrams, which is reported; the others are not\n"
     "affected.\n"
     "\n"
+    "Repair: what comes in from rtp:// is put in order by its sequence numbers, and duplicates "
+    "are\n"
+    "left out; with reorder=0 it is taken as it comes. Up to four URLs joined by '+' are paths of\n"
+    "one RTP stream, as SMPTE ST 2022-7 has them: what one of them lacks is taken from another.\n"
+    "The input from rtp:// has sockets of its own; that from udp://, or with reorder=0, is a\n"
+    "receive channel, which 'status' shows.\n"
     "Pace: packets leave 200 ms after they arrived, on average, spaced by the stream's PCRs, "
     "which\n"
     "removes the network's jitter; without PCRs, they are spaced as they arrived. The pace is\n"
@@ -53,6 +59,8 @@ constexpr auto kHelp =
     "\n"
     "Examples:\n"
     "  qxvrtp relay rtp://239.1.1.1:5000 udp://192.0.2.8:5000\n"
+    "  qxvrtp relay 'rtp://239.1.1.1:5000?iface=eth0+rtp://239.1.1.1:5000?iface=eth1' \\\n"
+    "      udp://192.0.2.8:5000\n"
     "  qxvrtp relay 'udp://239.1.1.1:5000?localaddr=192.0.2.7' rtp://[2001:db8::8]:5000 \\\n"
     "      'rtp://239.2.2.2:5000?ttl=4&localaddr=198.51.100.7'\n"
     "\n"
@@ -61,9 +69,10 @@ constexpr auto kHelp =
 // Sends on what arrives until SIGINT or SIGTERM comes. Sockets are tried for ever or, to begin
 // with, for that long.
 void runRelay(const JobSource<RelayJob>& jobs, std::optional<std::chrono::milliseconds> patience) {
+    SocketMeans means;
     Session session;
     ConfiguredStreams<RelayJob, RelayChain> streams(session, jobs, [&](const RelayJob& job) {
-        return std::make_unique<RelayChain>(job, session.module(), patience);
+        return std::make_unique<RelayChain>(job, session.module(), means, patience);
     });
     session.run("relays failed", [&] { return streams.attend(); });
 }

@@ -161,7 +161,7 @@ void runServe(const HttpServer::Settings& settings, const std::vector<MonitorJob
     mallopt(M_ARENA_MAX, 2);
     StopSignal stop;
     Runner runner(stop);
-    MonitorMeans means;
+    SocketMeans means;
     std::vector<std::unique_ptr<MonitorChain>> monitors;
     for (const MonitorJob& job : jobs) {
         monitors.push_back(std::make_unique<MonitorChain>(job, means, std::nullopt));

@@ -90,19 +90,34 @@ class FileReader {
         }
     }
 
-    // Reads a URL and passes it to `check`, which refuses what is no good for its direction.
-    std::optional<StreamUrl> url(const std::string& text, const ConfigPlace& place,
-                                 void (*check)(const StreamUrl&)) {
+    // What the parser makes of the text; none where it complains.
+    template <typename Parse>
+    auto checked(const std::string& text, const ConfigPlace& place, Parse parse)
+        -> std::optional<decltype(parse(text))> {
         if (text.empty())
             return std::nullopt;  // complained of already
         try {
-            StreamUrl url = parseStreamUrl(text);
-            check(url);
-            return url;
+            return parse(text);
         } catch (const UsageError& error) {
             problems_.add(place, error.what());
             return std::nullopt;
         }
+    }
+
+    // Reads a URL and passes it to `check`, which refuses what is no good for its direction.
+    std::optional<StreamUrl> url(const std::string& text, const ConfigPlace& place,
+                                 void (*check)(const StreamUrl&)) {
+        return checked(text, place, [check](const std::string& given) {
+            StreamUrl url = parseStreamUrl(given);
+            check(url);
+            return url;
+        });
+    }
+
+    // The sources of an input.
+    std::vector<size_t> source(const std::string& text, const ConfigPlace& place) {
+        const auto paths = checked(text, place, parsePaths);
+        return paths ? rules_.addSource(*paths, place) : std::vector<size_t>();
     }
 
     Shaping shaping(TableReader& entry) {
@@ -158,18 +173,14 @@ class FileReader {
         for (const char* const key : {"rotate_size", "rotate_time"})
             if (entry.find(key) != nullptr)
                 rules_.rotateOutput(job.output, entry.place(key));
-        if (const auto source = url(job.url, entry.place("url"), checkSource))
-            rules_.addSource(*source, entry.place("url"));
+        source(job.url, entry.place("url"));
         return job;
     }
 
     RelayJob relay(TableReader& entry) {
         RelayJob job;
         job.from = entry.text("from");
-        const ConfigPlace fromPlace = entry.place("from");
-        const auto source = url(job.from, fromPlace, checkSource);
-        const size_t number =
-            rules_.addRelay(source ? rules_.addSource(*source, fromPlace) : std::nullopt);
+        const size_t number = rules_.addRelay(source(job.from, entry.place("from")));
         const auto addDestination = [&](const toml::node& node, const std::string& field) {
             job.to.push_back(entry.text(node, field));
             const ConfigPlace place = placeOf(node.source(), field);
@@ -261,6 +272,9 @@ struct TableWriter {
     void url(const char* key, const std::string& value, bool destination) {
         table.insert(key, fullUrl(parseStreamUrl(value), destination));
     }
+    void paths(const char* key, const std::string& value) {
+        table.insert(key, fullUrl(parsePaths(value)));
+    }
 };
 
 toml::table tableOf(const SendJob& job) {
@@ -279,7 +293,7 @@ toml::table tableOf(const SendJob& job) {
 
 toml::table tableOf(const ReceiveJob& job) {
     TableWriter writer;
-    writer.url("url", job.url, false);
+    writer.paths("url", job.url);
     writer.text("output", job.output);
     writer.seconds("duration", job.duration);
     writer.number("bytes", job.bytes);
@@ -291,7 +305,7 @@ toml::table tableOf(const ReceiveJob& job) {
 
 toml::table tableOf(const RelayJob& job) {
     TableWriter writer;
-    writer.url("from", job.from, false);
+    writer.paths("from", job.from);
     toml::array to;
     for (const std::string& url : job.to)
         to.push_back(fullUrl(parseStreamUrl(url), true));

@@ -144,7 +144,16 @@ std::string fullUrl(const StreamUrl& url, bool destination) {
         add("iface", url.interface);
     if (!url.localAddress.empty())
         add("localaddr", canonical(url.localAddress));
+    if (!destination && url.reorder_ms)
+        add("reorder", std::to_string(*url.reorder_ms));
     return text;
+}
+
+std::string fullUrl(const std::vector<StreamUrl>& paths) {
+    std::vector<std::string> urls;
+    for (const StreamUrl& path : paths)
+        urls.push_back(fullUrl(path, false));
+    return fmt::format("{}", fmt::join(urls, "+"));
 }
 
 void ConfigRules::addInput(const std::string& path, const ConfigPlace& place) {
@@ -194,11 +203,16 @@ bool ConfigRules::haveChannel(const ConfigPlace& place, std::string_view directi
     return count <= QXV_RTP_CHANNELS;
 }
 
-std::optional<size_t> ConfigRules::addSource(const StreamUrl& url, const ConfigPlace& place) {
+std::vector<size_t> ConfigRules::addSource(const std::vector<StreamUrl>& paths,
+                                           const ConfigPlace& place) {
+    std::vector<size_t> sources;
     if (!haveChannel(place, "receive"))
-        return std::nullopt;
-    addReceiver(url, place);
-    return sources_.size() - 1;
+        return sources;
+    for (const StreamUrl& path : paths) {
+        sources.push_back(sources_.size());
+        addReceiver(path, place);
+    }
+    return sources;
 }
 
 void ConfigRules::addReceiver(const StreamUrl& url, const ConfigPlace& place) {
@@ -224,8 +238,8 @@ void ConfigRules::addWatched(const StreamUrl& url, const std::string& name,
         addReceiver(url, place);
 }
 
-size_t ConfigRules::addRelay(std::optional<size_t> source) {
-    relays_.push_back(source);
+size_t ConfigRules::addRelay(std::vector<size_t> sources) {
+    relays_.push_back(std::move(sources));
     return relays_.size() - 1;
 }
 
@@ -258,9 +272,9 @@ bool ConfigRules::reaches(size_t relay, size_t goal, std::vector<bool>& seen) co
 bool ConfigRules::feedsOneThatReaches(const Destination& to, size_t goal,
                                       std::vector<bool>& seen) const {
     for (size_t next = 0; next < relays_.size(); ++next)
-        if (relays_[next] && feeds(to.url, sources_[*relays_[next]].url) &&
-            reaches(next, goal, seen))
-            return true;
+        for (const size_t source : relays_[next])
+            if (feeds(to.url, sources_[source].url) && reaches(next, goal, seen))
+                return true;
     return false;
 }
 
@@ -270,10 +284,10 @@ void ConfigRules::finish() {
             continue;
         std::vector<bool> seen(relays_.size());
         if (feedsOneThatReaches(to, *to.relay, seen))
-            problems_.add(to.place,
-                          fmt::format("'{}': what is sent there comes back to "
-                                      "{}, without end",
-                                      to.url.text, sources_[*relays_[*to.relay]].place.field));
+            problems_.add(to.place, fmt::format("'{}': what is sent there comes back to "
+                                                "{}, without end",
+                                                to.url.text,
+                                                sources_[relays_[*to.relay].front()].place.field));
     }
 }
 
@@ -295,7 +309,7 @@ void checkArguments(const std::vector<ReceiveJob>& jobs) {
     ConfigProblems problems;
     ConfigRules rules(problems);
     for (size_t i = 0; i < jobs.size(); ++i) {
-        rules.addSource(checkedUrl(jobs[i].url, checkSource), argument("URL", i));
+        rules.addSource(parsePaths(jobs[i].url), argument("URL", i));
         rules.addOutput(jobs[i].output, argument("FILE", i));
         if (jobs[i].rotateBytes || jobs[i].rotateTime)
             rules.rotateOutput(jobs[i].output,
@@ -307,8 +321,7 @@ void checkArguments(const std::vector<ReceiveJob>& jobs) {
 void checkArguments(const RelayJob& job) {
     ConfigProblems problems;
     ConfigRules rules(problems);
-    const auto source = rules.addSource(checkedUrl(job.from, checkSource), {0, 0, "FROM"});
-    const size_t relay = rules.addRelay(source);
+    const size_t relay = rules.addRelay(rules.addSource(parsePaths(job.from), {0, 0, "FROM"}));
     for (size_t i = 0; i < job.to.size(); ++i)
         rules.addDestination(checkedUrl(job.to[i], checkDestination), argument("TO", i), relay);
     rules.finish();

@@ -39,6 +39,7 @@ class ConfigProblems {
 // The URL in one form: addresses as short as can be, names as they are, and with the options that
 // matter in its direction, the TTL of groups included.
 std::string fullUrl(const StreamUrl& url, bool destination);
+std::string fullUrl(const std::vector<StreamUrl>& paths);  // of an input
 
 // Collects the ends of all streams, and complains where two exclude each other.
 class ConfigRules {
@@ -53,12 +54,13 @@ class ConfigRules {
     void followInput(const std::string& path, const ConfigPlace& place);
     void rotateOutput(const std::string& path, const ConfigPlace& place);
 
-    // Returns the number of the source, or none where there are too many.
-    std::optional<size_t> addSource(const StreamUrl& url, const ConfigPlace& place);
+    // A stream, on all paths on which it comes in. Returns the numbers of its sources, none where
+    // there are too many streams.
+    std::vector<size_t> addSource(const std::vector<StreamUrl>& paths, const ConfigPlace& place);
     // For a monitor, which needs no channel. `name` tells its streams apart in reports.
     void addWatched(const StreamUrl& url, const std::string& name, const ConfigPlace& place);
-    // Returns the number of the relay, which takes its stream from the source, where that is good.
-    size_t addRelay(std::optional<size_t> source);
+    // Returns the number of the relay, which takes its stream from the sources that are good.
+    size_t addRelay(std::vector<size_t> sources);
     void addDestination(const StreamUrl& url, const ConfigPlace& place,
                         std::optional<size_t> relay = std::nullopt);
 
@@ -88,7 +90,7 @@ class ConfigRules {
     std::vector<std::string> watched_;            // names
     std::vector<Source> sources_;
     std::vector<Destination> destinations_;
-    std::vector<std::optional<size_t>> relays_;  // their sources
+    std::vector<std::vector<size_t>> relays_;  // their sources
 };
 
 // Applies the rules to a command line: of pairs, of one source and its destinations,

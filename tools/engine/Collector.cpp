@@ -47,13 +47,13 @@ void Collector::run() {
     pthread_setname_np(pthread_self(), "collect");
     // The system may wake this thread together with others.
     prctl(PR_SET_TIMERSLACK, std::chrono::nanoseconds(1ms).count());
-    std::vector<uint8_t> space(kSpaceBytes);
+    CollectingMeans means{std::vector<uint8_t>(kSpaceBytes), {}};
     for (auto last = Clock::now(); takeAdded();) {
         const auto now = Clock::now();
         double filled = 0.0;
         auto due = Clock::time_point::max();
         for (const auto& chain : chains_) {
-            chain->serve(space, stop_.load());
+            chain->serve(means, stop_.load());
             filled = std::max(filled, chain->filled());
             due = std::min(due, chain->due());
         }

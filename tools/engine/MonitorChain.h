@@ -3,7 +3,6 @@
 #define TOOLS_ENGINE_MONITORCHAIN_H
 
 #include <chrono>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,27 +10,14 @@
 #include "StreamMonitor.h"
 #include "engine/Chain.h"
 #include "engine/Jobs.h"
-#include "media/DatagramSocket.h"
-#include "media/HostNames.h"
-#include "media/NetworkWatch.h"
-#include "media/StreamUrl.h"
+#include "engine/StreamSocket.h"
 
-// What the chains of one thread share.
-struct MonitorMeans {
-    std::unique_ptr<DatagramBatch> batch = std::make_unique<DatagramBatch>();
-    NetworkWatch network;
-};
-
-// Takes what has come 25 times a second: the kernel notes when each datagram arrives. It comes more
-// often only where the socket's buffer would be filled by a quarter meanwhile.
-//
-// A socket that cannot be opened, or whose group is joined nowhere any more, is opened anew for as
-// long as it takes; the outage is told once it has lasted, and when it is over. Only where there is
-// a patience to begin with does the chain fail: when there is no socket by then.
+// An outage of the socket is told once it has lasted, and when it is over. Only where there is a
+// patience to begin with does the chain fail: when there is no socket by then.
 class MonitorChain : public Chain {
   public:
     // The means outlive the chain.
-    MonitorChain(const MonitorJob& job, MonitorMeans& means,
+    MonitorChain(const MonitorJob& job, SocketMeans& means,
                  std::optional<std::chrono::milliseconds> patience);
 
     // Ends when the job's duration is over, which begins with the opening of the socket.
@@ -45,37 +31,27 @@ class MonitorChain : public Chain {
     std::optional<std::string> unfinished() const override { return std::nullopt; }
 
     const MonitorJob& job() const { return job_; }
-    bool wasOpened() const { return opened_.has_value(); }
-    bool hasSocket() const { return socket_.has_value(); }
+    bool wasOpened() const { return socket_.firstOpened().has_value(); }
+    bool hasSocket() const { return socket_.isOpen(); }
     const ts::StreamMonitor& monitor() const { return monitor_; }
 
     // Alarms raised and cleared since the last call.
     std::vector<ts::AlarmEvent> takeAlarms() { return monitor_.takeEvents(); }
 
   private:
-    void open(Clock::time_point now);
-    void renew(Clock::time_point now);
     void watch(Clock::time_point now);
     Clock::time_point take(Clock::time_point now);
     void add(const ts::Datagram& datagram);
     std::string figures() const;
 
     const MonitorJob job_;
-    const StreamUrl url_;
-    MonitorMeans& means_;
     const std::optional<std::chrono::milliseconds> patience_;
     ts::StreamMonitor monitor_;
 
-    LookUp address_;
-    std::optional<DatagramSocket> socket_;
-    uint64_t looks_ = 0;  // at the network, when the memberships were renewed last
-    Clock::duration interval_;
+    StreamSocket socket_;
     ts::Time ticked_{0};
-    Clock::time_point retry_{};
-    std::string trouble_;  // why there is no socket
 
     const Clock::time_point started_ = Clock::now();
-    std::optional<Clock::time_point> opened_;  // the first socket
     Clock::time_point socketSeen_ = started_;
     bool outageReported_ = false;
 };

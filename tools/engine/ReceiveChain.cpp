@@ -22,9 +22,7 @@ constexpr uint32_t kLongestDatagram = 65535;
 ReceiveChain::ReceiveChain(const ReceiveJob& job, ModuleOnDemand& module,
                            std::optional<Clock::duration> patience, Report report)
     : job_(job),
-      url_(parseStreamUrl(job.url)),
       module_(module),
-      number_(module.receiveNumber()),
       patience_(patience),
       report_(std::move(report)),
       output_(job.output, Rotation{job.rotateBytes, job.rotateTime}) {}
@@ -61,22 +59,19 @@ void ReceiveChain::outputFails(const std::string& what) {
     retry_ = now_ + kRetryInterval;
 }
 
-void ReceiveChain::connect() {
-    if (!channel_) {
-        try {
-            const auto url = addresses_.poll(url_);
-            if (!url)
-                return awaitSocket(
-                    fmt::format("the address of {} has not been found yet", url_.text));
-            channel_.emplace(module_.get(), number_->value(), receiveConfig(*url));
-        } catch (const std::exception& failure) {
-            retry_ = now_ + kRetryInterval;
-            return awaitSocket(failure.what());
-        }
-    }
-    if (!channel_->socketIsOpen())
-        return awaitSocket(noSocket(url_).what());
-    isOver(socketOutage_, fmt::format("{} is received", url_.text));
+void ReceiveChain::attend() {
+    inputDue_ = input_->attend(now_);
+    for (const std::string& event : input_->takeEvents())
+        report_(event);
+}
+
+void ReceiveChain::connect(CollectingMeans& means) {
+    if (!input_)
+        input_ = makeInput(job_.url, module_, means.sockets);
+    attend();
+    if (input_->statistics().SocketOpen == 0)
+        return awaitSocket(input_->trouble());
+    isOver(socketOutage_, fmt::format("{} is received", job_.url));
     opened_ = closed_ = lastData_ = now_;
     state_ = State::kReceiving;
 }
@@ -91,39 +86,41 @@ void ReceiveChain::awaitSocket(const std::string& what) {
     }
 }
 
-void ReceiveChain::serve(std::span<uint8_t> space, const char* stop) {
+void ReceiveChain::serve(CollectingMeans& means, const char* stop) {
     now_ = Clock::now();
     stop_ = stop != nullptr ? stop : ownStop_.load();
     pipeIsFull_ = false;
     filled_ = 0.0;
     try {
-        step(space);
+        step(means);
     } catch (const std::exception& failure) {
         end(failure.what());
     }
 }
 
-void ReceiveChain::step(std::span<uint8_t> space) {
+void ReceiveChain::step(CollectingMeans& means) {
     if (state_ == State::kOpening && now_ >= retry_)
         open();
-    if (state_ == State::kConnecting && now_ >= retry_)
-        connect();
+    if (state_ == State::kConnecting)
+        connect(means);
     if (state_ < State::kReceiving && stop_ != nullptr)
-        throw Failure(fmt::format("nothing came from {}", url_.text));
+        throw Failure(fmt::format("nothing came from {}", job_.url));
     if (state_ == State::kReceiving) {
-        const QXV_RTP_Statistics statistics = channel_->statistics();
+        attend();
+        const QXV_RTP_Statistics statistics = input_->statistics();
         watch(statistics);
-        move(statistics.BufferedBytes, space);
+        move(statistics.BufferedBytes, means.space);
         if (isDone()) {
             // What goes on coming does not belong to the recording; there may be no end to it.
-            rest_ = channel_->bufferedBytes();
+            input_->finish();
+            rest_ = input_->statistics().BufferedBytes;
             closed_ = now_;
             endBy_ = now_ + kLastWrites;
             state_ = State::kEnding;
         }
     }
     if (state_ == State::kEnding)
-        finish(space);
+        finish(means.space);
     publish();
 }
 
@@ -134,10 +131,10 @@ void ReceiveChain::watch(const QXV_RTP_Statistics& statistics) {
             firstData_ = now_;
     }
     if (statistics.SocketOpen == 0)
-        goesOn(socketOutage_, fmt::format("{} has no socket; trying again", url_.text),
+        goesOn(socketOutage_, fmt::format("{} has no socket; trying again", job_.url),
                kReopenGrace);
     else
-        isOver(socketOutage_, fmt::format("{} is received again", url_.text));
+        isOver(socketOutage_, fmt::format("{} is received again", job_.url));
     const uint64_t lost = statistics.DatagramsDropped - dropped_;
     dropped_ = statistics.DatagramsDropped;
     // Others are dropped for what they are.
@@ -145,10 +142,10 @@ void ReceiveChain::watch(const QXV_RTP_Statistics& statistics) {
         overrunDatagrams_ += lost;
         lastOverrun_ = now_;
         goesOn(overrun_, fmt::format("{} takes too little: datagrams from {} are dropped",
-                                     output_.name(), url_.text));
+                                     output_.name(), job_.url));
     } else if (now_ - lastOverrun_ > kOverrunPause) {
         isOver(overrun_, fmt::format("{} takes all again; {} datagrams from {} were dropped so far",
-                                     output_.name(), overrunDatagrams_, url_.text));
+                                     output_.name(), overrunDatagrams_, job_.url));
     }
     filled_ = statistics.BufferedBytes / (statistics.BufferedBytes + statistics.FreeBytes + 1.0);
 }
@@ -159,7 +156,7 @@ bool ReceiveChain::isDone() const {
            (job_.idleTimeout && now_ - lastData_ >= *job_.idleTimeout);
 }
 
-// Moves so many bytes from the ring to the output; returns how many of them are left.
+// Moves so many bytes from the input to the output; returns how many of them are left.
 size_t ReceiveChain::move(size_t bytes, std::span<uint8_t> space) {
     if (!flush())
         return bytes;
@@ -169,7 +166,7 @@ size_t ReceiveChain::move(size_t bytes, std::span<uint8_t> space) {
         size_t most = std::min(bytes, room.size());
         if (job_.bytes)
             most = std::min<uint64_t>(most, *job_.bytes - written_ + kPacketWithParityBytes);
-        const size_t taken = channel_->receive(room.first(most));
+        const size_t taken = input_->receive(room.first(most));
         if (taken == 0)
             break;
         bytes -= taken;
@@ -246,25 +243,25 @@ void ReceiveChain::finish(std::span<uint8_t> space) {
     if (now_ < endBy_)
         return;
     throw Failure(fmt::format("{} did not take the last {} bytes from {}{}", output_.name(),
-                              rest_ + kept_.size(), url_.text,
+                              rest_ + kept_.size(), job_.url,
                               stop_ != nullptr ? fmt::format(" after {}", stop_) : ""));
 }
 
 void ReceiveChain::conclude() {
-    const QXV_RTP_Statistics statistics = channel_->statistics();
+    const QXV_RTP_Statistics statistics = input_->statistics();
     datagrams_ = statistics.Datagrams;
     output_.close();
     if (job_.bytes && written_ < *job_.bytes)
         throw Failure(
-            fmt::format("only {} of {} bytes came from {}", written_, *job_.bytes, url_.text));
+            fmt::format("only {} of {} bytes came from {}", written_, *job_.bytes, job_.url));
     if (written_ == 0)
         throw Failure(sieve_.skippedBytes() == 0
-                          ? fmt::format("nothing came from {}", url_.text)
+                          ? fmt::format("nothing came from {}", job_.url)
                           : fmt::format("only bytes that are not TS packets came from {}: {}",
-                                        url_.text, sieve_.skippedBytes()));
+                                        job_.url, sieve_.skippedBytes()));
     if (overrunDatagrams_ > 0)
         throw Failure(fmt::format("{} datagrams from {} were dropped, since {} took too little",
-                                  overrunDatagrams_, url_.text, output_.name()));
+                                  overrunDatagrams_, job_.url, output_.name()));
     end(lost_);
 }
 
@@ -278,25 +275,27 @@ void ReceiveChain::end(const std::string& error) {
     }
     nextFigures_ = {};
     publish();
-    channel_.reset();
-    number_.reset();
+    if (input_)
+        repairs_ = input_->repairs();
+    input_.reset();
     figures_.ended.store(true, std::memory_order_release);
 }
 
 void ReceiveChain::publish() {
-    if (!channel_ || now_ < nextFigures_)
+    if (!input_ || now_ < nextFigures_)
         return;
     nextFigures_ = now_ + kFiguresInterval;
     figures_.bytes = written_;
     figures_.continuityErrors = sieve_.continuityErrors();
-    figures_.bitrate_bps = hasEnded() ? 0 : channel_->measuredBitrate();
-    figures_.rtp = channel_->isRtp();
+    figures_.bitrate_bps = hasEnded() ? 0 : input_->measuredBitrate();
+    figures_.rtp = input_->isRtp();
 }
 
 ReceiveChain::Clock::time_point ReceiveChain::due() const {
     auto due = Clock::time_point::max();
     if (state_ != State::kReceiving)
         return due;
+    due = inputDue_;
     if (job_.duration)
         due = std::min(due, opened_ + *job_.duration);
     if (job_.idleTimeout)

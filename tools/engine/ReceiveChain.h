@@ -1,10 +1,11 @@
-// One received stream on its way from its channel to its output.
+// One received stream on its way from its input to its output.
 #ifndef TOOLS_ENGINE_RECEIVECHAIN_H
 #define TOOLS_ENGINE_RECEIVECHAIN_H
 
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -13,12 +14,18 @@
 #include "PacketSieve.h"
 #include "engine/HostModule.h"
 #include "engine/Jobs.h"
+#include "engine/StreamInput.h"
+#include "engine/StreamSocket.h"
 #include "media/FileOutput.h"
-#include "media/HostNames.h"
-#include "media/StreamUrl.h"
 
-// Takes what the channel's ring holds, and writes its packets. Where the output takes nothing at
-// the moment, the ring is the queue: it holds 4 MiB, and the module drops what comes beyond.
+// What the chains of one thread share.
+struct CollectingMeans {
+    std::vector<uint8_t> space;  // for data
+    SocketMeans sockets;
+};
+
+// Takes what the input holds, and writes its packets. Where the output takes nothing at the moment,
+// the input is the queue: it holds 4 MiB, and drops what comes beyond.
 //
 // What fails is tried again once a second, for as long as it takes: an output that cannot be
 // opened or written, a socket, a channel that is refused. It is reported when it begins and when it
@@ -32,31 +39,31 @@ class ReceiveChain {
     using Report = std::function<void(const std::string&)>;
 
     // With a patience, the output must be there at once and the socket within that time. The module
-    // outlives the chain, and has to be there when it is served.
+    // outlives the chain, and has been loaded when the chain is served, if its input needs it.
     ReceiveChain(const ReceiveJob& job, ModuleOnDemand& module,
                  std::optional<Clock::duration> patience, Report report);
 
     const ReceiveJob& job() const { return job_; }
-    const StreamUrl& url() const { return url_; }
 
     // Tries to open the output, before the chain is served.
     void open();
     const FileOutput& output() const { return output_; }
 
-    // Does what is to be done now; `space` is for the data. `stop` names the signal that asks for
-    // the end, which comes within a second, or is null.
-    void serve(std::span<uint8_t> space, const char* stop);
+    // Does what is to be done now. `stop` names the signal that asks for the end, which comes
+    // within a second, or is null. The means are the same each time, and outlive the serving.
+    void serve(CollectingMeans& means, const char* stop);
     // Asks for the end of this chain alone.
     void askForEnd(const char* signal) { ownStop_ = signal; }
 
-    // Ends the chain, and gives the channel and the output back; no error = done.
+    // Ends the chain, and gives the input and the output back; no error = done.
     void end(const std::string& error);
 
     bool hasEnded() const { return state_ == State::kEnded; }
     // It has to be served at this time, and earlier when the full pipe has room again.
     Clock::time_point due() const;
     int fullPipe() const { return pipeIsFull_ ? output_.descriptor() : -1; }
-    // The part of the ring that was filled when it was served last; 0 when the output was full.
+    // The part of the input's queue that was filled when it was served last; 0 when the output was
+    // full.
     double filled() const { return filled_; }
 
     struct Figures {
@@ -71,6 +78,7 @@ class ReceiveChain {
     // These hold once `ended` is set.
     const std::string& error() const { return error_; }  // empty = done
     const PacketSieve& packets() const { return sieve_; }
+    const std::optional<RepairReport>& repairs() const { return repairs_; }
     uint64_t datagrams() const { return datagrams_; }
     uint64_t datagramsDropped() const { return dropped_; }
     Clock::duration sinceOpened() const { return closed_ - opened_; }
@@ -89,8 +97,9 @@ class ReceiveChain {
     void goesOn(Outage& outage, const std::string& what, Clock::duration grace = {});
     void isOver(Outage& outage, const std::string& what);
 
-    void step(std::span<uint8_t> space);
-    void connect();
+    void step(CollectingMeans& means);
+    void attend();
+    void connect(CollectingMeans& means);
     void awaitSocket(const std::string& what);
     void watch(const QXV_RTP_Statistics& statistics);
     void finish(std::span<uint8_t> space);
@@ -105,10 +114,7 @@ class ReceiveChain {
     void publish();
 
     const ReceiveJob job_;
-    const StreamUrl url_;
-    LookUp addresses_;
     ModuleOnDemand& module_;
-    std::optional<ChannelNumber> number_;  // until the end
     const std::optional<Clock::duration> patience_;
     const Report report_;
 
@@ -117,15 +123,17 @@ class ReceiveChain {
     std::atomic<const char*> ownStop_{nullptr};
     Clock::time_point now_ = Clock::now();
     FileOutput output_;
-    std::optional<ReceiveChannel> channel_;
+    std::unique_ptr<StreamInput> input_;
+    Clock::time_point inputDue_ = Clock::time_point::max();
+    std::optional<RepairReport> repairs_;
     PacketSieve sieve_;
 
-    // Taken from the ring and not yet written: in front what are packets, then what is yet to be
+    // Taken from the input and not yet written: in front what are packets, then what is yet to be
     // looked at.
     std::vector<uint8_t> kept_;
     size_t keptPackets_ = 0;  // bytes
     uint64_t written_ = 0;
-    size_t rest_ = 0;  // in the ring when the end was asked for, and not yet taken
+    size_t rest_ = 0;  // in the input when the end was asked for, and not yet taken
     bool pipeIsFull_ = false;
     double filled_ = 0.0;
 
@@ -135,7 +143,7 @@ class ReceiveChain {
     Clock::time_point retry_{};  // nothing is tried again before this
     uint64_t datagrams_ = 0;
     uint64_t dropped_ = 0;
-    uint64_t overrunDatagrams_ = 0;  // those of them for which the ring had no room
+    uint64_t overrunDatagrams_ = 0;  // those of them for which there was no room
     Clock::time_point lastOverrun_{};
     std::string lost_;  // why a part of the recording may be missing
 

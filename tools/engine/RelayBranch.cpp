@@ -16,6 +16,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr ts::Time kLead = 60ms;
+constexpr ts::Time kJitter = 150ms;  // that a relay smooths, beside what an input waits
 constexpr auto kInterval = 20ms;
 constexpr auto kLeastInterval = 1ms;
 constexpr auto kDraining = 1s;     // for what is to leave before a channel is started again
@@ -45,6 +46,7 @@ RelayBranch::RelayBranch(const RelayJob& job, bool rtp, std::vector<std::string>
     : job_(job),
       rtp_(rtp),
       isMadeConstant_(isMadeConstant(job.shaping, rtp, job.bitrate_bps)),
+      window_(reorderWindow(parsePaths(job.from))),
       events_(events) {}
 
 void RelayBranch::add(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module) {
@@ -55,12 +57,14 @@ void RelayBranch::makeShaper() {
     if (isMadeConstant_) {
         ts::ConstantRate::Options options;
         options.rate_bps = job_.shaping.rate_bps;
+        options.latency = std::max(options.latency, window_ + kJitter);
         options.delay = job_.shaping.delay.value_or(
             std::chrono::duration_cast<std::chrono::milliseconds>(options.delay));
         shaper_ = std::make_unique<ts::ConstantRate>(packetSize_, ts::InputKind::kLive, options);
     } else {
         ts::Pacer::Options options;
         options.rate_bps = job_.bitrate_bps;
+        options.latency = std::max(options.latency, window_ + kJitter);
         shaper_ = std::make_unique<ts::Pacer>(packetSize_, ts::InputKind::kLive, options);
     }
     rateSettled_ = false;

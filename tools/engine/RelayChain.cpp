@@ -13,10 +13,9 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr size_t kInputBytes = size_t{256} * 1024;
-constexpr int kMostChunks = 32;  // at a time, before the outputs have their turn
-constexpr auto kPause = 500ms;   // what is left of a datagram then leaves
-constexpr auto kSilence = 3s;    // until it is reported
-constexpr auto kRetry = 1s;
+constexpr int kMostChunks = 32;    // at a time, before the outputs have their turn
+constexpr auto kPause = 500ms;     // what is left of a datagram then leaves
+constexpr auto kSilence = 3s;      // until it is reported
 constexpr auto kSocketGrace = 3s;  // until a socket that is missing is reported
 
 std::chrono::milliseconds whole(std::chrono::nanoseconds time) {
@@ -25,13 +24,11 @@ std::chrono::milliseconds whole(std::chrono::nanoseconds time) {
 
 }  // namespace
 
-RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module,
+RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module, SocketMeans& means,
                        std::optional<std::chrono::milliseconds> patience)
     : job_(job),
-      url_(parseStreamUrl(job.from)),
-      number_(module.receiveNumber()),
-      module_(module),
       patience_(patience),
+      input_(makeInput(job.from, module, means)),
       data_(kInputBytes) {
     std::vector<ChannelNumber> numbers;  // in the order of the outputs
     for (size_t i = 0; i < job_.to.size(); ++i)
@@ -43,7 +40,7 @@ RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module,
             const StreamUrl url = parseStreamUrl(job_.to[i]);
             if (url.rtp != rtp)
                 continue;
-            branch.add(url, std::move(numbers[i]), module_);
+            branch.add(url, std::move(numbers[i]), module);
             used = true;
         }
         if (used)
@@ -57,44 +54,31 @@ void RelayChain::cancel() {
 }
 
 std::optional<Chain::Clock::time_point> RelayChain::run(Clock::time_point now) {
-    if (!channel_ && now >= retry_)
-        openInput(now);
-    if (channel_)
-        takeInput(now);
+    const auto inputDue = input_->attend(now);
+    takeInput(now);
     watchInput(now);
-    auto next = Clock::time_point::max();
+    auto next = inputDue;
     for (RelayBranch& branch : branches_)
         next = std::min(next, branch.run(now));
     checkPatience(now);
     return next;
 }
 
-void RelayChain::openInput(Clock::time_point now) {
-    retry_ = now + kRetry;
-    try {
-        if (const auto url = address_.poll(url_))
-            channel_.emplace(module_.get(), number_.value(), receiveConfig(*url));
-        else
-            trouble_ = fmt::format("the address of {} has not been found yet", url_.text);
-    } catch (const Failure& failure) {
-        trouble_ = failure.what();
-    }
-}
-
 void RelayChain::watchInput(Clock::time_point now) {
-    socketOpen_ = channel_ && channel_->socketIsOpen();
-    if (channel_ && !socketOpen_)
-        trouble_ = noSocket(url_).what();
+    for (std::string& event : input_->takeEvents())
+        events_.push_back(std::move(event));
+    socketOpen_ = input_->statistics().SocketOpen != 0;
     if (socketOpen_) {
         socketSeen_ = now;
         if (std::exchange(socketReported_, false))
-            events_.push_back(fmt::format("{} is received again", url_.text));
+            events_.push_back(fmt::format("{} is received again", job_.from));
     } else if (now - socketSeen_ > kSocketGrace && !std::exchange(socketReported_, true)) {
+        const std::string trouble = input_->trouble();
         events_.push_back(
-            fmt::format("{}{} Trying again.", trouble_, trouble_.ends_with('?') ? "" : "."));
+            fmt::format("{}{} Trying again.", trouble, trouble.ends_with('?') ? "" : "."));
     }
     if (socketOpen_ && now - lastData_ > kSilence && !std::exchange(silenceReported_, true))
-        events_.push_back(fmt::format("nothing arrives from {}{}", url_.text,
+        events_.push_back(fmt::format("nothing arrives from {}{}", job_.from,
                                       bytes_ == 0 ? " yet" : " any more"));
     if (now - lastData_ > kPause)
         for (RelayBranch& branch : branches_)
@@ -103,12 +87,12 @@ void RelayChain::watchInput(Clock::time_point now) {
 
 void RelayChain::takeInput(Clock::time_point now) {
     for (int chunks = 0; chunks < kMostChunks; ++chunks) {
-        const size_t taken = channel_->receive(std::span(data_).subspan(kept_));
+        const size_t taken = input_->receive(std::span(data_).subspan(kept_));
         if (taken == 0)
             return;
         bytes_ += taken;
         if (std::exchange(silenceReported_, false))
-            events_.push_back(fmt::format("{} arrives {}after {}", url_.text,
+            events_.push_back(fmt::format("{} arrives {}after {}", job_.from,
                                           bytes_ == taken ? "" : "again ",
                                           formatTime(whole(now - lastData_))));
         lastData_ = now;
@@ -143,7 +127,7 @@ void RelayChain::checkPatience(Clock::time_point now) {
     if (!patience_ || now - started_ < *patience_)
         return;
     if (!inputOpened_)
-        throw Failure(trouble_);
+        throw Failure(input_->trouble());
     if (!outputOpened_)
         throw Failure(trouble);
 }
@@ -158,9 +142,11 @@ std::string RelayChain::figures() const {
         all.rateChanges += figures.rateChanges;
         all.down += figures.down;
     }
-    const bool rtp = channel_ && channel_->isRtp();
-    return fmt::format("{} {} {}, delay {} + {} ms, {}, {} of rate, {}, {} dropped{}",
+    const bool rtp = input_->isRtp();
+    const auto repairs = input_->repairs();
+    return fmt::format("{} {} {}, {}delay {} + {} ms, {}, {} of rate, {}, {} dropped{}",
                        formatBytes(bytes_), rtp ? "rtp" : "raw", formatBitrate(all.stream.rate_bps),
+                       repairs ? describeRepairs(*repairs) + ", " : "",
                        whole(all.stream.delay).count(), whole(all.buffered).count(),
                        counted(all.stream.breaks, "break"), counted(all.rateChanges, "change"),
                        counted(sieve_.continuityErrors(), "continuity error"),
@@ -178,8 +164,10 @@ std::string RelayChain::summary() const {
 }
 
 std::vector<std::string> RelayChain::warnings() const {
-    if (sieve_.skippedBytes() == 0)
-        return {};
-    return {fmt::format("{}: skipped {} bytes ({}) that are not TS packets", job_.from,
-                        sieve_.skippedBytes(), counted(sieve_.gaps(), "gap"))};
+    const auto repairs = input_->repairs();
+    std::vector<std::string> lines = repairs ? describePaths(*repairs) : std::vector<std::string>();
+    if (sieve_.skippedBytes() > 0)
+        lines.push_back(fmt::format("{}: skipped {} bytes ({}) that are not TS packets", job_.from,
+                                    sieve_.skippedBytes(), counted(sieve_.gaps(), "gap")));
+    return lines;
 }

@@ -1,9 +1,10 @@
-// From a receive channel to send channels.
+// From an input to send channels.
 #ifndef TOOLS_ENGINE_RELAYCHAIN_H
 #define TOOLS_ENGINE_RELAYCHAIN_H
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,8 +14,8 @@
 #include "engine/HostModule.h"
 #include "engine/Jobs.h"
 #include "engine/RelayBranch.h"
-#include "media/HostNames.h"
-#include "media/StreamUrl.h"
+#include "engine/StreamInput.h"
+#include "engine/StreamSocket.h"
 
 // Takes whole packets from what arrives, and lets two branches send them: that of the raw outputs
 // and that of those under RTP.
@@ -25,7 +26,8 @@
 // the outputs.
 class RelayChain : public Chain {
   public:
-    RelayChain(const RelayJob& job, ModuleOnDemand& module,
+    // The module and the means outlive the chain.
+    RelayChain(const RelayJob& job, ModuleOnDemand& module, SocketMeans& means,
                std::optional<std::chrono::milliseconds> patience);
 
     std::optional<Clock::time_point> run(Clock::time_point now) override;
@@ -38,7 +40,6 @@ class RelayChain : public Chain {
     std::optional<std::string> unfinished() const override { return std::nullopt; }
 
   private:
-    void openInput(Clock::time_point now);
     void watchInput(Clock::time_point now);
     void takeInput(Clock::time_point now);
     void sift(Clock::time_point now);
@@ -46,19 +47,13 @@ class RelayChain : public Chain {
     std::string figures() const;
 
     const RelayJob job_;
-    const StreamUrl url_;
-    const ChannelNumber number_;
-    ModuleOnDemand& module_;
     const std::optional<std::chrono::milliseconds> patience_;
     std::vector<RelayBranch> branches_;
 
-    LookUp address_;
-    std::optional<ReceiveChannel> channel_;
-    Clock::time_point retry_{};
+    const std::unique_ptr<StreamInput> input_;
     bool socketOpen_ = false;
     bool inputOpened_ = false;   // at any time
     bool outputOpened_ = false;  // one of them
-    std::string trouble_;        // why there is no socket
 
     std::vector<uint8_t> data_;  // in front what was kept of the last turn
     size_t kept_ = 0;

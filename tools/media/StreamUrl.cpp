@@ -14,6 +14,8 @@
 namespace {
 
 constexpr size_t kLongestName = 253;
+constexpr size_t kMostPaths = 4;
+constexpr uint16_t kReorder_ms = 50;  // if not given: many times the jitter of a good network
 constexpr std::string_view kForm = "udp://HOST:PORT or rtp://HOST:PORT";
 
 [[noreturn]] void refuse(std::string_view url, std::string_view why) {
@@ -35,6 +37,12 @@ std::string lowerCase(std::string_view text) {
     for (char& c : lower)
         c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
     return lower;
+}
+
+// Where another URL begins behind a '+'; npos = nowhere.
+size_t nextPath(std::string_view text) {
+    const std::string lower = lowerCase(text);
+    return std::min(lower.find("+udp://"), lower.find("+rtp://"));
 }
 
 // Takes the scheme and returns what follows "://".
@@ -195,7 +203,8 @@ void parseForeignOption(std::string_view key, std::string_view value, const Stre
                                            [key](const auto& other) { return other.key == key; });
     if (known == std::end(kForeignOptions))
         refuse(url.text, fmt::format("unknown option '{}'; accepted are ttl=0..255, dscp=0..63, "
-                                     "source=HOST, iface=NAME and localaddr=ADDRESS",
+                                     "source=HOST, iface=NAME, localaddr=ADDRESS and "
+                                     "reorder=0..1000",
                                      key));
     if (!known->advice.empty())
         refuse(url.text, fmt::format("'{}' is not accepted; {}", key, known->advice));
@@ -203,6 +212,7 @@ void parseForeignOption(std::string_view key, std::string_view value, const Stre
 
 void parseQuery(std::string_view query, StreamUrl& url) {
     constexpr unsigned int kLargestDscp = 63;
+    constexpr unsigned int kLongestReorder_ms = 1000;
     while (!query.empty()) {
         const std::string_view item = query.substr(0, query.find('&'));
         query.remove_prefix(std::min(query.size(), item.size() + 1));
@@ -220,6 +230,8 @@ void parseQuery(std::string_view query, StreamUrl& url) {
             parseInterface(value, url);
         else if (key == "localaddr")
             parseLocalAddress(value, url);
+        else if (key == "reorder")
+            url.reorder_ms = parseOption<uint16_t>(key, value, kLongestReorder_ms, url);
         else
             parseForeignOption(key, value, url);
     }
@@ -276,6 +288,8 @@ void setHost(StreamUrl& url, std::string_view address) {
 }
 
 void checkParts(const StreamUrl& url) {
+    if (url.reorder_ms && !url.rtp)
+        refuse(url.text, "only RTP has numbers by which it can be put in order; write rtp://");
     if (!url.interface.empty() && !url.localAddress.empty())
         refuse(url.text, "iface and localaddr both name the interface; write one of them");
     if (url.hostIsName)
@@ -295,6 +309,8 @@ void checkParts(const StreamUrl& url) {
 StreamUrl parseStreamUrl(std::string_view text) {
     StreamUrl url;
     url.text = text;
+    if (nextPath(text) != std::string_view::npos)
+        refuse(text, "one URL is accepted here; 'relay' and 'receive' take in several paths");
     const std::string_view rest = takeScheme(text, url);
     const size_t question = rest.find('?');
     std::string_view authority = rest.substr(0, question);
@@ -307,7 +323,41 @@ StreamUrl parseStreamUrl(std::string_view text) {
     return url;
 }
 
+std::vector<StreamUrl> parsePaths(std::string_view text) {
+    std::vector<StreamUrl> paths;
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t plus = nextPath(rest);
+        paths.push_back(parseStreamUrl(rest.substr(0, plus)));
+        checkSource(paths.back());
+        rest.remove_prefix(plus == std::string_view::npos ? rest.size() : plus + 1);
+    }
+    if (paths.empty())
+        parseStreamUrl(text);  // says what is wrong
+    for (const StreamUrl& path : paths)
+        if (paths.size() > 1 && !path.rtp)
+            refuse(text, "only RTP has numbers by which several paths can be merged; write rtp://");
+    if (paths.size() > kMostPaths)
+        refuse(text, fmt::format("a stream comes in on {} paths at most", kMostPaths));
+    if (paths.size() > 1 && !isRepaired(paths))
+        refuse(text, "several paths cannot be merged with reorder=0");
+    return paths;
+}
+
+bool isRepaired(const std::vector<StreamUrl>& paths) {
+    return paths.front().rtp && reorderWindow(paths).count() > 0;
+}
+
+std::chrono::milliseconds reorderWindow(const std::vector<StreamUrl>& paths) {
+    std::optional<uint16_t> window_ms;
+    for (const StreamUrl& path : paths)
+        if (path.reorder_ms)
+            window_ms = std::max(window_ms.value_or(0), *path.reorder_ms);
+    return std::chrono::milliseconds(window_ms.value_or(kReorder_ms));
+}
+
 void checkDestination(const StreamUrl& url) {
+    if (url.reorder_ms)
+        refuse(url.text, "'reorder' is for what comes in");
     if (url.anyHost)
         refuse(url.text, "a destination is needed to send to; write udp://127.0.0.1:5000");
 }

@@ -2,10 +2,12 @@
 #ifndef TOOLS_MEDIA_STREAMURL_H
 #define TOOLS_MEDIA_STREAMURL_H
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QXV_RTP.h"
 #include "base/Errors.h"
@@ -20,8 +22,9 @@ inline constexpr uint8_t kDefaultTtl = 16;
 //   HOST    an IPv4 address, an IPv6 address in brackets, with %zone if need be, or a name; left
 //           out, any IPv4 address
 //   KEY     ttl (0 to 255), dscp (0 to 63), source (as SOURCE), iface (name of the interface to
-//           use) or localaddr (its address). Options by which ffmpeg and VLC size their buffers
-//           are accepted and have no effect.
+//           use) or localaddr (its address); reorder (0 to 1000), in milliseconds, of an RTP stream
+//           that comes in. Options by which ffmpeg and VLC size their buffers are accepted and
+//           have no effect.
 struct StreamUrl {
     std::string text;  // as given
     bool rtp = false;
@@ -37,6 +40,7 @@ struct StreamUrl {
     std::string interface;
     std::string source;
     std::optional<uint8_t> dscp = std::nullopt;
+    std::optional<uint16_t> reorder_ms = std::nullopt;
 
     // Does lookUp() (HostNames.h) have to find addresses before anything can be opened?
     bool hasNames() const { return hostIsName || sourceIsName || !interface.empty(); }
@@ -44,6 +48,15 @@ struct StreamUrl {
 
 // Throws UsageError, which says what is wrong and what is accepted.
 StreamUrl parseStreamUrl(std::string_view text);
+
+// The paths on which one stream comes in, "rtp://A+rtp://B": one, or two to four of RTP. Throws
+// UsageError, also where one of the URLs cannot be received from.
+std::vector<StreamUrl> parsePaths(std::string_view text);
+
+// Whether what comes in on the paths is put in order and merged, which the tool does on sockets of
+// its own; and how long a datagram waits at most for those in front of it.
+bool isRepaired(const std::vector<StreamUrl>& paths);
+std::chrono::milliseconds reorderWindow(const std::vector<StreamUrl>& paths);
 
 // They throw UsageError where the URL cannot be sent to, or received from, as far as that shows
 // before its names are looked up.

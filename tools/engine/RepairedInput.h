@@ -1,0 +1,89 @@
+// RTP from sockets of the tool's own: put in order, and merged where several paths bring it.
+#ifndef TOOLS_ENGINE_REPAIREDINPUT_H
+#define TOOLS_ENGINE_REPAIREDINPUT_H
+
+#include <cstdint>
+#include <list>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Reorderer.h"
+#include "base/ByteQueue.h"
+#include "engine/StreamInput.h"
+#include "engine/StreamSocket.h"
+
+// Several paths are looked at in the order of their datagrams' arrival. A path that has no socket,
+// or that brings nothing while another one does, is told, and told again when it is back; what
+// happens to all paths is up to whoever uses the input.
+//
+// The payloads wait in a queue of 4 MiB, as they would in a channel's ring; what comes beyond is
+// dropped.
+class RepairedInput : public StreamInput {
+  public:
+    RepairedInput(const std::vector<StreamUrl>& paths, SocketMeans& means);
+
+    Clock::time_point attend(Clock::time_point now) override;
+    std::string trouble() const override;
+    QXV_RTP_Statistics statistics() const override;
+    bool isRtp() const override { return rtp_; }
+    uint32_t measuredBitrate() const override { return bitrate_bps_; }
+    size_t receive(std::span<uint8_t> space) override { return queue_.take(space); }
+    void finish() override;
+    std::vector<std::string> takeEvents() override { return std::exchange(events_, {}); }
+    std::optional<RepairReport> repairs() const override;
+
+  private:
+    struct Path {
+        Path(const StreamUrl& url, SocketMeans& means) : socket(url, means) {}
+
+        StreamSocket socket;
+        Clock::time_point due{};
+        Clock::time_point socketSeen = Clock::now();
+        ts::Time last{0};    // arrival; 0 = nothing has come
+        ts::Time listens{};  // since the opening of the socket
+        ts::Time behind{};   // another path has brought something since, and this one has not
+        bool socketReported = false;
+        bool silenceReported = false;
+    };
+    // Taken from a socket, and not yet looked at.
+    struct Staged {
+        ts::Time arrival;
+        size_t path;
+        size_t offset;
+        size_t length;
+    };
+
+    bool isOpen() const;
+    void takeAll(Clock::time_point now);
+    void push(std::span<const uint8_t> datagram, ts::Time arrival, size_t path);
+    void store(const ts::Reorderer::Delivery& delivery);
+    void watchPaths(Clock::time_point now);
+    void watchDrops(Clock::time_point now);
+    void measure(Clock::time_point now);
+
+    std::list<Path> paths_;
+    ts::Reorderer reorderer_;
+    const ts::Reorderer::Sink sink_;
+    std::vector<Staged> staged_;
+    std::vector<uint8_t> stagedBytes_;
+    ts::Time last_{0};  // nothing is looked at with an earlier time any more
+
+    ByteQueue queue_;
+    uint64_t stored_ = 0;  // datagrams
+    uint64_t bytes_ = 0;
+    uint64_t overruns_ = 0;
+    uint64_t socketDrops_ = 0;
+    uint64_t dropsReported_ = 0;
+    Clock::time_point nextReport_{};
+    bool rtp_ = true;
+
+    Clock::time_point measured_ = Clock::now();
+    uint64_t bytesMeasured_ = 0;
+    uint32_t bitrate_bps_ = 0;
+    std::vector<std::string> events_;
+};
+
+#endif

@@ -1,0 +1,70 @@
+// Where a relay or a recording takes its stream from.
+#ifndef TOOLS_ENGINE_STREAMINPUT_H
+#define TOOLS_ENGINE_STREAMINPUT_H
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Reorderer.h"
+#include "engine/Chain.h"
+#include "engine/HostModule.h"
+#include "engine/StreamSocket.h"
+#include "media/HostNames.h"
+#include "media/StreamUrl.h"
+
+// What became of the datagrams of an input that repairs itself.
+struct RepairReport {
+    ts::RepairCounts counts;
+    std::chrono::nanoseconds window;
+    uint64_t socketDrops;  // datagrams that this machine's sockets had no room for
+    std::vector<std::pair<std::string, ts::PathReport>> paths;  // and their URLs
+};
+
+// Survives all outages: sockets are opened again for as long as it takes.
+//
+// Thread safety: one thread uses it, that of the means.
+class StreamInput {
+  public:
+    using Clock = Chain::Clock;
+
+    StreamInput() = default;
+    StreamInput(const StreamInput&) = delete;
+    StreamInput& operator=(const StreamInput&) = delete;
+    virtual ~StreamInput() = default;
+
+    // Opens what is not open, and takes what has come. Returns when this is to be done again at the
+    // latest.
+    virtual Clock::time_point attend(Clock::time_point now) = 0;
+
+    virtual std::string trouble() const = 0;  // why there is no socket
+    // What a receive channel tells of itself, whether or not there is one.
+    virtual QXV_RTP_Statistics statistics() const = 0;
+    virtual bool isRtp() const = 0;
+    virtual uint32_t measuredBitrate() const = 0;  // bits per second, refreshed once a second
+
+    // Takes what is there, as far as it fits, without waiting; returns the number of bytes.
+    virtual size_t receive(std::span<uint8_t> space) = 0;
+    // The end has come: what waits for something in front of it is there now.
+    virtual void finish() {}
+
+    virtual std::vector<std::string> takeEvents() { return {}; }
+    // None: the input repairs nothing.
+    virtual std::optional<RepairReport> repairs() const { return std::nullopt; }
+};
+
+// From the module, or from sockets of the tool's own where something may be repaired. The module
+// and the means outlive the object; where several threads have inputs, the module is loaded before.
+std::unique_ptr<StreamInput> makeInput(const std::string& url, ModuleOnDemand& module,
+                                       SocketMeans& means);
+
+// "3 lost, 12 reordered", and each path's loss where there are several.
+std::string describeRepairs(const RepairReport& report);
+// A line for each of several paths, for the end.
+std::vector<std::string> describePaths(const RepairReport& report);
+
+#endif
