@@ -31,17 +31,18 @@ size_t slotsFor(Time window) {
 }  // namespace
 
 Reorderer::Reorderer(const Options& options)
-    : window_(std::clamp(options.window, Time(0), kLongestWindow)),
+    : ownWindow_(std::clamp(options.window, Time(0), kLongestWindow)),
+      window_(ownWindow_),
       pool_(std::max(options.memory, kLeastMemory)),
       current_(slotsFor(window_), pool_),
       other_(slotsFor(window_), pool_) {}
 
-void Reorderer::setWindow(Time window) {
-    window_ = std::clamp(window, Time(0), kLongestWindow);
+void Reorderer::allowFor(Time repair) {
+    window_ = std::clamp(repair, ownWindow_, kLongestWindow);
 }
 
 Time Reorderer::silence() const {
-    return std::max(window_, kShortestSilence);
+    return std::max(ownWindow_, kShortestSilence);
 }
 
 void Reorderer::push(std::span<const uint8_t> datagram, Time arrival, size_t path,
@@ -286,6 +287,7 @@ void Reorderer::finish(const Sink& sink) {
         takeOver(sink);
         deliverAll();
     }
+    dropOther();
 }
 
 bool Reorderer::mayTakeOver(Time now) const {

@@ -58,7 +58,7 @@ class Reorderer {
   public:
     static constexpr size_t kMostPaths = 4;
     static constexpr size_t kRepaired = kMostPaths;  // the "path" of what FEC brought back
-    static constexpr Time kLongestWindow = std::chrono::seconds(1);
+    static constexpr Time kLongestWindow = std::chrono::seconds(10);
 
     struct Options {
         Time window = std::chrono::milliseconds(50);
@@ -85,16 +85,18 @@ class Reorderer {
     void release(Time now, const Sink& sink);
     // When release() has something to do. None: not before something comes.
     std::optional<Time> next() const;
-    // Delivers all that waits.
+    // Delivers all that waits. Nothing is pushed after that.
     void finish(const Sink& sink);
 
-    // A decoder of FEC may take longer to bring something back.
-    void setWindow(Time window);
+    // A decoder of FEC may take longer to bring something back. The window grows to that, or goes
+    // back to what was given at the beginning. New sequences are recognised as fast as before.
+    void allowFor(Time repair);
     Time window() const { return window_; }
 
     const RepairCounts& counts() const { return counts_; }
     PathReport path(size_t path, Time now) const;
     size_t waiting() const { return current_.held() + other_.held(); }
+    size_t memory() const { return pool_.bytes(); }  // for what waits, or has waited
 
   private:
     struct Path {
@@ -128,6 +130,7 @@ class Reorderer {
     void settle(Time now);
     void settleTo(int64_t number);
 
+    const Time ownWindow_;
     Time window_;
     PayloadPool pool_;
     SequenceBuffer current_;

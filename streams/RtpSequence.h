@@ -22,8 +22,8 @@ struct RtpDatagram {
 // None: it is not RTP with packets of a transport stream.
 std::optional<RtpDatagram> readRtp(std::span<const uint8_t> datagram);
 
-// Whether the timestamps go on with the time that passed. Then the stream does, however far apart its
-// numbers are, for a sender that was restarted begins with a random timestamp.
+// Whether the timestamps go on with the time that passed. Then the stream does, however far apart
+// its numbers are, for a sender that was restarted begins with a random timestamp.
 bool timestampsGoOn(uint32_t from, uint32_t to, Time passed);
 
 struct RtpCounts {

@@ -21,6 +21,7 @@ class PayloadPool {
     // None: there is no room.
     std::optional<Payload> copy(std::span<const uint8_t> bytes);
     void giveBack(Payload& payload);
+    size_t bytes() const { return bytes_; }
 
   private:
     const size_t mostBytes_;
