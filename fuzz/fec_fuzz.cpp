@@ -63,6 +63,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     const ts::FecCounts& counts = decoder.counts();
     Check(counts.repaired == restored && counts.repaired <= counts.received);
-    Check(decoder.wait(now) <= 9 * now / 8);
+    Check(decoder.wait(now) <= 5 * now / 4);
     return 0;
 }

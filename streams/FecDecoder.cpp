@@ -151,10 +151,10 @@ void FecDecoder::noteWait(const Parity& parity, Time arrival) {
 Time FecDecoder::wait(Time now) const {
     if (now - period_ >= 2 * kPeriod)
         return Time(0);
-    // An eighth more, for the parity may be late.
+    // A quarter more: parity may be late, and a row may have to wait for the last of the columns.
     const Time age =
         now - period_ < kPeriod ? std::max(ages_[0].time, ages_[1].time) : ages_[0].time;
-    return age + age / 8;
+    return age + age / 4;
 }
 
 // Each repair may make another one possible.
