@@ -155,8 +155,11 @@ class FileReader {
             rules_.repeatInput(job.input, entry.place("loop"));
         if (job.follow)
             rules_.followInput(job.input, entry.place("follow"));
-        if (const auto destination = url(job.url, entry.place("url"), checkDestination))
+        if (const auto destination = url(job.url, entry.place("url"), checkDestination)) {
             rules_.addDestination(*destination, entry.place("url"));
+            rules_.delayOutput(job.shaping, destination->rtp, job.bitrate_bps,
+                               entry.place("delay"));
+        }
         return job;
     }
 
@@ -181,11 +184,14 @@ class FileReader {
         RelayJob job;
         job.from = entry.text("from");
         const size_t number = rules_.addRelay(source(job.from, entry.place("from")));
+        bool rtp = false;
         const auto addDestination = [&](const toml::node& node, const std::string& field) {
             job.to.push_back(entry.text(node, field));
             const ConfigPlace place = placeOf(node.source(), field);
-            if (const auto destination = url(job.to.back(), place, checkDestination))
+            if (const auto destination = url(job.to.back(), place, checkDestination)) {
+                rtp = rtp || destination->rtp;
                 rules_.addDestination(*destination, place, number);
+            }
         };
         const toml::node* const to = entry.find("to");
         if (const toml::array* const list = to != nullptr ? to->as_array() : nullptr) {
@@ -198,6 +204,7 @@ class FileReader {
             problems_.add(entry.place("to"), "at least one URL is needed");
         job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
         job.shaping = shaping(entry);
+        rules_.delayOutput(job.shaping, rtp, job.bitrate_bps, entry.place("delay"));
         return job;
     }
 

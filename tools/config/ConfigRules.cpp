@@ -193,6 +193,13 @@ void ConfigRules::rotateOutput(const std::string& path, const ConfigPlace& place
         problems_.add(place, "standard output cannot be followed by a new file");
 }
 
+void ConfigRules::delayOutput(const Shaping& shaping, bool rtp,
+                              const std::optional<uint32_t>& bitrate_bps,
+                              const ConfigPlace& place) {
+    if (shaping.delay && !isMadeConstant(shaping, rtp, bitrate_bps))
+        problems_.add(place, "has no effect without a constant rate ('cbr', or rtp://)");
+}
+
 // A service, or a command, is one process, which has so many channels in a direction.
 bool ConfigRules::haveChannel(const ConfigPlace& place, std::string_view direction) {
     const std::string section = place.field.substr(0, place.field.find_first_of("[ "));
@@ -294,14 +301,19 @@ void ConfigRules::finish() {
 void checkArguments(const std::vector<SendJob>& jobs) {
     ConfigProblems problems;
     ConfigRules rules(problems);
+    bool rtp = false;
     for (size_t i = 0; i < jobs.size(); ++i) {
         rules.addInput(jobs[i].input, argument("INPUT", i));
         if (jobs[i].loop)
             rules.repeatInput(jobs[i].input, {0, 0, "--loop"});
         if (jobs[i].follow)
             rules.followInput(jobs[i].input, {0, 0, "--follow"});
-        rules.addDestination(checkedUrl(jobs[i].url, checkDestination), argument("URL", i));
+        const StreamUrl url = checkedUrl(jobs[i].url, checkDestination);
+        rtp = rtp || url.rtp;
+        rules.addDestination(url, argument("URL", i));
     }
+    for (const SendJob& job : jobs)
+        rules.delayOutput(job.shaping, rtp, job.bitrate_bps, {0, 0, "--delay"});
     problems.throwFirst();
 }
 
@@ -322,8 +334,13 @@ void checkArguments(const RelayJob& job) {
     ConfigProblems problems;
     ConfigRules rules(problems);
     const size_t relay = rules.addRelay(rules.addSource(parsePaths(job.from), {0, 0, "FROM"}));
-    for (size_t i = 0; i < job.to.size(); ++i)
-        rules.addDestination(checkedUrl(job.to[i], checkDestination), argument("TO", i), relay);
+    bool rtp = false;
+    for (size_t i = 0; i < job.to.size(); ++i) {
+        const StreamUrl url = checkedUrl(job.to[i], checkDestination);
+        rtp = rtp || url.rtp;
+        rules.addDestination(url, argument("TO", i), relay);
+    }
+    rules.delayOutput(job.shaping, rtp, job.bitrate_bps, {0, 0, "--delay"});
     rules.finish();
     problems.throwFirst();
 }

@@ -53,6 +53,9 @@ class ConfigRules {
     void repeatInput(const std::string& path, const ConfigPlace& place);
     void followInput(const std::string& path, const ConfigPlace& place);
     void rotateOutput(const std::string& path, const ConfigPlace& place);
+    // `rtp`: one of the destinations is.
+    void delayOutput(const Shaping& shaping, bool rtp, const std::optional<uint32_t>& bitrate_bps,
+                     const ConfigPlace& place);
 
     // A stream, on all paths on which it comes in. Returns the numbers of its sources, none where
     // there are too many streams.
