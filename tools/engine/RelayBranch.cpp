@@ -15,9 +15,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr ts::Time kLead = 60ms;
+constexpr ts::Time kLongestLead = 60ms;
 constexpr ts::Time kJitter = 150ms;  // that a relay smooths, beside what an input waits
-constexpr auto kInterval = 20ms;
+constexpr int kTurnsPerLead = 3;
 constexpr auto kLeastInterval = 1ms;
 constexpr auto kDraining = 1s;     // for what is to leave before a channel is started again
 constexpr auto kStarting = 200ms;  // of channels, their sockets included
@@ -149,9 +149,10 @@ RelayBranch::Clock::time_point RelayBranch::run(Clock::time_point now) {
         nextReport_ = now >= nextReport_ ? now + kReport : nextReport_;
     }
     const auto next = shaper_ ? shaper_->next() : std::nullopt;
+    const auto latest = now + lead() / kTurnsPerLead;
     if (!next || pace_ != Pace::kCeiling)
-        return now + kInterval;
-    return std::clamp(Clock::time_point(*next), now + kLeastInterval, now + kInterval);
+        return latest;
+    return std::clamp(Clock::time_point(*next), now + kLeastInterval, latest);
 }
 
 void RelayBranch::attend(Output& output, Clock::time_point now) {
@@ -210,15 +211,20 @@ void RelayBranch::settleRate() {
     }
 }
 
+// How far ahead channels are fed that have the stream's rate: by no more than half of the ring.
 ts::Time RelayBranch::lead() const {
-    return pace_ == Pace::kCeiling ? ts::Time(0) : kLead;
+    if (!shaper_ || !shaper_->rate())
+        return kLongestLead;
+    const auto half = std::llround(kRing / 2 * 8e9 / *shaper_->rate());
+    return std::min(kLongestLead, ts::Time(half));
 }
 
 void RelayBranch::feed(Clock::time_point now) {
     settleRate();
     const ts::Time time = now.time_since_epoch();
     std::array<uint8_t, kChunkBytes> data;  // NOLINT(*-member-init): written before it is read
-    while (const size_t size = shaper_->pull(data, time + lead()))
+    while (const size_t size =
+               shaper_->pull(data, time + (pace_ == Pace::kCeiling ? ts::Time(0) : lead())))
         hand(std::span(data).first(size));
     settleRate();
     for (Output& output : outputs_)
