@@ -17,6 +17,7 @@
 #include "engine/AlarmCommand.h"
 #include "engine/MonitorChain.h"
 #include "media/LineOutput.h"
+#include "media/SdpFile.h"
 #include "reports/StreamFindings.h"
 
 namespace {
@@ -159,7 +160,7 @@ std::vector<MonitorJob> jobsOf(const Arguments& given) {
         jobs = readMonitorJobs(given.config);
     for (const std::string& url : given.urls) {
         MonitorJob job;
-        job.url = url;
+        job.url = streamOf(url);
         if (!given.duration.empty())
             job.duration = duration("--duration", given.duration, 0.1, 1e9);
         jobs.push_back(job);

@@ -13,6 +13,7 @@
 #include "commands/Session.h"
 #include "config/ConfigRules.h"
 #include "engine/MonitorChain.h"
+#include "media/SdpFile.h"
 #include "reports/StreamFindings.h"
 
 void runProbe(const ProbeOptions& options) {
@@ -81,6 +82,7 @@ CommandModel probeCommand() {
         "  qxvrtp probe 'udp://@:5000' -d 60 --json | jq .continuity_errors\n{}",
         urlHelp());
     command.action = [given] {
+        given->options.url = streamOf(given->options.url);
         if (!given->duration.empty())
             given->options.duration = duration("--duration", given->duration, 0.1, 1e6);
         runProbe(given->options);

@@ -24,6 +24,7 @@
 #include "engine/Collector.h"
 #include "engine/HostModule.h"
 #include "engine/ReceiveChain.h"
+#include "media/SdpFile.h"
 #include "media/StreamUrl.h"
 #include "terminal/Progress.h"
 
@@ -228,10 +229,10 @@ std::vector<ReceiveJob> makeJobs(const Arguments& given) {
     };
     std::vector<ReceiveJob> jobs;
     for (size_t i = 0; i < given.streams.size(); i += 2)
-        jobs.push_back({given.streams[i], given.streams[i + 1], time("--duration", given.duration),
-                        size("--bytes", given.bytes), time("--idle-timeout", given.idleTimeout),
-                        size("--rotate-size", given.rotateSize),
-                        time("--rotate-time", given.rotateTime)});
+        jobs.push_back(
+            {streamOf(given.streams[i]), given.streams[i + 1], time("--duration", given.duration),
+             size("--bytes", given.bytes), time("--idle-timeout", given.idleTimeout),
+             size("--rotate-size", given.rotateSize), time("--rotate-time", given.rotateTime)});
     checkArguments(jobs);
     return jobs;
 }

@@ -15,6 +15,7 @@
 #include "config/ConfigFile.h"
 #include "config/ConfigRules.h"
 #include "engine/RelayChain.h"
+#include "media/SdpFile.h"
 
 namespace {
 
@@ -92,6 +93,7 @@ CommandModel relayCommand() {
                       "Send at this many bits per second, like 2500000, 2500k or 2.5M; "
                       "without it, the pace of the stream's PCRs");
     addShaping(command, given->shaping);
+    addAnnouncing(command, given->job.announcing);
     command.addOption("--patience", given->patience, "SECONDS",
                       "How long to wait for sockets that cannot be opened; 3 if not given");
     addConfigOption(command, given->config);
@@ -103,6 +105,7 @@ CommandModel relayCommand() {
         const auto patience = duration("--patience", given->patience, 0.0, 1e9);
         if (!given->config.empty())
             return runRelay({given->config, [given] { return readRelayJobs(given->config); }}, {});
+        given->job.from = streamOf(given->job.from);
         checkArguments(given->job);
         runRelay({"", [given] { return std::vector{given->job}; }}, patience);
     };

@@ -26,6 +26,7 @@ struct Arguments {
     std::string duration;
     std::string patience = "3";
     ShapingArguments shaping;
+    Announcing announcing;
     std::string config;
     bool loop = false;
     bool follow = false;
@@ -42,6 +43,7 @@ std::vector<SendJob> jobsOf(const Arguments& given) {
     if (!given.duration.empty())
         job.duration = duration("--duration", given.duration, 0.001, 1e9);
     job.shaping = shaping(given.shaping);
+    job.announcing = given.announcing;
     checkPairs(given.pairs, "URL");
     std::vector<SendJob> jobs;
     for (size_t i = 0; i < given.pairs.size(); i += 2) {
@@ -126,6 +128,7 @@ CommandModel sendCommand() {
     command.addOption("-d,--duration", given->duration, "SECONDS",
                       "Send this much of the stream, then end");
     addShaping(command, given->shaping);
+    addAnnouncing(command, given->announcing);
     command.addOption(
         "--patience", given->patience, "SECONDS",
         "How long to wait at the start for an output that does not work; 3 if not given");

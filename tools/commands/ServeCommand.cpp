@@ -24,6 +24,7 @@
 #include "config/ConfigRules.h"
 #include "engine/MonitorChain.h"
 #include "engine/Runner.h"
+#include "media/SdpFile.h"
 #include "page/History.h"
 #include "page/Observer.h"
 #include "page/Site.h"
@@ -125,7 +126,7 @@ std::vector<MonitorJob> jobsOf(const Arguments& given) {
     std::vector<MonitorJob> jobs;
     for (const std::string& url : given.urls) {
         MonitorJob job;
-        job.url = url;
+        job.url = streamOf(url);
         jobs.push_back(job);
     }
     checkArguments(jobs);

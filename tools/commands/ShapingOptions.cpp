@@ -20,6 +20,15 @@ void addShaping(CommandModel& command, ShapingArguments& given) {
                     "Change no byte over rtp://, even if the rate of the stream varies");
 }
 
+void addAnnouncing(CommandModel& command, Announcing& given) {
+    command.addOption("--sdp", given.folder, "DIR",
+                      "While a stream is sent to an rtp:// URL, keep a file in this folder that "
+                      "describes it for players (SDP): HOST_PORT.sdp");
+    command.addOption("--announce", given.name, "NAME",
+                      "Announce what is sent to groups by rtp:// under this name (SAP), for "
+                      "players to list");
+}
+
 Shaping shaping(const ShapingArguments& given) {
     Shaping shaping;
     shaping.constant = !given.cbr.empty();

@@ -1,4 +1,4 @@
-// The options of commands that can make a stream constant-rate.
+// The options of commands that send: how to make a stream constant-rate, and how to announce it.
 #ifndef TOOLS_COMMANDS_SHAPINGOPTIONS_H
 #define TOOLS_COMMANDS_SHAPINGOPTIONS_H
 
@@ -16,6 +16,8 @@ struct ShapingArguments {
 
 // The arguments must live as long as the command.
 void addShaping(CommandModel& command, ShapingArguments& given);
+
+void addAnnouncing(CommandModel& command, Announcing& given);
 
 // Throws UsageError.
 Shaping shaping(const ShapingArguments& given);

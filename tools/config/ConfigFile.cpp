@@ -16,6 +16,7 @@
 #include "config/ConfigRules.h"
 #include "config/MonitorKeys.h"
 #include "config/TableReader.h"
+#include "media/SdpFile.h"
 #include "media/StreamUrl.h"
 
 namespace {
@@ -138,6 +139,22 @@ class FileReader {
         return shaping;
     }
 
+    // The URL of a stream to receive, which a file may describe.
+    std::string stream(TableReader& entry, const char* key) {
+        const std::string text = entry.text(key);
+        try {
+            return streamOf(text);
+        } catch (const UsageError& error) {
+            problems_.add(entry.place(key), error.what());
+            return {};
+        }
+    }
+
+    static Announcing announcing(TableReader& entry) {
+        return {entry.find("sdp") != nullptr ? entry.text("sdp") : "",
+                entry.find("announce") != nullptr ? entry.text("announce") : ""};
+    }
+
     SendJob send(TableReader& entry) {
         SendJob job;
         job.input = entry.text("input");
@@ -148,6 +165,7 @@ class FileReader {
         if (job.loop && job.follow)
             problems_.add(entry.place("follow"), "excludes 'loop'");
         job.shaping = shaping(entry);
+        job.announcing = announcing(entry);
         job.start = entry.seconds("start", 0.0);
         job.duration = entry.seconds("duration", 0.001);
         rules_.addInput(job.input, entry.place("input"));
@@ -165,7 +183,7 @@ class FileReader {
 
     ReceiveJob receive(TableReader& entry) {
         ReceiveJob job;
-        job.url = entry.text("url");
+        job.url = stream(entry, "url");
         job.output = entry.text("output");
         job.duration = entry.seconds("duration", 0.001);
         job.bytes = entry.quantity<uint64_t>("bytes", INT64_MAX);
@@ -182,7 +200,7 @@ class FileReader {
 
     RelayJob relay(TableReader& entry) {
         RelayJob job;
-        job.from = entry.text("from");
+        job.from = stream(entry, "from");
         const size_t number = rules_.addRelay(source(job.from, entry.place("from")));
         bool rtp = false;
         const auto addDestination = [&](const toml::node& node, const std::string& field) {
@@ -205,12 +223,13 @@ class FileReader {
         job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
         job.shaping = shaping(entry);
         rules_.delayOutput(job.shaping, rtp, job.bitrate_bps, entry.place("delay"));
+        job.announcing = announcing(entry);
         return job;
     }
 
     MonitorJob monitor(TableReader& entry) {
         MonitorJob job;
-        job.url = entry.text("url");
+        job.url = stream(entry, "url");
         if (entry.find("name") != nullptr)
             job.name = entry.text("name");
         if (entry.find("on_alarm") != nullptr)
@@ -276,6 +295,12 @@ struct TableWriter {
         if (shaping.asIs)
             table.insert("as_is", true);
     }
+    void announcing(const Announcing& announcing) {
+        if (!announcing.folder.empty())
+            text("sdp", announcing.folder);
+        if (!announcing.name.empty())
+            text("announce", announcing.name);
+    }
     void url(const char* key, const std::string& value, bool destination) {
         table.insert(key, fullUrl(parseStreamUrl(value), destination));
     }
@@ -290,6 +315,7 @@ toml::table tableOf(const SendJob& job) {
     writer.url("url", job.url, true);
     writer.number("bitrate", job.bitrate_bps);
     writer.shaping(job.shaping);
+    writer.announcing(job.announcing);
     writer.table.insert("loop", job.loop);
     if (job.follow)
         writer.table.insert("follow", true);
@@ -319,6 +345,7 @@ toml::table tableOf(const RelayJob& job) {
     writer.table.insert("to", std::move(to));
     writer.number("bitrate", job.bitrate_bps);
     writer.shaping(job.shaping);
+    writer.announcing(job.announcing);
     return std::move(writer.table);
 }
 

@@ -30,8 +30,13 @@ constexpr ts::Time kShortestSteering = 35ms;
 
 ChannelOutput::ChannelOutput(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module,
                              std::optional<std::chrono::milliseconds> patience,
-                             std::vector<std::string>& events)
-    : url_(url), number_(std::move(number)), module_(module), patience_(patience), events_(events) {
+                             Announcing announcing, std::vector<std::string>& events)
+    : url_(url),
+      number_(std::move(number)),
+      module_(module),
+      patience_(patience),
+      announcing_(std::move(announcing)),
+      events_(events) {
     checkDestination(url_);
     setPacketSize(kPacketBytes);
 }
@@ -53,6 +58,8 @@ bool ChannelOutput::start(Clock::time_point now, uint32_t rate_bps, uint32_t rin
             channel_ = std::make_unique<SendChannel>(module, number_.value(), sendConfig(*url),
                                                      rate_bps_, ringBytes);
             state_ = {};
+            if (url_.rtp && announcing_ != Announcing() && !announcement_)
+                announcement_.emplace(*url, announcing_, events_);
             return true;
         }
         goDown(now, fmt::format("the address of {} has not been found yet", url_.text));
@@ -69,6 +76,8 @@ bool ChannelOutput::start(Clock::time_point now, uint32_t rate_bps, uint32_t rin
 // The output works when its socket is open, and when something has left since it did not.
 ChannelOutput::Look ChannelOutput::watch(Clock::time_point now) {
     const QXV_RTP_Statistics then = std::exchange(state_, channel_->statistics());
+    if (announcement_)
+        announcement_->run(now);
     if (state_.Cancelled != 0)
         return Look::kStopped;
     everWorked_ = everWorked_ || state_.Datagrams > 0;
@@ -168,6 +177,7 @@ void ChannelOutput::steer(ts::Time left, double stream_bps) {
 }
 
 void ChannelOutput::cancel() {
+    announcement_.reset();
     if (channel_)
         channel_->cancel();
 }

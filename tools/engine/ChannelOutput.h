@@ -14,6 +14,7 @@
 #include "Shaper.h"
 #include "engine/Chain.h"
 #include "engine/HostModule.h"
+#include "media/Announcement.h"
 #include "media/HostNames.h"
 #include "media/StreamUrl.h"
 
@@ -28,7 +29,7 @@ class ChannelOutput {
     // The events go to the chain's, which outlive the object, as the module does. Only what does
     // not even begin within the patience, where there is one, throws Failure.
     ChannelOutput(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module,
-                  std::optional<std::chrono::milliseconds> patience,
+                  std::optional<std::chrono::milliseconds> patience, Announcing announcing,
                   std::vector<std::string>& events);
 
     const StreamUrl& url() const { return url_; }
@@ -86,7 +87,7 @@ class ChannelOutput {
     uint64_t rateChanges() const { return rateChanges_; }  // since the start
     void countRateChange() { ++rateChanges_; }
 
-    // Stops sending, for good.
+    // Stops sending, for good, and takes back what was announced.
     void cancel();
     // Ends the channel, so that it can be started again.
     void end();
@@ -99,8 +100,10 @@ class ChannelOutput {
     const ChannelNumber number_;
     ModuleOnDemand& module_;
     const std::optional<std::chrono::milliseconds> patience_;
+    const Announcing announcing_;
     std::vector<std::string>& events_;
     LookUp addresses_;
+    std::optional<Announcement> announcement_;  // once the channel was started
 
     std::unique_ptr<SendChannel> channel_;
     std::future<void> ending_;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "StreamMonitor.h"
+#include "media/Announcement.h"
 
 // Whether null packets and new PCRs give a stream a constant rate. What is neither asked for nor
 // excluded depends on the URL: under RTP, which needs a constant rate for its timestamps, yes.
@@ -37,6 +38,7 @@ struct SendJob {
     std::optional<std::chrono::milliseconds> start = std::nullopt;
     std::optional<std::chrono::milliseconds> duration = std::nullopt;
     Shaping shaping = {};
+    Announcing announcing = {};
     bool operator==(const SendJob&) const = default;
 };
 
@@ -56,6 +58,7 @@ struct RelayJob {
     std::vector<std::string> to;
     std::optional<uint32_t> bitrate_bps;  // none = by the stream's PCRs
     Shaping shaping = {};
+    Announcing announcing = {};
     bool operator==(const RelayJob&) const = default;
 };
 

@@ -50,7 +50,7 @@ RelayBranch::RelayBranch(const RelayJob& job, bool rtp, std::vector<std::string>
       events_(events) {}
 
 void RelayBranch::add(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module) {
-    outputs_.emplace_back(url, std::move(number), module, events_);
+    outputs_.emplace_back(url, std::move(number), module, job_.announcing, events_);
 }
 
 void RelayBranch::makeShaper() {

@@ -61,8 +61,8 @@ class RelayBranch {
   private:
     struct Output {
         Output(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module,
-               std::vector<std::string>& events)
-            : channel(url, std::move(number), module, std::nullopt, events) {}
+               const Announcing& announcing, std::vector<std::string>& events)
+            : channel(url, std::move(number), module, std::nullopt, announcing, events) {}
 
         ChannelOutput channel;
         bool works = false;

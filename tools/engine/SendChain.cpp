@@ -58,7 +58,7 @@ SendChain::SendChain(const SendJob& job, ModuleOnDemand& module,
       patience_(patience),
       isMadeConstant_(isMadeConstant(job.shaping, url_.rtp, job.bitrate_bps)),
       follows_(!job.bitrate_bps && !url_.rtp && !isMadeConstant_),
-      output_(url_, module.sendNumber(), module, patience, events_) {}
+      output_(url_, module.sendNumber(), module, patience, job.announcing, events_) {}
 
 std::string SendChain::name() const {
     return fmt::format("{} -> {}", job_.input, job_.url);
