@@ -52,7 +52,8 @@ for configuration in "$@"; do
                 echo "cannot be installed: chromium"
             # The other programs: those that cannot be installed are skipped, by name.
             for packages in ffmpeg multicat "gstreamer1.0-tools gstreamer1.0-plugins-base \
-                gstreamer1.0-plugins-good gstreamer1.0-plugins-bad" tshark "vlc-bin vlc-plugin-base" prometheus; do
+                gstreamer1.0-plugins-good gstreamer1.0-plugins-bad" tshark "vlc-bin vlc-plugin-base" prometheus \
+                srt-tools rist-tools; do
                 scripts/install.sh $packages || echo "cannot be installed: $packages"
             done
             ;;

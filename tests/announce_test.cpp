@@ -74,9 +74,8 @@ TEST(Sap, GroupIsThatOfTheScopeAndThePacketIsLaidOutToTheByte) {
     for (const auto& [host, group] : cases)
         EXPECT_EQ(sapGroup(parseStreamUrl(std::string("rtp://") + host + ":5000")), group) << host;
 
-    const auto packet = sapPacket("v=0", 0xABCDEF, "192.0.2.7", false);
-    const std::string bytes(packet.begin(), packet.end());
-    EXPECT_EQ(bytes, std::string("\x20\0\xCD\xEF\xC0\0\2\7application/sdp\0v=0", 27));
+    EXPECT_EQ(sapPacket("v=0", 0xABCDEF, "192.0.2.7", false),
+              std::string("\x20\0\xCD\xEF\xC0\0\2\7application/sdp\0v=0", 27));
     EXPECT_EQ(sapPacket("v=0", 1, "::1", true)[0], 0x34);
     EXPECT_EQ(sapPacket("v=0", 1, "::1", true).size(), 4U + 16 + 16 + 3);
     EXPECT_TRUE(sapPacket("v=0", 1, "name", false).empty());

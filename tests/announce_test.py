@@ -62,7 +62,7 @@ class Announce(ToolTest):
         for command, told in (("receive wrong.sdp -", "qxvrtp: 'wrong.sdp': it describes no"),
                               ("monitor none.sdp", "qxvrtp: cannot read 'none.sdp': No such"),
                               ("relay -c wrong.toml",
-                               "wrong.toml:2:1: relay[0].from: 'wrong.sdp': it describes no")):
+                               "wrong.toml:2:8: relay[0].from: 'wrong.sdp': it describes no")):
             self.assertNotEqual(self.tool(command + " 2> said > /dev/null").wait(40), 0)
             self.assert_said(told)
 

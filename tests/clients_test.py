@@ -1,6 +1,6 @@
 # Other programs as our receivers and our senders: clients_test.py TOOL SAMPLE PROGRAM. Exits 77 where the
 # program is not installed.
-import concurrent.futures, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, time, unittest
+import concurrent.futures, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, tempfile, time, unittest
 
 TOOL, SOURCE, PROGRAM = sys.argv[1:]
 SAMPLE = "/tmp/sample.ts"  # a copy that every user may read; the tool has another /tmp
@@ -123,6 +123,21 @@ class ClientsTest(unittest.TestCase):
         sender.send_signal(signal.SIGINT)
         self.assertEqual((sender.wait(60), found[0]), (0, found[1]))
         self.assertIn(b"mpeg2video", found[0])
+
+    @unittest.skipUnless(PROGRAM == "ffmpeg", "")
+    def test_a_description_is_opened_and_played(self):
+        folder = tempfile.mkdtemp(dir=".")  # not in /tmp, of which the tool has another
+        self.addCleanup(shutil.rmtree, folder)
+        for url in "rtp://239.1.1.1:7084?localaddr=127.0.0.1", "rtp://127.0.0.1:7086":
+            sender = ours(f"send --loop '{SOURCE}' '{url}' --sdp '{folder}'")
+            await_(lambda: os.listdir(folder), [sender])
+            sdp, out = os.path.join(folder, os.listdir(folder)[0]), "/tmp/out/described"
+            command = f"{FFMPEG} -protocol_whitelist file,udp,rtp -i {sdp} -map 0 -c copy -t 2 -f nut {out}"
+            player = start(command)
+            await_(lambda: player.poll() is not None, [player, sender])
+            sender.send_signal(signal.SIGINT)
+            self.assertEqual((sender.wait(60), player.returncode, os.listdir(folder)), (0, 0, []))
+            self.assertGreater(len(elementary(out, "v")), 50_000)
 
     @unittest.skipUnless(PROGRAM == "tshark", "")
     def test_tshark_dissects_every_datagram_and_finds_no_fault(self):

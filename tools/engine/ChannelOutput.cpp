@@ -49,6 +49,8 @@ void ChannelOutput::setPacketSize(size_t bytes) {
 bool ChannelOutput::start(Clock::time_point now, uint32_t rate_bps, uint32_t ringBytes) {
     if (now < retry_ || (ending_.valid() && ending_.wait_for(0s) != std::future_status::ready))
         return false;
+    if (!begun_)  // however long the input took to come
+        begun_ = downSince_ = now;
     rate_bps_ = rate_bps;
     handed_ = rateChanges_ = 0;
     HostModule& module = module_.get();
@@ -65,7 +67,7 @@ bool ChannelOutput::start(Clock::time_point now, uint32_t rate_bps, uint32_t rin
         goDown(now, fmt::format("the address of {} has not been found yet", url_.text));
         retry_ = now + kAddressRetry;
     } catch (const Failure& failure) {
-        if (patience_ && now - created_ > *patience_)
+        if (patience_ && now - *begun_ > *patience_)
             throw;
         goDown(now, failure.what());
         retry_ = now + kRetry;

@@ -115,13 +115,13 @@ class ChannelOutput {
     uint64_t rateChanges_ = 0;
     bool catchingUp_ = false;  // the rate is not the stream's, for a moment
 
-    const Clock::time_point created_ = Clock::now();
-    std::optional<Clock::time_point> downSince_ = created_;
+    std::optional<Clock::time_point> begun_;  // the first attempt to start
+    std::optional<Clock::time_point> downSince_ = Clock::now();
     bool downReported_ = false;
     bool everWorked_ = false;
     std::string trouble_;
     uint64_t lost_ = 0;
-    Clock::time_point retry_ = created_;
+    Clock::time_point retry_{};
 };
 
 #endif

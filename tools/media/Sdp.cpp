@@ -7,6 +7,7 @@
 #include <array>
 #include <charconv>
 #include <optional>
+#include <vector>
 
 #include "base/SafeText.h"
 
@@ -136,8 +137,8 @@ std::string urlOfSdp(std::string_view text, const std::string& file) {
         if (host.empty())
             refuse("it has no line c= with an address");
         const bool ipv6 = host.find(':') != std::string_view::npos;
-        std::string url = fmt::format(ipv6 ? "{}://[{}]:{}" : "{}://{}:{}",
-                                      medium->rtp ? "rtp" : "udp", host, medium->port);
+        std::string url = fmt::format("{}://{}{}{}:{}", medium->rtp ? "rtp" : "udp",
+                                      ipv6 ? "[" : "", host, ipv6 ? "]" : "", medium->port);
         const auto kind = classifyAddress(host);
         if (kind && kind->multicast && !section.source.empty() && section.source != "*")
             url += fmt::format("?source={}", section.source);
@@ -218,24 +219,22 @@ std::chrono::milliseconds sapInterval(size_t bytes, size_t packets, double sprea
         static_cast<int64_t>(seconds * 1000.0 * (1.0 + (spread - 0.5) * 2.0 / 3.0)));
 }
 
-std::vector<uint8_t> sapPacket(std::string_view sdp, uint64_t session, const std::string& origin,
-                               bool takesBack) {
-    constexpr uint8_t kVersion = 1 << 5;
-    constexpr uint8_t kIPv6 = 1 << 4;
-    constexpr uint8_t kDeletion = 1 << 2;
+std::string sapPacket(std::string_view sdp, uint64_t session, const std::string& origin,
+                      bool takesBack) {
+    constexpr unsigned int kVersion = 1 << 5;
+    constexpr unsigned int kIPv6 = 1 << 4;
+    constexpr unsigned int kDeletion = 1 << 2;
     constexpr std::string_view kType("application/sdp\0", 16);
     const std::string address = plain(origin);
-    std::array<uint8_t, sizeof(in6_addr)> bytes{};
+    std::array<char, sizeof(in6_addr)> bytes{};
     const bool ipv6 = inet_pton(AF_INET6, address.c_str(), bytes.data()) == 1;
     if (!ipv6 && inet_pton(AF_INET, address.c_str(), bytes.data()) != 1)
         return {};
-    std::vector<uint8_t> packet = {
-        static_cast<uint8_t>(kVersion | (ipv6 ? kIPv6 : 0) | (takesBack ? kDeletion : 0)),
-        0,  // no authentication
-        static_cast<uint8_t>(session >> 8), static_cast<uint8_t>(session)};
-    packet.insert(packet.end(), bytes.begin(),
-                  bytes.begin() + (ipv6 ? sizeof(in6_addr) : sizeof(in_addr)));
-    packet.insert(packet.end(), kType.begin(), kType.end());
-    packet.insert(packet.end(), sdp.begin(), sdp.end());
-    return packet;
+    std::string packet;
+    packet += static_cast<char>(kVersion | (ipv6 ? kIPv6 : 0) | (takesBack ? kDeletion : 0));
+    packet += '\0';  // no authentication
+    packet += static_cast<char>(session >> 8 & 0xFF);
+    packet += static_cast<char>(session & 0xFF);
+    packet.append(bytes.data(), ipv6 ? sizeof(in6_addr) : sizeof(in_addr));
+    return packet.append(kType).append(sdp);
 }

@@ -6,10 +6,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "media/StreamUrl.h"
 
@@ -43,7 +41,7 @@ std::string sapGroup(const StreamUrl& url);
 std::chrono::milliseconds sapInterval(size_t bytes, size_t packets, double spread);
 
 // The packet that announces a session, or takes it back. Empty where the origin is no address.
-std::vector<uint8_t> sapPacket(std::string_view sdp, uint64_t session, const std::string& origin,
-                               bool takesBack);
+std::string sapPacket(std::string_view sdp, uint64_t session, const std::string& origin,
+                      bool takesBack);
 
 #endif
