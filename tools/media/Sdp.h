@@ -1,5 +1,5 @@
-// What announces a stream to other programs, as text and bytes: session descriptions (SDP, RFC 4566)
-// and the packets that carry them to whoever listens (SAP, RFC 2974).
+// What announces a stream to other programs, as text and bytes: session descriptions (SDP, RFC
+// 4566) and the packets that carry them to whoever listens (SAP, RFC 2974).
 #ifndef TOOLS_MEDIA_SDP_H
 #define TOOLS_MEDIA_SDP_H
 
