@@ -20,8 +20,23 @@ constexpr Time kSettling = 100ms;
 constexpr int64_t kFarAhead = 32;
 // Leaves room for what waits at 350 Mbit/s in datagrams of seven packets, as far as 16 bits allow.
 constexpr int64_t kNumbersPerMillisecond = 32;
+// What seems to be a longer loss is a sequence that goes back.
+constexpr uint16_t kFurthestLoss = 49152;
 constexpr size_t kFewestSlots = 4096, kMostSlots = 32768;
 constexpr size_t kLeastMemory = size_t{256} << 10;
+// In ticks of 90 kHz. Copies may have been stamped apart; but where a sender was restarted, or has
+// stopped for a while and then gone on with its numbers, the same number means another moment.
+constexpr int32_t kSameMoment = 4500;
+constexpr int32_t kLongestRepeat = 90'000;
+constexpr int64_t kLongestLook = 64;  // for the neighbours of a number
+
+int32_t ticksBetween(uint32_t from, uint32_t to) {
+    return static_cast<int32_t>(to - from);
+}
+
+bool isSameMoment(uint32_t a, uint32_t b) {
+    return std::abs(ticksBetween(a, b)) <= kSameMoment;
+}
 
 size_t slotsFor(Time window) {
     const int64_t waiting = window / 1ms * kNumbersPerMillisecond;
@@ -96,8 +111,16 @@ void Reorderer::pushNew(int64_t number, const RtpDatagram& datagram, Time arriva
         return;
     }
     if (SequenceBuffer::Slot* const slot = current_.find(number)) {
+        if (!isSameMoment(slot->timestamp, datagram.timestamp)) {
+            pushStray(datagram, arrival, path, sink);
+            return;
+        }
         noteBrought(number, path);
         noteCopy(*slot, arrival, path);
+        return;
+    }
+    if (number < current_.highest() && !fitsBetween(number, datagram.timestamp)) {
+        pushStray(datagram, arrival, path, sink);
         return;
     }
     noteFresh(number, arrival, path);
@@ -115,12 +138,33 @@ void Reorderer::pushNew(int64_t number, const RtpDatagram& datagram, Time arriva
     release(arrival, sink);
 }
 
+// It would fill a gap. Does its timestamp lie between those beside it?
+bool Reorderer::fitsBetween(int64_t number, uint32_t timestamp) {
+    const auto isHeld = [&](int64_t other) {
+        const SequenceBuffer::Slot* const slot = current_.find(other);
+        return slot != nullptr && slot->held;
+    };
+    int64_t below = number - 1, above = number + 1;
+    while (below >= next_ && number - below < kLongestLook && !isHeld(below))
+        --below;
+    while (above < current_.highest() && above - number < kLongestLook && !isHeld(above))
+        ++above;
+    if (!isHeld(above) || (below >= next_ && !isHeld(below)))
+        return true;
+    const uint32_t from = below < next_ ? timestamp_ : current_.find(below)->timestamp;
+    const int32_t span = ticksBetween(from, current_.find(above)->timestamp);
+    const int32_t step = ticksBetween(from, timestamp);
+    return span < 0 || (step >= -kSameMoment && step <= span + kSameMoment);
+}
+
 void Reorderer::pushOld(int64_t number, const RtpDatagram& datagram, Time arrival, size_t path,
                         const Sink& sink) {
     const bool remembered = number >= std::max(first_, next_ - current_.reach());
     SequenceBuffer::Slot* const slot = remembered ? current_.find(number) : nullptr;
-    if (!remembered || (slot != nullptr && slot->timestamp != datagram.timestamp) ||
-        arrival - fresh_ >= kStuck) {
+    // What comes late was sent before what has been delivered.
+    const bool fits = slot != nullptr ? isSameMoment(slot->timestamp, datagram.timestamp)
+                                      : ticksBetween(timestamp_, datagram.timestamp) <= kSameMoment;
+    if (!remembered || !fits || arrival - fresh_ >= kStuck) {
         pushStray(datagram, arrival, path, sink);
         return;
     }
@@ -309,16 +353,29 @@ void Reorderer::takeOver(const Sink& sink) {
         ++counts_.strays;
         other_.letGo(other_.lowest(other_.earliest().number));
     }
+    // The same stream with other numbers, as of another sender, does not say again what was said.
+    const SequenceBuffer::Slot* const last = other_.find(other_.highest());
+    while (other_.held() > 1 && other_.ssrc() == current_.ssrc()) {
+        SequenceBuffer::Slot& early = other_.lowest(otherFirst_);
+        if (last->timestamp == early.timestamp)
+            break;  // there may be senders that do not stamp at all
+        const int32_t ticks = ticksBetween(timestamp_, early.timestamp);
+        if (ticks > 0 || ticks < -kLongestRepeat)
+            break;
+        ++counts_.strays;
+        other_.letGo(early);
+    }
     const SequenceBuffer::Slot& first = other_.lowest(otherFirst_);
+    const auto step = static_cast<uint16_t>(first.number - next_);
     if (other_.ssrc() != current_.ssrc()) {
         ++counts_.ssrcChanges;
         begins_ = true;
-    } else if (timestampsGoOn(timestamp_, first.timestamp, first.arrival - arrival_)) {
-        const auto missing = static_cast<uint16_t>(first.number - next_);
-        counts_.lost += missing;
-        missing_ += missing;
+    } else if (step < kFurthestLoss &&
+               timestampsGoOn(timestamp_, first.timestamp, first.arrival - arrival_)) {
+        counts_.lost += step;
+        missing_ += step;
         for (Path& path : paths_)
-            path.report.lost += path.joined ? missing : 0;
+            path.report.lost += path.joined ? step : 0;
     } else {
         ++counts_.restarts;
         begins_ = true;

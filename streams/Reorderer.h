@@ -111,6 +111,7 @@ class Reorderer {
     void pushRaw(std::span<const uint8_t> datagram, Time arrival, size_t path, const Sink& sink);
     void pushNew(int64_t number, const RtpDatagram& datagram, Time arrival, size_t path,
                  const Sink& sink);
+    bool fitsBetween(int64_t number, uint32_t timestamp);
     void pushOld(int64_t number, const RtpDatagram& datagram, Time arrival, size_t path,
                  const Sink& sink);
     void pushStray(const RtpDatagram& datagram, Time arrival, size_t path, const Sink& sink);

@@ -361,6 +361,28 @@ TEST(Reorderer, RecognisesWhatBeginsAnewWithinTheWindowAndLosesNothing) {
     }
 }
 
+TEST(Reorderer, TakesNothingFromAPathWhoseNumbersAreThoseOfOtherDatagrams) {
+    // The second path's sender was stopped for 300 ms, and is as many numbers behind since.
+    auto arrivals = Sent(0, 2000, 0s);
+    std::erase_if(arrivals, [](const Arrival& arrival) { return arrival.mark % 50 == 49; });
+    const size_t first = arrivals.size();
+    for (uint32_t i = 300; i < 2500; ++i) {
+        Header header = HeaderOf(i);
+        header.sequence = static_cast<uint16_t>(header.sequence - 300);
+        arrivals.push_back({i * kInterval + 1us, 1, header, i});
+    }
+    Player player({.window = 200ms});
+    player.Play(arrivals);
+    player.PassTo(player.now + 1s);
+    // It takes over where the first one ends, and neither repeats nor leaves out anything.
+    auto marks = Range(0, 2500);
+    std::erase_if(marks, [](uint32_t mark) { return mark < 1999 && mark % 50 == 49; });
+    EXPECT_EQ(player.Marks(), marks);
+    EXPECT_EQ(player.reorderer.counts().delivered, first + 501);
+    EXPECT_EQ(player.reorderer.counts().restarts, 1U);
+    EXPECT_EQ(player.reorderer.counts().lost, 2000U / 50 - 1);
+}
+
 TEST(Reorderer, DeliversWhatIsNotRtpAsItComesAndOfOnePathOnly) {
     Reorderer reorderer({});
     std::string delivered;
