@@ -100,6 +100,23 @@ class Reload(ToolTest):
         self.assertEqual(len(other.breaks()), 1)
         self.assertEqual(self.end(sender), 0)
 
+    def test_no_file_holds_up_the_end(self):
+        got = self.listen(7290)
+        self.configure(self.sent(7290))
+        sender = self.tool("send -c live.toml 2> said")
+        self.await_(lambda: got.times)
+        os.remove("live.toml")
+        os.mkfifo("live.toml")
+        self.reload(sender, "nothing has changed\n")
+        self.assert_said("'live.toml' is a FIFO")
+        os.remove("live.toml")
+        self.configure(self.sent(7291))
+        self.reload(sender, "again: 1 stream started, 1 ended")
+        os.remove("live.toml")
+        os.mkfifo("live.toml")
+        sender.send_signal(signal.SIGHUP)
+        self.assertEqual(self.end(sender), 0)
+
     @unittest.skipIf(SANITIZED, "a sanitizer takes memory of its own")
     def test_fifty_reloads_leave_nothing_behind(self):
         kept = self.listen(7240)

@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <sstream>
+#include <system_error>
 #include <thread>
 #include <tuple>
 
@@ -33,9 +35,13 @@ std::string changesText(size_t started, size_t ended, size_t unchanged) {
                        counted(started, "stream"), ended, unchanged);
 }
 
-void readStable(const std::string& file, const std::function<void()>& read) {
-    for (int i = 0; i < kMostAttempts; ++i) {
+void readStable(const std::string& file, const std::atomic<bool>& abandoned,
+                const std::function<void()>& read) {
+    for (int i = 0; i < kMostAttempts && !abandoned; ++i) {
         const auto before = stateOf(file);
+        // The writer of a FIFO may never come, and the command could not end before.
+        if (std::error_code error; std::filesystem::is_fifo(file, error))
+            throw Failure(fmt::format("'{}' is a FIFO, which cannot be read again", file));
         std::exception_ptr failure;
         try {
             read();

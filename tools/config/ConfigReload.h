@@ -3,6 +3,7 @@
 #define TOOLS_CONFIG_CONFIGRELOAD_H
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -52,8 +53,9 @@ JobChanges<Job> changesOf(const std::vector<Job>& old, std::vector<Job> wanted) 
 }
 
 // Calls `read` once more where the file has changed meanwhile. Throws Failure when it does not stop
-// changing.
-void readStable(const std::string& file, const std::function<void()>& read);
+// changing, when it is a FIFO, and when nobody waits for it any more.
+void readStable(const std::string& file, const std::atomic<bool>& abandoned,
+                const std::function<void()>& read);
 
 // The lines that tell why the exception's file cannot be used.
 std::vector<std::string> complaints(const std::exception_ptr& failure);
@@ -62,10 +64,15 @@ std::vector<std::string> complaints(const std::exception_ptr& failure);
 template <typename Job>
 class ConfigReload {
   public:
+    ConfigReload() = default;
+    ConfigReload(const ConfigReload&) = delete;
+    ConfigReload& operator=(const ConfigReload&) = delete;
+    ~ConfigReload() { abandoned_ = true; }
+
     void begin(const JobSource<Job>& source) {
-        reading_ = std::async(std::launch::async, [source] {
+        reading_ = std::async(std::launch::async, [this, source] {
             std::vector<Job> jobs;
-            readStable(source.file, [&] { jobs = source.read(); });
+            readStable(source.file, abandoned_, [&] { jobs = source.read(); });
             return jobs;
         });
     }
@@ -88,7 +95,8 @@ class ConfigReload {
     }
 
   private:
-    std::future<std::vector<Job>> reading_;
+    std::atomic<bool> abandoned_{false};
+    std::future<std::vector<Job>> reading_;  // its end is waited for by its destructor
 };
 
 #endif
