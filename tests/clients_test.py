@@ -1,6 +1,7 @@
 # Other programs as our receivers and our senders: clients_test.py TOOL SAMPLE PROGRAM. Exits 77 where the
 # program is not installed.
-import concurrent.futures, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, tempfile, time, unittest
+import concurrent.futures, json, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, tempfile, threading
+import time, unittest
 
 TOOL, SOURCE, PROGRAM = sys.argv[1:]
 SAMPLE = "/tmp/sample.ts"  # a copy that every user may read; the tool has another /tmp
@@ -41,6 +42,14 @@ SENDERS = {
                  ("rtp://239.1.1.1:7062", "multicat /tmp/sample.ts 239.1.1.1:7062/ifaddr=127.0.0.1", "bytes")],
     "vlc": [("udp://127.0.0.1:7070", VLC + "{sample} vlc://quit --sout '#std{{access=udp,mux=ts,dst=127.0.0.1:7070}}'", 0.25),
             ("rtp://127.0.0.1:7072", VLC + "{sample} vlc://quit --sout '#rtp{{dst=127.0.0.1,port=7072,mux=ts}}'", 0.25)]}
+
+
+# Senders of FEC, and the port to which the stream goes; columns go to the second above that, rows to the fourth.
+FEC = {
+    "ffmpeg": (7144, FFMPEG + "-re -i {sample} -map 0 -c copy -f rtp_mpegts -fec prompeg=l=5:d=4 rtp://127.0.0.1:7144"),
+    "gstreamer": (7154, GST + "filesrc location={sample} ! tsparse set-timestamps=true ! rtpmp2tpay ssrc=0 ! "
+                  "rtpst2022-1-fecenc name=f columns=5 rows=4 ! udpsink async=false host=127.0.0.1 port=7154 "
+                  "f.fec_0 ! udpsink async=false host=127.0.0.1 port=7156 f.fec_1 ! udpsink async=false host=127.0.0.1 port=7158")}
 
 
 CONSTANT = 7006, 7016, 7036  # what comes to these has twice its rate, by null packets
@@ -96,6 +105,20 @@ def transmit(url, command, receives):
     return out
 
 
+class Loss(threading.Thread):  # passes datagrams on to the hundredth port below, but for these
+    def __init__(self, port, lost=()):
+        super().__init__(daemon=True)
+        self.lost, self.to, self.number = lost, ("127.0.0.1", port - 100), 0
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.bind(("127.0.0.1", port))
+
+    def run(self):
+        while data := self.socket.recv(2048):
+            if self.number not in self.lost:
+                self.socket.sendto(data, self.to)
+            self.number += 1
+
+
 def elementary(path, kind):
     return subprocess.run(["ffmpeg", "-v", "fatal", "-i", path, "-map", "0:" + kind, "-c", "copy", "-f", "data", "-"], capture_output=True).stdout
 
@@ -114,6 +137,29 @@ class ClientsTest(unittest.TestCase):
                     sent, got = (elementary(path, kind) for path in (SAMPLE, out.result()))
                     self.assertTrue(got in sent, kind)
                     self.assertGreaterEqual(len(got), same * len(sent), kind)
+
+    # Every eleventh one, and a burst: the parities of rows and columns restore them together.
+    @unittest.skipUnless(PROGRAM in FEC, "")
+    def test_what_is_lost_is_restored_from_fec(self):
+        port, command = FEC[PROGRAM]
+        lost = {*range(41, 200, 11), *range(103, 106)}  # behind the first matrix, which not all protect
+        for forwarder in (Loss(port, lost), Loss(port + 2), Loss(port + 4)):
+            forwarder.start()
+        out = f"/tmp/out/{port}"
+        receiver = ours(f"receive rtp://127.0.0.1:{port - 100}?fec - --statistics -i 3", stdout=open(out, "wb"), stderr=subprocess.PIPE)
+        await_(lambda: sockets(port - 96), [receiver])
+        sender = start(command.format(sample=SAMPLE))
+        for process in receiver, sender:
+            self.addCleanup(process.kill)
+        self.assertEqual(sender.wait(60), 0)
+        said = receiver.communicate(timeout=60)[1].decode()
+        repair = json.loads(said.splitlines()[-1])["repair"]
+        self.assertEqual((repair["lost"], repair["restored"]), (0, len(lost)), said)
+        if PROGRAM == "gstreamer":
+            self.assertTrue(pathlib.Path(out).read_bytes() == pathlib.Path(SAMPLE).read_bytes())
+        else:
+            sent, got = (elementary(path, "v") for path in (SAMPLE, out))
+            self.assertTrue(got in sent and len(got) > 0.9 * len(sent))
 
     @unittest.skipUnless(PROGRAM == "ffmpeg", "")
     def test_ffprobe_joins_a_stream_that_is_under_way(self):

@@ -19,14 +19,15 @@ std::string describe(const StreamUrl& url) {
     const auto optional = [](const char* word, const std::string& value) {
         return value.empty() ? "" : word + value;
     };
-    return fmt::format("{} {} {} {} {}{}{}{}{}", url.rtp ? "rtp" : "raw",
+    return fmt::format("{} {} {} {} {}{}{}{}{}{}", url.rtp ? "rtp" : "raw",
                        url.hostIsName  ? "name"
                        : url.multicast ? "group"
                                        : "host",
                        url.host, url.port, url.ttl, optional(" at ", url.localAddress),
                        optional(url.sourceIsName ? " from name " : " from host ", url.source),
                        optional(" on ", url.interface),
-                       url.dscp ? fmt::format(" marked {}", *url.dscp) : "");
+                       url.dscp ? fmt::format(" marked {}", *url.dscp) : "",
+                       url.fec ? " with FEC" : "");
 }
 
 std::string describe(const std::string& text) try {

@@ -23,6 +23,8 @@ std::string urlHelp() {
         "  reorder=0..1000    receive and relay put RTP in order: how many milliseconds a "
         "datagram\n"
         "                     waits at most for those in front of it; 50 if not given\n"
+        "  fec                they also restore what is lost from FEC that comes in two and four\n"
+        "                     ports above that of the stream (SMPTE ST 2022-1)\n"
         "Options of ffmpeg and VLC for buffer sizes are accepted and have no effect.\n{}",
         kDefaultTtl, kExitCodes);
 }

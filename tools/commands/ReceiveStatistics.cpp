@@ -68,16 +68,24 @@ nlohmann::ordered_json toJson(const std::optional<RepairReport>& repairs) {
     if (!repairs)
         return nullptr;
     auto paths = nlohmann::ordered_json::array();
-    for (const auto& [url, path] : repairs->paths)
+    for (const auto& [url, path, fec] : repairs->paths) {
         paths.push_back({{"url", url},
                          {"datagrams", path.received},
                          {"lost", path.lost},
                          {"lost_here_only", path.saved},
-                         {"longest_skew_ms", milliseconds(path.greatestSkew)}});
+                         {"longest_skew_ms", milliseconds(path.greatestSkew)},
+                         {"fec", nullptr}});
+        if (fec)
+            paths.back()["fec"] = {{"datagrams", fec->received},
+                                   {"strange", fec->strange},
+                                   {"restored", fec->repaired},
+                                   {"not_restored", fec->unrepaired}};
+    }
     const ts::RepairCounts& counts = repairs->counts;
     return {{"window_ms", milliseconds(repairs->window)},
             {"lost", counts.lost},
             {"reordered", counts.reordered},
+            {"restored", counts.repaired},
             {"duplicates", counts.duplicates},
             {"late", counts.late},
             {"strays", counts.strays},

@@ -146,6 +146,8 @@ std::string fullUrl(const StreamUrl& url, bool destination) {
         add("localaddr", canonical(url.localAddress));
     if (!destination && url.reorder_ms)
         add("reorder", std::to_string(*url.reorder_ms));
+    if (!destination && url.fec)
+        text += fmt::format("{}fec", separator);
     return text;
 }
 
@@ -218,6 +220,9 @@ std::vector<size_t> ConfigRules::addSource(const std::vector<StreamUrl>& paths,
     for (const StreamUrl& path : paths) {
         sources.push_back(sources_.size());
         addReceiver(path, place);
+        if (path.fec)
+            for (const FecPort port : {FecPort::kColumns, FecPort::kRows})
+                addReceiver(fecUrl(path, port), place);
     }
     return sources;
 }

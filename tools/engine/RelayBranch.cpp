@@ -46,7 +46,7 @@ RelayBranch::RelayBranch(const RelayJob& job, bool rtp, std::vector<std::string>
     : job_(job),
       rtp_(rtp),
       isMadeConstant_(isMadeConstant(job.shaping, rtp, job.bitrate_bps)),
-      window_(reorderWindow(parsePaths(job.from))),
+      window_(longestWait(parsePaths(job.from))),
       events_(events) {}
 
 void RelayBranch::add(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module) {

@@ -90,7 +90,7 @@ class RelayBranch {
     const RelayJob& job_;
     const bool rtp_;
     const bool isMadeConstant_;
-    const ts::Time window_;  // in which the input puts its datagrams in order
+    const ts::Time window_;  // for which the input may hold something up
     std::vector<std::string>& events_;
     std::list<Output> outputs_;
     size_t packetSize_ = 0;

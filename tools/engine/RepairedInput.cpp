@@ -16,11 +16,13 @@ constexpr auto kPathGrace = 3s;    // until a path that has no socket is reporte
 constexpr auto kPathSilence = 1s;  // until one that brings nothing is
 constexpr auto kMeasureInterval = 1s;
 constexpr auto kReportInterval = 10s;
+constexpr auto kFecGrace = 5s;  // until FEC that does not come is reported
 
 }  // namespace
 
 RepairedInput::RepairedInput(const std::vector<StreamUrl>& paths, SocketMeans& means)
-    : reorderer_({.window = reorderWindow(paths)}),
+    : longestWait_(longestWait(paths)),
+      reorderer_({.window = reorderWindow(paths)}),
       sink_([this](const ts::Reorderer::Delivery& delivery) { store(delivery); }),
       queue_(kQueueBytes) {
     for (const StreamUrl& path : paths)
@@ -28,10 +30,7 @@ RepairedInput::RepairedInput(const std::vector<StreamUrl>& paths, SocketMeans& m
 }
 
 StreamInput::Clock::time_point RepairedInput::attend(Clock::time_point now) {
-    takeAll(now);
-    auto next = Clock::time_point::max();
-    for (const Path& path : paths_)
-        next = std::min(next, path.due);
+    auto next = takeAll(now);
     // While more waits in a socket, its time has not come.
     if (next > now) {
         last_ = std::max(last_, ts::Time(now.time_since_epoch()));
@@ -41,41 +40,68 @@ StreamInput::Clock::time_point RepairedInput::attend(Clock::time_point now) {
         next = std::min(next, Clock::time_point(*due));
     if (paths_.size() > 1)
         watchPaths(now);
+    watchFec(now);
     watchDrops(now);
     measure(now);
     return next;
 }
 
-// Of several paths, in the order in which the datagrams came.
-void RepairedInput::takeAll(Clock::time_point now) {
-    const bool several = paths_.size() > 1;
+// Returns when more is to be taken.
+StreamInput::Clock::time_point RepairedInput::takeAll(Clock::time_point now) {
+    auto next = Clock::time_point::max();
     size_t number = 0;
     for (Path& path : paths_) {
+        const bool alone = paths_.size() == 1 && !path.fec;
         path.socket.attend(now);
-        path.due = path.socket.take(now, [&](const ts::Datagram& datagram) {
+        next = std::min(next, path.socket.take(now, [&](const ts::Datagram& datagram) {
             path.last = datagram.arrival;
-            if (!several)
-                return push(datagram.payload, datagram.arrival, 0);
-            staged_.push_back(
-                {datagram.arrival, number, stagedBytes_.size(), datagram.payload.size()});
-            stagedBytes_.insert(stagedBytes_.end(), datagram.payload.begin(),
-                                datagram.payload.end());
-        });
+            if (!alone)
+                return stage(datagram, path, number, false);
+            last_ = std::max(last_, datagram.arrival);
+            reorderer_.push(datagram.payload, last_, 0, sink_);
+        }));
         socketDrops_ += path.socket.takeDropped();
+        for (size_t i = 0; path.fec && i < path.fec->sockets.size(); ++i) {
+            StreamSocket& socket = path.fec->sockets[i];
+            socket.attend(now);
+            next = std::min(next, socket.take(now, [&](const ts::Datagram& datagram) {
+                stage(datagram, path, number, true);
+            }));
+            socketDrops_ += socket.takeDropped();
+        }
         ++number;
     }
-    std::stable_sort(staged_.begin(), staged_.end(),
-                     [](const Staged& a, const Staged& b) { return a.arrival < b.arrival; });
-    for (const Staged& staged : staged_)
-        push(std::span(stagedBytes_).subspan(staged.offset, staged.length), staged.arrival,
-             staged.path);
-    staged_.clear();
-    stagedBytes_.clear();
+    pushStaged();
+    return next;
 }
 
-void RepairedInput::push(std::span<const uint8_t> datagram, ts::Time arrival, size_t path) {
-    last_ = std::max(last_, arrival);
-    reorderer_.push(datagram, last_, path, sink_);
+void RepairedInput::stage(const ts::Datagram& datagram, Path& path, size_t number, bool isFec) {
+    staged_.push_back(
+        {datagram.arrival, number, &path, isFec, stagedBytes_.size(), datagram.payload.size()});
+    stagedBytes_.insert(stagedBytes_.end(), datagram.payload.begin(), datagram.payload.end());
+}
+
+// What came to several sockets, in the order in which it came.
+void RepairedInput::pushStaged() {
+    std::stable_sort(staged_.begin(), staged_.end(),
+                     [](const Staged& a, const Staged& b) { return a.arrival < b.arrival; });
+    const auto restored = [this](std::span<const uint8_t> datagram) {
+        reorderer_.push(datagram, last_, ts::Reorderer::kRepaired, sink_);
+    };
+    for (const Staged& staged : staged_) {
+        const auto datagram = std::span(stagedBytes_).subspan(staged.offset, staged.length);
+        last_ = std::max(last_, staged.arrival);
+        if (!staged.isFec)
+            reorderer_.push(datagram, last_, staged.path, sink_);
+        if (!staged.from->fec)
+            continue;
+        if (staged.isFec)
+            staged.from->fec->decoder.pushFec(datagram, last_, restored);
+        else
+            staged.from->fec->decoder.pushMedia(datagram, last_, restored);
+    }
+    staged_.clear();
+    stagedBytes_.clear();
 }
 
 void RepairedInput::store(const ts::Reorderer::Delivery& delivery) {
@@ -132,6 +158,31 @@ void RepairedInput::watchPaths(Clock::time_point now) {
     }
 }
 
+void RepairedInput::watchFec(Clock::time_point now) {
+    ts::Time wait{-1};
+    for (const Path& path : paths_) {
+        if (!path.fec)
+            continue;
+        Fec& fec = *path.fec;
+        if (path.last != ts::Time(0) && !fec.since)
+            fec.since = now;
+        // How long it takes does not show before the end of a matrix.
+        const bool begins = !fec.since || now - *fec.since < kFecGrace;
+        wait = std::max(wait, begins ? longestWait_ : fec.decoder.wait(last_));
+        if (begins || fec.decoder.counts().received > 0 || std::exchange(fec.absenceReported, true))
+            continue;
+        for (const StreamSocket& socket : fec.sockets)
+            if (!socket.isOpen())
+                events_.push_back(socket.sentence());
+        events_.push_back(
+            fmt::format("no FEC arrives for {}; it is expected two and four ports "
+                        "above that of the stream",
+                        path.socket.url().text));
+    }
+    if (wait >= ts::Time(0))
+        reorderer_.allowFor(std::min(wait, longestWait_));
+}
+
 void RepairedInput::watchDrops(Clock::time_point now) {
     if (socketDrops_ == dropsReported_ || now < nextReport_)
         return;
@@ -167,6 +218,8 @@ QXV_RTP_Statistics RepairedInput::statistics() const {
 std::optional<RepairReport> RepairedInput::repairs() const {
     RepairReport report{reorderer_.counts(), reorderer_.window(), socketDrops_, {}};
     for (size_t i = 0; const Path& path : paths_)
-        report.paths.emplace_back(path.socket.url().text, reorderer_.path(i++, last_));
+        report.paths.push_back(
+            {path.socket.url().text, reorderer_.path(i++, last_),
+             path.fec ? std::optional(path.fec->decoder.counts()) : std::nullopt});
     return report;
 }

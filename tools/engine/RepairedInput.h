@@ -2,14 +2,17 @@
 #ifndef TOOLS_ENGINE_REPAIREDINPUT_H
 #define TOOLS_ENGINE_REPAIREDINPUT_H
 
+#include <array>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "FecDecoder.h"
 #include "Reorderer.h"
 #include "base/ByteQueue.h"
 #include "engine/StreamInput.h"
@@ -36,11 +39,22 @@ class RepairedInput : public StreamInput {
     std::optional<RepairReport> repairs() const override;
 
   private:
+    struct Fec {
+        Fec(const StreamUrl& url, SocketMeans& means)
+            : sockets{{{fecUrl(url, FecPort::kColumns), means},
+                       {fecUrl(url, FecPort::kRows), means}}} {}
+
+        std::array<StreamSocket, 2> sockets;
+        ts::FecDecoder decoder;
+        std::optional<Clock::time_point> since;  // the first datagram of the stream
+        bool absenceReported = false;
+    };
     struct Path {
-        Path(const StreamUrl& url, SocketMeans& means) : socket(url, means) {}
+        Path(const StreamUrl& url, SocketMeans& means)
+            : socket(url, means), fec(url.fec ? std::make_unique<Fec>(url, means) : nullptr) {}
 
         StreamSocket socket;
-        Clock::time_point due{};
+        const std::unique_ptr<Fec> fec;
         Clock::time_point socketSeen = Clock::now();
         ts::Time last{0};    // arrival; 0 = nothing has come
         ts::Time listens{};  // since the opening of the socket
@@ -52,19 +66,24 @@ class RepairedInput : public StreamInput {
     struct Staged {
         ts::Time arrival;
         size_t path;
+        Path* from;
+        bool isFec;
         size_t offset;
         size_t length;
     };
 
     bool isOpen() const;
-    void takeAll(Clock::time_point now);
-    void push(std::span<const uint8_t> datagram, ts::Time arrival, size_t path);
+    Clock::time_point takeAll(Clock::time_point now);
+    void stage(const ts::Datagram& datagram, Path& path, size_t number, bool isFec);
+    void pushStaged();
     void store(const ts::Reorderer::Delivery& delivery);
     void watchPaths(Clock::time_point now);
     void watchDrops(Clock::time_point now);
+    void watchFec(Clock::time_point now);
     void measure(Clock::time_point now);
 
     std::list<Path> paths_;
+    const ts::Time longestWait_;
     ts::Reorderer reorderer_;
     const ts::Reorderer::Sink sink_;
     std::vector<Staged> staged_;

@@ -78,23 +78,25 @@ std::string describeRepairs(const RepairReport& report) {
         fmt::format("{} lost, {} reordered", report.counts.lost, report.counts.reordered);
     if (report.socketDrops > 0)
         text += fmt::format(", {} dropped by this machine", report.socketDrops);
-    if (report.paths.size() < 2)
-        return text;
-    text += ", paths lost";
-    for (const auto& [url, path] : report.paths)
-        text += fmt::format(" {}", path.lost);
+    if (report.counts.repaired > 0)
+        text += fmt::format(", {} repaired", report.counts.repaired);
+    for (size_t i = 0; report.paths.size() > 1 && i < report.paths.size(); ++i)
+        text += fmt::format("{} {}", i == 0 ? ", paths lost" : "", report.paths[i].path.lost);
     return text;
 }
 
 std::vector<std::string> describePaths(const RepairReport& report) {
     std::vector<std::string> lines;
-    for (const auto& [url, path] : report.paths)
-        lines.push_back(fmt::format(
-            "the path {} brought {}, lost {}, of which others brought {}, and was {:.1f} ms behind "
-            "at most",
-            url, counted(path.received, "datagram"), path.lost, path.saved,
-            milliseconds(path.greatestSkew)));
-    if (lines.size() < 2)
-        lines.clear();
+    for (const auto& [url, path, fec] : report.paths) {
+        if (report.paths.size() > 1)
+            lines.push_back(fmt::format(
+                "the path {} brought {}, lost {}, of which others brought {}, and was {:.1f} ms "
+                "behind at most",
+                url, counted(path.received, "datagram"), path.lost, path.saved,
+                milliseconds(path.greatestSkew)));
+        if (fec)
+            lines.push_back(fmt::format("FEC restored {} of {}, and could not restore {}",
+                                        counted(fec->repaired, "datagram"), url, fec->unrepaired));
+    }
     return lines;
 }

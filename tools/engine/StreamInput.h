@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "FecDecoder.h"
 #include "Reorderer.h"
 #include "engine/Chain.h"
 #include "engine/HostModule.h"
@@ -18,11 +19,16 @@
 #include "media/StreamUrl.h"
 
 // What became of the datagrams of an input that repairs itself.
+struct PathRepair {
+    std::string url;
+    ts::PathReport path;
+    std::optional<ts::FecCounts> fec;
+};
 struct RepairReport {
     ts::RepairCounts counts;
     std::chrono::nanoseconds window;
     uint64_t socketDrops;  // datagrams that this machine's sockets had no room for
-    std::vector<std::pair<std::string, ts::PathReport>> paths;  // and their URLs
+    std::vector<PathRepair> paths;
 };
 
 // Survives all outages: sockets are opened again for as long as it takes.
@@ -64,7 +70,7 @@ std::unique_ptr<StreamInput> makeInput(const std::string& url, ModuleOnDemand& m
 
 // "3 lost, 12 reordered", and each path's loss where there are several.
 std::string describeRepairs(const RepairReport& report);
-// A line for each of several paths, for the end.
+// A line for each of several paths, and for each one's FEC, for the end.
 std::vector<std::string> describePaths(const RepairReport& report);
 
 #endif

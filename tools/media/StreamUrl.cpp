@@ -15,6 +15,7 @@ namespace {
 
 constexpr size_t kLongestName = 253;
 constexpr size_t kMostPaths = 4;
+constexpr uint16_t kLongestReorder_ms = 1000;
 constexpr uint16_t kReorder_ms = 50;  // if not given: many times the jitter of a good network
 constexpr std::string_view kForm = "udp://HOST:PORT or rtp://HOST:PORT";
 
@@ -152,6 +153,14 @@ void parseInterface(std::string_view value, StreamUrl& url) {
     url.interface = value;
 }
 
+bool parseFec(std::string_view item, const StreamUrl& url) {
+    if (item != "fec")
+        refuse(url.text, "'fec' has no value");
+    if (url.port > UINT16_MAX - static_cast<uint16_t>(FecPort::kRows))
+        refuse(url.text, "FEC comes in two and four ports above that of the stream");
+    return true;
+}
+
 template <typename Number>
 Number parseOption(std::string_view key, std::string_view value, unsigned int largest,
                    const StreamUrl& url) {
@@ -203,8 +212,8 @@ void parseForeignOption(std::string_view key, std::string_view value, const Stre
                                            [key](const auto& other) { return other.key == key; });
     if (known == std::end(kForeignOptions))
         refuse(url.text, fmt::format("unknown option '{}'; accepted are ttl=0..255, dscp=0..63, "
-                                     "source=HOST, iface=NAME, localaddr=ADDRESS and "
-                                     "reorder=0..1000",
+                                     "source=HOST, iface=NAME, localaddr=ADDRESS, "
+                                     "reorder=0..1000 and fec",
                                      key));
     if (!known->advice.empty())
         refuse(url.text, fmt::format("'{}' is not accepted; {}", key, known->advice));
@@ -212,7 +221,6 @@ void parseForeignOption(std::string_view key, std::string_view value, const Stre
 
 void parseQuery(std::string_view query, StreamUrl& url) {
     constexpr unsigned int kLargestDscp = 63;
-    constexpr unsigned int kLongestReorder_ms = 1000;
     while (!query.empty()) {
         const std::string_view item = query.substr(0, query.find('&'));
         query.remove_prefix(std::min(query.size(), item.size() + 1));
@@ -232,6 +240,8 @@ void parseQuery(std::string_view query, StreamUrl& url) {
             parseLocalAddress(value, url);
         else if (key == "reorder")
             url.reorder_ms = parseOption<uint16_t>(key, value, kLongestReorder_ms, url);
+        else if (key == "fec")
+            url.fec = parseFec(item, url);
         else
             parseForeignOption(key, value, url);
     }
@@ -288,8 +298,10 @@ void setHost(StreamUrl& url, std::string_view address) {
 }
 
 void checkParts(const StreamUrl& url) {
-    if (url.reorder_ms && !url.rtp)
-        refuse(url.text, "only RTP has numbers by which it can be put in order; write rtp://");
+    if ((url.reorder_ms || url.fec) && !url.rtp)
+        refuse(url.text, "only RTP has numbers by which it can be repaired; write rtp://");
+    if (url.fec && url.reorder_ms == 0)
+        refuse(url.text, "what FEC restores has to be put in order; leave reorder=0 out");
     if (!url.interface.empty() && !url.localAddress.empty())
         refuse(url.text, "iface and localaddr both name the interface; write one of them");
     if (url.hostIsName)
@@ -355,9 +367,22 @@ std::chrono::milliseconds reorderWindow(const std::vector<StreamUrl>& paths) {
     return std::chrono::milliseconds(window_ms.value_or(kReorder_ms));
 }
 
+std::chrono::milliseconds longestWait(const std::vector<StreamUrl>& paths) {
+    const bool restored =
+        std::any_of(paths.begin(), paths.end(), [](const StreamUrl& path) { return path.fec; });
+    return restored ? std::chrono::milliseconds(kLongestReorder_ms) : reorderWindow(paths);
+}
+
+StreamUrl fecUrl(const StreamUrl& url, FecPort port) {
+    StreamUrl fec = url;
+    fec.port = static_cast<uint16_t>(url.port + static_cast<uint16_t>(port));
+    fec.text = fmt::format("the FEC of {} at port {}", url.text, fec.port);
+    return fec;
+}
+
 void checkDestination(const StreamUrl& url) {
-    if (url.reorder_ms)
-        refuse(url.text, "'reorder' is for what comes in");
+    if (url.reorder_ms || url.fec)
+        refuse(url.text, "'reorder' and 'fec' are for what comes in");
     if (url.anyHost)
         refuse(url.text, "a destination is needed to send to; write udp://127.0.0.1:5000");
 }

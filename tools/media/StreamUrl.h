@@ -22,9 +22,9 @@ inline constexpr uint8_t kDefaultTtl = 16;
 //   HOST    an IPv4 address, an IPv6 address in brackets, with %zone if need be, or a name; left
 //           out, any IPv4 address
 //   KEY     ttl (0 to 255), dscp (0 to 63), source (as SOURCE), iface (name of the interface to
-//           use) or localaddr (its address); reorder (0 to 1000), in milliseconds, of an RTP stream
-//           that comes in. Options by which ffmpeg and VLC size their buffers are accepted and
-//           have no effect.
+//           use) or localaddr (its address); of an RTP stream that comes in: reorder (0 to 1000),
+//           in milliseconds, and fec. Options by which ffmpeg and VLC size their buffers are
+//           accepted and have no effect.
 struct StreamUrl {
     std::string text;  // as given
     bool rtp = false;
@@ -41,6 +41,7 @@ struct StreamUrl {
     std::string source;
     std::optional<uint8_t> dscp = std::nullopt;
     std::optional<uint16_t> reorder_ms = std::nullopt;
+    bool fec = false;
 
     // Does lookUp() (HostNames.h) have to find addresses before anything can be opened?
     bool hasNames() const { return hostIsName || sourceIsName || !interface.empty(); }
@@ -53,10 +54,16 @@ StreamUrl parseStreamUrl(std::string_view text);
 // UsageError, also where one of the URLs cannot be received from.
 std::vector<StreamUrl> parsePaths(std::string_view text);
 
+// Where the parity of an RTP stream comes in (SMPTE ST 2022-1).
+enum class FecPort : uint16_t { kColumns = 2, kRows = 4 };
+StreamUrl fecUrl(const StreamUrl& url, FecPort port);
+
 // Whether what comes in on the paths is put in order and merged, which the tool does on sockets of
 // its own; and how long a datagram waits at most for those in front of it.
 bool isRepaired(const std::vector<StreamUrl>& paths);
 std::chrono::milliseconds reorderWindow(const std::vector<StreamUrl>& paths);
+// The same when the datagram that it waits for may have to be restored first.
+std::chrono::milliseconds longestWait(const std::vector<StreamUrl>& paths);
 
 // They throw UsageError where the URL cannot be sent to, or received from, as far as that shows
 // before its names are looked up.
