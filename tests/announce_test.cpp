@@ -32,6 +32,7 @@ TEST(Sdp, FirstTransportStreamBecomesTheUrlOrTheReasonIsTold) {
         {group + "m=video 0 RTP/AVP 33\n", "'f': it describes no"},
         {group + "m=video 70000 RTP/AVP 33\n", "'f': it describes no"},
         {video, "'f': it has no line c="},
+        {group + video + "a=source-filter: incl IN IP4 * 192.0.2.7&iface=lo\n", "'f': the source"},
         {"c=IN IP4 239.1.1.1?ttl=4\n" + video, "'f': what it describes cannot be received"},
         {group + std::string(1, '\0') + video, "'f': it is no session description"},
     };

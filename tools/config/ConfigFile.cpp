@@ -150,9 +150,11 @@ class FileReader {
         }
     }
 
-    static Announcing announcing(TableReader& entry) {
-        return {entry.find("sdp") != nullptr ? entry.text("sdp") : "",
-                entry.find("announce") != nullptr ? entry.text("announce") : ""};
+    Announcing announcing(TableReader& entry) {
+        Announcing announcing{entry.find("sdp") != nullptr ? entry.text("sdp") : "",
+                              entry.find("announce") != nullptr ? entry.text("announce") : ""};
+        rules_.announceOutput(announcing, entry.place("announce"));
+        return announcing;
     }
 
     SendJob send(TableReader& entry) {

@@ -195,6 +195,12 @@ void ConfigRules::rotateOutput(const std::string& path, const ConfigPlace& place
         problems_.add(place, "standard output cannot be followed by a new file");
 }
 
+void ConfigRules::announceOutput(const Announcing& announcing, const ConfigPlace& place) {
+    constexpr size_t kLongestName = 200;  // a description has to fit a datagram
+    if (announcing.name.size() > kLongestName)
+        problems_.add(place, fmt::format("a name of {} bytes at most is accepted", kLongestName));
+}
+
 void ConfigRules::delayOutput(const Shaping& shaping, bool rtp,
                               const std::optional<uint32_t>& bitrate_bps,
                               const ConfigPlace& place) {
@@ -317,8 +323,10 @@ void checkArguments(const std::vector<SendJob>& jobs) {
         rtp = rtp || url.rtp;
         rules.addDestination(url, argument("URL", i));
     }
-    for (const SendJob& job : jobs)
+    for (const SendJob& job : jobs) {
         rules.delayOutput(job.shaping, rtp, job.bitrate_bps, {0, 0, "--delay"});
+        rules.announceOutput(job.announcing, {0, 0, "--announce"});
+    }
     problems.throwFirst();
 }
 
@@ -346,6 +354,7 @@ void checkArguments(const RelayJob& job) {
         rules.addDestination(url, argument("TO", i), relay);
     }
     rules.delayOutput(job.shaping, rtp, job.bitrate_bps, {0, 0, "--delay"});
+    rules.announceOutput(job.announcing, {0, 0, "--announce"});
     rules.finish();
     problems.throwFirst();
 }

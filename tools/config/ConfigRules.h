@@ -53,6 +53,7 @@ class ConfigRules {
     void repeatInput(const std::string& path, const ConfigPlace& place);
     void followInput(const std::string& path, const ConfigPlace& place);
     void rotateOutput(const std::string& path, const ConfigPlace& place);
+    void announceOutput(const Announcing& announcing, const ConfigPlace& place);
     // `rtp`: one of the destinations is.
     void delayOutput(const Shaping& shaping, bool rtp, const std::optional<uint32_t>& bitrate_bps,
                      const ConfigPlace& place);

@@ -140,6 +140,9 @@ std::string urlOfSdp(std::string_view text, const std::string& file) {
         std::string url = fmt::format("{}://{}{}{}:{}", medium->rtp ? "rtp" : "udp",
                                       ipv6 ? "[" : "", host, ipv6 ? "]" : "", medium->port);
         const auto kind = classifyAddress(host);
+        // Options of the URL are not the description's to give.
+        if (section.source.find_first_of("&?/@") != std::string_view::npos)
+            refuse("the source of its line a=source-filter is no address");
         if (kind && kind->multicast && !section.source.empty() && section.source != "*")
             url += fmt::format("?source={}", section.source);
         try {
