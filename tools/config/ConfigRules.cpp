@@ -152,10 +152,10 @@ std::string fullUrl(const StreamUrl& url, bool destination) {
 }
 
 std::string fullUrl(const std::vector<StreamUrl>& paths) {
-    std::vector<std::string> urls;
+    std::string urls;
     for (const StreamUrl& path : paths)
-        urls.push_back(fullUrl(path, false));
-    return fmt::format("{}", fmt::join(urls, "+"));
+        urls.append(urls.empty() ? "" : "+").append(fullUrl(path, false));
+    return urls;
 }
 
 void ConfigRules::addInput(const std::string& path, const ConfigPlace& place) {

@@ -215,7 +215,7 @@ void RelayBranch::settleRate() {
 ts::Time RelayBranch::lead() const {
     if (!shaper_ || !shaper_->rate())
         return kLongestLead;
-    const auto half = std::llround(kRing / 2 * 8e9 / *shaper_->rate());
+    const auto half = std::llround(kRing * 8e9 / 2.0 / *shaper_->rate());
     return std::min(kLongestLead, ts::Time(half));
 }
 

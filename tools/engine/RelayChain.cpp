@@ -31,6 +31,7 @@ RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module, SocketMeans&
       input_(makeInput(job.from, module, means)),
       data_(kInputBytes) {
     std::vector<ChannelNumber> numbers;  // in the order of the outputs
+    numbers.reserve(job_.to.size());
     for (size_t i = 0; i < job_.to.size(); ++i)
         numbers.push_back(module.sendNumber());
     for (const bool rtp : {false, true}) {
