@@ -121,7 +121,7 @@ class Watching {
             for (const StreamFindings& stream : streams)
                 lines_.add(findingsJson(stream, true));
         if (lines_.dropped() > 0 && !std::exchange(droppedIsTold_, true))
-            session_.tell("lines are dropped: standard output is not read fast enough");
+            session_.tell("lines are dropped: standard output does not take them");
         if (!options_.metrics.empty())
             writeMetrics(findingsPrometheus(streams));
     }
