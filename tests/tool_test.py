@@ -434,6 +434,29 @@ class Relay(ToolTest):
             self.assertTrue(read(str(port)) == whole, port)
         self.assertEqual(self.end(relay), 0)
 
+    # Without a pause, and again before the channels have been started for the change before.
+    def test_the_packet_size_may_change_at_any_moment(self):
+        data, times = stream(3, lambda now: 4e6)
+        sent = []
+        for i in range(len(times)):
+            packets = [data[at:at + 188] for at in range(i * 1316, len(data), 188)[:7]]
+            size = 204 if i > 500 and i // 40 % 2 == 0 else 188
+            sent.append(b"".join(packet.ljust(size, b"\1") for packet in packets))
+        urls = {7113: "udp://127.0.0.1:7113", 7115: "rtp://127.0.0.1:7115"}
+        receivers = [self.receive(port, f"{url} {port} -n {sum(map(len, sent))}")
+                     for port, url in urls.items()]
+        relay = self.tool("relay --as-is udp://127.0.0.1:7111 " + " ".join(urls.values()))
+        self.await_(lambda: is_bound(7111))
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            begin = time.monotonic()
+            for datagram, due in zip(sent, times):
+                time.sleep(max(begin + due - time.monotonic(), 0))
+                sender.sendto(datagram, ("127.0.0.1", 7111))
+        self.assertEqual([receiver.wait(40) for receiver in receivers], [0, 0])
+        for port in urls:
+            self.assertTrue(read(str(port)) == b"".join(sent), port)
+        self.assertEqual(self.end(relay), 0)
+
     # What is sent to the group on one interface must not come in from the other one again.
     def test_a_group_goes_from_one_interface_to_another(self):
         self.link("198.51.100.1")

@@ -19,8 +19,10 @@ constexpr ts::Time kLongestLead = 60ms;
 constexpr ts::Time kJitter = 150ms;  // that a relay smooths, beside what an input waits
 constexpr int kTurnsPerLead = 3;
 constexpr auto kLeastInterval = 1ms;
-constexpr auto kDraining = 1s;     // for what is to leave before a channel is started again
+constexpr auto kEnding = 5s;       // of a stream whose packets had another size
+constexpr auto kDraining = 1s;     // of the rings behind it
 constexpr auto kStarting = 200ms;  // of channels, their sockets included
+constexpr size_t kMostWaiting = size_t{16} * 1024 * 1024;  // bytes, until they are
 constexpr auto kLook = 1s;
 constexpr auto kReport = 10s;
 
@@ -72,36 +74,59 @@ void RelayBranch::makeShaper() {
 }
 
 void RelayBranch::push(std::span<const uint8_t> packets, size_t packetSize, Clock::time_point now) {
-    if (packetSize != packetSize_)
-        changePacketSize(packetSize);
-    if (!shaper_)
-        makeShaper();
-    shaper_->push(packets, now.time_since_epoch());
+    if (state_ == State::kSending && packetSize == packetSize_)
+        return take(packets, now);
+    wait(packets, packetSize, now);
+    if (state_ == State::kSending)
+        takeWaiting();
 }
 
-// A channel looks at the size of packets once. Those of the old size leave first.
-void RelayBranch::changePacketSize(size_t packetSize) {
-    if (packetSize_ != 0)
-        release();
-    if (packetSize_ != 0 && !restartBy_)
-        restartBy_ = Clock::now() + kDraining;
-    packetSize_ = packetSize;
-    for (Output& output : outputs_)
-        if (!restartBy_)
-            output.channel.setPacketSize(packetSize);
+void RelayBranch::take(std::span<const uint8_t> packets, Clock::time_point arrival) {
+    if (!shaper_)
+        makeShaper();
+    shaper_->push(packets, arrival.time_since_epoch());
+}
+
+void RelayBranch::wait(std::span<const uint8_t> packets, size_t packetSize,
+                       Clock::time_point arrival) {
+    if (packets.size() > kMostWaiting - waitingBytes_) {
+        for (Output& output : outputs_)
+            output.dropped += packets.size() / (packetSize * kPacketsPerDatagram);
+        return;
+    }
+    waitingBytes_ += packets.size();
+    waiting_.push_back({packetSize, arrival, {packets.begin(), packets.end()}});
+}
+
+// Up to the next change of the packet size.
+void RelayBranch::takeWaiting() {
+    while (!waiting_.empty()) {
+        const Waiting& next = waiting_.front();
+        if (packetSize_ == 0) {
+            packetSize_ = next.packetSize;
+            for (Output& output : outputs_)
+                output.channel.setPacketSize(packetSize_);
+        } else if (next.packetSize != packetSize_) {
+            if (shaper_)
+                shaper_->finish();
+            return enter(State::kEnding, kEnding);
+        }
+        take(next.packets, next.arrival);
+        waitingBytes_ -= next.packets.size();
+        waiting_.pop_front();
+    }
 }
 
 void RelayBranch::pause() {
-    if (shaper_ && !restartBy_ &&
-        (!isMadeConstant_ || shaper_->status().untouched || !shaper_->rate()))
+    if (shaper_ && state_ == State::kSending &&
+        (!isMadeConstant_ || shaper_->status().untouched || !shaper_->rate())) {
+        shaper_->finish();
         release();
+    }
 }
 
-// Hands over all that is left, due or not.
+// Hands over all that is left of what has been finished, due or not.
 void RelayBranch::release() {
-    if (!shaper_)
-        return;
-    shaper_->finish();
     settleRate();
     std::array<uint8_t, kChunkBytes> data;  // NOLINT(*-member-init): written before it is read
     while (const size_t size = shaper_->pull(data, ts::Time::max()))
@@ -113,41 +138,58 @@ void RelayBranch::release() {
             output.channel.handNullPackets(kPacketsPerDatagram);
 }
 
-// True when the channels can take packets of the new size: those that worked do so again.
-bool RelayBranch::restart(Clock::time_point now) {
-    const bool ready = std::all_of(outputs_.begin(), outputs_.end(), [this](const Output& output) {
-        return restarting_ ? output.works || !output.worked
-                           : output.channel.allHasLeft() || !output.works;
-    });
-    if (!ready && now < *restartBy_)
-        return false;
-    if (std::exchange(restarting_, !restarting_)) {
-        restartBy_.reset();
-        return true;
+void RelayBranch::enter(State state, Clock::duration longest) {
+    state_ = state;
+    stateEnds_ = Clock::now() + longest;
+}
+
+void RelayBranch::advance(Clock::time_point now) {
+    const bool over = now >= stateEnds_;
+    const auto all = [this](auto&& holds) {
+        return std::all_of(outputs_.begin(), outputs_.end(), holds);
+    };
+    if (state_ == State::kEnding && (over || !shaper_ || !shaper_->next())) {
+        if (shaper_)
+            release();
+        enter(State::kDraining, kDraining);
+    } else if (state_ == State::kDraining && (over || all([](const Output& output) {
+                                                  return output.channel.allHasLeft() ||
+                                                         !output.works;
+                                              }))) {
+        endChannels();
+        enter(State::kStarting, kStarting);
+    } else if (state_ == State::kStarting &&
+               (over || all([](const Output& output) { return output.works || !output.worked; }))) {
+        state_ = State::kSending;
+        takeWaiting();
     }
-    restartBy_ = now + kStarting;
+}
+
+void RelayBranch::endChannels() {
+    packetSize_ = waiting_.front().packetSize;
     for (Output& output : outputs_) {
         rateChanges_ += output.channel.rateChanges();
         output.worked = std::exchange(output.works, false);
         output.channel.end();
         output.channel.setPacketSize(packetSize_);
     }
-    return false;
 }
 
 RelayBranch::Clock::time_point RelayBranch::run(Clock::time_point now) {
     for (Output& output : outputs_)
         attend(output, now);
-    if (restartBy_ && !restart(now))
-        return now + kLeastInterval;
     if (shaper_)
         feed(now);
+    if (state_ != State::kSending)
+        advance(now);
     if (now >= nextLook_) {
         nextLook_ = now + kLook;
         for (Output& output : outputs_)
             lookBack(output, now);
         nextReport_ = now >= nextReport_ ? now + kReport : nextReport_;
     }
+    if (state_ == State::kDraining || state_ == State::kStarting)
+        return now + kLeastInterval;
     const auto next = shaper_ ? shaper_->next() : std::nullopt;
     const auto latest = now + lead() / kTurnsPerLead;
     if (!next || pace_ != Pace::kCeiling)
@@ -238,8 +280,7 @@ void RelayBranch::hand(std::span<const uint8_t> datagrams) {
     for (Output& output : outputs_) {
         ChannelOutput& channel = output.channel;
         const size_t payload = channel.payload();
-        const bool takes = output.works && !restartBy_;
-        const size_t room = takes ? channel.room() / payload * payload : 0;
+        const size_t room = output.works ? channel.room() / payload * payload : 0;
         const size_t taken = std::min(room, datagrams.size());
         channel.hand(datagrams.first(taken));
         const size_t lost = (datagrams.size() - taken) / payload;

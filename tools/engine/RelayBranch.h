@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <memory>
 #include <optional>
@@ -39,7 +40,7 @@ class RelayBranch {
 
     // The input has paused: the end of what has come does not wait for it to go on. Null packets
     // fill the last datagram. An output of constant rate goes on with null packets. To be called
-    // for as long as the pause lasts: the end waits for a change of the packet size.
+    // for as long as the pause lasts.
     void pause();
 
     // Does what is to be done by now, and returns when there will be more.
@@ -73,11 +74,24 @@ class RelayBranch {
         uint64_t droppedReported = 0;
     };
     enum class Pace { kSteered, kExact, kCeiling };
+    // A channel looks at the size of packets once. Where it changes, the packets of the old size
+    // leave in their time (kEnding), the rings run empty (kDraining), and the channels are started
+    // again (kStarting). What comes meanwhile waits; the size may change again in it.
+    enum class State { kSending, kEnding, kDraining, kStarting };
+    struct Waiting {
+        size_t packetSize;
+        Clock::time_point arrival;
+        std::vector<uint8_t> packets;
+    };
 
     void makeShaper();
-    void changePacketSize(size_t packetSize);
+    void take(std::span<const uint8_t> packets, Clock::time_point arrival);
+    void takeWaiting();
+    void wait(std::span<const uint8_t> packets, size_t packetSize, Clock::time_point arrival);
     void release();
-    bool restart(Clock::time_point now);
+    void enter(State state, Clock::duration longest);
+    void advance(Clock::time_point now);
+    void endChannels();
     void attend(Output& output, Clock::time_point now);
     void settleRate();
     double wantedRate() const;
@@ -98,8 +112,10 @@ class RelayBranch {
     bool rateSettled_ = false;            // the channels have it
     RateNeed need_;
     Pace pace_ = Pace::kSteered;
-    std::optional<Clock::time_point> restartBy_;
-    bool restarting_ = false;  // the channels of the old packet size have been ended
+    State state_ = State::kSending;
+    Clock::time_point stateEnds_{};  // at the latest
+    std::deque<Waiting> waiting_;
+    size_t waitingBytes_ = 0;
     Clock::time_point nextLook_ = Clock::now();
     Clock::time_point nextReport_ = nextLook_;
     uint64_t rateChanges_ = 0;  // of channels that have been ended
