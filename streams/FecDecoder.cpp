@@ -37,10 +37,13 @@ void xorInto(std::vector<uint8_t>& to, size_t at, std::span<const uint8_t> bytes
 
 }  // namespace
 
-// Whether it is a datagram of the stream that is followed, which may begin anew with it.
-bool FecDecoder::follow(const RtpDatagram& media) {
+// Whether it is a datagram of the stream that is followed, which may begin anew with it: also with
+// numbers that were there a moment ago.
+bool FecDecoder::follow(const RtpDatagram& media, std::span<const uint8_t> datagram) {
     const int64_t number = numberNear(media.sequence, highest_);
-    if (begun_ && media.ssrc == ssrc_ && std::abs(number - highest_) < kRemembered) {
+    const auto isCopy = [&] { return std::ranges::equal(slotOf(number).datagram, datagram); };
+    if (begun_ && media.ssrc == ssrc_ && std::abs(number - highest_) < kRemembered &&
+        (!has(number) || isCopy())) {
         elsewhere_.reset();
         return true;
     }
@@ -61,7 +64,7 @@ bool FecDecoder::follow(const RtpDatagram& media) {
 
 void FecDecoder::pushMedia(std::span<const uint8_t> datagram, Time arrival, const Sink& sink) {
     const auto media = readRtp(datagram);
-    if (!media || datagram.size() > kLargestDatagram || !follow(*media))
+    if (!media || datagram.size() > kLargestDatagram || !follow(*media, datagram))
         return;
     const int64_t number = numberNear(media->sequence, highest_);
     if (has(number))

@@ -73,7 +73,7 @@ class FecDecoder {
         }
     };
 
-    bool follow(const RtpDatagram& media);
+    bool follow(const RtpDatagram& media, std::span<const uint8_t> datagram);
     bool has(int64_t number) const { return slotOf(number).number == number; }
     const Slot& slotOf(int64_t number) const {
         return slots_[static_cast<size_t>(number % kRemembered)];

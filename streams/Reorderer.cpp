@@ -25,9 +25,9 @@ constexpr uint16_t kFurthestLoss = 49152;
 constexpr size_t kFewestSlots = 4096, kMostSlots = 32768;
 constexpr size_t kLeastMemory = size_t{256} << 10;
 // In ticks of 90 kHz. Copies may have been stamped apart; but where a sender was restarted, or has
-// stopped for a while and then gone on with its numbers, the same number means another moment.
+// stopped for a while and then gone on with its numbers, the same number means another moment. Some
+// senders begin with the same timestamp each time, so the payload has to be the same, too.
 constexpr int32_t kSameMoment = 4500;
-constexpr int32_t kLongestRepeat = 90'000;
 constexpr int64_t kLongestLook = 64;  // for the neighbours of a number
 
 int32_t ticksBetween(uint32_t from, uint32_t to) {
@@ -35,7 +35,13 @@ int32_t ticksBetween(uint32_t from, uint32_t to) {
 }
 
 bool isSameMoment(uint32_t a, uint32_t b) {
-    return std::abs(ticksBetween(a, b)) <= kSameMoment;
+    const int32_t ticks = ticksBetween(a, b);
+    return ticks <= kSameMoment && ticks >= -kSameMoment;
+}
+
+template <typename Datagram>
+bool isCopy(const SequenceBuffer::Slot& slot, const Datagram& datagram, uint64_t digest) {
+    return isSameMoment(slot.timestamp, datagram.timestamp) && slot.digest == digest;
 }
 
 size_t slotsFor(Time window) {
@@ -111,7 +117,7 @@ void Reorderer::pushNew(int64_t number, const RtpDatagram& datagram, Time arriva
         return;
     }
     if (SequenceBuffer::Slot* const slot = current_.find(number)) {
-        if (!isSameMoment(slot->timestamp, datagram.timestamp)) {
+        if (!isCopy(*slot, datagram, digestOf(datagram.payload))) {
             pushStray(datagram, arrival, path, sink);
             return;
         }
@@ -162,7 +168,7 @@ void Reorderer::pushOld(int64_t number, const RtpDatagram& datagram, Time arriva
     const bool remembered = number >= std::max(first_, next_ - current_.reach());
     SequenceBuffer::Slot* const slot = remembered ? current_.find(number) : nullptr;
     // What comes late was sent before what has been delivered.
-    const bool fits = slot != nullptr ? isSameMoment(slot->timestamp, datagram.timestamp)
+    const bool fits = slot != nullptr ? isCopy(*slot, datagram, digestOf(datagram.payload))
                                       : ticksBetween(timestamp_, datagram.timestamp) <= kSameMoment;
     if (!remembered || !fits || arrival - fresh_ >= kStuck) {
         pushStray(datagram, arrival, path, sink);
@@ -344,6 +350,26 @@ void Reorderer::dropOther() {
     evidence_ = 0;
 }
 
+// The number in the other sequence of what was delivered last, as far as its payload tells.
+int64_t Reorderer::findSaid() {
+    const int64_t earliest = std::max(first_, next_ - kLongestLook);
+    for (int64_t number = next_ - 1; number >= earliest; --number) {
+        const SequenceBuffer::Slot* const said = current_.find(number);
+        size_t found = 0;
+        int64_t last = -1;
+        for (int64_t again = otherFirst_; said != nullptr && again <= other_.highest(); ++again) {
+            const SequenceBuffer::Slot* const slot = other_.find(again);
+            if (slot == nullptr || !slot->held || slot->digest != said->digest)
+                continue;
+            last = again;
+            ++found;
+        }
+        if (found == 1)  // null packets are in many
+            return last;
+    }
+    return -1;
+}
+
 // The other sequence becomes the stream. What came long before the end of this one was beside it.
 void Reorderer::takeOver(const Sink& sink) {
     while (current_.held() > 0)
@@ -354,16 +380,13 @@ void Reorderer::takeOver(const Sink& sink) {
         other_.letGo(other_.lowest(other_.earliest().number));
     }
     // The same stream with other numbers, as of another sender, does not say again what was said.
-    const SequenceBuffer::Slot* const last = other_.find(other_.highest());
-    while (other_.held() > 1 && other_.ssrc() == current_.ssrc()) {
-        SequenceBuffer::Slot& early = other_.lowest(otherFirst_);
-        if (last->timestamp == early.timestamp)
-            break;  // there may be senders that do not stamp at all
-        const int32_t ticks = ticksBetween(timestamp_, early.timestamp);
-        if (ticks > 0 || ticks < -kLongestRepeat)
-            break;
+    const int64_t said = findSaid();
+    for (int64_t number = otherFirst_; number <= said && other_.held() > 1; ++number) {
+        SequenceBuffer::Slot* const slot = other_.find(number);
+        if (slot == nullptr || !slot->held)
+            continue;
         ++counts_.strays;
-        other_.letGo(early);
+        other_.letGo(*slot);
     }
     const SequenceBuffer::Slot& first = other_.lowest(otherFirst_);
     const auto step = static_cast<uint16_t>(first.number - next_);

@@ -126,6 +126,7 @@ class Reorderer {
     bool isAstray(const SequenceBuffer::Slot& slot) const;
     void releaseDue(Time now, const Sink& sink);
     bool mayTakeOver(Time now) const;
+    int64_t findSaid();
     void takeOver(const Sink& sink);
     void dropOther();
     void settle(Time now);

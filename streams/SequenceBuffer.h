@@ -29,6 +29,8 @@ class PayloadPool {
     std::vector<Payload> free_;
 };
 
+uint64_t digestOf(std::span<const uint8_t> bytes);
+
 // The numbers are those of RTP, but do not wrap; those of different beginnings never meet.
 class SequenceBuffer {
   public:
@@ -36,6 +38,7 @@ class SequenceBuffer {
         int64_t number = -1;
         Time arrival{};  // of the first copy
         uint32_t timestamp = 0;
+        uint64_t digest = 0;  // of the payload
         uint32_t order = 0;   // among the arrivals
         uint8_t sources = 0;  // the paths that brought it, a bit each
         uint8_t first = 0;    // the path that brought it first

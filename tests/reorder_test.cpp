@@ -304,6 +304,8 @@ TEST(Reorderer, RecognisesWhatBeginsAnewWithinTheWindowAndLosesNothing) {
         {"another number", Sent(0, 1000, 0s) + Second(500, 1001ms, 30'000, 1), both(500), 1},
         {"a number that was there", Sent(0, 1000, 0s) + Second(500, 1001ms, 65'100, 1), both(500),
          1},
+        {"all numbers and timestamps that were there",
+         Sent(0, 1000, 0s) + Sent(10'000, 500, 1001ms, 55'000, 1, -900'000U), both(500), 1},
         {"another sender", Sent(0, 1000, 0s) + Second(500, 1001ms, 30'000, 2), both(500), 0, 1},
         {"another sender on two paths, one of which lost the end",
          without + skewed + Second(500, 1010ms, 30'000, 2) + Second(500, 1050ms, 30'000, 2, 1),
