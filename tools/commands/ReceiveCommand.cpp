@@ -26,6 +26,7 @@
 #include "engine/ReceiveChain.h"
 #include "media/SdpFile.h"
 #include "media/StreamUrl.h"
+#include "reports/StreamStates.h"
 #include "terminal/Progress.h"
 
 namespace {
@@ -33,6 +34,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kLookInterval = 50ms;
+constexpr auto kPublishInterval = 1s;
 
 // A stream, and what has been done about it.
 struct Task {
@@ -76,6 +78,7 @@ class Session {
                 stop_ = signal_.name();
             if (stop_.load() == nullptr)
                 reload();
+            publish();
             if (progress_.due())
                 progress_.show(describeProgress());
             std::this_thread::sleep_for(kLookInterval);
@@ -171,6 +174,19 @@ class Session {
         return running;
     }
 
+    void publish() {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < publishAt_)
+            return;
+        publishAt_ = now + kPublishInterval;
+        std::vector<StreamState> states;
+        for (const Task& task : tasks_)
+            if (StreamState state = task.chain->state();
+                !task.chain->figures().ended && !state.kind.empty())
+                states.push_back(std::move(state));
+        publisher_.publish(states);
+    }
+
     std::string describeProgress() const {
         uint64_t bytes = 0;
         uint64_t bitrate_bps = 0;
@@ -200,6 +216,8 @@ class Session {
     std::atomic<const char*> stop_{nullptr};
     Messages messages_;
     Progress progress_;
+    StatePublisher publisher_;
+    std::chrono::steady_clock::time_point publishAt_{};
     std::vector<Task> tasks_;
     std::map<dev_t, Collector> collectors_;  // end before what they use
     Failures failures_{0, progress_};

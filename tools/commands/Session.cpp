@@ -11,6 +11,7 @@
 namespace {
 
 constexpr std::chrono::seconds kTrimInterval{30};
+constexpr std::chrono::seconds kPublishInterval{1};
 
 std::string message(const std::exception_ptr& failure) {
     try {
@@ -78,6 +79,8 @@ void Session::attend() {
         if (chains_.size() > 1)
             warn(i, message(runner_.failure(i)));
     }
+    if (now >= publishAt_)
+        publish(now);
     if (!progress_.due())
         return;
     std::vector<std::string> lines;
@@ -89,6 +92,17 @@ void Session::attend() {
         lines.push_back(chains_.size() == 1 ? state : fmt::format("{}  {}", chain.name(), state));
     }
     progress_.show(lines);
+}
+
+void Session::publish(Runner::Clock::time_point now) {
+    publishAt_ = now + kPublishInterval;
+    std::vector<StreamState> states;
+    for (size_t i = 0; i < chains_.size(); ++i) {
+        StreamState state = runner_.ended(i) ? StreamState{} : chains_[i]->state(now);
+        if (!state.kind.empty())
+            states.push_back(std::move(state));
+    }
+    publisher_.publish(states);
 }
 
 void Session::warn(size_t i, const std::string& text) {

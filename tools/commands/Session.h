@@ -14,6 +14,7 @@
 #include "engine/Chain.h"
 #include "engine/HostModule.h"
 #include "engine/Runner.h"
+#include "reports/StreamStates.h"
 #include "terminal/Progress.h"
 
 // Says at once what happens, shows how far each stream has come, and sums up in the end. A stream
@@ -51,6 +52,7 @@ class Session {
 
   private:
     void attend();
+    void publish(Runner::Clock::time_point now);
     void sumUp(const Chain& chain);
     void warn(size_t i, const std::string& text);
     std::exception_ptr failure(size_t i) const;
@@ -63,6 +65,8 @@ class Session {
     std::vector<bool> told_;
     std::future<void> removed_;  // all that was removed has ended when it is ready
     Progress progress_;
+    StatePublisher publisher_;
+    Runner::Clock::time_point publishAt_{};
     // The room that the streams' first seconds took, by which their rates are told, goes back to
     // the system then.
     Runner::Clock::time_point trimAt_ = Runner::Clock::now() + std::chrono::milliseconds(1500);

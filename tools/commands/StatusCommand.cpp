@@ -63,7 +63,7 @@ void failForNothing(const Machine& machine) {
 void runStatus(const StatusOptions& options) {
     const Machine machine = HostFinder({options.path, options.pid}).look();
     // The metrics of the last run must not stay where these are put.
-    if (machine.tables().empty() && !options.prometheus)
+    if (machine.tables().empty() && machine.processes.empty() && !options.prometheus)
         failForNothing(machine);
     if (options.json)
         fmt::print("{}", statusJson(machine, options.all));

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "engine/StreamState.h"
+
 class Chain {
   public:
     using Clock = std::chrono::steady_clock;
@@ -35,6 +37,9 @@ class Chain {
 
     // None: it has no end of its own, and a signal ends it well. Else what the signal cuts short.
     virtual std::optional<std::string> unfinished() const = 0;
+
+    // For other processes to see.
+    virtual StreamState state(Clock::time_point /*now*/) const { return {}; }
 
   protected:
     std::vector<std::string> events_;

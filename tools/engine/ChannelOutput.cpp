@@ -118,7 +118,7 @@ void ChannelOutput::comeBack(Clock::time_point now) {
             "sending to {} goes on after {}{}", url_.text,
             formatTime(std::chrono::duration_cast<std::chrono::milliseconds>(time)),
             lost_ == 0 ? "" : fmt::format("; {} were lost", counted(lost_, "datagram"))));
-    lost_ = 0;
+    lostBefore_ += std::exchange(lost_, 0);
     if (handed_ > 0 && time > kLongOutage)
         setRate(rate_bps_);
 }
@@ -194,4 +194,9 @@ void ChannelOutput::end() {
     else
         ending_ = std::async(std::launch::async,
                              [channel = std::move(channel_)]() mutable { channel.reset(); });
+}
+
+OutputState ChannelOutput::outputState() const {
+    return {url_.text, isStarted() && !isDown(), datagrams(), lostBefore_ + lost_,
+            state_.SendFailures};
 }

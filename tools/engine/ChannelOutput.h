@@ -75,6 +75,7 @@ class ChannelOutput {
     bool allHasLeft() const { return state_.Datagrams + state_.SendFailures >= handed_ / payload_; }
     ts::Time buffered() const { return timeOf(state_.BufferedBytes); }
     uint64_t datagrams() const { return channel_ ? channel_->datagrams() : 0; }
+    OutputState outputState() const;
 
     uint32_t rate() const { return rate_bps_; }
     void setRate(double bitrate_bps);
@@ -120,7 +121,8 @@ class ChannelOutput {
     bool downReported_ = false;
     bool everWorked_ = false;
     std::string trouble_;
-    uint64_t lost_ = 0;
+    uint64_t lost_ = 0;  // in this outage
+    uint64_t lostBefore_ = 0;
     Clock::time_point retry_{};
 };
 

@@ -282,13 +282,35 @@ void ReceiveChain::end(const std::string& error) {
 }
 
 void ReceiveChain::publish() {
-    if (!input_ || now_ < nextFigures_)
+    if (now_ < nextFigures_)
         return;
     nextFigures_ = now_ + kFiguresInterval;
+    show();
+    if (!input_)
+        return;
     figures_.bytes = written_;
     figures_.continuityErrors = sieve_.continuityErrors();
     figures_.bitrate_bps = hasEnded() ? 0 : input_->measuredBitrate();
     figures_.rtp = input_->isRtp();
+}
+
+void ReceiveChain::show() {
+    StreamState state{"receive", job_.url};
+    state.seconds = std::chrono::duration<double>(now_ - began_).count();
+    if (input_) {
+        const bool receives = state_ == State::kReceiving;
+        state.inputs.push_back(stateOf(*input_, job_.url, now_ - (receives ? lastData_ : began_)));
+        InputState& input = state.inputs.back();
+        state.bytes = input.bytes;
+        state.bitrate_bps = input.bitrate_bps;
+        input.continuityErrors = sieve_.continuityErrors();
+    } else {
+        state.inputs.push_back({job_.url});
+    }
+    state.outputs.push_back({job_.output, state_ > State::kOpening && !outputOutage_.since,
+                             datagrams_, overrunDatagrams_});
+    const std::lock_guard lock(lock_);
+    shown_ = std::move(state);
 }
 
 ReceiveChain::Clock::time_point ReceiveChain::due() const {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -74,6 +75,11 @@ class ReceiveChain {
         std::atomic<bool> ended{false};
     };
     const Figures& figures() const { return figures_; }
+    // For other processes to see; as of half a second ago at most.
+    StreamState state() const {
+        const std::lock_guard lock(lock_);
+        return shown_;
+    }
 
     // These hold once `ended` is set.
     const std::string& error() const { return error_; }  // empty = done
@@ -112,6 +118,7 @@ class ReceiveChain {
     size_t put(std::span<const uint8_t> packets);
     void outputFails(const std::string& what);
     void publish();
+    void show();
 
     const ReceiveJob job_;
     ModuleOnDemand& module_;
@@ -150,6 +157,9 @@ class ReceiveChain {
     Clock::time_point opened_{}, closed_{}, firstData_{}, lastData_{}, endBy_{}, nextFigures_{};
     std::string error_;
     Figures figures_;
+    const Clock::time_point began_ = now_;
+    mutable std::mutex lock_;
+    StreamState shown_;  // guarded by lock_
 };
 
 #endif

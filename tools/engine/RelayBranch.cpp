@@ -350,3 +350,10 @@ RelayBranch::Figures RelayBranch::figures() const {
     }
     return figures;
 }
+
+void RelayBranch::addStates(std::vector<OutputState>& outputs) const {
+    for (const Output& output : outputs_) {
+        outputs.push_back(output.channel.outputState());
+        outputs.back().datagramsDropped = output.dropped;
+    }
+}

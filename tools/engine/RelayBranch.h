@@ -58,6 +58,7 @@ class RelayBranch {
         size_t down = 0;  // outputs that do not work
     };
     Figures figures() const;
+    void addStates(std::vector<OutputState>& outputs) const;
 
   private:
     struct Output {

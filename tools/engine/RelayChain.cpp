@@ -172,3 +172,13 @@ std::vector<std::string> RelayChain::warnings() const {
                                     sieve_.skippedBytes(), counted(sieve_.gaps(), "gap")));
     return lines;
 }
+
+StreamState RelayChain::state(Clock::time_point now) const {
+    StreamState state{"relay", job_.from, std::chrono::duration<double>(now - started_).count(),
+                      bytes_, input_->measuredBitrate()};
+    state.inputs.push_back(stateOf(*input_, job_.from, now - lastData_));
+    state.inputs.back().continuityErrors = sieve_.continuityErrors();
+    for (const RelayBranch& branch : branches_)
+        branch.addStates(state.outputs);
+    return state;
+}

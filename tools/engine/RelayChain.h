@@ -38,6 +38,7 @@ class RelayChain : public Chain {
     std::string summary() const override;
     std::vector<std::string> warnings() const override;
     std::optional<std::string> unfinished() const override { return std::nullopt; }
+    StreamState state(Clock::time_point now) const override;
 
   private:
     void watchInput(Clock::time_point now);

@@ -352,3 +352,18 @@ std::string SendChain::inputName() const {
 std::optional<std::string> SendChain::unfinished() const {
     return job_.loop || job_.follow ? std::nullopt : std::optional("the end of " + inputName());
 }
+
+StreamState SendChain::state(Clock::time_point now) const {
+    StreamState state{"send", name(), seconds(now - started_)};
+    InputState input;
+    input.url = job_.input;
+    input.health = !source_ ? InputHealth::kNoSocket : InputHealth::kOnAir;
+    OutputState output = output_.outputState();
+    if (output.works)
+        state.bitrate_bps = output_.rate();
+    state.bytes = input.bytes = output.datagrams * output_.payload();
+    input.bitrate_bps = state.bitrate_bps;
+    state.inputs.push_back(std::move(input));
+    state.outputs.push_back(std::move(output));
+    return state;
+}

@@ -40,6 +40,7 @@ class SendChain : public Chain {
     std::string summary() const override;
     std::vector<std::string> warnings() const override;
     std::optional<std::string> unfinished() const override;
+    StreamState state(Clock::time_point now) const override;
 
   private:
     ts::Time streamTime(Clock::time_point now) const { return now.time_since_epoch() - shift_; }

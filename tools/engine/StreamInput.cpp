@@ -12,6 +12,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kStartInterval = 1s;
+constexpr auto kNoSignal = 1s;  // of silence
 
 double milliseconds(std::chrono::nanoseconds time) {
     return std::chrono::duration<double, std::milli>(time).count();
@@ -99,4 +100,28 @@ std::vector<std::string> describePaths(const RepairReport& report) {
                                         counted(fec->repaired, "datagram"), url, fec->unrepaired));
     }
     return lines;
+}
+
+InputState stateOf(const StreamInput& input, const std::string& url,
+                   Chain::Clock::duration silence) {
+    const QXV_RTP_Statistics statistics = input.statistics();
+    InputState state;
+    state.url = url;
+    state.health = statistics.SocketOpen == 0 ? InputHealth::kNoSocket
+                   : silence >= kNoSignal     ? InputHealth::kNoSignal
+                                              : InputHealth::kOnAir;
+    state.bytes = statistics.Bytes;
+    state.bitrate_bps = input.measuredBitrate();
+    state.datagramsDropped = statistics.DatagramsDropped;
+    const auto repairs = input.repairs();
+    if (!repairs)
+        return state;
+    const ts::RepairCounts& counts = repairs->counts;
+    state.datagramsDropped += repairs->socketDrops;
+    state.repair = {counts.lost, counts.reordered, counts.duplicates, counts.repaired};
+    for (const PathRepair& path : repairs->paths)
+        if (repairs->paths.size() > 1)
+            state.paths.push_back({path.url, path.path.received, path.path.lost, path.path.saved,
+                                   milliseconds(path.path.skew)});
+    return state;
 }

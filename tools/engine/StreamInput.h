@@ -68,6 +68,10 @@ class StreamInput {
 std::unique_ptr<StreamInput> makeInput(const std::string& url, ModuleOnDemand& module,
                                        SocketMeans& means);
 
+// What other processes see of it, where it is on air for as long as something comes.
+InputState stateOf(const StreamInput& input, const std::string& url,
+                   Chain::Clock::duration silence);
+
 // "3 lost, 12 reordered", and each path's loss where there are several.
 std::string describeRepairs(const RepairReport& report);
 // A line for each of several paths, and for each one's FEC, for the end.

@@ -12,6 +12,7 @@
 #include <climits>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string_view>
 
@@ -64,13 +65,15 @@ std::string tablePath(std::string link) {
 
 struct Look {
     std::optional<ChannelTable> table;
+    std::optional<PublishedStates> states;
     bool denied = false;
 };
 
 // The module opens its table for reading and writing. So a process that can only read one watches
 // it, as this one does. Of several tables the module uses the one that was written to last: those
-// from before it was loaded again stay open.
-Look lookForTable(int process) {
+// from before it was loaded again stay open. The same holds of the file with streams' states, of
+// which a process has one.
+Look lookInto(int process) {
     Look look;
     const Directory descriptors = openDirectory(process, "fd");
     if (!descriptors) {
@@ -81,16 +84,23 @@ Look lookForTable(int process) {
     std::optional<std::pair<time_t, long>> newest;
     for (size_t count = 0; const dirent* const entry = readdir(descriptors.get()); ++count) {
         errno = 0;
-        const std::string path = tablePath(linkText(directory, entry->d_name));
+        const std::string name = linkText(directory, entry->d_name);
         if (isDenied(errno) || count == kMostDescriptors) {
             look.denied = true;
             break;
         }
+        const bool hasStates = name == kStatesLink && !look.states;
+        const std::string path = tablePath(name);
         struct stat link {};
-        if (path.empty() || fstatat(directory, entry->d_name, &link, AT_SYMLINK_NOFOLLOW) != 0 ||
+        if ((path.empty() && !hasStates) ||
+            fstatat(directory, entry->d_name, &link, AT_SYMLINK_NOFOLLOW) != 0 ||
             (link.st_mode & S_IWUSR) == 0)
             continue;
         const FileDescriptor file(openat(directory, entry->d_name, O_PATH | O_CLOEXEC));
+        if (hasStates) {
+            look.states = readStates(file.get());
+            continue;
+        }
         struct stat status {};
         if (file.get() < 0 || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
             status.st_size < static_cast<off_t>(sizeof(RtpContext)))
@@ -161,27 +171,30 @@ std::string commandLine(int process, const std::string& command) {
     return line.empty() ? command : printable(line);
 }
 
-Host describe(pid_t pid, int process, ChannelTable table) {
-    Host host;
-    host.pid = pid;
+Process describe(pid_t pid, int process) {
+    Process result;
+    result.pid = pid;
     std::string command = contents(process, "comm");
     command.resize(command.find_last_not_of('\n') + 1);
-    host.command = escapeBytes(command);
-    host.commandLine = commandLine(process, host.command);
+    result.command = escapeBytes(command);
+    result.commandLine = commandLine(process, result.command);
     struct stat status {};
     if (fstat(process, &status) == 0)
-        host.user = userName(status.st_uid);
-    host.startTicks = processState(process).startTicks;
-    host.started = startTime(host.startTicks);
-    host.table = std::move(table);
-    return host;
+        result.user = userName(status.st_uid);
+    result.startTicks = processState(process).startTicks;
+    result.started = startTime(result.startTicks);
+    return result;
+}
+
+void sortByAge(auto& processes) {
+    std::sort(processes.begin(), processes.end(), [](const auto& one, const auto& other) {
+        return std::pair(one.startTicks, one.pid) < std::pair(other.startTicks, other.pid);
+    });
 }
 
 // All that have one table are one host, shown as the process that began first.
 std::vector<Host> merged(std::vector<Host> processes) {
-    std::sort(processes.begin(), processes.end(), [](const Host& one, const Host& other) {
-        return std::pair(one.startTicks, one.pid) < std::pair(other.startTicks, other.pid);
-    });
+    sortByAge(processes);
     std::vector<Host> hosts;
     std::map<FileId, size_t> places;
     for (Host& process : processes) {
@@ -192,6 +205,15 @@ std::vector<Host> merged(std::vector<Host> processes) {
             hosts[place->second].sharedWith.push_back(process.pid);
     }
     return hosts;
+}
+
+// Children of a fork have the file, too.
+void keepOldest(std::vector<StreamProcess>& processes) {
+    sortByAge(processes);
+    std::set<FileId> files;
+    std::erase_if(processes, [&files](const StreamProcess& process) {
+        return !files.insert(process.states.id).second;
+    });
 }
 
 std::string blindness(int proc, size_t hidden) {
@@ -256,8 +278,9 @@ std::vector<pid_t> HostFinder::processes() const {
     return pids;
 }
 
-std::vector<Host> HostFinder::search(const std::vector<pid_t>& pids, size_t& hidden) const {
+size_t HostFinder::search(const std::vector<pid_t>& pids, Machine& machine) const {
     std::vector<Host> found;
+    size_t hidden = 0;
     for (const pid_t pid : pids) {
         // Whatever is read through this descriptor is of one process, and fails when that has
         // ended, even if another one has got its number.
@@ -265,21 +288,24 @@ std::vector<Host> HostFinder::search(const std::vector<pid_t>& pids, size_t& hid
             openat(proc_.get(), std::to_string(pid).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (process.get() < 0)
             continue;
-        Look look = lookForTable(process.get());
+        Look look = lookInto(process.get());
+        if (look.states && !look.states->streams.empty())
+            machine.processes.push_back({describe(pid, process.get()), std::move(*look.states)});
         if (look.table)
-            found.push_back(describe(pid, process.get(), std::move(*look.table)));
+            found.push_back({describe(pid, process.get()), {}, std::move(*look.table)});
         // The first one is init: in a container, where it may be a host, nothing is sure anyway.
         else if (look.denied && (pid != 1 || selection_.pid) && !isNoProgram(process.get()))
             ++hidden;
     }
-    return found;
+    machine.hosts = merged(std::move(found));
+    keepOldest(machine.processes);
+    return hidden;
 }
 
 Machine HostFinder::look() {
     Machine machine;
-    size_t hidden = 0;
     if (selection_.pid) {
-        machine.hosts = merged(search({*selection_.pid}, hidden));
+        const size_t hidden = search({*selection_.pid}, machine);
         if (!machine.hosts.empty())
             machine.file = machine.hosts.front().table;
         else
@@ -291,19 +317,29 @@ Machine HostFinder::look() {
     readFile(machine);
     const auto now = std::chrono::steady_clock::now();
     const bool everywhere = !searched_ || now - *searched_ >= kSearchInterval;
-    std::vector<Host> found = search(everywhere ? processes() : known_, hidden);
+    const size_t hidden = search(everywhere ? processes() : known_, machine);
     if (everywhere) {
         searched_ = now;
         hidden_ = hidden;
     }
     known_.clear();
-    for (const Host& host : found)
+    for (const Host& host : machine.hosts) {
         known_.push_back(host.pid);
-    machine.hosts = merged(std::move(found));
-    if (!selection_.path.empty())
+        known_.insert(known_.end(), host.sharedWith.begin(), host.sharedWith.end());
+    }
+    for (const StreamProcess& process : machine.processes)
+        known_.push_back(process.pid);
+    std::sort(known_.begin(), known_.end());
+    known_.erase(std::unique(known_.begin(), known_.end()), known_.end());
+    if (!selection_.path.empty()) {
         std::erase_if(machine.hosts, [&machine](const Host& host) {
             return !machine.file || host.table.id != machine.file->id;
         });
+        std::erase_if(machine.processes, [&machine](const StreamProcess& process) {
+            return std::none_of(machine.hosts.begin(), machine.hosts.end(),
+                                [&](const Host& host) { return host.pid == process.pid; });
+        });
+    }
     machine.hidden = hidden_;
     machine.blindness = blindness(proc_.get(), hidden_);
     return machine;

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "reports/StatesJson.h"
 #include "reports/Text.h"
 
 namespace {
@@ -45,18 +46,32 @@ Json tableJson(const ChannelTable& table, bool all) {
     return json;
 }
 
+Json factsJson(const Process& process) {
+    return {{"pid", process.pid},
+            {"command", process.command},
+            {"command_line", process.commandLine},
+            {"user", process.user},
+            {"started", fmt::format("{:%FT%TZ}", fmt::gmtime(process.started))}};
+}
+
 Json hostJson(const Host& host, bool all) {
-    Json json = {{"pid", host.pid},
-                 {"command", host.command},
-                 {"command_line", host.commandLine},
-                 {"user", host.user},
-                 {"started", fmt::format("{:%FT%TZ}", fmt::gmtime(host.started))},
-                 {"shared_with", host.sharedWith}};
+    Json json = factsJson(host);
+    json["shared_with"] = host.sharedWith;
     json.update(tableJson(host.table, all));
     return json;
 }
 
 }  // namespace
+
+nlohmann::ordered_json processJson(const StreamProcess& process) {
+    Json json = factsJson(process);
+    json["updated"] = fmt::format("{:%FT%TZ}", fmt::gmtime(process.states.updated));
+    json["streams_left_out"] = process.states.leftOut;
+    json["streams"] = Json::array();
+    for (const StreamState& stream : process.states.streams)
+        json["streams"].push_back(stateJson(stream));
+    return json;
+}
 
 std::string statusJson(const Machine& machine, bool all) {
     const bool known = machine.file && machine.isFileKnown();
@@ -70,6 +85,9 @@ std::string statusJson(const Machine& machine, bool all) {
     json["hosts"] = Json::array();
     for (const Host& host : machine.hosts)
         json["hosts"].push_back(hostJson(host, all));
+    json["processes"] = Json::array();
+    for (const StreamProcess& process : machine.processes)
+        json["processes"].push_back(processJson(process));
     json["incomplete_because"] = orNull(machine.blindness);
     json["hidden_processes"] = machine.hidden;
     return print(json);

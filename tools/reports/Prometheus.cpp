@@ -6,6 +6,7 @@
 #include <iterator>
 #include <limits>
 #include <optional>
+#include <string_view>
 
 #include "reports/Text.h"
 
@@ -102,6 +103,130 @@ const TableMetric kTableMetrics[] = {
      [](const ShownTable& shown) { return shown.table->handles; }},
 };
 
+// One whose name ends in "_total" is a counter.
+template <typename Thing>
+struct StateMetric {
+    const char* name;
+    const char* help;
+    std::function<std::optional<double>(const Thing&)> value;
+};
+
+double real(uint64_t value) {
+    return static_cast<double>(value);
+}
+
+using Repair = InputState::Repair;
+
+std::optional<double> repaired(const InputState& input, uint64_t Repair::*count) {
+    return input.repair ? std::optional(real((*input.repair).*count)) : std::nullopt;
+}
+
+const StateMetric<StreamState> kStreamMetrics[] = {
+    {"seconds_total", "Since the stream began.",
+     [](const StreamState& stream) { return stream.seconds; }},
+    {"bytes_total", "Transport stream that came in.",
+     [](const StreamState& stream) { return real(stream.bytes); }},
+    {"bytes_per_second", "Measured rate of what comes in; of a send stream, its channel's rate.",
+     [](const StreamState& stream) { return real(stream.bitrate_bps) / 8.0; }},
+};
+
+const StateMetric<InputState> kInputMetrics[] = {
+    {"input_on_air", "Whether the stream is taken from this input (1) or not (0).",
+     [](const InputState& input) { return input.health == InputHealth::kOnAir ? 1 : 0; }},
+    {"input_signal", "Whether something comes in that could be sent (1) or not (0).",
+     [](const InputState& input) {
+         return input.health == InputHealth::kOnAir || input.health == InputHealth::kStandby ? 1
+                                                                                             : 0;
+     }},
+    {"input_bytes_total", "Transport stream that came in here.",
+     [](const InputState& input) { return real(input.bytes); }},
+    {"input_bytes_per_second", "Measured rate of what comes in here.",
+     [](const InputState& input) { return real(input.bitrate_bps) / 8.0; }},
+    {"continuity_errors_total", "Continuity errors in what came in, after repair.",
+     [](const InputState& input) { return real(input.continuityErrors); }},
+    {"input_dropped_datagrams_total", "Datagrams for which this machine had no room.",
+     [](const InputState& input) { return real(input.datagramsDropped); }},
+    {"lost_datagrams_total", "Datagrams that are missing in spite of all repair.",
+     [](const InputState& input) { return repaired(input, &Repair::lost); }},
+    {"reordered_datagrams_total", "Datagrams that were put in order.",
+     [](const InputState& input) { return repaired(input, &Repair::reordered); }},
+    {"duplicate_datagrams_total", "Datagrams that came again and were left out.",
+     [](const InputState& input) { return repaired(input, &Repair::duplicates); }},
+    {"repaired_datagrams_total", "Datagrams that FEC brought back.",
+     [](const InputState& input) { return repaired(input, &Repair::repaired); }},
+};
+
+const StateMetric<PathState> kPathMetrics[] = {
+    {"path_datagrams_total", "Datagrams that this path brought.",
+     [](const PathState& path) { return real(path.datagrams); }},
+    {"path_lost_datagrams_total", "Datagrams that this path did not bring.",
+     [](const PathState& path) { return real(path.lost); }},
+    {"path_saved_datagrams_total", "Of the lost ones, those that another path brought.",
+     [](const PathState& path) { return real(path.saved); }},
+    {"path_skew_seconds", "How far this path is behind the one that comes first.",
+     [](const PathState& path) { return path.skew_ms / 1e3; }},
+};
+
+const StateMetric<OutputState> kOutputMetrics[] = {
+    {"output_works", "Whether what is sent or written leaves (1) or not (0).",
+     [](const OutputState& output) { return output.works ? 1 : 0; }},
+    {"output_datagrams_total", "Datagrams that were sent or written.",
+     [](const OutputState& output) { return real(output.datagrams); }},
+    {"output_dropped_datagrams_total", "Datagrams that the output did not take.",
+     [](const OutputState& output) { return real(output.datagramsDropped); }},
+    {"output_send_failures_total", "Datagrams that the system refused to send.",
+     [](const OutputState& output) { return real(output.sendFailures); }},
+};
+
+using Use = std::function<void(const std::string& labels, const StreamState&)>;
+
+void eachStream(const Machine& machine, const Use& use) {
+    for (const StreamProcess& process : machine.processes)
+        for (const StreamState& stream : process.states.streams)
+            use(fmt::format(R"(pid="{}",command="{}",kind="{}",stream="{}")", process.pid,
+                            labelText(process.command), labelText(stream.kind),
+                            labelText(stream.name)),
+                stream);
+}
+
+// `each` calls its argument with the labels and the thing itself, for all things.
+template <typename Thing, size_t Count, typename Each>
+void writeStates(Output out, const StateMetric<Thing> (&metrics)[Count], Each each) {
+    for (const StateMetric<Thing>& metric : metrics) {
+        const bool counts = std::string_view(metric.name).ends_with("_total");
+        fmt::format_to(out, "# HELP qxvrtp_stream_{0} {1}\n# TYPE qxvrtp_stream_{0} {2}\n",
+                       metric.name, metric.help, counts ? "counter" : "gauge");
+        each([&](const std::string& labels, const Thing& thing) {
+            if (const auto value = metric.value(thing))
+                fmt::format_to(out, "qxvrtp_stream_{}{{{}}} {}\n", metric.name, labels,
+                               number(*value));
+        });
+    }
+}
+
+void writeProcesses(Output out, const Machine& machine) {
+    const auto inputs = [&machine](const auto& use) {
+        eachStream(machine, [&use](const std::string& labels, const StreamState& stream) {
+            for (const InputState& input : stream.inputs)
+                use(fmt::format("{},input=\"{}\"", labels, labelText(input.url)), input);
+        });
+    };
+    writeStates(out, kStreamMetrics, [&machine](const auto& use) { eachStream(machine, use); });
+    writeStates(out, kInputMetrics, inputs);
+    writeStates(out, kPathMetrics, [&inputs](const auto& use) {
+        inputs([&use](const std::string& labels, const InputState& input) {
+            for (const PathState& path : input.paths)
+                use(fmt::format("{},path=\"{}\"", labels, labelText(path.url)), path);
+        });
+    });
+    writeStates(out, kOutputMetrics, [&machine](const auto& use) {
+        eachStream(machine, [&use](const std::string& labels, const StreamState& stream) {
+            for (const OutputState& output : stream.outputs)
+                use(fmt::format("{},output=\"{}\"", labels, labelText(output.url)), output);
+        });
+    });
+}
+
 }  // namespace
 
 std::string statusPrometheus(const Machine& machine, bool all) {
@@ -141,5 +266,6 @@ std::string statusPrometheus(const Machine& machine, bool all) {
             }
         }
     }
+    writeProcesses(out, machine);
     return text;
 }

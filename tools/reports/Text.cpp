@@ -3,9 +3,12 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <iterator>
 
+#include "base/Quantity.h"
 #include "base/SafeText.h"
 
 namespace {
@@ -31,6 +34,43 @@ std::string startText(std::time_t started) {
     const std::tm local = fmt::localtime(started);
     const bool recent = std::time(nullptr) - started < kDay;
     return recent ? fmt::format("{:%T}", local) : fmt::format("{:%F}", local);
+}
+
+void writeInput(Output out, const InputState& input) {
+    fmt::format_to(out, "#   from {}: {}, {:.3f} Mbit/s, {}", input.url, healthName(input.health),
+                   static_cast<double>(input.bitrate_bps) / 1e6,
+                   counted(input.continuityErrors, "continuity error"));
+    if (const auto& repair = input.repair)
+        fmt::format_to(out, ", {} lost, {} reordered, {}, {} repaired", repair->lost,
+                       repair->reordered, counted(repair->duplicates, "duplicate"),
+                       repair->repaired);
+    if (input.datagramsDropped > 0)
+        fmt::format_to(out, ", {} DROPPED", counted(input.datagramsDropped, "datagram"));
+    fmt::format_to(out, "\n");
+    for (const PathState& path : input.paths)
+        fmt::format_to(out, "#     path {}: {}, {} lost, {} of them saved, {:.1f} ms behind\n",
+                       path.url, counted(path.datagrams, "datagram"), path.lost, path.saved,
+                       path.skew_ms);
+}
+
+// In lines that begin with '#': the others are channels.
+void writeProcess(Output out, const StreamProcess& process) {
+    fmt::format_to(out, "# streams of {} of {} since {}: {}\n", process.pid, process.user,
+                   startText(process.started), process.commandLine);
+    for (const StreamState& stream : process.states.streams) {
+        fmt::format_to(out, "# {} {}: {} in {}\n", stream.kind, stream.name,
+                       formatBytes(stream.bytes),
+                       formatTime(std::chrono::milliseconds(
+                           static_cast<int64_t>(std::clamp(stream.seconds, 0.0, 1e12) * 1e3))));
+        for (const InputState& input : stream.inputs)
+            writeInput(out, input);
+        for (const OutputState& output : stream.outputs)
+            fmt::format_to(out, "#   to {}: {}, {}, {} dropped, {} failed\n", output.url,
+                           output.works ? "works" : "DOWN", counted(output.datagrams, "datagram"),
+                           output.datagramsDropped, output.sendFailures);
+    }
+    if (process.states.leftOut > 0)
+        fmt::format_to(out, "# {} not told of\n", counted(process.states.leftOut, "more stream"));
 }
 
 }  // namespace
@@ -92,8 +132,10 @@ std::string statusText(const Machine& machine, bool all, std::optional<size_t> w
         if (text.size() == before)
             fmt::format_to(out, "# no channel is running\n");
     }
-    if (machine.tables().empty())
+    if (machine.tables().empty() && machine.processes.empty())
         fmt::format_to(out, "# {}\n", printable(machine.trouble));
+    for (const StreamProcess& process : machine.processes)
+        writeProcess(out, process);
     if (!machine.blindness.empty())
         fmt::format_to(out, "# {}\n", doubtsText(machine));
     return width ? cutLines(text, *width) : text;

@@ -1,0 +1,18 @@
+// The states of streams as JSON, and back.
+#ifndef TOOLS_REPORTS_STATESJSON_H
+#define TOOLS_REPORTS_STATESJSON_H
+
+#include <nlohmann/json_fwd.hpp>
+#include <string_view>
+#include <vector>
+
+#include "engine/StreamState.h"
+
+nlohmann::ordered_json stateJson(const StreamState& state);
+
+// Of an array of such objects, which another process has written and which may be anything. All
+// texts are fit to be shown, and no two streams, inputs, paths or outputs of one list have the same
+// name.
+std::vector<StreamState> parseStates(std::string_view text);
+
+#endif
