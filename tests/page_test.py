@@ -198,6 +198,25 @@ class Http(PageTest):
         self.assertEqual(known(f"pid={sender.pid}&direction=receive&channel=0"), [])
         self.assertEqual(len(json.loads(get("/api/v1/history"))["series"]), 2)
 
+        # A relay's input has a socket of its own, which shows in no table.
+        relay = self.start("relay", "rtp://127.0.0.1:5002?reorder=20", "udp://127.0.0.1:5004")
+        shown = self.await_(lambda: [p for p in state()["processes"] if p["pid"] == relay.pid],
+                            "the relay's streams are seen")[0]["streams"][0]
+        self.assertEqual((shown["kind"], shown["inputs"][0]["state"]), ("relay", "no signal"))
+        title = f"qxvrtp (process {relay.pid}): relay from rtp://127.0.0.1:5002?reorder=20"
+
+        def is_silent():
+            return (title, "alarm") in ((p["title"], p["level"]) for p in state()["problems"])
+        self.await_(is_silent, "silence is an alarm")
+        feeder = self.send("rtp://127.0.0.1:5002")
+        self.await_(lambda: not is_silent(), "it ends")
+        shown = json.loads(get("/api/v1/processes"))["processes"]
+        self.assertEqual({p["pid"] for p in shown}, {sender.pid, relay.pid, feeder.pid})
+        metrics = get("/metrics")
+        self.assertRegex(metrics, f'qxvrtp_stream_lost_datagrams_total{{pid="{relay.pid}",.*}} 0\n')
+        for process in feeder, relay:
+            self.end(process)
+        self.await_(lambda: len(state()["processes"]) == 1, "they are gone")
         metrics = get("/metrics")
         for line in ("qxvrtp_hosts 1\n", f'qxvrtp_channel_running{{pid="{sender.pid}"',
                      'qxvrtp_monitor_signal{url="udp://127.0.0.1:5000"', "process_resident_memory_bytes "):
@@ -207,7 +226,8 @@ class Http(PageTest):
         self.assertLess(abs(time.time() - 30 - float(metrics.rsplit(" ", 1)[1])), 60)
 
         self.end(sender, signal.SIGKILL)
-        self.await_(lambda: {p["level"] for p in state()["problems"]} == {"alarm", "warning"},
+        self.await_(lambda: {("warning", sender.pid), ("alarm", None)} <=
+                    {(p["level"], p["pid"]) for p in state()["problems"]},
                     "an end is a warning, silence an alarm")
         self.assertEqual(state()["ended"][0]["pid"], sender.pid)
         kinds = [event["kind"] for event in json.loads(get("/api/v1/log"))["events"]]
@@ -262,6 +282,7 @@ class Browser(PageTest):
         sender = self.send(STREAM, program=os.path.abspath(hostile))
         self.open()
         self.sees("#hosts", "send 0", "127.0.0.1:5000", "bit/s", str(sender.pid))
+        self.sees("#processes", "on air", f"to {STREAM}", "works", str(sender.pid))
         self.sees("#streams", STREAM, "kbit/s")
         self.sees("#age", "Live")
 

@@ -101,6 +101,18 @@ class Repair(ToolTest):
             self.await_(lambda: told.encode() in read("said"))
         self.assertEqual(receiver.wait(40), 0)
         self.assertTrue(read("file") == SAMPLE * 3)
+        paths = [[807 - lost, lost, lost] for lost in map(len, gone)]
+
+        def shown():
+            stream, = json.loads(output(f"'{TOOL}' status --json --pid {merger.pid}"))[
+                "processes"][0]["streams"]
+            self.assertEqual((stream["kind"], stream["name"]), ("relay", "+".join(urls)))
+            self.assertEqual(stream["outputs"][0]["url"], "udp://127.0.0.1:7216")
+            source, = stream["inputs"]
+            return source["repair"]["lost"] == 0 and [
+                [path[figure] for figure in ("datagrams", "lost", "saved")]
+                for path in source["paths"]] == paths
+        self.await_(shown)
         self.assertEqual((self.end(relay), self.end(merger)), (0, 0))
         for url, lost in zip(urls, map(len, gone)):
             self.assert_said(f"{url} brought {807 - lost} datagrams, lost {lost}, of which others "

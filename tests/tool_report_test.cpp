@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -18,6 +19,7 @@
 #include "reports/Json.h"
 #include "reports/Prometheus.h"
 #include "reports/Screen.h"
+#include "reports/StatesJson.h"
 #include "reports/StreamFindings.h"
 #include "reports/Text.h"
 
@@ -59,11 +61,31 @@ std::string Screen(const Machine& machine, const RateHistory& history, bool all)
 }
 
 Host MakeHost(pid_t pid, const std::string& commandLine, const ChannelTable& table) {
-    return {pid, "a\\\"b", commandLine, "user", 1700000000 + pid, 0, {}, table};
+    return {{pid, "a\\\"b", commandLine, "user", 1700000000 + pid, 0}, {}, table};
+}
+
+// A relay with two inputs, of which the one on air has two paths.
+StreamState MakeState(const std::string& name) {
+    const InputState main{"rtp://\"a\\+b",
+                          InputHealth::kOnAir,
+                          1001,
+                          8000000,
+                          3,
+                          4,
+                          InputState::Repair{5, 6, 7, 8},
+                          {{"a", 11, 12, 13, 14.5}, {"b", 15, 16, 17, 0.25}}};
+    const InputState spare{"udp://c", InputHealth::kNoSignal, 2001, 16};
+    return {"relay",
+            name,
+            3723.5,
+            3001,
+            24,
+            {main, spare},
+            {{"udp://d", true, 31, 32, 33}, {"file.ts", false, 34, 35, 36}}};
 }
 
 // Two hosts, of which the older one shares its table, that has been replaced; the other one has the
-// file.
+// file. The younger one tells of a stream.
 Machine MakeMachine(const QXV_RTP_Table& table = MakeTable()) {
     Machine machine;
     machine.file = Read(table);
@@ -71,6 +93,7 @@ Machine MakeMachine(const QXV_RTP_Table& table = MakeTable()) {
     machine.hosts[0].sharedWith = {13, 14};
     machine.hosts[0].table.id = {1, 1};
     machine.hosts[0].table.replaced = true;
+    machine.processes = {{machine.hosts[1], {{}, 1700005000, 2, {MakeState("one")}}}};
     return machine;
 }
 
@@ -78,6 +101,7 @@ TEST(ToolReport, OfAMachineIsThatToTheLetter) {
     setenv("TZ", "UTC", 1);
     Machine hidden = MakeMachine();
     hidden.hosts.clear();
+    hidden.processes.clear();
     hidden.blindness = "some hide";
     hidden.hidden = 5;
     Machine ended = hidden;
@@ -203,6 +227,76 @@ TEST(ToolHosts, HaveATableOpenForWritingAndNothingElseThatHasItsName) {
         EXPECT_EQ(close(file), 0);
     EXPECT_EQ(HostFinder({"", getpid()}).look().trouble,
               fmt::format("process {} is no host, or has ended", getpid()));
+}
+
+// What this process publishes, as others find it.
+std::optional<PublishedStates> Published() {
+    const auto processes = HostFinder({"", getpid()}).look().processes;
+    return processes.empty() ? std::nullopt : std::optional(processes[0].states);
+}
+
+TEST(ToolStates, ArePublishedAsAWholeAndWhatDoesNotFitIsCounted) {
+    StatePublisher publisher;
+    publisher.publish({});
+    EXPECT_FALSE(Published()) << "there is nothing to tell";
+    publisher.publish({MakeState("long"), MakeState("name")});
+    publisher.publish({MakeState("one"), MakeState("one"), MakeState("\xFF\033[2J\n")});
+    const auto states = Published();
+    ASSERT_TRUE(states);
+    EXPECT_NEAR(static_cast<double>(states->updated), time(nullptr), 300);
+    ASSERT_EQ(states->streams.size(), 3u);
+    EXPECT_EQ(states->streams[1].name, "one (2)") << "metrics have to differ";
+    EXPECT_EQ(states->streams[2].name, "\uFFFD [2J ");
+    EXPECT_EQ(stateJson(states->streams[0]), stateJson(MakeState("one")));
+    publisher.publish(std::vector(1000, MakeState(std::string(1000, 'x'))));
+    EXPECT_EQ(Published()->streams.size() + Published()->leftOut, 1000u);
+    EXPECT_GT(Published()->streams.size(), 50u);
+    publisher.publish(std::vector(65, MakeState("short")));
+    EXPECT_EQ(Published()->leftOut, 1u);
+}
+
+TEST(ToolStates, OfAnotherProcessAreNotBelieved) {
+    const std::string good = "[" + stateJson(MakeState("one")).dump() + "]";
+    const auto check = [](const std::string& text) {
+        Machine machine;
+        machine.processes = {{{}, {{}, 0, 0, parseStates(text)}}};
+        EXPECT_EQ(json::parse(statusJson(machine, true))["processes"].size(), 1u);
+        for (const char c :
+             statusText(machine, true, std::nullopt) + statusPrometheus(machine, true))
+            EXPECT_TRUE(c == '\n' || (c >= ' ' && c != 0x7F) || c < 0) << static_cast<int>(c);
+    };
+    for (const std::string text :
+         {"", "[", "null", "[1, [], {}, \"a\"]", "[{\"name\": 1, \"inputs\": {\"url\": []}}]",
+          "[{\"name\": \"\\u001b\\u0000\\u202e\", \"seconds\": 1e999, \"bytes\": -1}]"})
+        check(text);
+    check(std::string(200000, '['));
+    uint32_t seed = 1;
+    for (int i = 0; i < 3000; ++i) {
+        std::string text = good;
+        for (int change = 0; change < 1 + i % 7; ++change) {
+            seed = seed * 1664525 + 1013904223;
+            text[(seed >> 8) % text.size()] =
+                "{}[],:\"\\-e\n\x1b\xff"
+                "09"[seed % 15];
+        }
+        check(text);
+    }
+    // The file's own header, and lists without end.
+    const FileDescriptor file(memfd_create("qxvrtp_streams", MFD_CLOEXEC));
+    const uint32_t headers[][5] = {{0x53565851, 1, 2, 0, 1u << 31},
+                                   {0x53565851, 1, 2, 0, 100},
+                                   {0x53565851, 1, 3, 0, 2},
+                                   {0x53565851, 2, 2, 0, 2},
+                                   {1, 1, 2, 0, 2}};
+    for (const auto& header : headers) {
+        ASSERT_EQ(pwrite(file.get(), header, sizeof(header), 0), 20);
+        ASSERT_EQ(pwrite(file.get(), "[]", 2, 20), 2);
+        EXPECT_FALSE(Published());
+    }
+    std::string many = "[";
+    for (int i = 0; i < 5000; ++i)
+        many += "{\"inputs\":[0]},";
+    EXPECT_EQ(parseStates(many + "0]").size(), 64u);
 }
 
 std::string Blindness(const std::string& pidNamespace, const std::string& pid) {

@@ -21,15 +21,15 @@ constexpr size_t kMostEnded = 64;
 constexpr size_t kMostEvents = 500;
 
 // A process number is used again.
-std::string hostKey(const Host& host) {
+std::string hostKey(const Process& host) {
     return fmt::format("{}-{}", host.pid, host.startTicks);
 }
 
-std::string hostTitle(const Host& host) {
+std::string hostTitle(const Process& host) {
     return fmt::format("{} (process {})", host.command, host.pid);
 }
 
-PageSubject subjectOf(const Host& host) {
+PageSubject subjectOf(const Process& host) {
     PageSubject subject;
     subject.pid = host.pid;
     subject.title = hostTitle(host);
@@ -72,6 +72,7 @@ std::shared_ptr<const Snapshot> Observer::look(Machine machine, std::vector<Stre
                 history_.add(channelSeries(host, channel), second,
                              {.bitrate_bps = static_cast<float>(channel.measured_bps)});
     }
+    judgeProcesses(machine.processes, now);
     for (const StreamFindings& stream : streams) {
         judgeStream(stream);
         const ts::MonitorReport& report = stream.report;
@@ -152,6 +153,38 @@ void Observer::judgeChannels(const Host& host, Seen& seen, nanoseconds now) {
         problems_.push_back({"channel/" + series, !channel.socketOpen || !channel.send,
                              subjectOf(host, channel), text});
     }
+}
+
+// Inputs with sockets of their own: the others, and the outputs, are channels.
+void Observer::judgeProcesses(const std::vector<StreamProcess>& processes, nanoseconds now) {
+    std::map<std::string, nanoseconds> heard;
+    for (const StreamProcess& process : processes)
+        for (const StreamState& stream : process.states.streams)
+            for (const InputState& input : stream.inputs) {
+                const auto is = [](InputHealth health) {
+                    return [health](const InputState& other) { return other.health == health; };
+                };
+                const bool works = is(InputHealth::kOnAir)(input) ||
+                                   is(InputHealth::kStandby)(input) || !input.repair;
+                const std::string key =
+                    fmt::format("input/{}/{}/{}", hostKey(process), stream.name, input.url);
+                const auto before = heard_.find(key);
+                const nanoseconds last = works || before == heard_.end() ? now : before->second;
+                heard[key] = last;
+                if (now - last < kSilence)
+                    continue;
+                PageSubject subject = subjectOf(process);
+                subject.title =
+                    fmt::format("{}: {} from {}", hostTitle(process), stream.kind, input.url);
+                problems_.push_back({key,
+                                     std::none_of(stream.inputs.begin(), stream.inputs.end(),
+                                                  is(InputHealth::kOnAir)),
+                                     subject,
+                                     is(InputHealth::kNoSocket)(input)   ? "Has no socket"
+                                     : is(InputHealth::kNoSignal)(input) ? "Nothing arrives"
+                                                                         : "Is faulty"});
+            }
+    heard_ = std::move(heard);
 }
 
 void Observer::judgeStream(const StreamFindings& stream) {

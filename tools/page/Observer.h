@@ -37,6 +37,7 @@ class Observer {
     };
     void meetHosts(const Machine& machine, double wall);
     void judgeChannels(const Host& host, Seen& seen, std::chrono::nanoseconds now);
+    void judgeProcesses(const std::vector<StreamProcess>& processes, std::chrono::nanoseconds now);
     void judgeStream(const StreamFindings& stream);
     void judgeEnded(double wall);
     void settle(double wall);
@@ -46,7 +47,8 @@ class Observer {
     uint64_t looks_ = 0;
     std::map<std::string, Seen> hosts_;
     std::deque<EndedHost> ended_;
-    std::map<std::string, uint64_t> errors_;  // by stream
+    std::map<std::string, uint64_t> errors_;                 // by stream
+    std::map<std::string, std::chrono::nanoseconds> heard_;  // inputs of processes
     std::vector<Problem> problems_;
     std::map<std::string, Problem> standing_;  // by key
     std::deque<PageEvent> events_;

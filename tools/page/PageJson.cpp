@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "page/Observer.h"
+#include "reports/Json.h"
 #include "reports/Text.h"
 
 namespace {
@@ -69,6 +70,13 @@ Json hostJson(const Host& host) {
     for (const ChannelState& channel : host.table.channels)
         if (channel.running)
             json["channels"].push_back(channelJson(channel));
+    return json;
+}
+
+Json processWithTime(const StreamProcess& process) {
+    Json json = processJson(process);
+    json["started"] = process.started;
+    json["updated"] = process.states.updated;
     return json;
 }
 
@@ -135,6 +143,7 @@ std::string stateJson(const Snapshot& snapshot) {
                  {"problems", Json::array()},
                  {"streams", Json::array()},
                  {"hosts", Json::array()},
+                 {"processes", Json::array()},
                  {"ended", Json::array()}};
     for (const Problem& problem : snapshot.problems)
         json["problems"].push_back(problemJson(problem));
@@ -142,6 +151,8 @@ std::string stateJson(const Snapshot& snapshot) {
         json["streams"].push_back(streamJson(stream));
     for (const Host& host : snapshot.machine.hosts)
         json["hosts"].push_back(hostJson(host));
+    for (const StreamProcess& process : snapshot.machine.processes)
+        json["processes"].push_back(processWithTime(process));
     for (const EndedHost& ended : snapshot.ended)
         json["ended"].push_back(Json{{"pid", ended.host.pid},
                                      {"command", ended.host.command},
@@ -162,6 +173,13 @@ std::string streamsJson(const Snapshot& snapshot, const std::optional<std::strin
         text += findingsJson(stream, true);
     }
     return text + "]}";
+}
+
+std::string processesJson(const Snapshot& snapshot) {
+    Json json = {{"processes", Json::array()}};
+    for (const StreamProcess& process : snapshot.machine.processes)
+        json["processes"].push_back(processWithTime(process));
+    return print(json);
 }
 
 std::string eventsJson(const Snapshot& snapshot, uint64_t after) {

@@ -15,6 +15,9 @@ std::string stateJson(const Snapshot& snapshot);
 // The findings of all streams, or of one, as 'monitor' prints them.
 std::string streamsJson(const Snapshot& snapshot, const std::optional<std::string>& only);
 
+// The processes that tell the states of their streams.
+std::string processesJson(const Snapshot& snapshot);
+
 // The events behind a number.
 std::string eventsJson(const Snapshot& snapshot, uint64_t after);
 

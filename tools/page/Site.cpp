@@ -122,6 +122,8 @@ HttpAnswer answerFrom(const Board& board, const History& history, const HttpRequ
         return {200, kJson, snapshot->state};
     if (path == "/api/v1/hosts")
         return {200, kJson, statusJson(snapshot->machine, false)};
+    if (path == "/api/v1/processes")
+        return {200, kJson, processesJson(*snapshot)};
     if (path == "/api/v1/streams")
         return {200, kJson, streamsJson(*snapshot, parameter(request.parameters, "stream"))};
     if (path == "/api/v1/history")

@@ -203,6 +203,20 @@ function showChannels(body, host) {
     });
 }
 
+function tableOf(columns) {
+  const frame = make("div", "frame");
+  const table = make("table");
+  const head = table.createTHead().insertRow();
+  for (const [text, className] of columns) {
+    const cell = make("th", className, text);
+    cell.scope = "col";
+    head.append(cell);
+  }
+  table.createTBody();
+  frame.append(table);
+  return frame;
+}
+
 function showHosts() {
   const incomplete = at("incomplete");
   incomplete.hidden = !state.incomplete_because;
@@ -213,19 +227,9 @@ function showHosts() {
   list(at("host-list"), sorted, (host) => `${host.pid} ${host.started}`,
     () => {
       const card = make("article", "host");
-      const frame = make("div", "frame");
-      const table = make("table");
-      const head = table.createTHead().insertRow();
-      [["State"], ["Channel"], ["Address"], ["Rate", "number"], ["Rate, last hour", "wide"],
-        ["Asked for", "number wide"]].forEach(([text, className]) => {
-        const cell = make("th", className, text);
-        cell.scope = "col";
-        head.append(cell);
-      });
-      table.createTBody();
-      frame.append(table);
       card.append(make("h3"), make("p"), make("p", "note", "None of its channels is started."),
-        frame);
+        tableOf([["State"], ["Channel"], ["Address"], ["Rate", "number"],
+          ["Rate, last hour", "wide"], ["Asked for", "number wide"]]));
       return card;
     },
     (card, host) => {
@@ -245,6 +249,67 @@ function showHosts() {
         make("span", "", `${host.command} (process ${host.pid}): ${host.command_line}`));
       return item;
     }, () => {});
+}
+
+// The inputs of a stream, their paths, and its outputs, as lines of one table.
+function linesOf(stream) {
+  const name = `${stream.kind} ${stream.name}`;
+  const onAir = stream.inputs.some((input) => input.state === "on air");
+  const lines = [];
+  for (const input of stream.inputs) {
+    const works = input.state === "on air" || input.state === "standby";
+    lines.push({ level: works ? "ok" : onAir ? "warning" : "alarm", state: input.state,
+      text: `from ${input.url}`, note: stream.name === input.url ? stream.kind : name,
+      rate: rate(input.bitrate_bps), errors: input.continuity_errors, lost: input.repair?.lost,
+      reordered: input.repair?.reordered, restored: input.repair?.restored,
+      dropped: input.datagrams_dropped });
+    for (const path of input.paths)
+      lines.push({ state: "path", text: path.url, lost: path.lost,
+        note: `${count(path.saved)} saved by others, ${ms(path.skew_ms)} behind` });
+  }
+  for (const output of stream.outputs)
+    lines.push({ level: output.works ? "ok" : "alarm", state: output.works ? "works" : "down",
+      text: `to ${output.url}`, dropped: output.datagrams_dropped + output.send_failures });
+  return lines.map((line, i) => ({ ...line, key: `${name} ${i}` }));
+}
+
+function showProcesses() {
+  at("processes").hidden = state.processes.length === 0;
+  list(at("process-list"), state.processes, (process) => `${process.pid} ${process.started}`,
+    () => {
+      const card = make("article", "host");
+      card.append(make("h3"), make("p"), tableOf([["State"], ["Input or output"],
+        ["Rate", "number"], ["Errors", "number"], ["Lost", "number"], ["Reordered", "number wide"],
+        ["Restored", "number wide"], ["Dropped", "number wide"]]));
+      return card;
+    },
+    (card, process) => {
+      const [title, about, frame] = card.children;
+      set(title, `${process.command} (process ${process.pid})`);
+      set(about, `${process.command_line} · ${process.user}` +
+        (process.streams_left_out ? ` · ${process.streams_left_out} more streams` : "") +
+        (state.time - process.updated > 5 ? ` · ${span(state.time - process.updated)} old` : ""));
+      list(frame.querySelector("tbody"), process.streams.flatMap(linesOf), (line) => line.key,
+        () => {
+          const row = make("tr");
+          for (const className of ["", "name", "number", "number", "number", "number wide",
+            "number wide", "number wide"]) row.append(make("td", className));
+          row.children[0].append(make("span"));
+          row.children[1].append(make("span"), make("small"));
+          return row;
+        },
+        (row, line) => {
+          const cells = row.children;
+          cells[0].firstChild.className = line.level ? `badge ${line.level}` : "";
+          set(cells[0].firstChild, line.level ? `${LEVELS[line.level][0]} ${line.state}`
+            : line.state);
+          set(cells[1].firstChild, line.text);
+          set(cells[1].lastChild, line.note ?? "");
+          set(cells[2], line.rate ?? "");
+          [line.errors, line.lost, line.reordered, line.restored, line.dropped].forEach(
+            (value, i) => set(cells[i + 3], value === undefined ? "" : count(value)));
+        });
+    });
 }
 
 let events = [];
@@ -289,7 +354,8 @@ let charts = {};
 
 function choose(item) {
   if (item.stream == null && item.channel == null) {
-    at("hosts").scrollIntoView();
+    const host = state.hosts.some((one) => one.pid === item.pid);
+    at(host || !state.processes.length ? "hosts" : "processes").scrollIntoView();
     return;
   }
   location.hash = subjectOf(item);
@@ -528,6 +594,7 @@ function show() {
   showProblems();
   showStreams();
   showHosts();
+  showProcesses();
   showDetails();
   fetchEvents();
 }

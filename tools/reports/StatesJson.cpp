@@ -15,8 +15,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr size_t kMostText = 1024;   // bytes of a name
-constexpr size_t kMostEntries = 64;  // of a list
+constexpr size_t kMostText = 1024;  // bytes of a name
 
 // What lies behind a thousandth is noise.
 double rounded(double value) {
@@ -93,7 +92,7 @@ std::vector<T> entries(const Json& list, std::string T::*name, Read read) {
     if (!list.is_array())
         return result;
     for (const Json& json : list) {
-        if (result.size() == kMostEntries)
+        if (result.size() == kMostStates)
             break;
         T entry = read(json);
         const std::string first = entry.*name;

@@ -2,11 +2,14 @@
 #ifndef TOOLS_REPORTS_STATESJSON_H
 #define TOOLS_REPORTS_STATESJSON_H
 
+#include <cstddef>
 #include <nlohmann/json_fwd.hpp>
 #include <string_view>
 #include <vector>
 
 #include "engine/StreamState.h"
+
+constexpr size_t kMostStates = 64;  // that are read, and of any other list
 
 nlohmann::ordered_json stateJson(const StreamState& state);
 

@@ -40,15 +40,16 @@ bool read(int file, void* data, size_t size, off_t offset) {
 
 std::string textOf(const std::vector<StreamState>& states, uint32_t& leftOut) {
     std::string text = "[";
+    size_t count = 0;
     for (const StreamState& state : states) {
         // Names of files may have bytes that are no UTF-8.
         const std::string one =
             stateJson(state).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
-        if (text.size() + one.size() + 2 > kMostBytes) {
+        if (count == kMostStates || text.size() + one.size() + 2 > kMostBytes) {
             ++leftOut;
             continue;
         }
-        text += text.size() > 1 ? "," : "";
+        text += count++ > 0 ? "," : "";
         text += one;
     }
     return text + "]";
