@@ -89,6 +89,7 @@ class Alarms {
     bool isFailing(Check check) const {
         return alarms_[static_cast<size_t>(check)].since.has_value();
     }
+    uint64_t count(Check check) const { return alarms_[static_cast<size_t>(check)].count; }
     void tick(Time now);
 
     // The oldest go when nobody takes them.
