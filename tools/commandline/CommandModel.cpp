@@ -84,6 +84,16 @@ OptionModel& CommandModel::addOption(const std::string& names, std::string& targ
     return option;
 }
 
+OptionModel& CommandModel::addOptions(const std::string& names, std::vector<std::string>& target,
+                                      std::string value, std::string text) {
+    OptionModel& option = options.emplace_back();
+    option.names = splitNames(names);
+    option.value = std::move(value);
+    option.description = std::move(text);
+    option.target = &target;
+    return option;
+}
+
 OptionModel& CommandModel::addArgument(std::string argument, std::string& target, std::string text,
                                        std::string type) {
     OptionModel& option = arguments.emplace_back();

@@ -52,6 +52,9 @@ struct CommandModel {
                            std::string text);
     OptionModel& addArgument(std::string argument, std::string& target, std::string text,
                              std::string type = "");
+    // May be given several times.
+    OptionModel& addOptions(const std::string& names, std::vector<std::string>& target,
+                            std::string value, std::string text);
     // Takes all arguments that are left.
     OptionModel& addArguments(std::string argument, std::vector<std::string>& target,
                               std::string text, std::string type);

@@ -31,6 +31,8 @@ CLI::Option* addOption(CLI::App& app, const OptionModel& model) {
         return nullptr;  // the parser has it already
     option->type_name(model.names.empty() ? model.type : model.value);
     option->required(model.required);
+    if (!model.names.empty())
+        option->allow_extra_args(false);  // one value each time, also of what may be repeated
     if (!model.choices.empty())
         option->check(CLI::IsMember(model.choices));
     return option;

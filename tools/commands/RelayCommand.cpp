@@ -23,6 +23,8 @@ struct Arguments {
     RelayJob job;
     std::string bitrate;
     ShapingArguments shaping;
+    std::string within;
+    std::string returnAfter;
     std::string patience = "3";
     std::string config;
 };
@@ -40,6 +42,15 @@ constexpr auto kHelp =
     "one RTP stream, as SMPTE ST 2022-7 has them: what one of them lacks is taken from another.\n"
     "The input from rtp:// has sockets of its own; that from udp://, or with reorder=0, is a\n"
     "receive channel, which 'status' shows.\n"
+    "Failover: each --or names an input that takes the place of those in front of it when they "
+    "have\n"
+    "no signal, or have been ill for as long (packets are missing or damaged in three parts of "
+    "ten,\n"
+    "or there is no PAT, PMT, video or audio any more); a file is the last resort. The cut lies\n"
+    "between two packets and is announced to decoders by discontinuity indicators. The inputs "
+    "should\n"
+    "use the same PIDs for the same things. Switching back takes --return seconds without a "
+    "fault.\n"
     "Pace: packets leave 200 ms after they arrived, on average, spaced by the stream's PCRs, "
     "which\n"
     "removes the network's jitter; without PCRs, they are spaced as they arrived. The pace is\n"
@@ -62,6 +73,8 @@ constexpr auto kHelp =
     "  qxvrtp relay rtp://239.1.1.1:5000 udp://192.0.2.8:5000\n"
     "  qxvrtp relay 'rtp://239.1.1.1:5000?iface=eth0+rtp://239.1.1.1:5000?iface=eth1' \\\n"
     "      udp://192.0.2.8:5000\n"
+    "  qxvrtp relay rtp://239.1.1.1:5000 --or rtp://239.1.1.2:5000 --or sorry.ts \\\n"
+    "      udp://192.0.2.8:5000\n"
     "  qxvrtp relay 'udp://239.1.1.1:5000?localaddr=192.0.2.7' rtp://[2001:db8::8]:5000 \\\n"
     "      'rtp://239.2.2.2:5000?ttl=4&localaddr=198.51.100.7'\n"
     "\n"
@@ -76,6 +89,20 @@ void runRelay(const JobSource<RelayJob>& jobs, std::optional<std::chrono::millis
         return std::make_unique<RelayChain>(job, session.module(), means, patience);
     });
     session.run("relays failed", [&] { return streams.attend(); });
+}
+
+void readFailover(Arguments& given) {
+    Failover& failover = given.job.failover;
+    if (failover.others.empty() && !(given.within + given.returnAfter).empty())
+        throw UsageError("--switch and --return have no effect without --or");
+    for (std::string& other : failover.others)
+        other = streamOf(other);
+    if (!given.within.empty())
+        failover.within = duration("--switch", given.within, 0.1, 1e6);
+    if (given.returnAfter == "never")
+        failover.returnAfter.reset();
+    else if (!given.returnAfter.empty())
+        failover.returnAfter = duration("--return", given.returnAfter, 0.0, 1e6);
 }
 
 }  // namespace
@@ -94,6 +121,16 @@ CommandModel relayCommand() {
                       "without it, the pace of the stream's PCRs");
     addShaping(command, given->shaping);
     addAnnouncing(command, given->job.announcing);
+    command.addOptions("--or", given->job.failover.others, "URL|FILE",
+                       "Another input, to send on while those in front of it have no signal or are "
+                       "ill; may be repeated. A file, as the last one, is played again and again "
+                       "while nothing else comes");
+    command.addOption(
+        "--switch", given->within, "SECONDS",
+        "With --or: how soon after its last packet an input is left; 0.3 if not given");
+    command.addOption("--return", given->returnAfter, "SECONDS",
+                      "With --or: how long an input has to be well before it is returned to, or "
+                      "'never'; 10 if not given");
     command.addOption("--patience", given->patience, "SECONDS",
                       "How long to wait for sockets that cannot be opened; 3 if not given");
     addConfigOption(command, given->config);
@@ -106,6 +143,7 @@ CommandModel relayCommand() {
         if (!given->config.empty())
             return runRelay({given->config, [given] { return readRelayJobs(given->config); }}, {});
         given->job.from = streamOf(given->job.from);
+        readFailover(*given);
         checkArguments(given->job);
         runRelay({"", [given] { return std::vector{given->job}; }}, patience);
     };

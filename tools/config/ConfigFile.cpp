@@ -141,13 +141,10 @@ class FileReader {
 
     // The URL of a stream to receive, which a file may describe.
     std::string stream(TableReader& entry, const char* key) {
-        const std::string text = entry.text(key);
-        try {
-            return streamOf(text);
-        } catch (const UsageError& error) {
-            problems_.add(entry.place(key), error.what());
-            return {};
-        }
+        return stream(entry.text(key), entry.place(key));
+    }
+    std::string stream(const std::string& text, const ConfigPlace& place) {
+        return checked(text, place, streamOf).value_or("");
     }
 
     Announcing announcing(TableReader& entry) {
@@ -200,10 +197,51 @@ class FileReader {
         return job;
     }
 
+    // One text, or an array of them: a single one needs no brackets.
+    template <typename Use>
+    static void forEachOf(TableReader& entry, const char* key, Use use) {
+        const toml::node* const node = entry.find(key);
+        if (const toml::array* const list = node != nullptr ? node->as_array() : nullptr) {
+            for (size_t i = 0; i < list->size(); ++i)
+                use(*list->get(i), fmt::format("{}[{}]", entry.fieldOf(key), i));
+        } else if (node != nullptr) {
+            use(*node, entry.fieldOf(key));
+        }
+    }
+
+    // Adds the sources of the other inputs.
+    Failover failover(TableReader& entry, std::vector<size_t>& sources) {
+        Failover failover;
+        std::vector<ConfigPlace> places;
+        forEachOf(entry, "or", [&](const toml::node& node, const std::string& field) {
+            places.push_back(placeOf(node.source(), field));
+            failover.others.push_back(stream(entry.text(node, field), places.back()));
+            const std::string& other = failover.others.back();
+            if (const auto paths =
+                    isStreamUrl(other) ? checked(other, places.back(), parsePaths) : std::nullopt)
+                for (const size_t added : rules_.addOther(*paths, places.back()))
+                    sources.push_back(added);
+        });
+        rules_.failOver(failover, places);
+        if (const auto within = entry.seconds("switch", 0.1))
+            failover.within = *within;
+        const toml::node* const back = entry.find("return");
+        if (back != nullptr && back->value_or(std::string_view()) == "never")
+            failover.returnAfter.reset();
+        else
+            failover.returnAfter = entry.seconds("return", 0.0).value_or(*failover.returnAfter);
+        for (const char* const key : {"switch", "return"})
+            if (failover.others.empty() && entry.find(key) != nullptr)
+                problems_.add(entry.place(key), "has no effect without 'or'");
+        return failover;
+    }
+
     RelayJob relay(TableReader& entry) {
         RelayJob job;
         job.from = stream(entry, "from");
-        const size_t number = rules_.addRelay(source(job.from, entry.place("from")));
+        std::vector<size_t> sources = source(job.from, entry.place("from"));
+        job.failover = failover(entry, sources);
+        const size_t number = rules_.addRelay(std::move(sources));
         bool rtp = false;
         const auto addDestination = [&](const toml::node& node, const std::string& field) {
             job.to.push_back(entry.text(node, field));
@@ -213,14 +251,8 @@ class FileReader {
                 rules_.addDestination(*destination, place, number);
             }
         };
-        const toml::node* const to = entry.find("to");
-        if (const toml::array* const list = to != nullptr ? to->as_array() : nullptr) {
-            for (size_t i = 0; i < list->size(); ++i)
-                addDestination(*list->get(i), fmt::format("{}[{}]", entry.fieldOf("to"), i));
-        } else if (to != nullptr) {
-            addDestination(*to, entry.fieldOf("to"));  // a single one needs no brackets
-        }
-        if (to == nullptr || (to->is_array() && to->as_array()->empty()))
+        forEachOf(entry, "to", addDestination);
+        if (job.to.empty())
             problems_.add(entry.place("to"), "at least one URL is needed");
         job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
         job.shaping = shaping(entry);
@@ -297,6 +329,20 @@ struct TableWriter {
         if (shaping.asIs)
             table.insert("as_is", true);
     }
+    void failover(const Failover& failover) {
+        const Failover usual;
+        toml::array others;
+        for (const std::string& other : failover.others)
+            others.push_back(isStreamUrl(other) ? fullUrl(parsePaths(other)) : other);
+        if (!others.empty())
+            table.insert("or", std::move(others));
+        if (failover.within != usual.within)
+            seconds("switch", failover.within);
+        if (!failover.returnAfter)
+            text("return", "never");
+        else if (failover.returnAfter != usual.returnAfter)
+            seconds("return", failover.returnAfter);
+    }
     void announcing(const Announcing& announcing) {
         if (!announcing.folder.empty())
             text("sdp", announcing.folder);
@@ -341,6 +387,7 @@ toml::table tableOf(const ReceiveJob& job) {
 toml::table tableOf(const RelayJob& job) {
     TableWriter writer;
     writer.paths("from", job.from);
+    writer.failover(job.failover);
     toml::array to;
     for (const std::string& url : job.to)
         to.push_back(fullUrl(parseStreamUrl(url), true));

@@ -220,9 +220,28 @@ bool ConfigRules::haveChannel(const ConfigPlace& place, std::string_view directi
 
 std::vector<size_t> ConfigRules::addSource(const std::vector<StreamUrl>& paths,
                                            const ConfigPlace& place) {
+    return haveChannel(place, "receive") ? addPaths(paths, place) : std::vector<size_t>();
+}
+
+std::vector<size_t> ConfigRules::addOther(const std::vector<StreamUrl>& paths,
+                                          const ConfigPlace& place) {
+    return isRepaired(paths) ? addPaths(paths, place) : addSource(paths, place);
+}
+
+void ConfigRules::failOver(const Failover& failover, const std::vector<ConfigPlace>& places) {
+    constexpr size_t kMostOthers = 4;
+    if (failover.others.size() > kMostOthers)
+        problems_.add(places[kMostOthers], fmt::format("{} inputs are the most", kMostOthers));
+    for (size_t i = 0; i < failover.others.size(); ++i)
+        if (!isStreamUrl(failover.others[i]) && i + 1 < failover.others.size())
+            problems_.add(places[i], fmt::format("'{}' is a file, which is the last resort: no "
+                                                 "other input can follow it",
+                                                 failover.others[i]));
+}
+
+std::vector<size_t> ConfigRules::addPaths(const std::vector<StreamUrl>& paths,
+                                          const ConfigPlace& place) {
     std::vector<size_t> sources;
-    if (!haveChannel(place, "receive"))
-        return sources;
     for (const StreamUrl& path : paths) {
         sources.push_back(sources_.size());
         addReceiver(path, place);
@@ -346,7 +365,14 @@ void checkArguments(const std::vector<ReceiveJob>& jobs) {
 void checkArguments(const RelayJob& job) {
     ConfigProblems problems;
     ConfigRules rules(problems);
-    const size_t relay = rules.addRelay(rules.addSource(parsePaths(job.from), {0, 0, "FROM"}));
+    std::vector<size_t> sources = rules.addSource(parsePaths(job.from), {0, 0, "FROM"});
+    const std::vector<ConfigPlace> places(job.failover.others.size(), {0, 0, "--or"});
+    for (const std::string& other : job.failover.others)
+        if (isStreamUrl(other))
+            for (const size_t added : rules.addOther(parsePaths(other), places.front()))
+                sources.push_back(added);
+    rules.failOver(job.failover, places);
+    const size_t relay = rules.addRelay(std::move(sources));
     bool rtp = false;
     for (size_t i = 0; i < job.to.size(); ++i) {
         const StreamUrl url = checkedUrl(job.to[i], checkDestination);

@@ -61,6 +61,11 @@ class ConfigRules {
     // A stream, on all paths on which it comes in. Returns the numbers of its sources, none where
     // there are too many streams.
     std::vector<size_t> addSource(const std::vector<StreamUrl>& paths, const ConfigPlace& place);
+    // The same for one that may take the place of another; a channel is only needed by what the
+    // module receives.
+    std::vector<size_t> addOther(const std::vector<StreamUrl>& paths, const ConfigPlace& place);
+    // Which of the inputs may be files; the places are theirs.
+    void failOver(const Failover& failover, const std::vector<ConfigPlace>& places);
     // For a monitor, which needs no channel. `name` tells its streams apart in reports.
     void addWatched(const StreamUrl& url, const std::string& name, const ConfigPlace& place);
     // Returns the number of the relay, which takes its stream from the sources that are good.
@@ -82,6 +87,7 @@ class ConfigRules {
         std::optional<size_t> relay;
     };
 
+    std::vector<size_t> addPaths(const std::vector<StreamUrl>& paths, const ConfigPlace& place);
     bool haveChannel(const ConfigPlace& place, std::string_view direction);
     void addReceiver(const StreamUrl& url, const ConfigPlace& place);
     bool reaches(size_t relay, size_t goal, std::vector<bool>& seen) const;

@@ -53,12 +53,22 @@ struct ReceiveJob {
     bool operator==(const ReceiveJob&) const = default;
 };
 
+// When another input takes the place of the one in use.
+struct Failover {
+    std::vector<std::string> others = {};   // in the order of preference; the last may be a file
+    std::chrono::milliseconds within{300};  // of the last packet, when nothing comes any more
+    // When an input that is preferred has been well for so long; none = never.
+    std::optional<std::chrono::milliseconds> returnAfter = std::chrono::seconds(10);
+    bool operator==(const Failover&) const = default;
+};
+
 struct RelayJob {
     std::string from;
     std::vector<std::string> to;
     std::optional<uint32_t> bitrate_bps;  // none = by the stream's PCRs
     Shaping shaping = {};
     Announcing announcing = {};
+    Failover failover = {};
     bool operator==(const RelayJob&) const = default;
 };
 

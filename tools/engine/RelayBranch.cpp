@@ -42,13 +42,21 @@ constexpr double kSameRate = 0.02;  // less is not worth a new schedule
 // channels send was set back.
 constexpr ts::Time kBacklog = 250ms;
 
+ts::Time longestWaitOf(const RelayJob& job) {
+    ts::Time longest = longestWait(parsePaths(job.from));
+    for (const std::string& other : job.failover.others)
+        if (isStreamUrl(other))
+            longest = std::max<ts::Time>(longest, longestWait(parsePaths(other)));
+    return longest;
+}
+
 }  // namespace
 
 RelayBranch::RelayBranch(const RelayJob& job, bool rtp, std::vector<std::string>& events)
     : job_(job),
       rtp_(rtp),
       isMadeConstant_(isMadeConstant(job.shaping, rtp, job.bitrate_bps)),
-      window_(longestWait(parsePaths(job.from))),
+      window_(longestWaitOf(job)),
       events_(events) {}
 
 void RelayBranch::add(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module) {

@@ -3,20 +3,21 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
+#include <memory>
 #include <utility>
 
 #include "base/Errors.h"
 #include "base/Quantity.h"
+#include "engine/SlateInput.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
 constexpr size_t kInputBytes = size_t{256} * 1024;
-constexpr int kMostChunks = 32;    // at a time, before the outputs have their turn
-constexpr auto kPause = 500ms;     // what is left of a datagram then leaves
-constexpr auto kSilence = 3s;      // until it is reported
-constexpr auto kSocketGrace = 3s;  // until a socket that is missing is reported
+constexpr auto kPause = 500ms;    // what is left of a datagram then leaves
+constexpr ts::Time kTurn = 50ms;  // inputs are looked at more often
 
 std::chrono::milliseconds whole(std::chrono::nanoseconds time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time);
@@ -28,8 +29,18 @@ RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module, SocketMeans&
                        std::optional<std::chrono::milliseconds> patience)
     : job_(job),
       patience_(patience),
-      input_(makeInput(job.from, module, means)),
-      data_(kInputBytes) {
+      selector_(
+          1 + job.failover.others.size(),
+          {.returnAfter = job.failover.returnAfter,
+           .lastResort = !job.failover.others.empty() && !isStreamUrl(job.failover.others.back())}),
+      buffer_(kInputBytes) {
+    addSource(job_.from, module, means);
+    for (const std::string& other : job_.failover.others)
+        addSource(other, module, means);
+    if (sources_.size() == 1) {
+        onAir_ = &sources_.front();
+        onAir_->setOnAir(true);
+    }
     std::vector<ChannelNumber> numbers;  // in the order of the outputs
     numbers.reserve(job_.to.size());
     for (size_t i = 0; i < job_.to.size(); ++i)
@@ -49,73 +60,89 @@ RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module, SocketMeans&
     }
 }
 
+void RelayChain::addSource(const std::string& name, ModuleOnDemand& module, SocketMeans& means) {
+    std::unique_ptr<StreamInput> input;
+    if (isStreamUrl(name))
+        input = makeInput(name, module, means);
+    else
+        input = std::make_unique<SlateInput>(name, job_.bitrate_bps);
+    const auto patience = job_.failover.others.empty()
+                              ? std::nullopt
+                              : std::optional<ts::Time>(job_.failover.within - kTurn);
+    sources_.emplace_back(name, std::move(input), patience, events_);
+}
+
 void RelayChain::cancel() {
     for (RelayBranch& branch : branches_)
         branch.cancel();
 }
 
 std::optional<Chain::Clock::time_point> RelayChain::run(Clock::time_point now) {
-    const auto inputDue = input_->attend(now);
-    takeInput(now);
-    watchInput(now);
-    auto next = inputDue;
+    auto next = Clock::time_point::max();
+    for (RelaySource& source : sources_)
+        next = std::min(next, source.run(now, buffer_, [&](auto packets, size_t packetSize) {
+            push(source, packets, packetSize, now);
+        }));
+    if (sources_.size() > 1)
+        select(now);
+    if (now - lastData_ > kPause)
+        for (RelayBranch& branch : branches_)
+            branch.pause();
     for (RelayBranch& branch : branches_)
         next = std::min(next, branch.run(now));
     checkPatience(now);
     return next;
 }
 
-void RelayChain::watchInput(Clock::time_point now) {
-    for (std::string& event : input_->takeEvents())
-        events_.push_back(std::move(event));
-    socketOpen_ = input_->statistics().SocketOpen != 0;
-    if (socketOpen_) {
-        socketSeen_ = now;
-        if (std::exchange(socketReported_, false))
-            events_.push_back(fmt::format("{} is received again", job_.from));
-    } else if (now - socketSeen_ > kSocketGrace && !std::exchange(socketReported_, true)) {
-        const std::string trouble = input_->trouble();
-        events_.push_back(
-            fmt::format("{}{} Trying again.", trouble, trouble.ends_with('?') ? "" : "."));
-    }
-    if (socketOpen_ && now - lastData_ > kSilence && !std::exchange(silenceReported_, true))
-        events_.push_back(fmt::format("nothing arrives from {}{}", job_.from,
-                                      bytes_ == 0 ? " yet" : " any more"));
-    if (now - lastData_ > kPause)
-        for (RelayBranch& branch : branches_)
-            branch.pause();
+void RelayChain::push(RelaySource& source, std::span<const uint8_t> packets, size_t packetSize,
+                      Clock::time_point now) {
+    if (&source != onAir_)
+        return;
+    lastData_ = now;
+    bytes_ += packets.size();
+    if (sources_.size() > 1)
+        packets = splicer_.join(packets, packetSize);
+    for (RelayBranch& branch : branches_)
+        branch.push(packets, packetSize, now);
 }
 
-void RelayChain::takeInput(Clock::time_point now) {
-    for (int chunks = 0; chunks < kMostChunks; ++chunks) {
-        const size_t taken = input_->receive(std::span(data_).subspan(kept_));
-        if (taken == 0)
-            return;
-        bytes_ += taken;
-        if (std::exchange(silenceReported_, false))
-            events_.push_back(fmt::format("{} arrives {}after {}", job_.from,
-                                          bytes_ == taken ? "" : "again ",
-                                          formatTime(whole(now - lastData_))));
-        lastData_ = now;
-        kept_ += taken;
-        sift(now);
-    }
+// What has come in this turn is still of the input that was on air before: a cut lies between two
+// packets.
+void RelayChain::select(Clock::time_point now) {
+    for (size_t i = 0; RelaySource & source : sources_)
+        selector_.note(i++, source.health(), now.time_since_epoch());
+    const auto choice = selector_.choose(now.time_since_epoch());
+    if (!choice)
+        return;
+    tell(*choice);
+    if (onAir_ != nullptr)
+        onAir_->setOnAir(false);
+    onAir_ = &source(choice->input);
+    onAir_->setOnAir(true);
+    splicer_.cut();
 }
 
-// Whole packets only: a channel under RTP cancels itself where one does not begin where it should.
-void RelayChain::sift(Clock::time_point now) {
-    std::span<const uint8_t> data(data_.data(), kept_);
-    for (;;) {
-        const PacketSieve::Run run = sieve_.next(data, false);
-        if (run.skip + run.length == 0)
+void RelayChain::tell(const ts::Selector::Choice& choice) {
+    const std::string& name = source(choice.input).name();
+    std::string why;
+    switch (choice.reason) {
+        case ts::Selector::Reason::kBegin:
+            if (choice.input == 0)
+                return;
+            why = fmt::format(": nothing has come from {}", job_.from);
             break;
-        if (run.length > 0)
-            for (RelayBranch& branch : branches_)
-                branch.push(data.subspan(run.skip, run.length), sieve_.packetSize(), now);
-        data = data.subspan(run.skip + run.length);
+        case ts::Selector::Reason::kNoSignal:
+            why = fmt::format(": {} has no signal", source(*choice.before).name());
+            break;
+        case ts::Selector::Reason::kIll: {
+            const RelaySource& before = source(*choice.before);
+            why = fmt::format(": {} is ill ({})", before.name(), ts::info(before.fault()).name);
+            break;
+        }
+        case ts::Selector::Reason::kReturn:
+            why = fmt::format(" again, instead of {}", source(*choice.before).name());
     }
-    kept_ = data.size();
-    std::copy(data.begin(), data.end(), data_.begin());
+    events_.push_back(fmt::format("{} is on air{}", name, why));
 }
 
 void RelayChain::checkPatience(Clock::time_point now) {
@@ -124,11 +151,12 @@ void RelayChain::checkPatience(Clock::time_point now) {
         trouble = branch.trouble();
         outputOpened_ = outputOpened_ || trouble.empty();
     }
-    inputOpened_ = inputOpened_ || socketOpen_;
+    for (const RelaySource& source : sources_)
+        inputOpened_ = inputOpened_ || source.isOpen();
     if (!patience_ || now - started_ < *patience_)
         return;
     if (!inputOpened_)
-        throw Failure(input_->trouble());
+        throw Failure(sources_.front().trouble());
     if (!outputOpened_)
         throw Failure(trouble);
 }
@@ -143,16 +171,22 @@ std::string RelayChain::figures() const {
         all.rateChanges += figures.rateChanges;
         all.down += figures.down;
     }
-    const bool rtp = input_->isRtp();
-    const auto repairs = input_->repairs();
+    uint64_t errors = 0;
+    for (const RelaySource& source : sources_)
+        errors += source.continuityErrors();
+    const bool rtp = onAir_ != nullptr && onAir_->input().isRtp();
+    const auto repairs = onAir_ != nullptr ? onAir_->input().repairs() : std::nullopt;
     return fmt::format("{} {} {}, {}delay {} + {} ms, {}, {} of rate, {}, {} dropped{}",
                        formatBytes(bytes_), rtp ? "rtp" : "raw", formatBitrate(all.stream.rate_bps),
                        repairs ? describeRepairs(*repairs) + ", " : "",
                        whole(all.stream.delay).count(), whole(all.buffered).count(),
                        counted(all.stream.breaks, "break"), counted(all.rateChanges, "change"),
-                       counted(sieve_.continuityErrors(), "continuity error"),
-                       counted(all.dropped, "datagram"),
-                       all.down > 0 ? fmt::format(", {} DOWN", counted(all.down, "output")) : "");
+                       counted(errors, "continuity error"), counted(all.dropped, "datagram"),
+                       all.down > 0 ? fmt::format(", {} DOWN", counted(all.down, "output")) : "") +
+           (sources_.size() == 1 ? ""
+                                 : fmt::format(", {} is on air, {} of input",
+                                               onAir_ == nullptr ? "nothing" : onAir_->name(),
+                                               counted(selector_.switches(), "change")));
 }
 
 std::string RelayChain::describe(Clock::time_point now) {
@@ -165,19 +199,18 @@ std::string RelayChain::summary() const {
 }
 
 std::vector<std::string> RelayChain::warnings() const {
-    const auto repairs = input_->repairs();
-    std::vector<std::string> lines = repairs ? describePaths(*repairs) : std::vector<std::string>();
-    if (sieve_.skippedBytes() > 0)
-        lines.push_back(fmt::format("{}: skipped {} bytes ({}) that are not TS packets", job_.from,
-                                    sieve_.skippedBytes(), counted(sieve_.gaps(), "gap")));
+    std::vector<std::string> lines;
+    for (const RelaySource& source : sources_)
+        for (std::string& line : source.warnings())
+            lines.push_back(std::move(line));
     return lines;
 }
 
 StreamState RelayChain::state(Clock::time_point now) const {
     StreamState state{"relay", job_.from, std::chrono::duration<double>(now - started_).count(),
-                      bytes_, input_->measuredBitrate()};
-    state.inputs.push_back(stateOf(*input_, job_.from, now - lastData_));
-    state.inputs.back().continuityErrors = sieve_.continuityErrors();
+                      bytes_, onAir_ != nullptr ? onAir_->input().measuredBitrate() : 0};
+    for (const RelaySource& source : sources_)
+        state.inputs.push_back(source.state(now));
     for (const RelayBranch& branch : branches_)
         branch.addStates(state.outputs);
     return state;

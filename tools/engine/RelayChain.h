@@ -1,28 +1,31 @@
-// From an input to send channels.
+// From one input of several to send channels.
 #ifndef TOOLS_ENGINE_RELAYCHAIN_H
 #define TOOLS_ENGINE_RELAYCHAIN_H
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
+#include <list>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
-#include "PacketSieve.h"
+#include "Selector.h"
+#include "Splicer.h"
 #include "engine/Chain.h"
 #include "engine/HostModule.h"
 #include "engine/Jobs.h"
 #include "engine/RelayBranch.h"
-#include "engine/StreamInput.h"
+#include "engine/RelaySource.h"
 #include "engine/StreamSocket.h"
 
-// Takes whole packets from what arrives, and lets two branches send them: that of the raw outputs
-// and that of those under RTP.
+// Takes whole packets from the input that is on air, and lets two branches send them: that of the
+// raw outputs and that of those under RTP. All inputs are received, so that one can take the place
+// of another at once.
 //
 // Sockets that fail are tried again for as long as it takes, and an input that falls silent is
 // waited for; each is told when it has lasted, and when it is over. Only where there is a patience
-// to begin with does the chain fail: when by then there is no socket for the input, or for none of
+// to begin with does the chain fail: when by then there is no socket for any input, or for none of
 // the outputs.
 class RelayChain : public Chain {
   public:
@@ -41,31 +44,33 @@ class RelayChain : public Chain {
     StreamState state(Clock::time_point now) const override;
 
   private:
-    void watchInput(Clock::time_point now);
-    void takeInput(Clock::time_point now);
-    void sift(Clock::time_point now);
+    void addSource(const std::string& name, ModuleOnDemand& module, SocketMeans& means);
+    void push(RelaySource& source, std::span<const uint8_t> packets, size_t packetSize,
+              Clock::time_point now);
+    void select(Clock::time_point now);
+    void tell(const ts::Selector::Choice& choice);
     void checkPatience(Clock::time_point now);
+    RelaySource& source(size_t number) {
+        return *std::next(sources_.begin(), static_cast<std::ptrdiff_t>(number));
+    }
     std::string figures() const;
 
     const RelayJob job_;
     const std::optional<std::chrono::milliseconds> patience_;
     std::vector<RelayBranch> branches_;
 
-    const std::unique_ptr<StreamInput> input_;
-    bool socketOpen_ = false;
-    bool inputOpened_ = false;   // at any time
+    std::list<RelaySource> sources_;  // in the order of preference
+    RelaySource* onAir_ = nullptr;    // never null where there is one only
+    ts::Selector selector_;
+    ts::Splicer splicer_;
+    bool inputOpened_ = false;   // one of them, at any time
     bool outputOpened_ = false;  // one of them
 
-    std::vector<uint8_t> data_;  // in front what was kept of the last turn
-    size_t kept_ = 0;
-    PacketSieve sieve_;
-    uint64_t bytes_ = 0;
+    std::vector<uint8_t> buffer_;
+    uint64_t bytes_ = 0;  // from inputs that were on air
 
     const Clock::time_point started_ = Clock::now();
-    Clock::time_point socketSeen_ = started_;
     Clock::time_point lastData_ = started_;
-    bool socketReported_ = false;
-    bool silenceReported_ = false;
 };
 
 #endif

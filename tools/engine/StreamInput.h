@@ -55,6 +55,8 @@ class StreamInput {
 
     // Takes what is there, as far as it fits, without waiting; returns the number of bytes.
     virtual size_t receive(std::span<uint8_t> space) = 0;
+    // Whether what comes is used. Only then does a file play, from its beginning.
+    virtual void setOnAir(bool /*onAir*/) {}
     // The end has come: what waits for something in front of it is there now.
     virtual void finish() {}
 

@@ -145,7 +145,7 @@ bool PacketSource::rewind() {
     bufferBegin_ = loopBegin_;
     fetchedTo_ = 0;
     searching_ = false;
-    rewound_ = true;
+    ++loops_;
     yielded_ = false;
     ended_ = false;
     return true;
@@ -179,7 +179,7 @@ bool PacketSource::findFirstPacket() {
 
 void PacketSource::skip(size_t count) {
     begin_ += count;
-    if (count == 0 || rewound_)
+    if (count == 0 || loops_ > 0)
         return;
     skippedBytes_ += count;
     skippedPlaces_ += std::exchange(startOfGap_, false) ? 1 : 0;

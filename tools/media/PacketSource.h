@@ -48,6 +48,9 @@ class PacketSource {
     // What a loop repeats begins `bytes` before the packet that is taken next.
     void loopFrom(size_t bytes) { loopBegin_ = bufferBegin_ + begin_ - bytes; }
 
+    // How often a loop has begun anew; what one take() returns is of one round.
+    uint64_t loops() const { return loops_; }
+
     // What was skipped; of a loop, the first time.
     uint64_t skippedBytes() const { return skippedBytes_; }
     uint64_t skippedPlaces() const { return skippedPlaces_; }
@@ -87,7 +90,7 @@ class PacketSource {
     bool searching_ = false;    // for packets, which are not where they should be
     bool lastOfRun_ = false;    // one more packet counts before the search
     bool startOfGap_ = true;
-    bool rewound_ = false;
+    uint64_t loops_ = 0;
     uint64_t skippedBytes_ = 0;
     uint64_t skippedPlaces_ = 0;
 };

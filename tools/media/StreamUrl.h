@@ -50,6 +50,11 @@ struct StreamUrl {
 // Throws UsageError, which says what is wrong and what is accepted.
 StreamUrl parseStreamUrl(std::string_view text);
 
+// A URL, or else the name of a file.
+inline bool isStreamUrl(std::string_view text) {
+    return text.find("://") != std::string_view::npos;
+}
+
 // The paths on which one stream comes in, "rtp://A+rtp://B": one, or two to four of RTP. Throws
 // UsageError, also where one of the URLs cannot be received from.
 std::vector<StreamUrl> parsePaths(std::string_view text);
