@@ -140,7 +140,7 @@ void RelayChain::tell(const ts::Selector::Choice& choice) {
             break;
         }
         case ts::Selector::Reason::kReturn:
-            why = fmt::format(" again, instead of {}", source(*choice.before).name());
+            why = fmt::format(" instead of {}", source(*choice.before).name());
     }
     events_.push_back(fmt::format("{} is on air{}", name, why));
 }
