@@ -210,8 +210,8 @@ class Http(PageTest):
         self.await_(is_silent, "silence is an alarm")
         feeder = self.send("rtp://127.0.0.1:5002")
         self.await_(lambda: not is_silent(), "it ends")
-        shown = json.loads(get("/api/v1/processes"))["processes"]
-        self.assertEqual({p["pid"] for p in shown}, {sender.pid, relay.pid, feeder.pid})
+        self.await_(lambda: {p["pid"] for p in json.loads(get("/api/v1/processes"))["processes"]} ==
+                    {sender.pid, relay.pid, feeder.pid}, "all processes are seen")
         metrics = get("/metrics")
         self.assertRegex(metrics, f'qxvrtp_stream_lost_datagrams_total{{pid="{relay.pid}",.*}} 0\n')
         for process in feeder, relay:
@@ -235,6 +235,25 @@ class Http(PageTest):
         last = json.loads(get("/api/v1/log?after=2"))["events"]
         self.assertEqual(len(last), len(kinds) - 2)
         self.assertTrue(known(f"pid={sender.pid}&direction=send&channel=0"))
+
+    def test_a_changed_file_changes_the_streams_and_nothing_else(self):
+        entry = "[[monitor]]\nurl = 'udp://127.0.0.1:{}'\n"
+        file = pathlib.Path("page.toml")
+        file.write_text(entry.format(5010) + entry.format(5012))
+        server = self.serve("--config", os.path.abspath(file))
+        self.send("udp://127.0.0.1:5012")
+
+        def datagrams():
+            return {stream["url"][-4:]: stream["datagrams"]
+                    for stream in json.loads(get("/api/v1/streams"))["streams"]}
+        before = self.await_(lambda: datagrams()["5012"], "the second stream is there")
+        for text, ports in ((entry.format(5012) + entry.format(5014), {"5012", "5014"}),
+                            (entry.format(5012), {"5012"})):
+            file.write_text(text)
+            server.send_signal(signal.SIGHUP)
+            self.await_(lambda: datagrams().keys() == ports, ports)
+            self.assertGreaterEqual(datagrams()["5012"], before)
+        self.assertEqual(self.end(server), 0)
 
     def test_wrong_addresses_are_refused(self):
         self.serve()

@@ -6,7 +6,7 @@ for program in systemd-analyze mandoc zsh fish; do
 done
 cd "$(mktemp -d)" && mkdir pages && ln -s "$1" qxvrtp || exit 1
 tool=$PWD/qxvrtp # without spaces, which a unit would have to quote
-for unit in send receive relay monitor; do
+for unit in send receive relay monitor serve; do
     sed "s|=[^ ]*qxvrtp |=$tool |" "$2/qxvrtp-$unit@.service" >"qxvrtp-$unit@.service"
 done
 status=0

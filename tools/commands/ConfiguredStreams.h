@@ -13,13 +13,15 @@
 
 // A stream whose job is in the new file, too, is not touched. The others end first, so that those
 // which are new find their channels and ports free. No step makes the streams wait.
-template <typename Job, typename ChainOf>
+//
+// The session is one of the commands' or has the functions of it that are used here.
+template <typename Job, typename ChainOf, typename SessionOf = Session>
 class ConfiguredStreams {
   public:
     using Make = std::function<std::unique_ptr<ChainOf>(const Job&)>;
 
     // Reads and adds all streams. The session outlives the object.
-    ConfiguredStreams(Session& session, JobSource<Job> source, Make make)
+    ConfiguredStreams(SessionOf& session, JobSource<Job> source, Make make)
         : session_(session), source_(std::move(source)), make_(std::move(make)) {
         if (!source_.file.empty())
             session_.acceptReload();
@@ -58,7 +60,7 @@ class ConfiguredStreams {
         }
     }
 
-    Session& session_;
+    SessionOf& session_;
     const JobSource<Job> source_;
     const Make make_;
     std::vector<Job> jobs_;         // in the order of the session's streams

@@ -20,6 +20,7 @@
 #include "commandline/CommandLine.h"
 #include "commandline/CommandModel.h"
 #include "commands/ConfigCommand.h"
+#include "commands/ConfiguredStreams.h"
 #include "config/ConfigFile.h"
 #include "config/ConfigRules.h"
 #include "engine/MonitorChain.h"
@@ -89,6 +90,34 @@ class Lookout : public Chain {
     Board& board_;
 };
 
+// The monitors. Nothing is told of their progress, which the page shows.
+class PageSession {
+  public:
+    PageSession(StopSignal& stop, Runner& runner) : stop_(stop), runner_(runner) {}
+
+    const std::vector<std::unique_ptr<MonitorChain>>& monitors() const { return monitors_; }
+
+    void acceptReload() { stop_.acceptReload(); }
+    bool takeReload() { return stop_.takeReload(); }
+    void add(std::unique_ptr<MonitorChain> monitor) {
+        runner_.add(*monitor);
+        monitors_.push_back(std::move(monitor));
+    }
+    void remove(const std::vector<size_t>& monitors) {  // the highest first
+        for (const size_t i : monitors) {
+            runner_.remove(i + 1);
+            monitors_.erase(monitors_.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+    }
+    bool removedHaveEnded() const { return true; }
+    void tell(const std::string& text) const { printError(printable("qxvrtp: " + text) + "\n"); }
+
+  private:
+    StopSignal& stop_;
+    Runner& runner_;  // has the lookout in front of the monitors
+    std::vector<std::unique_ptr<MonitorChain>> monitors_;
+};
+
 HttpServer::Settings settingsOf(const Arguments& given) {
     const auto wrong = [&] {
         return UsageError(
@@ -149,7 +178,8 @@ constexpr auto kHelp =
     "for other names than localhost and that address are refused, so that no other site can make\n"
     "a browser read the page; --host adds a name, like that of the proxy.\n"
     "\n"
-    "Ends with SIGINT or SIGTERM, successfully (0).\n"
+    "SIGHUP has it read the file of --config again. Ends with SIGINT or SIGTERM, successfully "
+    "(0).\n"
     "\n"
     "Examples:\n"
     "  qxvrtp serve rtp://239.1.1.1:5000 rtp://239.1.1.2:5000\n"
@@ -157,21 +187,21 @@ constexpr auto kHelp =
 
 }  // namespace
 
-void runServe(const HttpServer::Settings& settings, const std::vector<MonitorJob>& jobs) {
+void runServe(const HttpServer::Settings& settings, const JobSource<MonitorJob>& jobs) {
     // Each thread would get a heap of its own otherwise.
     mallopt(M_ARENA_MAX, 2);
     StopSignal stop;
     Runner runner(stop);
     SocketMeans means;
-    std::vector<std::unique_ptr<MonitorChain>> monitors;
-    for (const MonitorJob& job : jobs) {
-        monitors.push_back(std::make_unique<MonitorChain>(job, means, std::nullopt));
-        runner.add(*monitors.back());
-    }
+    PageSession session(stop, runner);
     History history;
     Board board;
-    Lookout lookout(monitors, history, board);
+    Lookout lookout(session.monitors(), history, board);
     runner.add(lookout);
+    ConfiguredStreams<MonitorJob, MonitorChain, PageSession> streams(
+        session, jobs, [&means](const MonitorJob& job) {
+            return std::make_unique<MonitorChain>(job, means, std::nullopt);
+        });
 
     const HttpServer server(
         settings, [&](const HttpRequest& request) { return answerFrom(board, history, request); },
@@ -186,13 +216,13 @@ void runServe(const HttpServer::Settings& settings, const std::vector<MonitorJob
     fmt::print(stderr, "http://{}{}{}:{}/\n", ipv6 ? "[" : "", settings.address, ipv6 ? "]" : "",
                settings.port);
     runner.run([&] {
-        for (const auto& monitor : monitors)
+        for (const auto& monitor : session.monitors())
             for (const std::string& event : monitor->takeEvents())
-                printError(printable(monitor->name() + ": " + event) + "\n");
-        return false;
+                session.tell(monitor->name() + ": " + event);
+        return streams.attend();
     });
     board.close();
-    for (size_t i = 0; i <= monitors.size(); ++i)
+    for (size_t i = 0; i <= session.monitors().size(); ++i)
         if (runner.failure(i))
             std::rethrow_exception(runner.failure(i));
 }
@@ -206,6 +236,8 @@ CommandModel serveCommand() {
     command.addOption("--host", given->names, "NAME",
                       "Another name by which it is reached, or several, with commas");
     command.footer = kHelp + urlHelp();
-    command.action = [given] { runServe(settingsOf(*given), jobsOf(*given)); };
+    command.action = [given] {
+        runServe(settingsOf(*given), {given->config, [given] { return jobsOf(*given); }});
+    };
     return command;
 }

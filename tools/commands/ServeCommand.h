@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "config/ConfigReload.h"
 #include "engine/Jobs.h"
 #include "page/HttpServer.h"
 
@@ -10,7 +11,7 @@ struct CommandModel;
 
 // Serves the page until SIGINT or SIGTERM comes. Throws Failure when the address cannot be listened
 // on.
-void runServe(const HttpServer::Settings& settings, const std::vector<MonitorJob>& jobs);
+void runServe(const HttpServer::Settings& settings, const JobSource<MonitorJob>& jobs);
 
 CommandModel serveCommand();
 
