@@ -29,6 +29,13 @@ TEST(Sdp, FirstTransportStreamBecomesTheUrlOrTheReasonIsTold) {
          "rtp://239.1.1.1:5000"},
         {group + video + "a=source-filter: excl IN IP4 * 192.0.2.7\n", "rtp://239.1.1.1:5000"},
         {group + "m=video 5000 RTP/AVP 96\na=rtpmap:96 H264/90000\n", "'f': it describes no"},
+        {group + "m=video 5000 RTP/AVP 96 97\na=rtpmap:96 H264/90000\na=rtpmap:97 mp2t/90000\n",
+         "rtp://239.1.1.1:5000"},
+        // Each group has a source of its own.
+        {"a=source-filter: incl IN IP4 239.1.1.1 192.0.2.7\n"
+         "a=source-filter: incl IN IP4 239.1.1.2 192.0.2.8\n" +
+             video + group,
+         "rtp://239.1.1.1:5000?source=192.0.2.7"},
         {group + "m=video 0 RTP/AVP 33\n", "'f': it describes no"},
         {group + "m=video 70000 RTP/AVP 33\n", "'f': it describes no"},
         {video, "'f': it has no line c="},
@@ -77,6 +84,7 @@ TEST(Sap, GroupIsThatOfTheScopeAndThePacketIsLaidOutToTheByte) {
 
     EXPECT_EQ(sapPacket("v=0", 0xABCDEF, "192.0.2.7", false),
               std::string("\x20\0\xCD\xEF\xC0\0\2\7application/sdp\0v=0", 27));
+    EXPECT_EQ(sapPacket("v=0", 0xAB0000, "192.0.2.7", false)[3], 1) << "0 may be left out";
     EXPECT_EQ(sapPacket("v=0", 1, "::1", true)[0], 0x34);
     EXPECT_EQ(sapPacket("v=0", 1, "::1", true).size(), 4U + 16 + 16 + 3);
     EXPECT_TRUE(sapPacket("v=0", 1, "name", false).empty());

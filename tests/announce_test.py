@@ -59,7 +59,9 @@ class Announce(ToolTest):
         self.assert_said("cannot write 'none/127.0.0.1_7410.sdp': No such file")
         write("wrong.sdp", b"v=0\nc=IN IP4 239.1.1.1\nm=video 5000 RTP/AVP 96\n")
         write("wrong.toml", b"[[relay]]\nfrom = 'wrong.sdp'\nto = 'udp://127.0.0.1:7411'\n")
-        for command, told in (("receive wrong.sdp -", "qxvrtp: 'wrong.sdp': it describes no"),
+        for command, told in ((f"send '{SAMPLE_PATH}' udp://127.0.0.1:7411 --announce x",
+                               "qxvrtp: --announce: only a stream that is sent to rtp://"),
+                              ("receive wrong.sdp -", "qxvrtp: 'wrong.sdp': it describes no"),
                               ("monitor none.sdp", "qxvrtp: cannot read 'none.sdp': No such"),
                               ("relay -c wrong.toml",
                                "wrong.toml:2:8: relay[0].from: 'wrong.sdp': it describes no")):

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """repair_test.py TOOL SAMPLE [TEST...]: streams that the network has damaged, and what the tool makes of
 them. The windows are long, since a busy machine may hold datagrams up, too."""
-import json, random, socket, subprocess, sys, threading, unittest
+import json, random, socket, subprocess, sys, threading, time, unittest
 from tool_test import SAMPLE, SAMPLE_PATH, TOOL, ToolTest, is_bound, output, read, rtp, run, write
 
 
@@ -129,6 +129,26 @@ class Repair(ToolTest):
         self.send(f"'{SAMPLE_PATH}' {urls[0]} -b 20M")
         self.assertEqual(receiver.wait(40), 0)
         self.assertTrue(read("file") == SAMPLE)
+
+    # The last one waits for a datagram that is lost, but goes on coming.
+    def test_senders_without_sense_are_told_and_what_waits_does_not_count_as_silence(self):
+        jumping = random.Random(4)
+        for number, url, count in (
+                (lambda i: 7, "rtp://127.0.0.1:7230", 420),
+                (lambda i: jumping.getrandbits(16), "rtp://127.0.0.1:7231", 420),
+                (lambda i: i + (i > 9), "rtp://127.0.0.1:7232?reorder=1000", 80)):
+            at = int(url[16:20])
+            receiver = self.receive(at, f"'{url}' file --idle-timeout 0.5 2> said")
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+                for i in range(count):
+                    head, data = rtp(i)[:12], rtp(i)[12:]
+                    head = head[:2] + number(i).to_bytes(2, "big") + head[4:]
+                    sender.sendto(head + data, ("127.0.0.1", at))
+                    time.sleep(0.01)
+            self.assertEqual(receiver.wait(40), 0)
+            told = read("said").count(b"with reorder=0 in the URL")
+            self.assertEqual(told, count == 420, (url, read("said")))
+        self.assertTrue(read("file") == SAMPLE[:80 * 1316])
 
 
 unittest.main(argv=sys.argv[:1] + sys.argv[3:], warnings="ignore")

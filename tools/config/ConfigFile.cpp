@@ -5,14 +5,12 @@
 
 #include <algorithm>
 #include <bitset>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <fstream>
 #include <sstream>
 #include <utility>
 
 #include "base/Errors.h"
+#include "base/RegularFile.h"
 #include "config/ConfigRules.h"
 #include "config/MonitorKeys.h"
 #include "config/TableReader.h"
@@ -147,10 +145,11 @@ class FileReader {
         return checked(text, place, streamOf).value_or("");
     }
 
-    Announcing announcing(TableReader& entry) {
+    Announcing announcing(TableReader& entry, bool rtp) {
         Announcing announcing{entry.find("sdp") != nullptr ? entry.text("sdp") : "",
                               entry.find("announce") != nullptr ? entry.text("announce") : ""};
-        rules_.announceOutput(announcing, entry.place("announce"));
+        rules_.announceOutput(announcing, rtp,
+                              entry.place(announcing.name.empty() ? "sdp" : "announce"));
         return announcing;
     }
 
@@ -164,7 +163,6 @@ class FileReader {
         if (job.loop && job.follow)
             problems_.add(entry.place("follow"), "excludes 'loop'");
         job.shaping = shaping(entry);
-        job.announcing = announcing(entry);
         job.start = entry.seconds("start", 0.0);
         job.duration = entry.seconds("duration", 0.001);
         rules_.addInput(job.input, entry.place("input"));
@@ -172,7 +170,9 @@ class FileReader {
             rules_.repeatInput(job.input, entry.place("loop"));
         if (job.follow)
             rules_.followInput(job.input, entry.place("follow"));
-        if (const auto destination = url(job.url, entry.place("url"), checkDestination)) {
+        const auto destination = url(job.url, entry.place("url"), checkDestination);
+        job.announcing = announcing(entry, !destination || destination->rtp);
+        if (destination) {
             rules_.addDestination(*destination, entry.place("url"));
             rules_.delayOutput(job.shaping, destination->rtp, job.bitrate_bps,
                                entry.place("delay"));
@@ -246,10 +246,10 @@ class FileReader {
         const auto addDestination = [&](const toml::node& node, const std::string& field) {
             job.to.push_back(entry.text(node, field));
             const ConfigPlace place = placeOf(node.source(), field);
-            if (const auto destination = url(job.to.back(), place, checkDestination)) {
-                rtp = rtp || destination->rtp;
+            const auto destination = url(job.to.back(), place, checkDestination);
+            rtp = rtp || !destination || destination->rtp;
+            if (destination)
                 rules_.addDestination(*destination, place, number);
-            }
         };
         forEachOf(entry, "to", addDestination);
         if (job.to.empty())
@@ -257,7 +257,7 @@ class FileReader {
         job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
         job.shaping = shaping(entry);
         rules_.delayOutput(job.shaping, rtp, job.bitrate_bps, entry.place("delay"));
-        job.announcing = announcing(entry);
+        job.announcing = announcing(entry, rtp);
         return job;
     }
 
@@ -457,16 +457,9 @@ ServiceConfig parseConfig(std::string_view text, const std::string& file) {
 }
 
 ServiceConfig readConfig(const std::string& file) {
-    errno = 0;
-    std::ifstream stream(file, std::ios::binary);
-    std::string text(kLargestFile + 1, '\0');
-    stream.read(text.data(), static_cast<std::streamsize>(text.size()));
-    // A directory can be opened, but not read.
-    if (!stream.is_open() || stream.bad())
-        throw Failure(fmt::format("cannot read '{}': {}", file, std::strerror(errno)));
-    if (!stream.eof())
+    const std::string text = readRegularFile(file, kLargestFile + 1);
+    if (text.size() > kLargestFile)
         throw Failure(fmt::format("'{}' is too long for a configuration file", file));
-    text.resize(static_cast<size_t>(stream.gcount()));
     return parseConfig(text, file);
 }
 

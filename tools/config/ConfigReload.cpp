@@ -3,9 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <sstream>
-#include <system_error>
 #include <thread>
 #include <tuple>
 
@@ -39,9 +37,6 @@ void readStable(const std::string& file, const std::atomic<bool>& abandoned,
                 const std::function<void()>& read) {
     for (int i = 0; i < kMostAttempts && !abandoned; ++i) {
         const auto before = stateOf(file);
-        // The writer of a FIFO may never come, and the command could not end before.
-        if (std::error_code error; std::filesystem::is_fifo(file, error))
-            throw Failure(fmt::format("'{}' is a FIFO, which cannot be read again", file));
         std::exception_ptr failure;
         try {
             read();

@@ -53,7 +53,7 @@ JobChanges<Job> changesOf(const std::vector<Job>& old, std::vector<Job> wanted) 
 }
 
 // Calls `read` once more where the file has changed meanwhile. Throws Failure when it does not stop
-// changing, when it is a FIFO, and when nobody waits for it any more.
+// changing, and when nobody waits for it any more.
 void readStable(const std::string& file, const std::atomic<bool>& abandoned,
                 const std::function<void()>& read);
 

@@ -88,6 +88,10 @@ bool feeds(const StreamUrl& to, const StreamUrl& from) {
            (anyInterface || sameInterface(to, from));
 }
 
+ConfigPlace announcingOption(const Announcing& announcing) {
+    return {0, 0, announcing.name.empty() ? "--sdp" : "--announce"};
+}
+
 ConfigPlace argument(const char* name, size_t index) {
     return {0, 0, fmt::format("{} {}", name, index + 1)};
 }
@@ -195,10 +199,12 @@ void ConfigRules::rotateOutput(const std::string& path, const ConfigPlace& place
         problems_.add(place, "standard output cannot be followed by a new file");
 }
 
-void ConfigRules::announceOutput(const Announcing& announcing, const ConfigPlace& place) {
+void ConfigRules::announceOutput(const Announcing& announcing, bool rtp, const ConfigPlace& place) {
     constexpr size_t kLongestName = 200;  // a description has to fit a datagram
     if (announcing.name.size() > kLongestName)
         problems_.add(place, fmt::format("a name of {} bytes at most is accepted", kLongestName));
+    if (!rtp && announcing != Announcing())
+        problems_.add(place, "only a stream that is sent to rtp:// can be described and announced");
 }
 
 void ConfigRules::delayOutput(const Shaping& shaping, bool rtp,
@@ -344,7 +350,7 @@ void checkArguments(const std::vector<SendJob>& jobs) {
     }
     for (const SendJob& job : jobs) {
         rules.delayOutput(job.shaping, rtp, job.bitrate_bps, {0, 0, "--delay"});
-        rules.announceOutput(job.announcing, {0, 0, "--announce"});
+        rules.announceOutput(job.announcing, rtp, announcingOption(job.announcing));
     }
     problems.throwFirst();
 }
@@ -380,7 +386,7 @@ void checkArguments(const RelayJob& job) {
         rules.addDestination(url, argument("TO", i), relay);
     }
     rules.delayOutput(job.shaping, rtp, job.bitrate_bps, {0, 0, "--delay"});
-    rules.announceOutput(job.announcing, {0, 0, "--announce"});
+    rules.announceOutput(job.announcing, rtp, announcingOption(job.announcing));
     rules.finish();
     problems.throwFirst();
 }

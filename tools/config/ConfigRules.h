@@ -53,8 +53,8 @@ class ConfigRules {
     void repeatInput(const std::string& path, const ConfigPlace& place);
     void followInput(const std::string& path, const ConfigPlace& place);
     void rotateOutput(const std::string& path, const ConfigPlace& place);
-    void announceOutput(const Announcing& announcing, const ConfigPlace& place);
     // `rtp`: one of the destinations is.
+    void announceOutput(const Announcing& announcing, bool rtp, const ConfigPlace& place);
     void delayOutput(const Shaping& shaping, bool rtp, const std::optional<uint32_t>& bitrate_bps,
                      const ConfigPlace& place);
 

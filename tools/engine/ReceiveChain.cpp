@@ -125,7 +125,8 @@ void ReceiveChain::step(CollectingMeans& means) {
 }
 
 void ReceiveChain::watch(const QXV_RTP_Statistics& statistics) {
-    if (std::exchange(datagrams_, statistics.Datagrams) != statistics.Datagrams) {
+    datagrams_ = statistics.Datagrams;
+    if (const uint64_t now = input_->arrived(); std::exchange(arrived_, now) != now) {
         lastData_ = closed_ = now_;
         if (firstData_ == Clock::time_point())
             firstData_ = now_;

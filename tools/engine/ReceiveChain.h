@@ -149,6 +149,7 @@ class ReceiveChain {
     Outage overrun_;
     Clock::time_point retry_{};  // nothing is tried again before this
     uint64_t datagrams_ = 0;
+    uint64_t arrived_ = 0;
     uint64_t dropped_ = 0;
     uint64_t overrunDatagrams_ = 0;  // those of them for which there was no room
     Clock::time_point lastOverrun_{};

@@ -17,6 +17,9 @@ constexpr auto kPathSilence = 1s;  // until one that brings nothing is
 constexpr auto kMeasureInterval = 1s;
 constexpr auto kReportInterval = 10s;
 constexpr auto kFecGrace = 5s;  // until FEC that does not come is reported
+constexpr auto kNumbersInterval = 3s;
+constexpr uint64_t kEnoughDatagrams = 50;  // in that time, to tell whether their numbers make sense
+constexpr double kMostRefused = 0.85;
 
 }  // namespace
 
@@ -42,6 +45,7 @@ StreamInput::Clock::time_point RepairedInput::attend(Clock::time_point now) {
         watchPaths(now);
     watchFec(now);
     watchDrops(now);
+    watchNumbers(now);
     measure(now);
     return next;
 }
@@ -191,6 +195,29 @@ void RepairedInput::watchDrops(Clock::time_point now) {
                                   counted(socketDrops_ - dropsReported_, "datagram"),
                                   paths_.front().socket.url().text));
     dropsReported_ = socketDrops_;
+}
+
+// Those of some senders stand still, or jump.
+void RepairedInput::watchNumbers(Clock::time_point now) {
+    if (now - numbersSeen_ < kNumbersInterval)
+        return;
+    numbersSeen_ = now;
+    const ts::RepairCounts then = std::exchange(countsSeen_, reorderer_.counts());
+    const uint64_t received = countsSeen_.received - then.received;
+    const uint64_t refused = countsSeen_.duplicates + countsSeen_.strays + countsSeen_.late -
+                             then.duplicates - then.strays - then.late;
+    if (received < kEnoughDatagrams ||
+        static_cast<double>(refused) < kMostRefused * static_cast<double>(received) ||
+        std::exchange(numbersReported_, true))
+        return;
+    events_.push_back(fmt::format(
+        "{} of {} from {} are left out as copies or strays, by their sequence numbers; with "
+        "reorder=0 in the URL, all are taken as they come",
+        refused, counted(received, "datagram"), paths_.front().socket.url().text));
+}
+
+uint64_t RepairedInput::arrived() const {
+    return reorderer_.counts().received + reorderer_.counts().raw + reorderer_.counts().rawExtra;
 }
 
 void RepairedInput::measure(Clock::time_point now) {

@@ -31,6 +31,7 @@ class RepairedInput : public StreamInput {
     Clock::time_point attend(Clock::time_point now) override;
     std::string trouble() const override;
     QXV_RTP_Statistics statistics() const override;
+    uint64_t arrived() const override;
     bool isRtp() const override { return rtp_; }
     uint32_t measuredBitrate() const override { return bitrate_bps_; }
     size_t receive(std::span<uint8_t> space) override { return queue_.take(space); }
@@ -80,6 +81,7 @@ class RepairedInput : public StreamInput {
     void watchPaths(Clock::time_point now);
     void watchDrops(Clock::time_point now);
     void watchFec(Clock::time_point now);
+    void watchNumbers(Clock::time_point now);
     void measure(Clock::time_point now);
 
     std::list<Path> paths_;
@@ -97,6 +99,9 @@ class RepairedInput : public StreamInput {
     uint64_t socketDrops_ = 0;
     uint64_t dropsReported_ = 0;
     Clock::time_point nextReport_{};
+    Clock::time_point numbersSeen_ = Clock::now();  // when their sense was looked at last
+    ts::RepairCounts countsSeen_;
+    bool numbersReported_ = false;
     bool rtp_ = true;
 
     Clock::time_point measured_ = Clock::now();

@@ -50,6 +50,8 @@ class StreamInput {
     virtual std::string trouble() const = 0;  // why there is no socket
     // What a receive channel tells of itself, whether or not there is one.
     virtual QXV_RTP_Statistics statistics() const = 0;
+    // Datagrams, whether or not they can be taken yet.
+    virtual uint64_t arrived() const { return statistics().Datagrams; }
     virtual bool isRtp() const = 0;
     virtual uint32_t measuredBitrate() const = 0;  // bits per second, refreshed once a second
 

@@ -45,22 +45,27 @@ bool sameWord(std::string_view a, std::string_view b) {
 
 // What the lines say of the session, or of one medium.
 struct Section {
-    std::string_view connection;  // address, with the numbers behind it
-    std::string_view source;      // the only one that is let through
-    std::string_view media;       // of a medium: "video 5000 RTP/AVP 33"
-    std::string_view map;         // "33 MP2T/90000"
+    std::string_view connection;            // address, with the numbers behind it
+    std::vector<std::string_view> filters;  // "incl IN IP4 239.1.1.1 192.0.2.7"
+    std::string_view media;                 // of a medium: "video 5000 RTP/AVP 33"
+    std::vector<std::string_view> maps;     // "33 MP2T/90000"
 };
 
-// "incl IN IP4 239.1.1.1 192.0.2.7" (RFC 4570); of several sources, none is the one.
-std::string_view onlySource(std::string_view filter) {
-    filter = trimmed(filter);
-    while (filter.starts_with(' '))
-        filter.remove_prefix(1);
-    if (!sameWord(take(filter, ' '), "incl"))
-        return {};
-    for (int i = 0; i < 3; ++i)  // network, family, destination
-        take(filter, ' ');
-    return filter.find(' ') == std::string_view::npos ? filter : std::string_view();
+// The only source from which a group is let through (RFC 4570); of several, none is the one.
+std::string_view onlySource(const Section& section, std::string_view group) {
+    std::string_view source;
+    for (std::string_view filter : section.filters) {
+        filter = trimmed(filter);
+        while (filter.starts_with(' '))
+            filter.remove_prefix(1);
+        const std::string_view mode = take(filter, ' ');
+        for (int i = 0; i < 2; ++i)  // network, family
+            take(filter, ' ');
+        const std::string_view destination = take(filter, ' ');
+        if (sameWord(mode, "incl") && (destination == "*" || sameWord(destination, group)))
+            source = filter.find(' ') == std::string_view::npos ? filter : std::string_view();
+    }
+    return source;
 }
 
 void read(std::string_view line, Section& section) {
@@ -69,15 +74,23 @@ void read(std::string_view line, Section& section) {
     if (line.starts_with("c=IN IP"))
         section.connection = line.substr(std::min<size_t>(line.size(), 9));
     else if (line.starts_with(kFilter))
-        section.source = onlySource(line.substr(kFilter.size()));
-    else if (line.starts_with(kMap) && section.map.empty())
-        section.map = line.substr(kMap.size());
+        section.filters.push_back(line.substr(kFilter.size()));
+    else if (line.starts_with(kMap))
+        section.maps.push_back(line.substr(kMap.size()));
 }
 
 struct Medium {
     unsigned int port = 0;
     bool rtp = false;
 };
+
+// The type of a transport stream is 33 (RFC 3551), or what a map says of another one.
+bool isTransportStream(std::string_view type, const Section& section) {
+    return type == std::to_string(kPayloadType) ||
+           std::any_of(section.maps.begin(), section.maps.end(), [type](std::string_view map) {
+               return take(map, ' ') == type && sameWord(take(map, '/'), "MP2T");
+           });
+}
 
 // None: it carries no transport stream, or not as it is received here.
 std::optional<Medium> transportStream(const Section& section) {
@@ -86,11 +99,11 @@ std::optional<Medium> transportStream(const Section& section) {
     std::string_view ports = take(media, ' ');
     const auto port = number(take(ports, '/'), UINT16_MAX);
     const std::string_view protocol = take(media, ' ');
-    const std::string_view format = take(media, ' ');
     if (!port || *port == 0)
         return std::nullopt;
-    if (sameWord(protocol, "RTP/AVP") && format == std::to_string(kPayloadType))
-        return Medium{*port, true};
+    while (sameWord(protocol, "RTP/AVP") && !media.empty())
+        if (isTransportStream(take(media, ' '), section))
+            return Medium{*port, true};
     for (const char* const raw : {"UDP", "RAW/UDP", "MP2T/UDP", "MP2T/H2221/UDP"})
         if (sameWord(protocol, raw))
             return Medium{*port, false};
@@ -124,14 +137,16 @@ std::string urlOfSdp(std::string_view text, const std::string& file) {
     while (!text.empty()) {
         const std::string_view line = trimmed(take(text, '\n'));
         if (line.starts_with("m="))
-            media.push_back({session.connection, session.source, line.substr(2), {}});
+            media.push_back({session.connection, {}, line.substr(2), {}});
         else
             read(line, media.empty() ? session : media.back());
     }
-    for (const Section& section : media) {
+    for (Section& section : media) {
         const auto medium = transportStream(section);
         if (!medium)
             continue;
+        if (section.filters.empty())
+            section.filters = session.filters;
         std::string_view connection = section.connection;
         const std::string_view host = take(connection, '/');
         if (host.empty())
@@ -141,10 +156,11 @@ std::string urlOfSdp(std::string_view text, const std::string& file) {
                                       ipv6 ? "[" : "", host, ipv6 ? "]" : "", medium->port);
         const auto kind = classifyAddress(host);
         // Options of the URL are not the description's to give.
-        if (section.source.find_first_of("&?/@") != std::string_view::npos)
+        const std::string_view source = onlySource(section, host);
+        if (source.find_first_of("&?/@") != std::string_view::npos)
             refuse("the source of its line a=source-filter is no address");
-        if (kind && kind->multicast && !section.source.empty() && section.source != "*")
-            url += fmt::format("?source={}", section.source);
+        if (kind && kind->multicast && !source.empty() && source != "*")
+            url += fmt::format("?source={}", source);
         try {
             checkSource(parseStreamUrl(url));
         } catch (const UsageError& error) {
@@ -236,8 +252,10 @@ std::string sapPacket(std::string_view sdp, uint64_t session, const std::string&
     std::string packet;
     packet += static_cast<char>(kVersion | (ipv6 ? kIPv6 : 0) | (takesBack ? kDeletion : 0));
     packet += '\0';  // no authentication
-    packet += static_cast<char>(session >> 8 & 0xFF);
-    packet += static_cast<char>(session & 0xFF);
+    // Listeners may leave out what has the number 0.
+    const uint64_t number = std::max<uint64_t>(session & 0xFFFF, 1);
+    packet += static_cast<char>(number >> 8);
+    packet += static_cast<char>(number & 0xFF);
     packet.append(bytes.data(), ipv6 ? sizeof(in6_addr) : sizeof(in_addr));
     return packet.append(kType).append(sdp);
 }
