@@ -108,7 +108,7 @@ template <typename Thing>
 struct StateMetric {
     const char* name;
     const char* help;
-    std::function<std::optional<double>(const Thing&)> value;
+    std::optional<double> (*value)(const Thing&);
 };
 
 double real(uint64_t value) {
@@ -121,61 +121,77 @@ std::optional<double> repaired(const InputState& input, uint64_t Repair::*count)
     return input.repair ? std::optional(real((*input.repair).*count)) : std::nullopt;
 }
 
-const StateMetric<StreamState> kStreamMetrics[] = {
+constexpr StateMetric<StreamState> kStreamMetrics[] = {
     {"seconds_total", "Since the stream began.",
-     [](const StreamState& stream) { return stream.seconds; }},
+     [](const StreamState& stream) -> std::optional<double> { return stream.seconds; }},
     {"bytes_total", "Transport stream that came in.",
-     [](const StreamState& stream) { return real(stream.bytes); }},
+     [](const StreamState& stream) -> std::optional<double> { return real(stream.bytes); }},
     {"bytes_per_second", "Measured rate of what comes in; of a send stream, its channel's rate.",
-     [](const StreamState& stream) { return real(stream.bitrate_bps) / 8.0; }},
+     [](const StreamState& stream) -> std::optional<double> {
+         return real(stream.bitrate_bps) / 8.0;
+     }},
 };
 
-const StateMetric<InputState> kInputMetrics[] = {
+constexpr StateMetric<InputState> kInputMetrics[] = {
     {"input_on_air", "Whether the stream is taken from this input (1) or not (0).",
-     [](const InputState& input) { return input.health == InputHealth::kOnAir ? 1 : 0; }},
+     [](const InputState& input) -> std::optional<double> {
+         return input.health == InputHealth::kOnAir ? 1 : 0;
+     }},
     {"input_signal", "Whether something comes in that could be sent (1) or not (0).",
-     [](const InputState& input) {
+     [](const InputState& input) -> std::optional<double> {
          return input.health == InputHealth::kOnAir || input.health == InputHealth::kStandby ? 1
                                                                                              : 0;
      }},
     {"input_bytes_total", "Transport stream that came in here.",
-     [](const InputState& input) { return real(input.bytes); }},
+     [](const InputState& input) -> std::optional<double> { return real(input.bytes); }},
     {"input_bytes_per_second", "Measured rate of what comes in here.",
-     [](const InputState& input) { return real(input.bitrate_bps) / 8.0; }},
+     [](const InputState& input) -> std::optional<double> {
+         return real(input.bitrate_bps) / 8.0;
+     }},
     {"continuity_errors_total", "Continuity errors in what came in, after repair.",
-     [](const InputState& input) { return real(input.continuityErrors); }},
+     [](const InputState& input) -> std::optional<double> { return real(input.continuityErrors); }},
     {"input_dropped_datagrams_total", "Datagrams for which this machine had no room.",
-     [](const InputState& input) { return real(input.datagramsDropped); }},
+     [](const InputState& input) -> std::optional<double> { return real(input.datagramsDropped); }},
     {"lost_datagrams_total", "Datagrams that are missing in spite of all repair.",
-     [](const InputState& input) { return repaired(input, &Repair::lost); }},
+     [](const InputState& input) -> std::optional<double> {
+         return repaired(input, &Repair::lost);
+     }},
     {"reordered_datagrams_total", "Datagrams that were put in order.",
-     [](const InputState& input) { return repaired(input, &Repair::reordered); }},
+     [](const InputState& input) -> std::optional<double> {
+         return repaired(input, &Repair::reordered);
+     }},
     {"duplicate_datagrams_total", "Datagrams that came again and were left out.",
-     [](const InputState& input) { return repaired(input, &Repair::duplicates); }},
+     [](const InputState& input) -> std::optional<double> {
+         return repaired(input, &Repair::duplicates);
+     }},
     {"repaired_datagrams_total", "Datagrams that FEC brought back.",
-     [](const InputState& input) { return repaired(input, &Repair::repaired); }},
+     [](const InputState& input) -> std::optional<double> {
+         return repaired(input, &Repair::repaired);
+     }},
 };
 
-const StateMetric<PathState> kPathMetrics[] = {
+constexpr StateMetric<PathState> kPathMetrics[] = {
     {"path_datagrams_total", "Datagrams that this path brought.",
-     [](const PathState& path) { return real(path.datagrams); }},
+     [](const PathState& path) -> std::optional<double> { return real(path.datagrams); }},
     {"path_lost_datagrams_total", "Datagrams that this path did not bring.",
-     [](const PathState& path) { return real(path.lost); }},
+     [](const PathState& path) -> std::optional<double> { return real(path.lost); }},
     {"path_saved_datagrams_total", "Of the lost ones, those that another path brought.",
-     [](const PathState& path) { return real(path.saved); }},
+     [](const PathState& path) -> std::optional<double> { return real(path.saved); }},
     {"path_skew_seconds", "How far this path is behind the one that comes first.",
-     [](const PathState& path) { return path.skew_ms / 1e3; }},
+     [](const PathState& path) -> std::optional<double> { return path.skew_ms / 1e3; }},
 };
 
-const StateMetric<OutputState> kOutputMetrics[] = {
+constexpr StateMetric<OutputState> kOutputMetrics[] = {
     {"output_works", "Whether what is sent or written leaves (1) or not (0).",
-     [](const OutputState& output) { return output.works ? 1 : 0; }},
+     [](const OutputState& output) -> std::optional<double> { return output.works ? 1 : 0; }},
     {"output_datagrams_total", "Datagrams that were sent or written.",
-     [](const OutputState& output) { return real(output.datagrams); }},
+     [](const OutputState& output) -> std::optional<double> { return real(output.datagrams); }},
     {"output_dropped_datagrams_total", "Datagrams that the output did not take.",
-     [](const OutputState& output) { return real(output.datagramsDropped); }},
+     [](const OutputState& output) -> std::optional<double> {
+         return real(output.datagramsDropped);
+     }},
     {"output_send_failures_total", "Datagrams that the system refused to send.",
-     [](const OutputState& output) { return real(output.sendFailures); }},
+     [](const OutputState& output) -> std::optional<double> { return real(output.sendFailures); }},
 };
 
 using Use = std::function<void(const std::string& labels, const StreamState&)>;
