@@ -21,7 +21,7 @@ constexpr int kMostSlices = 64;  // a turn
 void SlateInput::setOnAir(bool onAir) {
     if (std::exchange(onAir_, onAir) == onAir || !onAir)
         return;
-    retry_ = {};
+    pacer_.reset();
     open(Clock::now());
 }
 
