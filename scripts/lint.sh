@@ -1,7 +1,7 @@
 #!/bin/sh
 # lint.sh: installs what is missing, checks the format of all code and the layers of its folders, and
 # looks for faults in all but the tests with clang-tidy (.clang-tidy) and cppcheck; any finding is an
-# error. About twenty minutes on two processors.
+# error. About a quarter of an hour on two processors.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build clang clang-format clang-tidy cppcheck libcli11-dev libfmt-dev \
