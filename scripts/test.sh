@@ -2,7 +2,7 @@
 # test.sh [CONFIGURATION...]: installs what is missing, builds, and runs the tests. Without arguments it
 # builds the release with g++ and tests the system itself, which takes a few minutes. Configurations:
 #   release  g++; also tests packages, services, documents, types and other programs as peers
-#   dev      clang++, which only has to build without a warning, as that of tsan does, too
+#   dev      clang++, which only has to build without a warning; the build of tsan shows the same
 #   lint     format, layers, clang-tidy and cppcheck (lint.sh)
 #   asan     g++, with a check of addresses and undefined behaviour
 #   tsan     clang++, with a check of threads

@@ -38,7 +38,6 @@ class Selector {
     // None: nothing changes.
     std::optional<Choice> choose(Time now);
 
-    std::optional<size_t> current() const { return current_; }
     uint64_t switches() const { return switches_; }  // the beginning not counted
 
   private:

@@ -41,8 +41,8 @@ void PayloadPool::giveBack(Payload& payload) {
     payload = Payload();
 }
 
-// By the multiplier of FNV-1a, in four lanes, since each step has to wait for the one before it. This
-// is against accidents only, not against an opponent.
+// By the multiplier of FNV-1a, in four lanes, since each step of a lane waits for the one before
+// it. The digest is a guard against accidents, not against an opponent.
 uint64_t digestOf(std::span<const uint8_t> bytes) {
     std::array<uint64_t, 4> lanes{bytes.size(), 1, 2, 3};
     const auto mix = [](uint64_t& lane, uint64_t word) {

@@ -3,21 +3,10 @@
 #include <bitstream/mpeg/ts.h>
 
 #include <algorithm>
-#include <array>
 
 #include "Parity.h"
 
 namespace ts {
-
-namespace {
-
-// The flags stand in the first byte of the field, which may have none.
-bool hasFlags(const uint8_t* packet) {
-    return ts_has_adaptation(packet) && ts_get_adaptation(packet) > 0 &&
-           ts_get_adaptation(packet) < kPacketBytes - TS_HEADER_SIZE;
-}
-
-}  // namespace
 
 void Splicer::cut() {
     before_ |= come_;
@@ -38,8 +27,8 @@ bool Splicer::isAnnounced(const uint8_t* packet, bool& needsPacket) {
         clocks_.set(pid);
         clocked_.set(pid);
     }
-    needsPacket = isFirst && !hasFlags(packet);
-    return before_[pid] && (isFirst || (awaitsClock && hasFlags(packet)));
+    needsPacket = isFirst && !hasAdaptationFlags(packet);
+    return before_[pid] && (isFirst || (awaitsClock && hasAdaptationFlags(packet)));
 }
 
 void Splicer::append(const uint8_t* packet, size_t packetSize, bool needsPacket) {

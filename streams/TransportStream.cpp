@@ -46,10 +46,14 @@ bool hasAdaptation(const uint8_t* packet, uint8_t length) {
 
 // Whether the packet announces that its PID's counter and clock start anew.
 bool isDiscontinuous(const uint8_t* packet) {
-    return hasAdaptation(packet, kFlagsOnly) && tsaf_has_discontinuity(packet);
+    return hasAdaptationFlags(packet) && tsaf_has_discontinuity(packet);
 }
 
 }  // namespace
+
+bool hasAdaptationFlags(const uint8_t* packet) {
+    return hasAdaptation(packet, kFlagsOnly);
+}
 
 std::span<const uint8_t> packetPayload(const uint8_t* packet) {
     if (!ts_has_payload(packet))

@@ -36,6 +36,9 @@ std::optional<size_t> findPackets(std::span<const uint8_t> data, size_t packetSi
 // What a packet carries behind its header and adaptation field; may be nothing.
 std::span<const uint8_t> packetPayload(const uint8_t* packet);
 
+// Whether the adaptation field is there and has its flags, which a field of length 0 has not.
+bool hasAdaptationFlags(const uint8_t* packet);
+
 // The size is 188, or 204 with the right parity.
 void writeNullPacket(uint8_t* packet, size_t packetSize);
 

@@ -86,10 +86,8 @@ OptionModel& CommandModel::addOption(const std::string& names, std::string& targ
 
 OptionModel& CommandModel::addOptions(const std::string& names, std::vector<std::string>& target,
                                       std::string value, std::string text) {
-    OptionModel& option = options.emplace_back();
-    option.names = splitNames(names);
-    option.value = std::move(value);
-    option.description = std::move(text);
+    std::string single;
+    OptionModel& option = addOption(names, single, std::move(value), std::move(text));
     option.target = &target;
     return option;
 }

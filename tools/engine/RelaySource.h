@@ -33,17 +33,13 @@ class RelaySource {
     Clock::time_point run(Clock::time_point now, std::span<uint8_t> buffer, const Sink& sink);
 
     void setOnAir(bool onAir);
-    bool isOnAir() const { return onAir_; }
 
     const std::string& name() const { return name_; }
     const StreamInput& input() const { return *input_; }
-    bool isFile() const { return isFile_; }
     bool isOpen() const { return open_; }
     std::string trouble() const { return input_->trouble(); }
     ts::Health health() const;
     ts::Check fault() const { return health_->fault(); }  // why it was not well last
-    Clock::time_point lastData() const { return lastData_; }
-    uint64_t bytes() const { return bytes_; }
     uint64_t continuityErrors() const { return sieve_.continuityErrors(); }
     std::vector<std::string> warnings() const;
     InputState state(Clock::time_point now) const;
