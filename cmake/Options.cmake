@@ -13,14 +13,15 @@ target_compile_options(qxv_options INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
     $<$<CXX_COMPILER_ID:GNU>:-Wlogical-op>
     $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wduplicated-cond -Wduplicated-branches>
-    $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>
+    $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety -Wreserved-identifier>
     $<$<BOOL:${QXV_WERROR}>:-Werror>)
 target_link_libraries(qxv_options INTERFACE Threads::Threads)
 
 if(QXV_SANITIZE)
     # The sanitizers bring checks of their own, with which the hardening below does not mix.
     target_compile_options(qxv_options INTERFACE
-        -fsanitize=${QXV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g
+        # Reports name functions and lines; more takes long to write.
+        -fsanitize=${QXV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g1
         # With them g++ 12 warns of its own <regex>, wrongly.
         $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-maybe-uninitialized>)
     target_link_options(qxv_options INTERFACE -fsanitize=${QXV_SANITIZE})

@@ -31,7 +31,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qxvrtp)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS libjs-dygraphs)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "libcurl4, libjs-dygraphs")
 set(maintainer ${PROJECT_SOURCE_DIR}/services/debian)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
     ${maintainer}/postinst ${maintainer}/prerm ${maintainer}/postrm)

@@ -1,5 +1,6 @@
 #include "Alarms.h"
 
+#include <charconv>
 #include <utility>
 
 namespace ts {
@@ -26,7 +27,7 @@ constexpr CheckInfo kInfo[kChecks] = {
     {"si_repetition_error", "3.2", "Service information comes too seldom or too often", 3},
     {"unreferenced_pid", "3.4.a", "A PID is in no table", 3},
     {"rtp_loss", "", "RTP datagrams are lost", 0},
-    {"second_sender", "", "Two senders send to the same place", 0},
+    {"second_sender", "", "Two senders send to the same address", 0},
     {"datagram_size", "", "A datagram is not made of whole packets", 0},
     {"delay_factor", "", "Datagrams come too unevenly", 0},
     {"media_loss", "", "Packets are lost on the way", 0},
@@ -43,10 +44,17 @@ std::string Detail::toText() const {
     std::string made;
     const int64_t* next = numbers;
     for (const char* c = text; *c != '\0'; ++c) {
-        if (*c == '#' && next != std::end(numbers))
-            made += std::to_string(*next++);
-        else
+        const bool hexadecimal = *c == '@';
+        if ((hexadecimal || *c == '#') && next != std::end(numbers)) {
+            char digits[20];
+            const auto end =
+                std::to_chars(digits, std::end(digits), *next++, hexadecimal ? 16 : 10);
+            made += (hexadecimal ? "0x" : "") + std::string(digits, end.ptr);
+        } else if (*c == '~') {
+            made += next != numbers && next[-1] == 1 ? "" : "s";
+        } else {
             made += *c;
+        }
     }
     return made;
 }

@@ -51,7 +51,9 @@ const CheckInfo& info(Check check);
 
 // What a failure was, kept as numbers until somebody reads it.
 struct Detail {
-    const char* text = "";  // each # stands for the next of the numbers
+    // Each # stands for the next of the numbers, each @ for one that is written in hexadecimal, and
+    // ~ for the "s" of a word that goes with the number before it.
+    const char* text = "";
     int64_t numbers[3] = {};
 
     std::string toText() const;

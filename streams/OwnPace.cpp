@@ -11,23 +11,18 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kStretch = 100ms;    // as often as PCRs have to come at least
-constexpr auto kMeasureTime = 1s;   // holds large and small pictures in equal parts
-constexpr auto kTolerance = 40ms;   // no constant rate is that far off within a second
-constexpr auto kMostDrift = 100ms;  // nor that far later on, unless the drift is very slow:
-constexpr auto kDriftTime = 50s;    // then the rate was not measured well enough
-constexpr auto kPcrPatience = 1s;   // what follows the last PCR does not wait longer
-constexpr double kHeadroom = 1.25;  // above the fastest stretch
+constexpr uint64_t kStretch = kPcrHz / 10;  // as often as PCRs have to come at least
+constexpr auto kMeasureTime = 1s;           // holds large and small pictures in equal parts
+constexpr auto kTolerance = 40ms;           // no constant rate is that far off within a second
+constexpr auto kMostDrift = 100ms;          // nor that far later on, unless the drift is very slow:
+constexpr auto kDriftTime = 50s;            // then the rate was not measured well enough
+constexpr auto kPcrPatience = 1s;           // what follows the last PCR does not wait longer
+constexpr double kHeadroom = 1.25;          // above the fastest stretch
 constexpr size_t kRoomKept = size_t{512} * 1024;
 constexpr size_t kMostAhead = size_t{16} * 1024 * 1024;
 
 Time timeAt(uint64_t bytes, double bitrate_bps) {
     return Time(std::llround(static_cast<double>(bytes) * 8e9 / bitrate_bps));
-}
-
-double rateOf(const RateFollower::Point& begin, const RateFollower::Point& end) {
-    return static_cast<double>(end.bytes - begin.bytes) * 8e9 /
-           static_cast<double>((end.time - begin.time).count());
 }
 
 uint32_t whole(double bitrate_bps) {
@@ -39,12 +34,11 @@ uint32_t whole(double bitrate_bps) {
 OwnPace::OwnPace(size_t packetSize, std::optional<uint32_t> bitrate_bps, bool keepsRate)
     : packetSize_(packetSize),
       datagramBytes_(kPacketsPerDatagram * packetSize),
+      isGiven_(bitrate_bps.has_value()),
       keepsRate_(keepsRate),
       rate_bps_(bitrate_bps),
-      linear_(bitrate_bps.has_value()) {
-    if (!bitrate_bps)
-        follower_.emplace(packetSize, kStretch);
-}
+      linear_(isGiven_),
+      intervals_(packetSize) {}
 
 void OwnPace::push(std::span<const uint8_t> packets, Time arrival) {
     if (begin_ >= bytes_.size() / 2) {
@@ -59,34 +53,60 @@ void OwnPace::push(std::span<const uint8_t> packets, Time arrival) {
     arrival_ = arrival;
     if (!silentSince_)
         silentSince_ = arrival;
-    if (follower_) {
-        for (size_t at = 0; at < packets.size(); at += packetSize_) {
-            follower_->add(packets.data() + at);
-            note(follower_->point());
-        }
-        // No more is read when there is no room, so a fast stream has to be told by less.
-        const bool full = bytes_.size() - begin_ >= kMostAhead && !points_.empty();
-        if (!rate_bps_ && (full || follower_->point().time >= kMeasureTime))
-            measure();
-    }
+    for (size_t at = 0; at < packets.size() && !isGiven_; at += packetSize_)
+        follow(packets.data() + at);
+    // No more is read when there is no room, so a fast stream has to be told by less.
+    if (!rate_bps_ && !points_.empty() &&
+        (bytes_.size() - begin_ >= kMostAhead || last().time >= kMeasureTime))
+        measure();
     if (rate_bps_ && !origin_)
         origin_ = arrival;
 }
 
 void OwnPace::finish() {
     finished_ = true;
-    if (follower_) {
-        follower_->finish();
-        note(follower_->point());
-        if (!rate_bps_ && follower_->point().bytes > 0)
-            measure();
-    }
+    if (stretchTicks_ > 0)
+        endStretch(intervals_.bytes());
+    if (!rate_bps_ && !points_.empty())
+        measure();
     if (bytes_.size() > begin_)
         appendNullPackets(bytes_, packetSize_,
                           (kPacketsPerDatagram - pushed_ / packetSize_ % kPacketsPerDatagram) %
                               kPacketsPerDatagram);
     if (rate_bps_ && !origin_)
         origin_ = arrival_;
+}
+
+double OwnPace::rateOf(const Point& begin, const Point& end) {
+    return static_cast<double>(end.bytes - begin.bytes) * 8e9 /
+           static_cast<double>((end.time - begin.time).count());
+}
+
+void OwnPace::follow(const uint8_t* packet) {
+    const uint64_t position = intervals_.bytes();
+    const auto interval = intervals_.add(packet);
+    if (!interval)
+        return;
+    stretchTicks_ += interval->ticks;
+    stretchBytes_ += interval->bytes;
+    if (stretchTicks_ >= kStretch)
+        endStretch(position);
+}
+
+void OwnPace::endStretch(uint64_t bytes) {
+    stretch_bps_ = static_cast<double>(stretchBytes_ * 8) * double{kPcrHz} /
+                   static_cast<double>(stretchTicks_);
+    stretchTicks_ = stretchBytes_ = 0;
+    const Point end = points_.emplace_back(
+        Point{bytes, last().time + timeAt(bytes - last().bytes, stretch_bps_)});
+    silentSince_.reset();
+    if (linear_ && rate_bps_ && !isEven(end)) {
+        // What has been pulled left by the rate; what follows leaves by the clock.
+        linear_ = false;
+        varies_ = true;
+        *origin_ += timeAt(even_.bytes, *rate_bps_) - even_.time;
+    }
+    raise(stretch_bps_);
 }
 
 void OwnPace::measure() {
@@ -99,27 +119,14 @@ void OwnPace::measure() {
     });
     varies_ = !linear_;
     even_ = points_.back();
-    if (varies_) {
-        double most_bps = 0.0;
-        for (Point begin; const Point& end : points_)
-            most_bps = std::max(most_bps, rateOf(std::exchange(begin, end), end));
-        rate_bps_ = whole(most_bps * kHeadroom);
-    }
+    for (Point begin; const Point& end : points_)
+        raise(rateOf(std::exchange(begin, end), end));
 }
 
-void OwnPace::note(const Point& point) {
-    const Point& last = points_.empty() ? passed_ : points_.back();
-    if (point.bytes <= last.bytes)
-        return;
-    stretch_bps_ = rateOf(last, point);
-    points_.push_back(point);
-    silentSince_.reset();
-    if (linear_ && rate_bps_ && !isEven(point)) {
-        // What has been pulled left by the rate; what follows leaves by the clock.
-        linear_ = false;
-        varies_ = true;
-        *origin_ += timeAt(even_.bytes, *rate_bps_) - even_.time;
-    }
+// So that the ceiling is above that rate.
+void OwnPace::raise(double bitrate_bps) {
+    if (varies_)
+        rate_bps_ = std::max(*rate_bps_, whole(bitrate_bps * kHeadroom));
 }
 
 bool OwnPace::isEven(const Point& point) {
@@ -153,16 +160,12 @@ Time OwnPace::timeOf(uint64_t byte) const {
 
 // Up to where the times are known.
 Time OwnPace::coveredTo() const {
-    if (linear_ && !follower_)
+    if (isGiven_)
         return timeAt(pushed_, *rate_bps_);
-    const Point& last = points_.empty() ? passed_ : points_.back();
+    const bool silent = silentSince_ && arrival_ - *silentSince_ > kPcrPatience;
     if (linear_)  // as far as it is confirmed
-        return timeAt(
-            silentSince_ && arrival_ - *silentSince_ > kPcrPatience ? pushed_ : last.bytes,
-            *rate_bps_);
-    if (!silentSince_ || arrival_ - *silentSince_ <= kPcrPatience)
-        return last.time;
-    return last.time + timeAt(pushed_ - last.bytes, stretch_bps_);
+        return timeAt(silent ? pushed_ : last().bytes, *rate_bps_);
+    return last().time + (silent ? timeAt(pushed_ - last().bytes, stretch_bps_) : Time(0));
 }
 
 bool OwnPace::needsInput(Time until) const {

@@ -1,4 +1,4 @@
-// Sends a stream as it is, at a given rate or at the pace of its own clock.
+// Lets what is read from a file or a pipe leave as it is, at its own pace or at a given one.
 #ifndef STREAMS_OWNPACE_H
 #define STREAMS_OWNPACE_H
 
@@ -6,18 +6,22 @@
 #include <optional>
 #include <vector>
 
-#include "RateFollower.h"
 #include "Shaper.h"
+#include "TransportStream.h"
 
 namespace ts {
 
-// No byte is changed but for null packets behind the last one. Without a given rate, the stream is
-// timed by its PCRs, evenly within each stretch of a tenth of a second; the first second shows
-// the rate.
+// This is for input that waits until it is read, so that it can be fed ahead; a Pacer is for what
+// comes by itself. No byte is changed but for null packets behind the last one. Without a given
+// rate, the stream is timed by its PCRs, evenly within each stretch of a tenth of a second; the
+// first second shows the rate. What lies between the PCRs of two clocks (at a splice, or where they
+// pass from one PID to another) is taken to flow at the rate of the rest of its stretch, so no jump
+// of a clock makes a rate.
 //
 // Where the channel has to keep its rate, since a change would begin the sequence numbers of RTP
 // anew, a stream of constant rate is timed by that rate, which its PCRs confirm. One that turns out
-// to vary is timed by its PCRs from then on, and the rate is a ceiling.
+// to vary is timed by its PCRs from then on, and the rate is a ceiling, which rises when a stretch
+// comes that is faster than all before.
 class OwnPace : public Shaper {
   public:
     OwnPace(size_t packetSize, std::optional<uint32_t> bitrate_bps, bool keepsRate);
@@ -34,10 +38,18 @@ class OwnPace : public Shaper {
     bool varies() const { return varies_; }
 
   private:
-    using Point = RateFollower::Point;
+    // Where a stretch ends: bytes since the first packet, and the time they take.
+    struct Point {
+        uint64_t bytes = 0;
+        Time time{0};
+    };
+    static double rateOf(const Point& begin, const Point& end);
 
+    void follow(const uint8_t* packet);
+    void endStretch(uint64_t bytes);
+    const Point& last() const { return points_.empty() ? passed_ : points_.back(); }
     void measure();
-    void note(const Point& point);
+    void raise(double bitrate_bps);
     bool isEven(const Point& point);
     Time timeOf(uint64_t byte) const;
     Time coveredTo() const;
@@ -46,12 +58,16 @@ class OwnPace : public Shaper {
 
     const size_t packetSize_;
     const size_t datagramBytes_;
+    const bool isGiven_;  // whether the rate is
     const bool keepsRate_;
     std::optional<uint32_t> rate_bps_;
     bool linear_;  // by the rate alone
     bool varies_ = false;
     bool finished_ = false;
-    std::optional<RateFollower> follower_;
+
+    PcrIntervals intervals_;
+    uint64_t stretchTicks_ = 0;  // by the clocks, of the stretch that has not ended
+    uint64_t stretchBytes_ = 0;  // which took that time
 
     std::vector<uint8_t> bytes_;
     size_t begin_ = 0;     // of what has not been pulled

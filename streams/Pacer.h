@@ -1,4 +1,4 @@
-// Lets the packets of a stream leave as they are, at its own pace or at a given one.
+// Lets what comes by itself leave as it is, at its own pace or at a given one.
 #ifndef STREAMS_PACER_H
 #define STREAMS_PACER_H
 
@@ -11,8 +11,11 @@
 
 namespace ts {
 
-// Each datagram leaves at its first packet's own time. The pace may vary; the rate is that of the
-// last seconds, or the given one.
+// This is for the live input of a relay, and for what a relay plays in place of it, which has to
+// leave as if it were live; an OwnPace is for what is read ahead. Each datagram leaves at its first
+// packet's own time, as TimedPackets has it: after the input's latency, and by this machine's clock
+// however far the source's runs apart from it. The rate is that of the last seconds, or the given
+// one.
 class Pacer : public Shaper {
   public:
     struct Options {

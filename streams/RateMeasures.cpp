@@ -22,30 +22,23 @@ constexpr size_t kMostWithoutPcr = 65'536;  // packets, where no PCR comes
 
 }  // namespace
 
-std::optional<ConstantCheck::Step> ConstantCheck::next(const uint8_t* packet) {
-    const uint64_t position = position_++;
-    const auto pcr = readPcr(packet);
-    if (!pcr)
+// None as well where a clock begins, and a line with it.
+std::optional<PcrSteps::Step> ConstantCheck::next(const uint8_t* packet) {
+    const auto step = steps_.add(readPcr(packet));
+    if (!step)
         return std::nullopt;
-    const auto [found, isNew] = lines_.try_emplace(pcr->pid);
-    Line& line = found->second;
-    const auto step = isNew ? std::nullopt : pcrStep(line.lastPcr, *pcr);
-    if (!step) {
-        line = {pcr->ticks, position, 0, 0};
-        return std::nullopt;
-    }
-    const uint64_t packets = position - line.lastPosition;
-    line = {pcr->ticks, position, line.ticks + *step, line.packets + packets};
-    return Step{*step, packets, &line};
+    Line& line = lines_[step->pid];
+    line = step->ticks ? Line{line.ticks + *step->ticks, line.packets + step->packets} : Line{};
+    return step->ticks ? step : std::nullopt;
 }
 
 void ConstantCheck::add(const uint8_t* packet) {
     const auto step = next(packet);
     if (!step)
         return;
-    points_.push_back(*step->line);
-    if (step->line->ticks > longest_.ticks)
-        longest_ = *step->line;
+    const Line& line = points_.emplace_back(lines_[step->pid]);
+    if (line.ticks > longest_.ticks)
+        longest_ = line;
 }
 
 // Whether that many packets take that time at the rate of the longest line.
@@ -70,7 +63,7 @@ std::optional<double> ConstantCheck::settle(size_t packetSize) {
 
 bool ConstantCheck::keeps(const uint8_t* packet) {
     const auto step = next(packet);
-    return !step || fits(step->ticks, step->packets);
+    return !step || fits(*step->ticks, step->packets);
 }
 
 void LeastRate::add(Ticks time) {

@@ -28,20 +28,13 @@ class ConstantCheck {
 
   private:
     struct Line {
-        uint64_t lastPcr = 0;
-        uint64_t lastPosition = 0;
         uint64_t ticks = 0;  // since the clock began
         uint64_t packets = 0;
     };
-    struct Step {
-        uint64_t ticks;
-        uint64_t packets;
-        const Line* line;
-    };
-    std::optional<Step> next(const uint8_t* packet);
+    std::optional<PcrSteps::Step> next(const uint8_t* packet);
     bool fits(uint64_t ticks, uint64_t packets) const;
 
-    uint64_t position_ = 0;
+    PcrSteps steps_;
     std::map<uint16_t, Line> lines_;
     std::vector<Line> points_;
     Line longest_;

@@ -86,12 +86,18 @@ void Reorderer::push(std::span<const uint8_t> datagram, Time arrival, size_t pat
         begins_ = true;
     }
     const int64_t number = SequenceBuffer::numberOf(rtp->sequence, next_);
-    if (rtp->ssrc != current_.ssrc())
+    if (rtp->ssrc != current_.ssrc() || continuesOther(*rtp))
         pushStray(*rtp, arrival, path, sink);
     else if (number < next_)
         pushOld(number, *rtp, arrival, path, sink);
     else
         pushNew(number, *rtp, arrival, path, sink);
+}
+
+// A sender that was restarted comes to the numbers at which the stream has ended.
+bool Reorderer::continuesOther(const RtpDatagram& datagram) const {
+    return evidence_ >= 2 && datagram.ssrc == other_.ssrc() &&
+           datagram.sequence == static_cast<uint16_t>(other_.highest() + 1);
 }
 
 void Reorderer::pushRaw(std::span<const uint8_t> datagram, Time arrival, size_t path,

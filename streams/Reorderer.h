@@ -108,6 +108,7 @@ class Reorderer {
 
     Time silence() const;
     void begin(int64_t number, Time arrival);
+    bool continuesOther(const RtpDatagram& datagram) const;
     void pushRaw(std::span<const uint8_t> datagram, Time arrival, size_t path, const Sink& sink);
     void pushNew(int64_t number, const RtpDatagram& datagram, Time arrival, size_t path,
                  const Sink& sink);

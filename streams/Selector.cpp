@@ -15,13 +15,14 @@ constexpr Time kBeginning = std::chrono::seconds(1);
 
 Selector::Selector(size_t inputs, const Options& options) : options_(options), inputs_(inputs) {}
 
-void Selector::note(size_t input, Health health, Time now) {
+void Selector::note(size_t input, Health health, Time heard) {
     Input& noted = inputs_[input];
     if (noted.health == Health::kNone)
-        noted.signalSince = now;
+        noted.signalSince = heard;
     if (noted.health != Health::kWell)
-        noted.wellSince = now;
+        noted.wellSince = heard;
     noted.health = health;
+    noted.heard = heard;
 }
 
 int Selector::rank(size_t input) const {
@@ -43,9 +44,9 @@ std::optional<size_t> Selector::best() const {
 }
 
 // The first one that has been well for so long, in front of `end`.
-std::optional<size_t> Selector::wellFor(size_t end, Time time, Time now) const {
+std::optional<size_t> Selector::wellFor(size_t end, Time time) const {
     for (size_t i = 0; i < end; ++i)
-        if (rank(i) == 3 && now - inputs_[i].wellSince >= time)
+        if (rank(i) == 3 && inputs_[i].heard - inputs_[i].wellSince >= time)
             return i;
     return std::nullopt;
 }
@@ -74,15 +75,15 @@ std::optional<Selector::Choice> Selector::choose(Time now) {
     if (isLastResort(current)) {
         const Time calm = std::min(options_.returnAfter.value_or(kSteady), kSteady);
         const auto other = best();
-        if (other != current && now - inputs_[*other].signalSince >= calm)
+        if (other != current && inputs_[*other].heard - inputs_[*other].signalSince >= calm)
             return use(*other, Reason::kReturn);
         return std::nullopt;
     }
     if (rank(current) == 2)
-        if (const auto other = wellFor(inputs_.size(), kSteady, now))
+        if (const auto other = wellFor(inputs_.size(), kSteady))
             return use(*other, Reason::kIll);
     if (options_.returnAfter)
-        if (const auto preferred = wellFor(current, *options_.returnAfter, now))
+        if (const auto preferred = wellFor(current, *options_.returnAfter))
             return use(*preferred, Reason::kReturn);
     return std::nullopt;
 }

@@ -33,8 +33,9 @@ class Selector {
 
     Selector(size_t inputs, const Options& options);
 
-    // To be called for each input, and then choose(), at least every 100 ms.
-    void note(size_t input, Health health, Time now);
+    // To be called for each input, and then choose(), at least every 100 ms. `heard` is when its
+    // last packets came: silence takes a while to show, and must not count as calm.
+    void note(size_t input, Health health, Time heard);
     // None: nothing changes.
     std::optional<Choice> choose(Time now);
 
@@ -43,6 +44,7 @@ class Selector {
   private:
     struct Input {
         Health health = Health::kNone;
+        Time heard{};
         Time signalSince{};  // holds while there is a signal
         Time wellSince{};    // holds while it is well
     };
@@ -51,7 +53,7 @@ class Selector {
         return options_.lastResort && input + 1 == inputs_.size();
     }
     std::optional<size_t> best() const;
-    std::optional<size_t> wellFor(size_t end, Time time, Time now) const;
+    std::optional<size_t> wellFor(size_t end, Time time) const;
     std::optional<Choice> begin(Time now);
     Choice use(size_t input, Reason reason);
 

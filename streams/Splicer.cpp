@@ -8,10 +8,28 @@
 
 namespace ts {
 
+namespace {
+
+// They come ten times a second at least; what has none by then has no clock in this stream.
+constexpr uint64_t kPcrsAreDue = kPcrHz;
+
+}  // namespace
+
 void Splicer::cut() {
     before_ |= come_;
     come_.reset();
     clocked_.reset();
+    firstClock_.reset();
+}
+
+void Splicer::noteClock(const Pcr& pcr) {
+    clocks_.set(pcr.pid);
+    clocked_.set(pcr.pid);
+    if (!firstClock_)
+        firstClock_ = pcr;
+    const uint64_t passed = (pcr.ticks + kPcrModulus - firstClock_->ticks) % kPcrModulus;
+    if (pcr.pid == firstClock_->pid && passed > kPcrsAreDue)
+        clocks_ &= clocked_;
 }
 
 // Whether the packet is to announce something; `needsPacket`: another one has to do so for it.
@@ -23,10 +41,8 @@ bool Splicer::isAnnounced(const uint8_t* packet, bool& needsPacket) {
     const bool isFirst = !come_[pid];
     const bool awaitsClock = clocks_[pid] && !clocked_[pid];
     come_.set(pid);
-    if (readPcr(packet)) {
-        clocks_.set(pid);
-        clocked_.set(pid);
-    }
+    if (const auto pcr = readPcr(packet))
+        noteClock(*pcr);
     needsPacket = isFirst && !hasAdaptationFlags(packet);
     return before_[pid] && (isFirst || (awaitsClock && hasAdaptationFlags(packet)));
 }

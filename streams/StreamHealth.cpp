@@ -11,6 +11,8 @@ using namespace std::chrono_literals;
 
 constexpr int kParts = 10;
 constexpr Time kHealthLook = 100ms;
+// In a longer one, nothing is missing but the stream.
+constexpr Time kPause = 200ms;
 // What is missing is told again every five seconds at least.
 constexpr Time kClearAfter = 6s;
 constexpr Check kLasting[] = {Check::kPat, Check::kPmt, Check::kPid};
@@ -26,22 +28,21 @@ StreamHealth::StreamHealth(Time patience)
 }
 
 void StreamHealth::push(std::span<const uint8_t> bytes, Time arrival) {
-    tick(arrival);
+    if (arrival - arrival_ >= kPause)
+        transport_.pause();
     const uint64_t wrong = analyzer_.splitter().syncByteErrors();
     analyzer_.feed(bytes, arrival);
     if (analyzer_.splitter().syncByteErrors() != wrong)
         transport_.checkSync(arrival);
-    if (std::exchange(packets_, analyzer_.splitter().packets()) == packets_)
-        return;
-    arrival_ = arrival;
-    state_ = judge(arrival);
+    const uint64_t packets = analyzer_.splitter().packets();
+    if (std::exchange(packets_, packets) != packets)
+        arrival_ = arrival;
 }
 
 void StreamHealth::tick(Time now) {
     if (now - looked_ >= kHealthLook) {
         looked_ = now;
-        // In a pause, nothing is missing but the stream.
-        if (now - arrival_ < 2 * kHealthLook)
+        if (now - arrival_ < kPause)
             transport_.tick(now);
         alarms_.tick(now);
     }

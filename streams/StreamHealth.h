@@ -18,7 +18,8 @@ enum class Health : uint8_t { kNone, kIll, kWell };
 // receiver needs by the first priority of ETSI TR 101 290 (the PAT, a PMT, a PID of video, audio or
 // PCRs), or where packets keep missing or come damaged: in three out of ten parts of time, each a
 // third of the patience. So a fault that lasts shows as soon as silence does, and a single one does
-// not count. A stream that never had a PAT is judged by its packets alone.
+// not count. A stream that never had a PAT is judged by its packets alone, and so is one that comes
+// in bursts more than 200 ms apart: when its tables are due does not show.
 //
 // One thread uses an object.
 class StreamHealth {
@@ -27,13 +28,14 @@ class StreamHealth {
     StreamHealth(const StreamHealth&) = delete;
     StreamHealth& operator=(const StreamHealth&) = delete;
 
-    // What has come, be it packets or not, cut anywhere.
+    // What has come, be it packets or not, cut anywhere. It counts with the next tick.
     void push(std::span<const uint8_t> bytes, Time arrival);
-    // At least every 100 ms: what is missing shows by time alone.
+    // At least every 100 ms, since what is missing shows by time alone.
     void tick(Time now);
 
     Health state() const { return state_; }
-    Check fault() const { return fault_; }  // why it was not well last
+    Check fault() const { return fault_; }   // why it was not well last
+    Time heard() const { return arrival_; }  // when the last packets came
 
   private:
     static constexpr size_t kFaultyParts = 3;

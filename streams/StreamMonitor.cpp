@@ -95,12 +95,12 @@ void StreamMonitor::compareCounts(Time now) {
             alarms_.fail(check, now, {text, {static_cast<int64_t>(more)}}, more);
         }
     };
-    compare(Check::kRtpLoss, seen_.rtp.everLost, counts.rtp.everLost, "# datagrams lost");
+    compare(Check::kRtpLoss, seen_.rtp.everLost, counts.rtp.everLost, "# datagram~ lost");
     compare(Check::kSecondSender, seen_.alternations, counts.alternations,
-            "senders took turns # times");
+            "senders took turns # time~");
     compare(Check::kDatagramSize, seen_.oddDatagrams, counts.oddDatagrams,
-            "# datagrams not of whole packets");
-    compare(Check::kSocketDrops, seen_.socketDrops, counts.socketDrops, "# datagrams dropped");
+            "# datagram~ not made of whole packets");
+    compare(Check::kSocketDrops, seen_.socketDrops, counts.socketDrops, "# datagram~ dropped");
     // RTP tells the network's loss from that of the stream itself.
     const uint64_t missing = analyzer_.missingPackets();
     const uint64_t lost = counts.rtp.everLost - seen_.rtp.everLost;
@@ -128,7 +128,7 @@ void StreamMonitor::endSecond(Time now) {
         alarms_.fail(Check::kDelayFactor, now, {"# ms", {std::llround(*delivery.delayFactor_ms)}});
     if (delivery.lossRate > limits_.lossRate)
         alarms_.fail(Check::kMediaLoss, now,
-                     {"# packets in a second", {std::llround(delivery.lossRate)}});
+                     {"# packet~ in a second", {std::llround(delivery.lossRate)}});
     const uint64_t packets = analyzer_.splitter().packets() - second_.packets;
     const double seconds = std::chrono::duration<double>(now - second_.begun).count();
     bitrate_bps_.reset();

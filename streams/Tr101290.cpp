@@ -142,7 +142,7 @@ void Tr101290::onPacket(const PacketFacts& packet) {
         cut();
         if (packet.continuity == Continuity::kJump)
             alarms_.fail(Check::kContinuity, packet.arrival,
-                         {"PID #: counter # behind #", {packet.pid, counter, pid.counter}});
+                         {"PID #: counter # after #", {packet.pid, counter, pid.counter}});
     }
     pid.counter = counter;
     pid.seen = packet.arrival;
@@ -204,7 +204,7 @@ void Tr101290::checkPcr(Pid& pid, const PacketFacts& packet) {
             const auto step = static_cast<int64_t>(ticks) -
                               static_cast<int64_t>(ticks > kPcrModulus / 2 ? kPcrModulus : 0);
             alarms_.fail(Check::kPcrDiscontinuity, packet.arrival,
-                         {"PID #: a step of # ms",
+                         {"PID #: the PCR steps by # ms",
                           {pid.pid, step / static_cast<int64_t>(kTicksPerMillisecond)}});
         }
     }
@@ -224,11 +224,11 @@ void Tr101290::onSection(uint16_t pid, std::span<const uint8_t> section, bool in
         begin(arrival);
     const uint8_t table = psi_get_tableid(section.data());
     if (!intact)
-        alarms_.fail(Check::kCrc, arrival, {"PID #, table #", {pid, table}});
+        alarms_.fail(Check::kCrc, arrival, {"PID #, table @", {pid, table}});
     if (pid == PAT_PID && table != PAT_TABLE_ID)
-        alarms_.fail(Check::kPat, arrival, {"table # on PID 0", {table}});
+        alarms_.fail(Check::kPat, arrival, {"table @ on PID 0", {table}});
     if (pid == CAT_PID && table != CAT_TABLE_ID)
-        alarms_.fail(Check::kCat, arrival, {"table # on PID 1", {table}});
+        alarms_.fail(Check::kCat, arrival, {"table @ on PID 1", {table}});
     if (!intact)
         return;
     if (pid == PAT_PID && table == PAT_TABLE_ID) {
@@ -280,7 +280,7 @@ void Tr101290::checkTable(uint16_t pid, std::span<const uint8_t> section, Time a
     const Time since = found.sections.since;
     if (found.seen && found.sections.isLate(arrival, limitOf(table) + limits_.tolerance))
         alarms_.fail(Check::kSiRepetition, arrival,
-                     {"table #: missing for # ms", {id, milliseconds(arrival - since)}});
+                     {"table @: missing for # ms", {id, milliseconds(arrival - since)}});
     found = {true, {arrival}};
     checkGap(section, id == TDT_TABLE_ID ? 0 : psi_get_tableidext(section.data()), arrival);
 }
@@ -300,14 +300,14 @@ void Tr101290::checkGap(std::span<const uint8_t> section, uint16_t extension, Ti
     const Time gap(static_cast<int64_t>(bits * 1e9 / static_cast<double>(*rate_bps)));
     if (gap < limits_.sectionGap)
         alarms_.fail(Check::kSiRepetition, arrival,
-                     {"table #: again after # ms", {id, milliseconds(gap)}});
+                     {"table @: again after # ms", {id, milliseconds(gap)}});
 }
 
 void Tr101290::checkSync(Time now) {
     const PacketSplitter& splitter = stream_.splitter();
     if (const uint64_t more = splitter.syncByteErrors() - syncByteErrors_) {
         syncByteErrors_ += more;
-        alarms_.fail(Check::kSyncByte, now, {"# wrong", {static_cast<int64_t>(more)}}, more);
+        alarms_.fail(Check::kSyncByte, now, {"# wrong byte~", {static_cast<int64_t>(more)}}, more);
     }
     if (const uint64_t more = splitter.syncLosses() - syncLosses_) {
         syncLosses_ += more;
@@ -348,7 +348,7 @@ void Tr101290::tick(Time now) {
         if ((table.seen || limits_.tablesRequired) && limitOf(i) != Time(0) &&
             table.sections.isLate(now, limitOf(i) + limits_.tolerance))
             alarms_.fail(Check::kSiRepetition, now,
-                         {"table #: missing for # ms", {kIds[i], milliseconds(now - since)}});
+                         {"table @: missing for # ms", {kIds[i], milliseconds(now - since)}});
     }
     for (Pid& pid : pids_)
         lookForMissing(pid, now);
@@ -377,7 +377,7 @@ void Tr101290::lookForMissing(Pid& pid, Time now) {
         if (!complete_ || now - pid.seen > kSecondOf)
             pid.contents.since = std::max(since, now);
         else if (pid.seen - since > limits_.unreferenced && pid.contents.isLate(now, Time(0)))
-            failAt(Check::kUnreferencedPid, now, "PID # stands in no table", pid.pid, Time(0));
+            failAt(Check::kUnreferencedPid, now, "PID #", pid.pid, Time(0));
     }
 }
 

@@ -126,20 +126,23 @@ std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next) {
     return step;
 }
 
-std::optional<PcrIntervals::Interval> PcrIntervals::add(const uint8_t* packet) {
-    const uint64_t position = position_;
-    position_ += packetSize_;
-    const auto pcr = readPcr(packet);
+std::optional<PcrSteps::Step> PcrSteps::add(const std::optional<Pcr>& pcr) {
+    const uint64_t position = packets_++;
     if (!pcr)
         return std::nullopt;
-    const auto [found, isNew] = clocks_.try_emplace(pcr->pid);
+    const auto [found, isNew] = clocks_.try_emplace(pcr->pid, Clock{pcr->ticks, position});
     const Clock from = std::exchange(found->second, {pcr->ticks, position});
+    return Step{pcr->pid, from.lastPosition, position - from.lastPosition,
+                isNew ? std::nullopt : pcrStep(from.lastPcr, *pcr)};
+}
+
+std::optional<PcrIntervals::Interval> PcrIntervals::add(const uint8_t* packet) {
+    const auto step = steps_.add(readPcr(packet));
     // A clock that stands still measures nothing.
-    const uint64_t ticks = isNew ? 0 : pcrStep(from.lastPcr, *pcr).value_or(0);
-    if (ticks == 0 || from.lastPosition < followedTo_)
+    if (!step || step->ticks.value_or(0) == 0 || step->begin < followedTo_)
         return std::nullopt;
-    const uint64_t gapBytes = from.lastPosition - std::exchange(followedTo_, position);
-    return Interval{gapBytes, position - from.lastPosition, ticks};
+    const uint64_t gap = step->begin - std::exchange(followedTo_, step->begin + step->packets);
+    return Interval{gap * packetSize_, step->packets * packetSize_, *step->ticks};
 }
 
 std::chrono::nanoseconds StreamTime::add(const uint8_t* packet) {
@@ -158,19 +161,12 @@ std::chrono::nanoseconds StreamTime::add(const uint8_t* packet) {
 }
 
 void PcrBitrate::add(const std::optional<Pcr>& pcr) {
-    const uint64_t position = position_;
-    position_ += packetSize_;
-    if (!pcr)
+    const auto step = steps_.add(pcr);
+    if (!step || !step->ticks)
         return;
-    const auto [found, isNew] = clocks_.try_emplace(pcr->pid);
-    Clock& clock = found->second;
-    const auto step = isNew ? std::nullopt : pcrStep(clock.lastPcr, *pcr);
-    if (step) {
-        clock.ticks += *step;
-        clock.bytes += position - clock.lastPosition;
-    }
-    clock.lastPcr = pcr->ticks;
-    clock.lastPosition = position;
+    Clock& clock = clocks_[step->pid];
+    clock.ticks += *step->ticks;
+    clock.packets += step->packets;
 }
 
 const PcrBitrate::Clock* PcrBitrate::longest() const {
@@ -186,7 +182,7 @@ std::optional<uint64_t> PcrBitrate::bitrate() const {
     const Clock* const clock = longest();
     if (clock == nullptr)
         return std::nullopt;
-    const double bits = static_cast<double>(clock->bytes) * 8.0;
+    const double bits = static_cast<double>(clock->packets * packetSize_) * 8.0;
     return static_cast<uint64_t>(
         std::llround(bits * static_cast<double>(kPcrHz) / static_cast<double>(clock->ticks)));
 }

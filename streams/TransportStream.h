@@ -64,6 +64,30 @@ void writePcr(uint8_t* packet, uint64_t ticks, bool announced);
 // a PCR that wraps is none.
 std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next);
 
+// Goes from PCR to PCR of each PID.
+class PcrSteps {
+  public:
+    struct Step {
+        uint16_t pid;
+        uint64_t begin;                 // packets in front of the earlier PCR
+        uint64_t packets;               // from there to this one
+        std::optional<uint64_t> ticks;  // none: a clock begins here
+    };
+    // Packets are added in order, each of them, or the PCR of each, where it is known already.
+    // Tells the step that ends with this packet.
+    std::optional<Step> add(const std::optional<Pcr>& pcr);
+
+    uint64_t packets() const { return packets_; }  // that were added
+
+  private:
+    struct Clock {
+        uint64_t lastPcr;
+        uint64_t lastPosition;
+    };
+    uint64_t packets_ = 0;
+    std::unordered_map<uint16_t, Clock> clocks_;
+};
+
 // Goes from PCR to PCR. Of several PIDs with PCRs the one is followed that is, until it falls
 // silent.
 class PcrIntervals {
@@ -78,17 +102,12 @@ class PcrIntervals {
     // Packets are added in order, each of them. Tells the interval that ends with this packet.
     std::optional<Interval> add(const uint8_t* packet);
 
-    uint64_t bytes() const { return position_; }  // of all packets added
+    uint64_t bytes() const { return steps_.packets() * packetSize_; }  // of all packets added
 
   private:
-    struct Clock {
-        uint64_t lastPcr;
-        uint64_t lastPosition;
-    };
     size_t packetSize_;
-    uint64_t position_ = 0;
-    uint64_t followedTo_ = 0;
-    std::unordered_map<uint16_t, Clock> clocks_;
+    PcrSteps steps_;
+    uint64_t followedTo_ = 0;  // packets
 };
 
 // The time that passes in a stream by its own clock, or at the given bitrate while it has none.
@@ -127,15 +146,13 @@ class PcrBitrate {
 
   private:
     struct Clock {
-        uint64_t lastPcr = 0;
-        uint64_t lastPosition = 0;
         uint64_t ticks = 0;
-        uint64_t bytes = 0;
+        uint64_t packets = 0;
     };
     const Clock* longest() const;
 
     size_t packetSize_;
-    uint64_t position_ = 0;
+    PcrSteps steps_;
     std::unordered_map<uint16_t, Clock> clocks_;
 };
 
@@ -173,8 +190,7 @@ class PacketSplitter {
 
     void feed(std::span<const uint8_t> bytes, const Sink& sink);
 
-    size_t packetSize() const { return packetSize_; }        // 0 = not found (any more)
-    size_t pendingBytes() const { return pending_.size(); }  // of which no packet was made yet
+    size_t packetSize() const { return packetSize_; }  // 0 = not found (any more)
     uint64_t packets() const { return packets_; }
     uint64_t syncLosses() const { return syncLosses_; }
     uint64_t syncByteErrors() const { return syncByteErrors_; }

@@ -42,6 +42,14 @@ class ModuleTest : public testing::Test {
             stream[i] = static_cast<uint8_t>(i % packetSize == 0 ? 0x47 : (i + i / 64) % 71);
         return stream;
     }
+    QXV_RTP_Statistics Statistics(uint32_t direction, uint32_t channel) {
+        QXV_RTP_Statistics now;
+        memset(&now, 0xEE, sizeof(now));
+        now.Size = sizeof(now);
+        EXPECT_EQ(QXV_RTP_GetStatistics(Handle, direction, channel, &now), 1u);
+        EXPECT_EQ(now.Size, 64u);
+        return now;
+    }
     static void AwaitSocket(uint32_t direction, uint32_t channel) {
         EXPECT_TRUE(Until([=] { return Record(direction, channel).Reopen == 0; }));
     }

@@ -6,12 +6,9 @@
 #include <bitstream/mpeg/ts.h>
 
 #include <optional>
-#include <span>
 #include <string>
 
-inline std::span<const uint8_t> BytesOf(const std::string& text) {
-    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
-}
+#include "RtpSupport.h"
 
 struct PacketFields {
     uint16_t pid = 0x100;
@@ -48,7 +45,8 @@ inline std::string Packet(const PacketFields& fields, size_t size = 188) {
 inline std::string Packets(const std::string& pid, const std::string& table,
                            const std::string& body, size_t counter = 0) {
     using namespace std::string_literals;
-    std::string section = table + "\x80\0"s + body + "CRC_", packets;
+    // Of those with a CRC, only the TOT has the short header.
+    std::string section = table + (table == "\x73" ? "\0\0"s : "\x80\0"s) + body + "CRC_", packets;
     auto* const data = reinterpret_cast<uint8_t*>(section.data());
     psi_set_length(data, static_cast<uint16_t>(body.size() + PSI_CRC_SIZE));
     psi_set_crc(data);

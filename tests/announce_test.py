@@ -7,8 +7,7 @@ from tool_test import SAMPLE, SAMPLE_PATH, ToolTest, is_bound, read, write
 
 class Announce(ToolTest):
     def listen(self, group):
-        listener = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.addCleanup(listener.close)
+        listener = self.udp()
         listener.bind((group, 9875))
         listener.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
                             socket.inet_aton(group) + socket.inet_aton("127.0.0.1"))

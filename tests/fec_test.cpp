@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "FecDecoder.h"
-#include "FecSupport.h"
 #include "Reorderer.h"
 #include "StreamSupport.h"
 

@@ -84,6 +84,34 @@ class Impairer(threading.Thread):
         self.join()
 
 
+class Disorder(threading.Thread):
+    """Passes on what comes to a port: `order` says, for each datagram, how many copies leave, and behind how many
+    of the next ones."""
+
+    def __init__(self, port, to, order):
+        super().__init__(daemon=True)
+        self.port, self.to, self.order = port, to, order
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.setsockopt(socket.SOL_SOCKET, 33, 8 << 20)  # SO_RCVBUFFORCE
+        self.socket.bind(("127.0.0.1", port))
+        self.start()
+
+    def run(self):
+        held, number = [], 0
+        while data := self.socket.recv(2048):
+            copies, behind = self.order(number)
+            held += [(number + behind, data)] * copies
+            held.sort(key=lambda entry: entry[0])
+            while held and held[0][0] <= number:
+                self.socket.sendto(held.pop(0)[1], ("127.0.0.1", self.to))
+            number += 1
+
+    def end(self):
+        self.socket.sendto(b"", ("127.0.0.1", self.port))
+        self.join()
+        self.socket.close()
+
+
 if __name__ == "__main__":
     impairer = Impairer(*sys.argv[1:3], **{name: float(value) for name, value in (a.split("=") for a in sys.argv[3:])})
     try:

@@ -1,28 +1,20 @@
 #!/usr/bin/env python3
 """internet_test.py TOOL SAMPLE PROTOCOL: the recipes of docs/internet.md, as they stand there, over a network that
 loses datagrams. Exits 77 where the protocol's programs are not installed."""
-import os, pathlib, re, shutil, signal, subprocess, sys, tempfile, time, unittest
+import os, pathlib, re, shutil, signal, subprocess, sys, unittest
 
 from impairer import Impairer
+from tool_test import NULL_PACKET, SAMPLE, TOOL, ToolTest, is_bound
 
-TOOL, SAMPLE = os.path.abspath(sys.argv[1]), pathlib.Path(sys.argv[2]).read_bytes()
 PROTOCOL = sys.argv[3]
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 RECIPES = dict(re.findall(r"^```sh (\S+)\n(.*?)^```", (ROOT / "docs/internet.md").read_text(), re.M | re.S))
-NULL_PACKET = b"\x47\x1f\xff\x10" + b"\xff" * 184
 PROGRAMS = {"srt": ["srt-live-transmit"], "rist": ["ristsender", "ristreceiver"]}[PROTOCOL]
 
 
-def is_bound(port):
-    tables = pathlib.Path("/proc/net/udp").read_text() + pathlib.Path("/proc/net/udp6").read_text()
-    return any(line.split()[1].endswith(f":{port:04X}") for line in tables.splitlines() if ":" in line.split()[1])
-
-
-class Internet(unittest.TestCase):
+class Internet(ToolTest):
     def setUp(self):
-        folder = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, folder)
-        os.chdir(folder)
+        super().setUp()
         os.symlink(TOOL, "qxvrtp")
 
     def start(self, line, **options):  # each with a table of its own, and all that it starts
@@ -40,12 +32,6 @@ class Internet(unittest.TestCase):
             os.killpg(process.pid, signal.SIGKILL)
         process.wait()
 
-    def await_(self, condition, seconds=30):
-        end = time.monotonic() + seconds
-        while not condition():
-            self.assertLess(time.monotonic(), end, "it takes too long")
-            time.sleep(0.05)
-
     def run_recipe(self, name):
         recording = pathlib.Path("recording")
         recording.unlink(missing_ok=True)
@@ -60,7 +46,7 @@ class Internet(unittest.TestCase):
                 self.await_(lambda: is_bound(9000))
         self.await_(lambda: impairer.seen > 4)  # they have found each other
         # What is in front and behind may be lost: the beginning before all is ready, the end in buffers.
-        pathlib.Path("input").write_bytes(NULL_PACKET * 2000 + SAMPLE * 2)
+        pathlib.Path("input").write_bytes(NULL_PACKET.ljust(188, b"\xff") * 2000 + SAMPLE * 2)
         self.start("exec qxvrtp send input udp://239.1.1.1:5000 -b 2M")
         self.await_(lambda: recording.exists() and SAMPLE in recording.read_bytes())
         self.assertGreater(impairer.lost, 5)

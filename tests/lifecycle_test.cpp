@@ -194,9 +194,7 @@ TEST_F(LifecycleTest, AnEndWaitsForTheSocketThatIsBeingMade) {
     ASSERT_TRUE(Until([] { return Fake()->Waiting != 0; }));
     auto end = std::async(std::launch::async, [&] { return End(kReceive); });
     EXPECT_EQ(end.wait_for(50ms), std::future_status::timeout);
-    QXV_RTP_Statistics now{};
-    now.Size = sizeof(now);
-    EXPECT_EQ(QXV_RTP_GetStatistics(Handle, kReceive, kChannel, &now), 1u);
+    const auto now = Statistics(kReceive, kChannel);
     EXPECT_TRUE(now.Started == 1 && now.Cancelled == 1 && now.SocketOpen == 0);
     Fake()->HoldCreates = false;
     EXPECT_EQ(end.get(), 1u);
@@ -222,9 +220,7 @@ TEST_F(LifecycleTest, AnEndWaitsForTheCallbackBeforeItFrees) {
     auto end = std::async(std::launch::async, [&] { return End(kReceive); });
     EXPECT_EQ(end.wait_for(50ms), std::future_status::timeout);
     // Now all locks of the channel are held, and its statistics are had all the same.
-    QXV_RTP_Statistics now{};
-    now.Size = sizeof(now);
-    EXPECT_EQ(QXV_RTP_GetStatistics(Handle, kReceive, kChannel, &now), 1u);
+    Statistics(kReceive, kChannel);
     EXPECT_FALSE(freed);
     mayReturn = true;
     callback.join();

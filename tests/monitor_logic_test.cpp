@@ -89,14 +89,7 @@ struct Scenario {
 };
 
 std::string Rtp(uint16_t sequence, Time time) {
-    std::string header = "\x80\x21"s + std::string(10, '\0');
-    auto* const data = reinterpret_cast<uint8_t*>(header.data());
-    const auto stamp = static_cast<uint32_t>(time.count() / 1000 * 9 / 100);
-    for (int i = 0; i < 4; ++i)
-        data[4 + i] = static_cast<uint8_t>(stamp >> (24 - 8 * i));
-    data[2] = static_cast<uint8_t>(sequence >> 8);
-    data[3] = static_cast<uint8_t>(sequence);
-    return header;
+    return RtpHeader(sequence, static_cast<uint32_t>(time.count() / 1000 * 9 / 100), 0);
 }
 
 void Play(const Scenario& scenario, ts::StreamMonitor& monitor) {
@@ -133,7 +126,16 @@ void Play(const Scenario& scenario, ts::StreamMonitor& monitor) {
 constexpr uint64_t kSome = UINT64_MAX;  // any number but 0
 using Verdicts = std::map<Check, uint64_t>;
 
-Verdicts Judge(const Scenario& scenario, Verdicts expected = {}) {
+std::string Names(const Verdicts& verdicts) {
+    std::string names;
+    for (const auto& [check, count] : verdicts)
+        names.append(info(check).name)
+            .append(count == kSome ? " some; " : " " + std::to_string(count) + "; ");
+    return names;
+}
+
+// That the monitor finds just these.
+void Judge(const char* what, const Scenario& scenario, Verdicts expected = {}) {
     const auto monitor = std::make_unique<ts::StreamMonitor>(scenario.limits);
     Play(scenario, *monitor);
     const ts::MonitorReport report = monitor->report();
@@ -144,17 +146,7 @@ Verdicts Judge(const Scenario& scenario, Verdicts expected = {}) {
         if (count > 0)
             found[check] = expected.contains(check) && expected[check] == kSome ? kSome : count;
     }
-    return found;
-}
-
-std::string Names(const Verdicts& verdicts) {
-    std::string names;
-    for (const auto& [check, count] : verdicts)
-        names.append(info(check).name)
-            .append(" ")
-            .append(count == kSome ? "some" : std::to_string(count))
-            .append("; ");
-    return names;
+    EXPECT_EQ(Names(found), Names(expected)) << what;
 }
 
 uint16_t PidOf(const std::string& packet) {
@@ -212,6 +204,18 @@ TEST(MonitorLogic, FindsEachFaultOfAStreamAndNoOther) {
         packet = Packets("\0\0"s, "\x80", "\0\1\xC1\0\0\0\5\xE1\0"s,
                          static_cast<size_t>(packet[3] & 0xF));
     };
+    // In place of a packet of the PID.
+    const auto table = [](const char* id, const std::string& body, bool damaged) {
+        return [=](std::string& packet) {
+            const bool null = PidOf(packet) == 0x1FFF;
+            packet = Packets(null ? "\0\1"s : packet.substr(1, 2), id, body,
+                             static_cast<size_t>(packet[3] & 0xF));
+            if (damaged)
+                Flip(packet);
+        };
+    };
+    const std::string catBody = "\xFF\xFF\xC1\0\0"s, bat = "\0\5\xC1\0\0\xF0\0\xF0\0"s,
+                      tot = "\xC0\x79\x12\x45\0\xF0\0"s;
     const auto scrambledWith = [](bool cat) {
         return [=, count = size_t{0}](Time time, std::string& packet) mutable {
             if (cat && time % 1s == 31ms)
@@ -254,6 +258,12 @@ TEST(MonitorLogic, FindsEachFaultOfAStreamAndNoOther) {
         {"2.2: NIT", Once(5s, 0x10, Flip), {{Check::kCrc, 1}}},
         {"2.2: SDT", Once(5s, 0x11, Flip), {{Check::kCrc, 1}}},
         {"2.2: EIT", Once(5s, 0x12, Flip), {{Check::kCrc, 1}}},
+        {"2.2: CAT", Once(5s, 0x1FFF, table("\1", catBody, true)), {{Check::kCrc, 1}}},
+        {"2.2: BAT", Once(5s, 0x11, table("\x4A", bat, true)), {{Check::kCrc, 1}}},
+        {"2.2: TOT", Once(0s, 0x14, table("\x73", tot, true)), {{Check::kCrc, 1}}},
+        {"2.2: a right CAT", Once(5s, 0x1FFF, table("\1", catBody, false)), {}},
+        {"2.2: a right BAT", Once(5s, 0x11, table("\x4A", bat, false)), {}},
+        {"2.2: a right TOT", Once(0s, 0x14, table("\x73", tot, false)), {}},
         {"2.2: TDT has none", Once(0s, 0x14, Flip), {}},
         {"2.3: 160 ms",
          During(5s, 5140ms, kVideo,
@@ -304,7 +314,7 @@ TEST(MonitorLogic, FindsEachFaultOfAStreamAndNoOther) {
          {{Check::kUnreferencedPid, kSome}, {Check::kContinuity, kSome}}},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(Names(Judge({.packets = c.packets}, c.expected)), Names(c.expected)) << c.what;
+        Judge(c.what, {.packets = c.packets}, c.expected);
 }
 
 using Sending = std::vector<Sent>;
@@ -314,80 +324,59 @@ TEST(MonitorLogic, FindsEachFaultOfTheNetworkAndNoOther) {
         for (size_t i = 1; i < sent.size(); ++i)
             sent[i].arrival = std::max(sent[i].arrival + Time(i % 5 * 7ms), sent[i - 1].arrival);
     };
-    const auto erase = [](Sending& sent, size_t first, size_t count) {
-        const auto begin = sent.begin() + static_cast<long>(first);
-        sent.erase(begin, begin + static_cast<long>(count));
+    const auto hold = [](Sending& sent) {
+        for (size_t i = 700; i < 729; ++i)
+            sent[i].arrival = sent[729].arrival;
     };
+    const auto erase = [](long first, long count) {
+        return
+            [=](Sending& sent) { sent.erase(sent.begin() + first, sent.begin() + first + count); };
+    };
+    const auto swap = [](Sending& sent) { std::swap(sent[700].bytes, sent[703].bytes); };
+    const auto twice = [](Sending& sent) { sent.insert(sent.begin() + 700, sent[700]); };
+    const auto halve = [](Sending& sent) { sent[700].bytes.resize(600); };
+    const auto others = [](size_t end, size_t step, size_t senders) {
+        return [=](Sending& sent) {
+            for (size_t i = 700; i < std::min(end, sent.size()); i += step)
+                sent[i].port = static_cast<uint16_t>(2000 + i % senders);
+        };
+    };
+    const std::pair<Check, uint64_t> counters{Check::kContinuity, kSome};
     const struct {
         const char* what;
         bool rtp;
         std::function<void(Sending&)> datagrams;
         Verdicts expected;
     } cases[] = {
-        {"held back for 200 ms",
-         true,
-         [](Sending& sent) {
-             for (size_t i = 700; i < 729; ++i)
-                 sent[i].arrival = sent[729].arrival;
-         },
-         {{Check::kDelayFactor, 2}}},
+        {"held back for 200 ms", true, hold, {{Check::kDelayFactor, 2}}},
         {"three lost",
          true,
-         [&](Sending& sent) { erase(sent, 700, 3); },
-         {{Check::kRtpLoss, 6}, {Check::kContinuity, kSome}, {Check::kMediaLoss, 2}}},
-        {"one lost, raw",
-         false,
-         [&](Sending& sent) { erase(sent, 700, 1); },
-         {{Check::kContinuity, kSome}, {Check::kMediaLoss, kSome}}},
-        {"two in the wrong order",
-         true,
-         [](Sending& sent) { std::swap(sent[700].bytes, sent[703].bytes); },
-         {{Check::kContinuity, kSome}}},
-        {"twice", true, [](Sending& sent) { sent.insert(sent.begin() + 700, sent[700]); }, {}},
-        {"twice, raw",
-         false,
-         [](Sending& sent) { sent.insert(sent.begin() + 700, sent[700]); },
-         {{Check::kContinuity, kSome}, {Check::kMediaLoss, kSome}}},
+         erase(700, 3),
+         {{Check::kRtpLoss, 6}, counters, {Check::kMediaLoss, 2}}},
+        {"one lost, raw", false, erase(700, 1), {counters, {Check::kMediaLoss, kSome}}},
+        {"two in the wrong order", true, swap, {counters}},
+        {"twice", true, twice, {}},
+        {"twice, raw", false, twice, {counters, {Check::kMediaLoss, kSome}}},
         {"half a datagram",
          true,
-         [](Sending& sent) { sent[700].bytes.resize(600); },
-         {{Check::kDatagramSize, 2},
-          {Check::kSyncLoss, 2},
-          {Check::kSyncByte, 4},
-          {Check::kContinuity, kSome}}},
+         halve,
+         {{Check::kDatagramSize, 2}, {Check::kSyncLoss, 2}, {Check::kSyncByte, 4}, counters}},
         {"another sender for a second",
          false,
-         [](Sending& sent) {
-             for (size_t i = 700; i < 840; i += 2)
-                 sent[i].port = 2000;
-         },
+         others(840, 2, 1),
          {{Check::kSecondSender, 2 * 139}}},
         {"more senders in turns than are remembered",
          false,
-         [](Sending& sent) {
-             for (size_t i = 700; i < 840; ++i)
-                 sent[i].port = static_cast<uint16_t>(2000 + i % 20);
-         },
+         others(840, 1, 20),
          {{Check::kSecondSender, kSome}}},
-        {"the sender began anew",
-         false,
-         [](Sending& sent) {
-             for (size_t i = 700; i < sent.size(); ++i)
-                 sent[i].port = 2000;
-         },
-         {}},
-        {"nothing for three seconds",
-         false,
-         [&](Sending& sent) { erase(sent, 400, 429); },
-         {{Check::kNoSignal, 2}}},
+        {"the sender began anew", false, others(SIZE_MAX, 1, 1), {}},
+        {"nothing for three seconds", false, erase(400, 429), {{Check::kNoSignal, 2}}},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(Names(Judge({.rtp = c.rtp, .datagrams = c.datagrams}, c.expected)),
-                  Names(c.expected))
-            << c.what;
+        Judge(c.what, {.rtp = c.rtp, .datagrams = c.datagrams}, c.expected);
     ts::MonitorLimits jittery;
     jittery.transport.tolerance = 40ms;
-    EXPECT_EQ(Names(Judge({.rtp = true, .datagrams = jitter, .limits = jittery})), "");
+    Judge("jitter", {.rtp = true, .datagrams = jitter, .limits = jittery});
 }
 
 TEST(MonitorLogic, MeasuresWhatTheNetworkDidToRtp) {
@@ -437,29 +426,19 @@ TEST(MonitorLogic, RaisesNoAlarmOnACleanStream) {
     ts::MonitorLimits strict;
     strict.transport.tablesRequired = true;
     // The PCRs wrap after ten minutes.
-    EXPECT_EQ(Names(Judge({.length = 1h,
-                           .rtp = true,
-                           .firstPcr = kPcrModulus - 600 * kPcrHz,
-                           .datagrams = hour,
-                           .limits = strict})),
-              "");
+    Judge("hour", {.length = 1h,
+                   .rtp = true,
+                   .firstPcr = kPcrModulus - 600 * kPcrHz,
+                   .datagrams = hour,
+                   .limits = strict});
     // Of a rate that varies: null packets go, and the others flow on.
     ts::StreamMonitor varying({});
-    Play({.packets =
-              [](Time, std::string& packet) {
-                  if (PidOf(packet) == kNullPid)
-                      packet.clear();
-              }},
-         varying);
+    Play({.packets = During(0s, 20s, kNullPid, Remove)}, varying);
     EXPECT_EQ(varying.takeEvents().size(), 0u);
     EXPECT_EQ(varying.report().pcrs.constantRate, false);
     // Watching begins within a section and behind its tables.
-    EXPECT_EQ(Names(Judge({.packets =
-                               [](Time time, std::string& packet) {
-                                   if (time < 950ms)
-                                       packet.clear();
-                               }})),
-              "");
+    const auto late = [](Time time, std::string& packet) { packet.erase(time < 950ms ? 0 : 188); };
+    Judge("late", {.packets = late});
 }
 
 TEST(MonitorLogic, RaisesAndClearsAlarmsWithHysteresis) {

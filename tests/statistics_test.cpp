@@ -7,18 +7,10 @@ constexpr uint32_t kChannel = 4, kBlock = 7 * 188, kRate_bps = kBlock * 8 * 100;
 
 class StatisticsTest : public ModuleTest {
   protected:
-    QXV_RTP_Statistics Get(uint32_t direction) {
-        QXV_RTP_Statistics now;
-        memset(&now, 0xEE, sizeof(now));
-        now.Size = sizeof(now);
-        EXPECT_EQ(QXV_RTP_GetStatistics(Handle, direction, kChannel, &now), 1u);
-        EXPECT_EQ(now.Size, 64u);
-        return now;
-    }
     // In the order of the structure, without its size.
     void Expect(uint32_t direction, const std::array<uint64_t, 11>& wanted) {
         const auto found = [&]() -> std::array<uint64_t, 11> {
-            const auto now = Get(direction);
+            const auto now = Statistics(direction, kChannel);
             return {now.Started,   now.Cancelled,        now.SocketOpen,  now.BufferedBytes,
                     now.FreeBytes, now.SocketsOpened,    now.ModeChanges, now.Datagrams,
                     now.Bytes,     now.DatagramsDropped, now.SendFailures};

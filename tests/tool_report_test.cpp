@@ -81,7 +81,8 @@ StreamState MakeState(const std::string& name) {
             3001,
             24,
             {main, spare},
-            {{"udp://d", true, 31, 32, 33}, {"file.ts", false, 34, 35, 36}}};
+            {{"udp://d", true, 31, 32, 33}, {"file.ts", false, 34, 35, 36}},
+            37};
 }
 
 // Two hosts, of which the older one shares its table, that has been replaced; the other one has the
@@ -281,17 +282,21 @@ TEST(ToolStates, OfAnotherProcessAreNotBelieved) {
         }
         check(text);
     }
-    // The file's own header, and lists without end.
+    // The file's own header, of which the last one is right, and lists without end.
     const FileDescriptor file(memfd_create("qxvrtp_streams", MFD_CLOEXEC));
-    const uint32_t headers[][5] = {{0x53565851, 1, 2, 0, 1u << 31},
-                                   {0x53565851, 1, 2, 0, 100},
-                                   {0x53565851, 1, 3, 0, 2},
-                                   {0x53565851, 2, 2, 0, 2},
-                                   {1, 1, 2, 0, 2}};
+    const std::string whole = "[{\"name\": \"one\"}]";
+    const uint32_t headers[][5] = {
+        {0x53565851, 1, 2, 0, 1u << 31}, {0x53565851, 1, 2, 0, 100}, {0x53565851, 1, 3, 0, 17},
+        {0x53565851, 2, 2, 0, 17},       {1, 1, 2, 0, 17},           {0x53565851, 1, 2, 0, 17}};
     for (const auto& header : headers) {
         ASSERT_EQ(pwrite(file.get(), header, sizeof(header), 0), 20);
-        ASSERT_EQ(pwrite(file.get(), "[]", 2, 20), 2);
-        EXPECT_FALSE(Published());
+        ASSERT_EQ(pwrite(file.get(), whole.data(), whole.size(), 20), 17);
+        EXPECT_EQ(Published().has_value(), &header == std::end(headers) - 1) << header[1];
+    }
+    for (const time_t when : {time_t{1} << 60, -(time_t{1} << 60)}) {
+        const timespec times[2] = {{when, 0}, {when, 0}};
+        ASSERT_EQ(futimens(file.get(), times), 0);
+        EXPECT_TRUE(json::accept(statusJson(HostFinder({"", getpid()}).look(), true)));
     }
     std::string many = "[";
     for (int i = 0; i < 5000; ++i)

@@ -4,6 +4,18 @@
 
 #include <charconv>
 #include <cmath>
+#include <iomanip>
+#include <sstream>
+
+namespace {
+
+std::string timeText(const std::tm& parts, const std::string& form) {
+    std::ostringstream text;
+    text << std::put_time(&parts, form.c_str());
+    return text.str();
+}
+
+}  // namespace
 
 std::optional<uint64_t> parseQuantity(std::string_view text) {
     double factor = 1.0;
@@ -63,6 +75,18 @@ std::string formatTime(std::chrono::milliseconds time) {
     if (seconds >= 3600)
         return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
     return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
+}
+
+std::string utcTimeText(std::time_t time, const std::string& form) {
+    std::tm parts{};
+    gmtime_r(&time, &parts);
+    return timeText(parts, form);
+}
+
+std::string localTimeText(std::time_t time, const std::string& form) {
+    std::tm parts{};
+    localtime_r(&time, &parts);
+    return timeText(parts, form);
 }
 
 std::string counted(uint64_t number, std::string_view thing) {

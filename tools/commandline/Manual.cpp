@@ -1,6 +1,5 @@
 #include "commandline/Manual.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "base/Errors.h"
+#include "base/Quantity.h"
 
 namespace {
 
@@ -153,7 +153,7 @@ std::string date() {
     const char* const epoch = std::getenv("SOURCE_DATE_EPOCH");
     const std::time_t time =
         epoch != nullptr ? std::strtoll(epoch, nullptr, 10) : std::time(nullptr);
-    return fmt::format("{:%B %d, %Y}", fmt::gmtime(time));
+    return utcTimeText(time, "%B %d, %Y");
 }
 
 constexpr auto kFiles =

@@ -16,6 +16,7 @@
 #include "config/ConfigRules.h"
 #include "engine/AlarmCommand.h"
 #include "engine/MonitorChain.h"
+#include "engine/Webhook.h"
 #include "media/LineOutput.h"
 #include "media/SdpFile.h"
 #include "reports/StreamFindings.h"
@@ -37,9 +38,12 @@ struct Arguments {
     std::string patience = "3";
     std::string config;
     std::string onAlarm;
+    std::string webhook;
     std::string interval;
     MonitorOptions options;
 };
+
+constexpr std::chrono::seconds kLastPatience{2};  // in the end, with whoever reads
 
 ts::Time wallAhead() {
     return std::chrono::system_clock::now().time_since_epoch() - Clock::now().time_since_epoch();
@@ -79,7 +83,10 @@ class Watching {
             failure = std::current_exception();
         }
         report();
-        lines_.finish(std::chrono::seconds(2));
+        webhook_.finish(kLastPatience);
+        for (const std::string& event : webhook_.takeEvents())
+            session_.tell(event);
+        lines_.finish(kLastPatience);
         if (options_.reportAtEnd && !options_.json)
             for (const MonitorChain* const chain : streams_.chains())
                 if (chain->wasOpened())
@@ -95,8 +102,9 @@ class Watching {
             for (const ts::AlarmEvent& event : chain->takeAlarms())
                 tell(*chain, event);
         command_.run(now);
-        for (const std::string& event : command_.takeEvents())
-            session_.tell(event);
+        for (const auto& events : {command_.takeEvents(), webhook_.takeEvents()})
+            for (const std::string& event : events)
+                session_.tell(event);
         if (now < next_)
             return lines_.flush();
         // Where a report has taken long, those that were due meanwhile are left out.
@@ -110,6 +118,10 @@ class Watching {
                                   event.detail.empty() ? "" : ": ", event.detail));
         if (const std::string& command = chain.job().onAlarm; !command.empty())
             command_.add(command, factsOf(chain, event));
+        if (const std::string& url = chain.job().webhook; !url.empty())
+            webhook_.add(url, alarmJson({chain.job().url, chain.job().name, chain.hasSocket(),
+                                         event.time, wallAhead()},
+                                        event));
     }
 
     void report() {
@@ -148,6 +160,7 @@ class Watching {
     Session session_;
     ConfiguredStreams<MonitorJob, MonitorChain> streams_;
     AlarmCommand command_;
+    Webhook webhook_;
     LineOutput lines_;
     Clock::time_point next_;
     bool droppedIsTold_ = false;
@@ -165,9 +178,15 @@ std::vector<MonitorJob> jobsOf(const Arguments& given) {
             job.duration = duration("--duration", given.duration, 0.1, 1e9);
         jobs.push_back(job);
     }
-    for (MonitorJob& job : jobs)
+    const std::string webhook = given.webhook.empty() ? "" : webhookOf(given.webhook);
+    for (MonitorJob& job : jobs) {
         if (job.onAlarm.empty())
             job.onAlarm = given.onAlarm;
+        if (job.webhook.empty())
+            job.webhook = webhook;
+        if (!job.webhook.empty())
+            Webhook::require();
+    }
     if (given.config.empty())
         checkArguments(jobs);
     return jobs;
@@ -178,10 +197,11 @@ constexpr auto kHelp =
     "receivers of a group on this machine get all datagrams as before. It takes no channel and\n"
     "leaves the table of 'status' alone.\n"
     "\n"
-    "Found are: loss, order and jitter of RTP, a second sender, sizes, TTL and DSCP; delay factor\n"
+    "It reports loss, order and jitter of RTP, a second sender, sizes, TTL and DSCP; delay factor\n"
     "and media loss rate (RFC 4445); the errors of ETSI TR 101 290; bitrates, programmes and "
     "PIDs.\n"
-    "Datagrams for which this process was too slow count apart from what the network has lost.\n"
+    "Datagrams that this process was too slow to read are counted apart from those that the\n"
+    "network has lost.\n"
     "docs/monitoring.md explains each figure.\n"
     "\n"
     "Alarms: an error that lasts raises one, and it is cleared when the error has been absent\n"
@@ -190,10 +210,15 @@ constexpr auto kHelp =
     "--on-alarm runs a program, without a shell or arguments, for at most 30 seconds, 8 at a\n"
     "time. Its environment has QXVRTP_URL, QXVRTP_NAME, QXVRTP_ALARM (no_signal),\n"
     "QXVRTP_NUMBER (1.1), QXVRTP_STATE (raised or cleared), QXVRTP_DETAIL and QXVRTP_TIME.\n"
+    "--webhook posts a JSON object to the URL, by libcurl: machine, name, url, check (no_signal),\n"
+    "number (1.1), priority, state (raised or cleared), detail and time. What the server does not\n"
+    "take is tried again for 15 seconds, and then dropped. A URL with a secret is better kept in "
+    "a\n"
+    "configuration file, since all users see the arguments of a process.\n"
     "\n"
     "A socket that cannot be opened is waited for, and so is a stream that does not come; only\n"
     "when there is no socket within --patience of the start is a stream given up (1); with\n"
-    "--config, it is tried for ever. In the end, by a signal or after --duration, a report of\n"
+    "--config, it is tried for ever. At the end, by a signal or after --duration, a report of\n"
     "each stream is printed, but not with --json or --config. Ends successfully (0).\n"
     "\n"
     "Examples:\n"
@@ -222,6 +247,8 @@ CommandModel monitorCommand() {
     command.addOption("-i,--interval", given->interval, "SECONDS", "10 if not given");
     command.addOption("--on-alarm", given->onAlarm, "PROGRAM",
                       "Run this when an alarm is raised or cleared");
+    command.addOption("--webhook", given->webhook, "URL",
+                      "Post each alarm that is raised or cleared to this web server (http, https)");
     command.footer = kHelp + urlHelp();
     command.action = [given] {
         MonitorOptions options = given->options;

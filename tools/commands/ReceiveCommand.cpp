@@ -203,9 +203,9 @@ class Session {
         const auto what = tasks_.size() > 1
                               ? fmt::format("{} of {} streams", running, tasks_.size())
                               : std::string(rtp ? "rtp" : "raw");
-        return fmt::format("{}  {}  {}  measured {}  {} continuity errors",
-                           formatTime(progress_.elapsed()), formatBytes(bytes), what,
-                           formatBitrate(bitrate_bps), errors);
+        return fmt::format("{}  {}  {}  measured {}  {}", formatTime(progress_.elapsed()),
+                           formatBytes(bytes), what, formatBitrate(bitrate_bps),
+                           counted(errors, "continuity error"));
     }
 
     StopSignal signal_;

@@ -42,19 +42,18 @@ ReceiveStatistics makeStatistics(const ReceiveChain& chain) {
 }
 
 std::string describeSkipped(const ReceiveStatistics& statistics) {
-    return fmt::format("{}: skipped {} bytes ({} {}) that are not TS packets", statistics.url,
-                       statistics.skippedBytes, statistics.gaps,
-                       statistics.gaps == 1 ? "gap" : "gaps");
+    return fmt::format("{}: skipped {} bytes ({}) that are not TS packets", statistics.url,
+                       statistics.skippedBytes, counted(statistics.gaps, "gap"));
 }
 
 std::string describe(const ReceiveStatistics& statistics) {
     const auto time = std::chrono::milliseconds(std::llround(statistics.seconds * 1e3));
     return fmt::format(
-        "received {} in {} from {} ({}): {}, {} datagrams, {} continuity errors, "
-        "{} sync losses{}",
-        formatBytes(statistics.bytes), formatTime(time), statistics.url,
-        statistics.rtp.value_or(false) ? "rtp" : "raw", formatBitrate(statistics.bitrate_bps()),
-        statistics.datagrams, statistics.continuityErrors, statistics.syncLosses,
+        "received {} in {} from {} ({}): {}, {}, {}, sync lost {}{}", formatBytes(statistics.bytes),
+        formatTime(time), statistics.url, statistics.rtp.value_or(false) ? "rtp" : "raw",
+        formatBitrate(statistics.bitrate_bps()), counted(statistics.datagrams, "datagram"),
+        counted(statistics.continuityErrors, "continuity error"),
+        counted(statistics.syncLosses, "time"),
         statistics.repairs ? ", " + describeRepairs(*statistics.repairs) : "");
 }
 

@@ -27,6 +27,7 @@ struct Arguments {
     std::string returnAfter;
     std::string patience = "3";
     std::string config;
+    bool statistics = false;
 };
 
 constexpr auto kHelp =
@@ -40,12 +41,10 @@ constexpr auto kHelp =
     "are\n"
     "left out; with reorder=0 it is taken as it comes. Up to four URLs joined by '+' are paths of\n"
     "one RTP stream, as SMPTE ST 2022-7 has them: what one of them lacks is taken from another.\n"
-    "The input from rtp:// has sockets of its own; that from udp://, or with reorder=0, is a\n"
-    "receive channel, which 'status' shows.\n"
     "Failover: each --or names an input that takes the place of those in front of it when they "
     "have\n"
-    "no signal, or have been ill for as long (packets are missing or damaged in three parts of "
-    "ten,\n"
+    "no signal, or have been faulty for as long (packets are missing or damaged in three parts "
+    "of ten,\n"
     "or there is no PAT, PMT, video or audio any more); a file is the last resort. The cut lies\n"
     "between two packets and is announced to decoders by discontinuity indicators. The inputs "
     "should\n"
@@ -82,9 +81,10 @@ constexpr auto kHelp =
 
 // Sends on what arrives until SIGINT or SIGTERM comes. Sockets are tried for ever or, to begin
 // with, for that long.
-void runRelay(const JobSource<RelayJob>& jobs, std::optional<std::chrono::milliseconds> patience) {
+void runRelay(const JobSource<RelayJob>& jobs, std::optional<std::chrono::milliseconds> patience,
+              bool statistics) {
     SocketMeans means;
-    Session session;
+    Session session(statistics);
     ConfiguredStreams<RelayJob, RelayChain> streams(session, jobs, [&](const RelayJob& job) {
         return std::make_unique<RelayChain>(job, session.module(), means, patience);
     });
@@ -121,10 +121,11 @@ CommandModel relayCommand() {
                       "without it, the pace of the stream's PCRs");
     addShaping(command, given->shaping);
     addAnnouncing(command, given->job.announcing);
-    command.addOptions("--or", given->job.failover.others, "URL|FILE",
-                       "Another input, to send on while those in front of it have no signal or are "
-                       "ill; may be repeated. A file, as the last one, is played again and again "
-                       "while nothing else comes");
+    command.addOptions(
+        "--or", given->job.failover.others, "URL|FILE",
+        "Another input, to send on while those in front of it have no signal or are "
+        "faulty; may be repeated. A file, as the last one, is played again and again "
+        "while nothing else comes");
     command.addOption(
         "--switch", given->within, "SECONDS",
         "With --or: how soon after its last packet an input is left; 0.3 if not given");
@@ -133,7 +134,9 @@ CommandModel relayCommand() {
                       "'never'; 10 if not given");
     command.addOption("--patience", given->patience, "SECONDS",
                       "How long to wait for sockets that cannot be opened; 3 if not given");
-    addConfigOption(command, given->config);
+    command.addFlag("--statistics", given->statistics,
+                    "At the end, print one line of JSON per stream to standard error");
+    addConfigOption(command, given->config, "--statistics");
     command.footer = kHelp + urlHelp();
     command.action = [given] {
         if (!given->bitrate.empty())
@@ -141,11 +144,12 @@ CommandModel relayCommand() {
         given->job.shaping = shaping(given->shaping);
         const auto patience = duration("--patience", given->patience, 0.0, 1e9);
         if (!given->config.empty())
-            return runRelay({given->config, [given] { return readRelayJobs(given->config); }}, {});
+            return runRelay({given->config, [given] { return readRelayJobs(given->config); }}, {},
+                            given->statistics);
         given->job.from = streamOf(given->job.from);
         readFailover(*given);
         checkArguments(given->job);
-        runRelay({"", [given] { return std::vector{given->job}; }}, patience);
+        runRelay({"", [given] { return std::vector{given->job}; }}, patience, given->statistics);
     };
     return command;
 }

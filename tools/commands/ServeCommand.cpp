@@ -166,7 +166,7 @@ constexpr auto kHelp =
     "One page for this machine: all hosts with their channels, the streams that are named here or\n"
     "in [[monitor]] entries, what is wrong and since when, and the last hour. Hosts are only\n"
     "looked at, never disturbed; streams are watched as by 'qxvrtp monitor', on sockets of their\n"
-    "own. Programs of on_alarm are not run: that is left to 'qxvrtp monitor'.\n"
+    "own. Alarms run no programs and are posted nowhere: that is left to 'qxvrtp monitor'.\n"
     "\n"
     "  /                   the page; its charts need Debian's libjs-dygraphs\n"
     "  /metrics            for Prometheus\n"

@@ -7,10 +7,12 @@
 #include <utility>
 
 #include "base/Errors.h"
+#include "reports/StatesJson.h"
 
 namespace {
 
-constexpr std::chrono::seconds kTrimInterval{30};
+// What measuring the streams takes is given back soon after, whenever they begin.
+constexpr std::chrono::seconds kTrimInterval{5};
 constexpr std::chrono::seconds kPublishInterval{1};
 
 std::string message(const std::exception_ptr& failure) {
@@ -122,6 +124,8 @@ void Session::sumUp(const Chain& chain) {
         progress_.summary(summary);
     for (const std::string& warning : chain.warnings())
         progress_.warn(warning);
+    if (statistics_)
+        fmt::print(stderr, "{}\n", stateText(chain.state(Runner::Clock::now())));
 }
 
 void Session::conclude(const std::string& things) {

@@ -21,7 +21,8 @@
 // that fails does not stop the others.
 class Session {
   public:
-    Session() : runner_(stop_) {}
+    // With statistics, a line of JSON at the end of each stream has what `status` shows of it.
+    explicit Session(bool statistics = false) : statistics_(statistics), runner_(stop_) {}
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     ~Session();
@@ -58,6 +59,7 @@ class Session {
     std::exception_ptr failure(size_t i) const;
     void conclude(const std::string& things);
 
+    const bool statistics_;
     StopSignal stop_;
     Runner runner_;
     ModuleOnDemand module_;

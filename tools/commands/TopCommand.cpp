@@ -1,6 +1,5 @@
 #include "commands/TopCommand.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <thread>
 
 #include "base/Errors.h"
+#include "base/Quantity.h"
 #include "base/SafeText.h"
 #include "base/StopSignal.h"
 #include "commandline/CommandLine.h"
@@ -29,8 +29,7 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kAttention = 50ms;  // signals and the terminal's size are looked at this often
 
 std::string now() {
-    const std::time_t time = std::time(nullptr);
-    return fmt::format("{:%F %T}", fmt::localtime(time));
+    return localTimeText(std::time(nullptr), "%F %T");
 }
 
 // The hosts as they are now, and what they were before.
@@ -41,7 +40,7 @@ class Watch {
 
     void look() {
         machine_ = finder_.look();
-        everSeen_ = everSeen_ || !machine_.tables().empty();
+        everSeen_ = everSeen_ || !machine_.tables().empty() || !machine_.processes.empty();
         history_.add(machine_);
     }
 
@@ -145,7 +144,7 @@ CommandModel topCommand() {
         std::string count;
         std::string pid;
     };
-    CommandModel command("top", "Watch the channels of the running hosts");
+    CommandModel command("top", "Watch the channels and streams of the running hosts");
     const auto given = std::make_shared<Arguments>();
     command.addOption("-i,--interval", given->interval, "SECONDS",
                       "Time between two looks; 1 if not given");
@@ -155,9 +154,8 @@ CommandModel topCommand() {
     command.footer = fmt::format(
         "On a terminal it fills the screen; the space bar and 'b' turn its pages, 'q' or a signal\n"
         "ends it. Elsewhere it prints what 'status' does, again and again. The history is of the\n"
-        "last {} looks, each channel's highest rate a full bar. A host that begins is shown "
-        "within\n"
-        "5 seconds.\n"
+        "last {} looks, each channel's highest rate a full bar. Below stand the streams\n"
+        "of 'send', 'receive' and 'relay'. A host that begins is shown within 5 seconds.\n"
         "\n{}\n"
         "Failed (1) when there was neither a host nor a table all the time.\n"
         "\n"

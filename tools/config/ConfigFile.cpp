@@ -113,12 +113,6 @@ class FileReader {
         });
     }
 
-    // The sources of an input.
-    std::vector<size_t> source(const std::string& text, const ConfigPlace& place) {
-        const auto paths = checked(text, place, parsePaths);
-        return paths ? rules_.addSource(*paths, place) : std::vector<size_t>();
-    }
-
     Shaping shaping(TableReader& entry) {
         Shaping shaping;
         const toml::node* const cbr = entry.find("cbr");
@@ -193,7 +187,8 @@ class FileReader {
         for (const char* const key : {"rotate_size", "rotate_time"})
             if (entry.find(key) != nullptr)
                 rules_.rotateOutput(job.output, entry.place(key));
-        source(job.url, entry.place("url"));
+        if (const auto paths = checked(job.url, entry.place("url"), parsePaths))
+            rules_.addRecorded(*paths, entry.place("url"));
         return job;
     }
 
@@ -209,8 +204,8 @@ class FileReader {
         }
     }
 
-    // Adds the sources of the other inputs.
-    Failover failover(TableReader& entry, std::vector<size_t>& sources) {
+    // Adds the other inputs to the relay's sources.
+    Failover failover(TableReader& entry, size_t relay) {
         Failover failover;
         std::vector<ConfigPlace> places;
         forEachOf(entry, "or", [&](const toml::node& node, const std::string& field) {
@@ -219,8 +214,7 @@ class FileReader {
             const std::string& other = failover.others.back();
             if (const auto paths =
                     isStreamUrl(other) ? checked(other, places.back(), parsePaths) : std::nullopt)
-                for (const size_t added : rules_.addOther(*paths, places.back()))
-                    sources.push_back(added);
+                rules_.addSource(*paths, places.back(), relay);
         });
         rules_.failOver(failover, places);
         if (const auto within = entry.seconds("switch", 0.1))
@@ -239,9 +233,10 @@ class FileReader {
     RelayJob relay(TableReader& entry) {
         RelayJob job;
         job.from = stream(entry, "from");
-        std::vector<size_t> sources = source(job.from, entry.place("from"));
-        job.failover = failover(entry, sources);
-        const size_t number = rules_.addRelay(std::move(sources));
+        const size_t number = rules_.addRelay();
+        if (const auto paths = checked(job.from, entry.place("from"), parsePaths))
+            rules_.addSource(*paths, entry.place("from"), number);
+        job.failover = failover(entry, number);
         bool rtp = false;
         const auto addDestination = [&](const toml::node& node, const std::string& field) {
             job.to.push_back(entry.text(node, field));
@@ -268,6 +263,9 @@ class FileReader {
             job.name = entry.text("name");
         if (entry.find("on_alarm") != nullptr)
             job.onAlarm = entry.text("on_alarm");
+        if (entry.find("webhook") != nullptr)
+            job.webhook =
+                checked(entry.text("webhook"), entry.place("webhook"), webhookOf).value_or("");
         for (const LimitKey& limit : kLimitKeys)
             if (const auto value = entry.number(limit.key, 0.0, "a number of seconds"))
                 limit.of(job.limits) = std::chrono::nanoseconds(std::llround(*value * 1e9));
@@ -405,6 +403,8 @@ toml::table tableOf(const MonitorJob& job) {
         writer.text("name", job.name);
     if (!job.onAlarm.empty())
         writer.text("on_alarm", job.onAlarm);
+    if (!job.webhook.empty())
+        writer.text("webhook", job.webhook);
     ts::MonitorLimits limits = job.limits;
     ts::MonitorLimits usual;
     for (const LimitKey& limit : kLimitKeys)

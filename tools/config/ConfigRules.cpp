@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "base/Errors.h"
 #include "base/SafeText.h"
@@ -162,6 +163,18 @@ std::string fullUrl(const std::vector<StreamUrl>& paths) {
     return urls;
 }
 
+std::string webhookOf(const std::string& text) {
+    const size_t host = text.starts_with("http://")    ? std::strlen("http://")
+                        : text.starts_with("https://") ? std::strlen("https://")
+                                                       : text.size();
+    const bool plain =
+        std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 0x7F; });
+    if (host == text.size() || text[host] == '/' || !plain)
+        throw UsageError(
+            fmt::format("'{}' is no URL to post to, like https://alarms.example.org/tv", text));
+    return text;
+}
+
 void ConfigRules::addInput(const std::string& path, const ConfigPlace& place) {
     if (path != "-")
         return;
@@ -224,14 +237,9 @@ bool ConfigRules::haveChannel(const ConfigPlace& place, std::string_view directi
     return count <= QXV_RTP_CHANNELS;
 }
 
-std::vector<size_t> ConfigRules::addSource(const std::vector<StreamUrl>& paths,
-                                           const ConfigPlace& place) {
-    return haveChannel(place, "receive") ? addPaths(paths, place) : std::vector<size_t>();
-}
-
-std::vector<size_t> ConfigRules::addOther(const std::vector<StreamUrl>& paths,
-                                          const ConfigPlace& place) {
-    return isRepaired(paths) ? addPaths(paths, place) : addSource(paths, place);
+void ConfigRules::addRecorded(const std::vector<StreamUrl>& paths, const ConfigPlace& place) {
+    if (haveChannel(place, "receive"))
+        addSource(paths, place);
 }
 
 void ConfigRules::failOver(const Failover& failover, const std::vector<ConfigPlace>& places) {
@@ -245,17 +253,21 @@ void ConfigRules::failOver(const Failover& failover, const std::vector<ConfigPla
                                                  failover.others[i]));
 }
 
-std::vector<size_t> ConfigRules::addPaths(const std::vector<StreamUrl>& paths,
-                                          const ConfigPlace& place) {
-    std::vector<size_t> sources;
+size_t ConfigRules::addRelay() {
+    relays_.emplace_back();
+    return relays_.size() - 1;
+}
+
+void ConfigRules::addSource(const std::vector<StreamUrl>& paths, const ConfigPlace& place,
+                            std::optional<size_t> relay) {
     for (const StreamUrl& path : paths) {
-        sources.push_back(sources_.size());
+        if (relay)
+            relays_[*relay].push_back(sources_.size());
         addReceiver(path, place);
         if (path.fec)
             for (const FecPort port : {FecPort::kColumns, FecPort::kRows})
                 addReceiver(fecUrl(path, port), place);
     }
-    return sources;
 }
 
 void ConfigRules::addReceiver(const StreamUrl& url, const ConfigPlace& place) {
@@ -279,11 +291,6 @@ void ConfigRules::addWatched(const StreamUrl& url, const std::string& name,
         problems_.add(place, fmt::format("a process watches {} streams at most", kMostWatched));
     if (watched_.size() <= kMostWatched)
         addReceiver(url, place);
-}
-
-size_t ConfigRules::addRelay(std::vector<size_t> sources) {
-    relays_.push_back(std::move(sources));
-    return relays_.size() - 1;
 }
 
 void ConfigRules::addDestination(const StreamUrl& url, const ConfigPlace& place,
@@ -359,7 +366,7 @@ void checkArguments(const std::vector<ReceiveJob>& jobs) {
     ConfigProblems problems;
     ConfigRules rules(problems);
     for (size_t i = 0; i < jobs.size(); ++i) {
-        rules.addSource(parsePaths(jobs[i].url), argument("URL", i));
+        rules.addRecorded(parsePaths(jobs[i].url), argument("URL", i));
         rules.addOutput(jobs[i].output, argument("FILE", i));
         if (jobs[i].rotateBytes || jobs[i].rotateTime)
             rules.rotateOutput(jobs[i].output,
@@ -371,14 +378,13 @@ void checkArguments(const std::vector<ReceiveJob>& jobs) {
 void checkArguments(const RelayJob& job) {
     ConfigProblems problems;
     ConfigRules rules(problems);
-    std::vector<size_t> sources = rules.addSource(parsePaths(job.from), {0, 0, "FROM"});
+    const size_t relay = rules.addRelay();
+    rules.addSource(parsePaths(job.from), {0, 0, "FROM"}, relay);
     const std::vector<ConfigPlace> places(job.failover.others.size(), {0, 0, "--or"});
     for (const std::string& other : job.failover.others)
         if (isStreamUrl(other))
-            for (const size_t added : rules.addOther(parsePaths(other), places.front()))
-                sources.push_back(added);
+            rules.addSource(parsePaths(other), places.front(), relay);
     rules.failOver(job.failover, places);
-    const size_t relay = rules.addRelay(std::move(sources));
     bool rtp = false;
     for (size_t i = 0; i < job.to.size(); ++i) {
         const StreamUrl url = checkedUrl(job.to[i], checkDestination);

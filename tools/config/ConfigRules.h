@@ -41,6 +41,9 @@ class ConfigProblems {
 std::string fullUrl(const StreamUrl& url, bool destination);
 std::string fullUrl(const std::vector<StreamUrl>& paths);  // of an input
 
+// The text, which throws UsageError where it is not the address of a web server.
+std::string webhookOf(const std::string& text);
+
 // Collects the ends of all streams, and complains where two exclude each other.
 class ConfigRules {
   public:
@@ -58,18 +61,17 @@ class ConfigRules {
     void delayOutput(const Shaping& shaping, bool rtp, const std::optional<uint32_t>& bitrate_bps,
                      const ConfigPlace& place);
 
-    // A stream, on all paths on which it comes in. Returns the numbers of its sources, none where
-    // there are too many streams.
-    std::vector<size_t> addSource(const std::vector<StreamUrl>& paths, const ConfigPlace& place);
-    // The same for one that may take the place of another; a channel is only needed by what the
-    // module receives.
-    std::vector<size_t> addOther(const std::vector<StreamUrl>& paths, const ConfigPlace& place);
+    // Returns the number of the relay.
+    size_t addRelay();
+    // A stream, on all paths on which it comes in; one of those that the relay takes in.
+    void addSource(const std::vector<StreamUrl>& paths, const ConfigPlace& place,
+                   std::optional<size_t> relay = std::nullopt);
+    // To be recorded. There are as many recordings as receive channels.
+    void addRecorded(const std::vector<StreamUrl>& paths, const ConfigPlace& place);
     // Which of the inputs may be files; the places are theirs.
     void failOver(const Failover& failover, const std::vector<ConfigPlace>& places);
     // For a monitor, which needs no channel. `name` tells its streams apart in reports.
     void addWatched(const StreamUrl& url, const std::string& name, const ConfigPlace& place);
-    // Returns the number of the relay, which takes its stream from the sources that are good.
-    size_t addRelay(std::vector<size_t> sources);
     void addDestination(const StreamUrl& url, const ConfigPlace& place,
                         std::optional<size_t> relay = std::nullopt);
 
@@ -87,7 +89,6 @@ class ConfigRules {
         std::optional<size_t> relay;
     };
 
-    std::vector<size_t> addPaths(const std::vector<StreamUrl>& paths, const ConfigPlace& place);
     bool haveChannel(const ConfigPlace& place, std::string_view direction);
     void addReceiver(const StreamUrl& url, const ConfigPlace& place);
     bool reaches(size_t relay, size_t goal, std::vector<bool>& seen) const;

@@ -26,6 +26,9 @@ constexpr ts::Time kTolerance = 20ms;
 constexpr ts::Time kSettled = 5ms;
 constexpr ts::Time kShortestSteering = 35ms;
 
+// A channel takes a look at this many bytes before it sends the first datagram.
+constexpr uint64_t kDetectionBytes = 2048;
+
 }  // namespace
 
 ChannelOutput::ChannelOutput(const StreamUrl& url, ChannelNumber number, ModuleOnDemand& module,
@@ -66,8 +69,10 @@ bool ChannelOutput::start(Clock::time_point now, uint32_t rate_bps, uint32_t rin
         }
         goDown(now, fmt::format("the address of {} has not been found yet", url_.text));
         retry_ = now + kAddressRetry;
-    } catch (const Failure& failure) {
-        if (patience_ && now - *begun_ > *patience_)
+    } catch (const std::runtime_error& failure) {
+        // An address that a name has now may not fit the rest of the URL, and a later one may.
+        const bool isUsage = dynamic_cast<const UsageError*>(&failure) != nullptr;
+        if (patience_ && (isUsage || now - *begun_ > *patience_))
             throw;
         goDown(now, failure.what());
         retry_ = now + kRetry;
@@ -126,7 +131,7 @@ void ChannelOutput::comeBack(Clock::time_point now) {
 void ChannelOutput::probe(Clock::time_point now) {
     if (state_.SocketOpen == 0 || !isEmpty() || now < retry_)
         return;
-    handNullPackets(kPacketsPerDatagram);
+    handNullPackets();
     retry_ = now + kRetry;
 }
 
@@ -139,10 +144,16 @@ void ChannelOutput::hand(std::span<const uint8_t> data) {
     state_.BufferedBytes += static_cast<uint32_t>(data.size());
 }
 
-void ChannelOutput::handNullPackets(size_t packets) {
+// Hands over one datagram of null packets.
+void ChannelOutput::handNullPackets() {
     std::vector<uint8_t> padding;
-    appendNullPackets(padding, packetSize_, packets);
+    appendNullPackets(padding, packetSize_, kPacketsPerDatagram);
     hand(padding);
+}
+
+void ChannelOutput::handEnough() {
+    for (uint64_t at = handed_; at < kDetectionBytes; at += payload_)
+        handNullPackets();
 }
 
 void ChannelOutput::setRate(double bitrate_bps) {

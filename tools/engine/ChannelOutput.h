@@ -63,7 +63,8 @@ class ChannelOutput {
 
     // At most room() bytes of whole packets.
     void hand(std::span<const uint8_t> data);
-    void handNullPackets(size_t packets);
+    // Hands over null packets behind a stream that is too short for the channel to start sending.
+    void handEnough();
     size_t room() const { return state_.FreeBytes; }
     uint64_t handed() const { return handed_; }  // bytes, since the start
     size_t payload() const { return payload_; }  // bytes of a datagram
@@ -94,6 +95,7 @@ class ChannelOutput {
     void end();
 
   private:
+    void handNullPackets();
     void goDown(Clock::time_point now, const std::string& why);
     void comeBack(Clock::time_point now);
 

@@ -88,7 +88,6 @@ class HostChannel {
     bool isRtp() const;  // as configured (send) or detected (receive)
     QXV_RTP_Statistics statistics() const;
     bool socketIsOpen() const { return statistics().SocketOpen != 0; }
-    bool isCancelled() const { return statistics().Cancelled != 0; }
     uint32_t bufferedBytes() const { return statistics().BufferedBytes; }
     uint32_t freeBytes() const { return statistics().FreeBytes; }
     // Sent successfully, or received and stored, since the start.

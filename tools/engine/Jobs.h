@@ -77,6 +77,7 @@ struct MonitorJob {
     std::string name;                                   // empty = the URL
     std::optional<std::chrono::milliseconds> duration;  // from the opening of the socket
     std::string onAlarm;                                // empty = no command
+    std::string webhook = {};                           // empty = none
     ts::MonitorLimits limits = {};
     bool operator==(const MonitorJob&) const = default;
 };

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/Quantity.h"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -145,8 +147,9 @@ void ReceiveChain::watch(const QXV_RTP_Statistics& statistics) {
         goesOn(overrun_, fmt::format("{} takes too little: datagrams from {} are dropped",
                                      output_.name(), job_.url));
     } else if (now_ - lastOverrun_ > kOverrunPause) {
-        isOver(overrun_, fmt::format("{} takes all again; {} datagrams from {} were dropped so far",
-                                     output_.name(), overrunDatagrams_, job_.url));
+        isOver(overrun_,
+               fmt::format("{} takes all again; {} dropped so far from {}", output_.name(),
+                           counted(overrunDatagrams_, "datagram"), job_.url));
     }
     filled_ = statistics.BufferedBytes / (statistics.BufferedBytes + statistics.FreeBytes + 1.0);
 }
@@ -261,8 +264,9 @@ void ReceiveChain::conclude() {
                           : fmt::format("only bytes that are not TS packets came from {}: {}",
                                         job_.url, sieve_.skippedBytes()));
     if (overrunDatagrams_ > 0)
-        throw Failure(fmt::format("{} datagrams from {} were dropped, since {} took too little",
-                                  overrunDatagrams_, job_.url, output_.name()));
+        throw Failure(fmt::format("dropped {} from {}, since {} took too little",
+                                  counted(overrunDatagrams_, "datagram"), job_.url,
+                                  output_.name()));
     end(lost_);
 }
 

@@ -24,13 +24,12 @@ constexpr auto kDraining = 1s;     // of the rings behind it
 constexpr auto kStarting = 200ms;  // of channels, their sockets included
 constexpr size_t kMostWaiting = size_t{16} * 1024 * 1024;  // bytes, until they are
 constexpr auto kLook = 1s;
+constexpr auto kLookOfVarying = 200ms;  // whose ceiling may be far too low from one moment on
 constexpr auto kReport = 10s;
 
 constexpr uint32_t kRing = 2 * 1024 * 1024;
 constexpr uint32_t kRateToBeginWith_bps = 10'000'000;  // as long as nothing has come
 constexpr size_t kChunkBytes = size_t{64} * 1024;
-// A channel takes a look at this many bytes before it sends the first datagram.
-constexpr uint64_t kDetectionBytes = 2048;
 
 // A ceiling's distance from the stream's rate: clocks, and the steering of a stream's pace, or a
 // rate that is measured over a moment.
@@ -56,6 +55,7 @@ RelayBranch::RelayBranch(const RelayJob& job, bool rtp, std::vector<std::string>
     : job_(job),
       rtp_(rtp),
       isMadeConstant_(isMadeConstant(job.shaping, rtp, job.bitrate_bps)),
+      varies_(!isMadeConstant_ && !job.bitrate_bps),
       window_(longestWaitOf(job)),
       events_(events) {}
 
@@ -141,9 +141,8 @@ void RelayBranch::release() {
         hand(std::span(data).first(size));
     shaper_.reset();
     for (Output& output : outputs_)
-        if (output.works && output.channel.handed() > 0 &&
-            output.channel.handed() < kDetectionBytes)
-            output.channel.handNullPackets(kPacketsPerDatagram);
+        if (output.works && output.channel.handed() > 0)
+            output.channel.handEnough();
 }
 
 void RelayBranch::enter(State state, Clock::duration longest) {
@@ -191,7 +190,7 @@ RelayBranch::Clock::time_point RelayBranch::run(Clock::time_point now) {
     if (state_ != State::kSending)
         advance(now);
     if (now >= nextLook_) {
-        nextLook_ = now + kLook;
+        nextLook_ = now + (varies_ ? kLookOfVarying : kLook);
         for (Output& output : outputs_)
             lookBack(output, now);
         nextReport_ = now >= nextReport_ ? now + kReport : nextReport_;
@@ -312,16 +311,17 @@ void RelayBranch::keepUp(Output& output, Clock::time_point now) {
         channel.steer(left, shaper_->rate().value_or(channel.rate()));
 }
 
-// Once a second.
+// Once in each interval.
 void RelayBranch::lookBack(Output& output, Clock::time_point now) {
     ChannelOutput& channel = output.channel;
-    const auto recent_bps = static_cast<double>((channel.handed() - output.lookedAt) * 8);
+    const std::chrono::duration<double> length = varies_ ? kLookOfVarying : kLook;
+    const auto recent_bps =
+        static_cast<double>((channel.handed() - output.lookedAt) * 8) / length.count();
     output.lookedAt = channel.handed();
     if (std::exchange(output.leastBuffered, channel.buffered()) > kBacklog && output.works &&
         shaper_ && rateSettled_ && pace_ == Pace::kCeiling) {
-        const bool varies = !isMadeConstant_ && !job_.bitrate_bps;
         channel.setRate(std::max<double>(channel.rate(), recent_bps) *
-                        (varies ? kRaise : kHeadroom));
+                        (varies_ ? kRaise : kHeadroom));
         channel.countRateChange();
     }
     if (output.dropped == output.droppedReported || now < nextReport_ || !output.works)

@@ -105,6 +105,7 @@ class RelayBranch {
     const RelayJob& job_;
     const bool rtp_;
     const bool isMadeConstant_;
+    const bool varies_;      // or may do so
     const ts::Time window_;  // for which the input may hold something up
     std::vector<std::string>& events_;
     std::list<Output> outputs_;

@@ -10,6 +10,7 @@
 #include "base/Errors.h"
 #include "base/Quantity.h"
 #include "engine/SlateInput.h"
+#include "engine/SocketInput.h"
 
 namespace {
 
@@ -34,9 +35,9 @@ RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module, SocketMeans&
           {.returnAfter = job.failover.returnAfter,
            .lastResort = !job.failover.others.empty() && !isStreamUrl(job.failover.others.back())}),
       buffer_(kInputBytes) {
-    addSource(job_.from, module, means);
+    addSource(job_.from, means);
     for (const std::string& other : job_.failover.others)
-        addSource(other, module, means);
+        addSource(other, means);
     if (sources_.size() == 1) {
         onAir_ = &sources_.front();
         onAir_->setOnAir(true);
@@ -60,10 +61,10 @@ RelayChain::RelayChain(const RelayJob& job, ModuleOnDemand& module, SocketMeans&
     }
 }
 
-void RelayChain::addSource(const std::string& name, ModuleOnDemand& module, SocketMeans& means) {
+void RelayChain::addSource(const std::string& name, SocketMeans& means) {
     std::unique_ptr<StreamInput> input;
     if (isStreamUrl(name))
-        input = makeInput(name, module, means);
+        input = std::make_unique<SocketInput>(parsePaths(name), means);
     else
         input = std::make_unique<SlateInput>(name, job_.bitrate_bps);
     const auto patience = job_.failover.others.empty()
@@ -110,7 +111,7 @@ void RelayChain::push(RelaySource& source, std::span<const uint8_t> packets, siz
 // packets.
 void RelayChain::select(Clock::time_point now) {
     for (size_t i = 0; RelaySource & source : sources_)
-        selector_.note(i++, source.health(), now.time_since_epoch());
+        selector_.note(i++, source.health(), source.heard(now));
     const auto choice = selector_.choose(now.time_since_epoch());
     if (!choice)
         return;
@@ -136,7 +137,7 @@ void RelayChain::tell(const ts::Selector::Choice& choice) {
             break;
         case ts::Selector::Reason::kIll: {
             const RelaySource& before = source(*choice.before);
-            why = fmt::format(": {} is ill ({})", before.name(), ts::info(before.fault()).name);
+            why = fmt::format(": {} is faulty ({})", before.name(), ts::info(before.fault()).name);
             break;
         }
         case ts::Selector::Reason::kReturn:
@@ -213,5 +214,6 @@ StreamState RelayChain::state(Clock::time_point now) const {
         state.inputs.push_back(source.state(now));
     for (const RelayBranch& branch : branches_)
         branch.addStates(state.outputs);
+    state.switches = selector_.switches();
     return state;
 }

@@ -44,7 +44,7 @@ class RelayChain : public Chain {
     StreamState state(Clock::time_point now) const override;
 
   private:
-    void addSource(const std::string& name, ModuleOnDemand& module, SocketMeans& means);
+    void addSource(const std::string& name, SocketMeans& means);
     void push(RelaySource& source, std::span<const uint8_t> packets, size_t packetSize,
               Clock::time_point now);
     void select(Clock::time_point now);

@@ -42,8 +42,17 @@ InputState RelaySource::state(Clock::time_point now) const {
     state.bytes = bytes_;
     state.continuityErrors = sieve_.continuityErrors();
     if (!onAir_ && state.health == InputHealth::kOnAir)
-        state.health = health() == ts::Health::kIll ? InputHealth::kFaulty : InputHealth::kStandby;
+        state.health = beside(now);
     return state;
+}
+
+// Its state while another input is on air, if it has had data within the last second.
+InputHealth RelaySource::beside(Clock::time_point now) const {
+    if (health() == ts::Health::kWell)
+        return InputHealth::kStandby;
+    const bool isSilent = bytes_ == 0 || lastData_.time_since_epoch() == heard(now);
+    return health() == ts::Health::kNone && isSilent ? InputHealth::kNoSignal
+                                                     : InputHealth::kFaulty;
 }
 
 RelaySource::Clock::time_point RelaySource::run(Clock::time_point now, std::span<uint8_t> buffer,
@@ -60,8 +69,9 @@ RelaySource::Clock::time_point RelaySource::run(Clock::time_point now, std::span
 void RelaySource::watch(Clock::time_point now) {
     for (std::string& event : input_->takeEvents())
         events_.push_back(std::move(event));
-    open_ = input_->statistics().SocketOpen != 0;
+    const bool wasOpen = std::exchange(open_, input_->statistics().SocketOpen != 0);
     if (open_) {
+        opened_ = wasOpen ? opened_ : now;
         openSeen_ = now;
         if (std::exchange(closedReported_, false))
             events_.push_back(isFile_ ? fmt::format("'{}' can be read again", name_)
@@ -71,7 +81,8 @@ void RelaySource::watch(Clock::time_point now) {
         events_.push_back(
             fmt::format("{}{} Trying again.", trouble, trouble.ends_with('?') ? "" : "."));
     }
-    if (open_ && !isFile_ && now - lastData_ > kSilence && !std::exchange(silenceReported_, true))
+    if (open_ && !isFile_ && now - std::max(lastData_, opened_) > kSilence &&
+        !std::exchange(silenceReported_, true))
         events_.push_back(
             fmt::format("nothing arrives from {}{}", name_, bytes_ == 0 ? " yet" : " any more"));
 }

@@ -39,12 +39,17 @@ class RelaySource {
     bool isOpen() const { return open_; }
     std::string trouble() const { return input_->trouble(); }
     ts::Health health() const;
+    // When the last packets came, of which a file always has some.
+    ts::Time heard(Clock::time_point now) const {
+        return isFile_ ? ts::Time(now.time_since_epoch()) : health_->heard();
+    }
     ts::Check fault() const { return health_->fault(); }  // why it was not well last
     uint64_t continuityErrors() const { return sieve_.continuityErrors(); }
     std::vector<std::string> warnings() const;
     InputState state(Clock::time_point now) const;
 
   private:
+    InputHealth beside(Clock::time_point now) const;
     void watch(Clock::time_point now);
     void take(Clock::time_point now, std::span<uint8_t> buffer, const Sink& sink);
     size_t sift(std::span<uint8_t> data, const Sink& sink);
@@ -61,6 +66,7 @@ class RelaySource {
     uint64_t bytes_ = 0;
 
     Clock::time_point openSeen_ = Clock::now();
+    Clock::time_point opened_{};  // its socket, last
     Clock::time_point lastData_ = openSeen_;
     bool closedReported_ = false;
     bool silenceReported_ = false;

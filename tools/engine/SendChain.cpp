@@ -27,9 +27,10 @@ constexpr uint64_t kMostScanned = uint64_t{128} * 1024 * 1024;  // bytes, for th
 constexpr uint32_t kFileRing = 512 * 1024;
 constexpr uint32_t kPipeRing = 1024 * 1024;
 
-constexpr double kRaise = 1.25;
 // Later than that, what was to be sent cannot be made up for.
 constexpr ts::Time kLost = 500ms;
+// A new ceiling begins the sequence numbers of RTP anew, which a moment's lateness is not worth.
+constexpr ts::Time kLateUnderCeiling = 100ms;
 // What is appended to a file in larger parts would else leave in bursts.
 constexpr ts::Time kLateFollower = 60ms;
 constexpr uint32_t kMostEmptyLooks = 5;
@@ -37,9 +38,6 @@ constexpr uint32_t kMostEmptyLooks = 5;
 constexpr auto kRetry = 500ms;
 constexpr auto kMeasurement = 1s;   // of the bitrate
 constexpr auto kLastDatagram = 1s;  // for it to be counted
-
-// A channel takes a look at this many bytes before it sends the first datagram.
-constexpr uint64_t kDetectionBytes = 2048;
 
 std::chrono::milliseconds whole(std::chrono::nanoseconds time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time);
@@ -257,23 +255,24 @@ void SendChain::keepUp(Clock::time_point now) {
     const bool isEmpty = output_.isEmpty();
     emptyLooks_ = isEmpty && now + kInterval < lasts_ ? emptyLooks_ + 1 : 0;
     const auto next = shaper_->next();
-    const bool late =
-        next && streamTime(now) - *next > (job_.follow && !url_.rtp ? kLateFollower : kLost);
-    if (late && varies() && !isEmpty) {
-        output_.setRate(output_.rate() * kRaise);
+    const ts::Time lateness = next ? streamTime(now) - *next : ts::Time(0);
+    if (varies() && !isEmpty && *shaper_->rate() > output_.rate() && lateness > kLateUnderCeiling) {
+        // It catches up.
+        output_.setRate(*shaper_->rate());
         output_.countRateChange();
-    } else if ((late && (!isEmpty || !url_.rtp)) || (emptyLooks_ > kMostEmptyLooks && !varies())) {
-        output_.setRate(output_.rate());
-    } else if (!late) {
         return;
     }
+    const bool late = lateness > (job_.follow && !url_.rtp ? kLateFollower : kLost);
+    if ((late && (!isEmpty || !url_.rtp)) || (emptyLooks_ > kMostEmptyLooks && !varies()))
+        output_.setRate(output_.rate());
+    else if (!late)
+        return;
     resync(now);
 }
 
 // The last datagram is counted a moment after it was taken from the buffer.
 std::optional<Chain::Clock::time_point> SendChain::drain(Clock::time_point now) {
-    while (output_.handed() < kDetectionBytes)
-        output_.handNullPackets(kPacketsPerDatagram);
+    output_.handEnough();
     const uint64_t expected = output_.handed() / output_.payload();
     const uint64_t sent = output_.state().Datagrams;
     if (sent >= expected) {
@@ -320,12 +319,13 @@ std::string SendChain::summary() const {
     if (!output_.isStarted())
         return {};
     const uint64_t datagrams = output_.datagrams();
-    return fmt::format(
-        "sent {} in {} to {}: {} datagrams at {}", formatBytes(datagrams * output_.payload()),
-        formatTime(whole(Clock::now() - started_)), url_.text, datagrams,
-        output_.rateChanges() == 0 && !varies()
-            ? formatBitrate(output_.rate())
-            : fmt::format("the stream's own pace, {} changes of the rate", output_.rateChanges()));
+    return fmt::format("sent {} in {} to {}: {} at {}", formatBytes(datagrams * output_.payload()),
+                       formatTime(whole(Clock::now() - started_)), url_.text,
+                       counted(datagrams, "datagram"),
+                       output_.rateChanges() == 0 && !varies()
+                           ? formatBitrate(output_.rate())
+                           : fmt::format("the stream's own pace, {} of rate",
+                                         counted(output_.rateChanges(), "change")));
 }
 
 std::vector<std::string> SendChain::warnings() const {

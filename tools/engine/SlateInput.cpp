@@ -31,7 +31,8 @@ void SlateInput::open(Clock::time_point now) {
         source_.emplace(std::move(source));
         pacer_.reset();
         loops_ = 0;
-        ready_ = false;
+        begun_ = ready_ = false;
+        trouble_ = fmt::format("'{}' has not been read yet", path_);
     } catch (const UsageError&) {
         retry_ = now + kReopen;
         trouble_ = fmt::format("'{}' is no regular file, and cannot be repeated", path_);
@@ -44,7 +45,7 @@ void SlateInput::open(Clock::time_point now) {
 void SlateInput::close(Clock::time_point now, const std::string& trouble) {
     source_.reset();
     pacer_.reset();
-    ready_ = false;
+    begun_ = ready_ = false;
     retry_ = now + kReopen;
     trouble_ = trouble;
 }
@@ -54,9 +55,9 @@ StreamInput::Clock::time_point SlateInput::attend(Clock::time_point now) {
     if (!source_ && now >= retry_)
         open(now);
     try {
-        if (source_ && !ready_)
-            ready_ = source_->findFirstPacket();
-        if (ready_ && onAir_)
+        if (source_ && !begun_)
+            begun_ = source_->findFirstPacket();
+        if (begun_ && (onAir_ || !ready_))
             play(now);
     } catch (const std::runtime_error& failure) {
         close(now, failure.what());
@@ -70,8 +71,11 @@ void SlateInput::play(Clock::time_point now) {
         options.rate_bps = bitrate_bps_;
         pacer_.emplace(source_->packetSize(), ts::InputKind::kFile, options);
         splicer_.cut();
+        firstLoop_ = loops_;
     }
-    for (int chunks = 0; chunks < kMostSlices && pacer_->needsInput(now_); ++chunks) {
+    for (int chunks = 0;
+         chunks < kMostSlices && pacer_->needsInput(now_) && (onAir_ || !pacer_->rate());
+         ++chunks) {
         const auto packets = source_->take(kSlice);
         if (std::exchange(loops_, source_->loops()) != source_->loops())
             splicer_.cut();
@@ -82,7 +86,8 @@ void SlateInput::play(Clock::time_point now) {
         else if (source_->isDry())
             return;
     }
-    if (!pacer_->rate() && !pacer_->needsInput(now_))
+    ready_ = pacer_->rate().has_value();
+    if (!ready_ && (loops_ > firstLoop_ + 1 || !pacer_->needsInput(now_)))
         close(now, fmt::format("{} has no PCRs to tell its rate by; give it with --bitrate",
                                source_->name()));
 }

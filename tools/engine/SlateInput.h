@@ -39,7 +39,9 @@ class SlateInput : public StreamInput {
     std::optional<ts::Pacer> pacer_;
     ts::Splicer splicer_;  // the rounds
     uint64_t loops_ = 0;
-    bool ready_ = false;  // packets have been found
+    uint64_t firstLoop_ = 0;  // of the pacer
+    bool begun_ = false;      // packets have been found
+    bool ready_ = false;      // and their pace
     bool onAir_ = false;
     ts::Time now_{};
     Clock::time_point retry_{};

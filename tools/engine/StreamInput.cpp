@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "base/Quantity.h"
-#include "engine/RepairedInput.h"
+#include "engine/SocketInput.h"
 
 namespace {
 
@@ -70,7 +70,7 @@ std::unique_ptr<StreamInput> makeInput(const std::string& url, ModuleOnDemand& m
                                        SocketMeans& means) {
     const std::vector<StreamUrl> paths = parsePaths(url);
     if (isRepaired(paths))
-        return std::make_unique<RepairedInput>(paths, means);
+        return std::make_unique<SocketInput>(paths, means);
     return std::make_unique<ChannelInput>(paths.front(), module);
 }
 
@@ -80,7 +80,7 @@ std::string describeRepairs(const RepairReport& report) {
     if (report.socketDrops > 0)
         text += fmt::format(", {} dropped by this machine", report.socketDrops);
     if (report.counts.repaired > 0)
-        text += fmt::format(", {} repaired", report.counts.repaired);
+        text += fmt::format(", {} restored by FEC", report.counts.repaired);
     for (size_t i = 0; report.paths.size() > 1 && i < report.paths.size(); ++i)
         text += fmt::format("{} {}", i == 0 ? ", paths lost" : "", report.paths[i].path.lost);
     return text;

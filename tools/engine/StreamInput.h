@@ -67,8 +67,9 @@ class StreamInput {
     virtual std::optional<RepairReport> repairs() const { return std::nullopt; }
 };
 
-// From the module, or from sockets of the tool's own where something may be repaired. The module
-// and the means outlive the object; where several threads have inputs, the module is loaded before.
+// For a recording: from the module, or from sockets of the tool's own where something may be
+// repaired. The module and the means outlive the object; where several threads have inputs, the
+// module is loaded before.
 std::unique_ptr<StreamInput> makeInput(const std::string& url, ModuleOnDemand& module,
                                        SocketMeans& means);
 

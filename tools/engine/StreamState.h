@@ -55,6 +55,7 @@ struct StreamState {
     uint64_t bitrate_bps = 0;
     std::vector<InputState> inputs = {};
     std::vector<OutputState> outputs = {};
+    uint64_t switches = 0;  // from one input to another
 };
 
 #endif

@@ -11,24 +11,15 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
-#include <iomanip>
-#include <sstream>
 #include <utility>
+
+#include "base/Quantity.h"
 
 namespace {
 
 constexpr uint32_t kMostNumber = 999'999;
 // What a pipe holds, if the system permits it: more than comes between two looks at a stream.
 constexpr int kPipeBytes = 1 << 20;
-
-std::string expandTime(const std::string& pattern) {
-    const std::time_t now = std::time(nullptr);
-    std::tm local{};
-    localtime_r(&now, &local);
-    std::ostringstream name;
-    name << std::put_time(&local, pattern.c_str());
-    return name.str();
-}
 
 // In front of the suffix, if there is one; none = 0.
 std::string withNumber(const std::string& path, uint32_t number) {
@@ -86,7 +77,7 @@ FileOutput::FileOutput(std::string output, const Rotation& rotation)
 
 bool FileOutput::open() {
     const int descriptor = isStandardOutput() ? openStandardOutput() : openPath();
-    if (descriptor < 0 && errno == ENXIO && isFifo(expandTime(output_)))
+    if (descriptor < 0 && errno == ENXIO && isFifo(localTimeText(std::time(nullptr), output_)))
         return false;
     if (descriptor < 0)
         throw OutputFailure(name_, errno);
@@ -118,7 +109,7 @@ int FileOutput::openStandardOutput() {
 }
 
 int FileOutput::openPath() {
-    const std::string path = expandTime(output_);
+    const std::string path = localTimeText(std::time(nullptr), output_);
     name_ = fmt::format("'{}'", path);
     struct stat there {};
     if (rotation_ && stat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode))
@@ -150,7 +141,7 @@ dev_t FileOutput::place() const {
         return device_;
     if (isStandardOutput())
         return 0;
-    for (std::string path = expandTime(output_);;) {
+    for (std::string path = localTimeText(std::time(nullptr), output_);;) {
         struct stat status {};
         if (stat(path.c_str(), &status) == 0)
             return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode) ? status.st_dev : 0;

@@ -127,8 +127,9 @@ std::optional<StreamUrl> LookUp::poll(const StreamUrl& url) {
         return lookUp(url);
     if (!answer_.valid()) {
         std::packaged_task<StreamUrl()> task([url] { return lookUp(url); });
-        answer_ = task.get_future();
+        auto answer = task.get_future();
         std::thread(std::move(task)).detach();
+        answer_ = std::move(answer);  // not before there is a thread that gives it
     }
     if (answer_.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
         return std::nullopt;

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr size_t kReadBytes = size_t{128} * 1024;
+constexpr size_t kReadBytes = size_t{32} * 1024;  // stays in the cache until it is handed on
 constexpr uint64_t kFetchBytes = uint64_t{2} * 1024 * 1024;
 constexpr int kPipeBytes = 1024 * 1024;
 constexpr size_t kFullRunBytes = 5 * kPacketWithParityBytes;

@@ -42,9 +42,6 @@ struct StreamUrl {
     std::optional<uint8_t> dscp = std::nullopt;
     std::optional<uint16_t> reorder_ms = std::nullopt;
     bool fec = false;
-
-    // Does lookUp() (HostNames.h) have to find addresses before anything can be opened?
-    bool hasNames() const { return hostIsName || sourceIsName || !interface.empty(); }
 };
 
 // Throws UsageError, which says what is wrong and what is accepted.

@@ -6,6 +6,7 @@
 #include <tuple>
 #include <utility>
 
+#include "media/StreamUrl.h"
 #include "page/PageJson.h"
 #include "reports/Text.h"
 
@@ -115,7 +116,7 @@ void Observer::meetHosts(const Machine& machine, double wall) {
         live.insert(key);
         const auto [place, isNew] = hosts_.try_emplace(key);
         if (isNew && looks_ > 0)
-            tell(wall, "host", subjectOf(host), "has begun");
+            tell(wall, "host", subjectOf(host), "Has started");
         place->second.host = host;
     }
     for (auto place = hosts_.begin(); place != hosts_.end();) {
@@ -164,8 +165,10 @@ void Observer::judgeProcesses(const std::vector<StreamProcess>& processes, nanos
                 const auto is = [](InputHealth health) {
                     return [health](const InputState& other) { return other.health == health; };
                 };
+                const bool hasSocket =
+                    input.repair || (stream.kind == "relay" && isStreamUrl(input.url));
                 const bool works = is(InputHealth::kOnAir)(input) ||
-                                   is(InputHealth::kStandby)(input) || !input.repair;
+                                   is(InputHealth::kStandby)(input) || !hasSocket;
                 const std::string key =
                     fmt::format("input/{}/{}/{}", hostKey(process), stream.name, input.url);
                 const auto before = heard_.find(key);
@@ -174,6 +177,7 @@ void Observer::judgeProcesses(const std::vector<StreamProcess>& processes, nanos
                 if (now - last < kSilence)
                     continue;
                 PageSubject subject = subjectOf(process);
+                subject.input = input.url;
                 subject.title =
                     fmt::format("{}: {} from {}", hostTitle(process), stream.kind, input.url);
                 problems_.push_back({key,
@@ -198,17 +202,20 @@ void Observer::judgeStream(const StreamFindings& stream) {
         if (!state.raised)
             continue;
         const ts::CheckInfo& check = ts::info(static_cast<ts::Check>(i));
+        // How long there had been no signal when the alarm was raised is old by now.
+        const bool isTold =
+            !state.detail.empty() && static_cast<ts::Check>(i) != ts::Check::kNoSignal;
         problems_.push_back(
             {fmt::format("check/{}/{}", check.name, stream.name()), true, subject,
-             fmt::format("{}{}{}", check.text, state.detail.empty() ? "" : ": ", state.detail)});
+             fmt::format("{}{}{}", check.text, isTold ? ": " : "", isTold ? state.detail : "")});
     }
 }
 
 void Observer::judgeEnded(double wall) {
     for (const EndedHost& ended : ended_)
         if (wall - ended.ended < kEndedWarns)
-            problems_.push_back(
-                {"ended/" + hostKey(ended.host), false, subjectOf(ended.host), "Has ended"});
+            problems_.push_back({"ended/" + hostKey(ended.host), false, subjectOf(ended.host),
+                                 "Is no longer a host"});
 }
 
 // Gives each problem its time, tells of those that have come and gone, and puts them in order.

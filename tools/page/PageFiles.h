@@ -4,8 +4,7 @@
 
 #include <string_view>
 
-extern const std::string_view kIndexHtml;
-extern const std::string_view kPageCss;
-extern const std::string_view kPageJs;
+// Returns the file of that name, such as "page.css"; data() is null when there is none.
+std::string_view pageFile(std::string_view name);
 
 #endif

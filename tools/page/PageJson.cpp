@@ -1,8 +1,5 @@
 #include "page/PageJson.h"
 
-#include <unistd.h>
-
-#include <array>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -35,17 +32,13 @@ Json number(float value) {
     return std::round(double{value} * 1e3) / 1e3;
 }
 
-std::string machineName() {
-    std::array<char, 256> name{};
-    return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
-}
-
 void addSubject(Json& json, const PageSubject& subject) {
     json["title"] = subject.title;
     json["stream"] = orNull(subject.stream);
     json["pid"] = subject.pid == 0 ? Json(nullptr) : Json(subject.pid);
     json["direction"] = orNull(subject.direction);
     json["channel"] = subject.direction.empty() ? Json(nullptr) : Json(subject.channel);
+    json["input"] = orNull(subject.input);
 }
 
 Json channelJson(const ChannelState& channel) {
@@ -89,7 +82,7 @@ Json streamJson(const StreamFindings& stream) {
     Json programmes = Json::array();
     constexpr size_t kMostNames = 8;
     for (const ProgrammeReport& programme : report.stream.programmes)
-        if (programme.service && programmes.size() < kMostNames)
+        if (programme.service && !programme.service->name.empty() && programmes.size() < kMostNames)
             programmes.push_back(programme.service->name);
     const auto& rtp = report.reception.rtp;
     return {{"name", stream.name()},

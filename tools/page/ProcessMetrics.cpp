@@ -56,10 +56,8 @@ std::string processPrometheus() {
     static const double started = startTime();
     std::string text;
     const auto add = [&text](const char* name, const char* type, const char* help, auto value) {
-        fmt::format_to(std::back_inserter(text),
-                       "# HELP process_{0} {2}\n# TYPE process_{0} {1}\n"
-                       "process_{0} {3}\n",
-                       name, type, help, value);
+        text += fmt::format("# HELP process_{0} {2}\n# TYPE process_{0} {1}\nprocess_{0} {3}\n",
+                            name, type, help, value);
     };
     add("cpu_seconds_total", "counter", "Time on processors, in the kernel included.",
         seconds(usage.ru_utime) + seconds(usage.ru_stime));

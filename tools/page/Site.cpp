@@ -1,6 +1,7 @@
 #include "page/Site.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 
 #include <charconv>
 #include <optional>
@@ -46,20 +47,18 @@ std::optional<std::string> fileText(const std::string& path) {
 }
 
 HttpAnswer page(const std::string& path) {
-    if (path == "/")
-        return {200, "text/html; charset=utf-8", std::string(kIndexHtml)};
     if (path == "/favicon.ico")
         return {204, "image/x-icon", {}};
-    if (path == "/page.css")
-        return {200, "text/css; charset=utf-8", std::string(kPageCss)};
-    if (path == "/page.js")
-        return {200, "text/javascript; charset=utf-8", std::string(kPageJs)};
-    const bool script = path == "/dygraph.js";
-    if (!script && path != "/dygraph.css")
-        return missing();
-    const auto text =
-        fileText(kCharts + std::string(script ? "dygraph.min.js" : "dygraph.min.css"));
-    return text ? HttpAnswer{200, script ? "text/javascript" : "text/css", *text} : missing();
+    const std::string name = path == "/" ? "index.html" : path.substr(path.find('/') + 1);
+    const char* const type = name.ends_with(".js")    ? "text/javascript; charset=utf-8"
+                             : name.ends_with(".css") ? "text/css; charset=utf-8"
+                                                      : "text/html; charset=utf-8";
+    if (const std::string_view own = pageFile(name); own.data() != nullptr)
+        return {200, type, std::string(own)};
+    std::optional<std::string> text;
+    if (name == "dygraph.js" || name == "dygraph.css")
+        text = fileText(fmt::format("{}dygraph.min.{}", kCharts, name.substr(name.find('.') + 1)));
+    return text ? HttpAnswer{200, type, *text} : missing();
 }
 
 using Parameters = std::map<std::string, std::string>;

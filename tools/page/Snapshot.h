@@ -13,12 +13,14 @@
 #include "reports/Hosts.h"
 #include "reports/StreamFindings.h"
 
-// What a problem or an event is about: a stream, or a host, or one of its channels.
+// What a problem or an event is about: a watched stream, or a process, or one of its channels or
+// inputs.
 struct PageSubject {
     std::string stream = {};
     pid_t pid = 0;
     std::string direction = {};
     uint32_t channel = 0;
+    std::string input = {};  // the URL
     std::string title = {};  // for people
 };
 

@@ -72,7 +72,7 @@ struct Look {
 // The module opens its table for reading and writing. So a process that can only read one watches
 // it, as this one does. Of several tables the module uses the one that was written to last: those
 // from before it was loaded again stay open. The same holds of the file with streams' states, of
-// which a process has one.
+// which a process has one: others are not even tried.
 Look lookInto(int process) {
     Look look;
     const Directory descriptors = openDirectory(process, "fd");
@@ -82,6 +82,7 @@ Look lookInto(int process) {
     }
     const int directory = dirfd(descriptors.get());
     std::optional<std::pair<time_t, long>> newest;
+    bool statesFound = false;
     for (size_t count = 0; const dirent* const entry = readdir(descriptors.get()); ++count) {
         errno = 0;
         const std::string name = linkText(directory, entry->d_name);
@@ -89,7 +90,7 @@ Look lookInto(int process) {
             look.denied = true;
             break;
         }
-        const bool hasStates = name == kStatesLink && !look.states;
+        const bool hasStates = name == kStatesLink && !statesFound;
         const std::string path = tablePath(name);
         struct stat link {};
         if ((path.empty() && !hasStates) ||
@@ -98,6 +99,7 @@ Look lookInto(int process) {
             continue;
         const FileDescriptor file(openat(directory, entry->d_name, O_PATH | O_CLOEXEC));
         if (hasStates) {
+            statesFound = true;
             look.states = readStates(file.get());
             continue;
         }

@@ -1,9 +1,8 @@
 #include "reports/Json.h"
 
-#include <fmt/chrono.h>
-
 #include <nlohmann/json.hpp>
 
+#include "base/Quantity.h"
 #include "reports/StatesJson.h"
 #include "reports/Text.h"
 
@@ -51,7 +50,7 @@ Json factsJson(const Process& process) {
             {"command", process.command},
             {"command_line", process.commandLine},
             {"user", process.user},
-            {"started", fmt::format("{:%FT%TZ}", fmt::gmtime(process.started))}};
+            {"started", utcTimeText(process.started, "%FT%TZ")}};
 }
 
 Json hostJson(const Host& host, bool all) {
@@ -65,7 +64,7 @@ Json hostJson(const Host& host, bool all) {
 
 nlohmann::ordered_json processJson(const StreamProcess& process) {
     Json json = factsJson(process);
-    json["updated"] = fmt::format("{:%FT%TZ}", fmt::gmtime(process.states.updated));
+    json["updated"] = utcTimeText(process.states.updated, "%FT%TZ");
     json["streams_left_out"] = process.states.leftOut;
     json["streams"] = Json::array();
     for (const StreamState& stream : process.states.streams)

@@ -3,16 +3,14 @@
 #include <fmt/format.h>
 
 #include <functional>
-#include <iterator>
 #include <limits>
 #include <optional>
 #include <string_view>
 
+#include "base/TextOutput.h"
 #include "reports/Text.h"
 
 namespace {
-
-using Output = std::back_insert_iterator<std::string>;
 
 constexpr double kUnknown =
     std::numeric_limits<double>::quiet_NaN();  // no comparison is true of it
@@ -59,13 +57,13 @@ const Metric kMetrics[] = {
      [](const ChannelState& channel) { return channel.bufferBytes; }},
 };
 
-void writeHeader(Output out, const std::string& name, const char* help) {
-    fmt::format_to(out, "# HELP qxvrtp_{0} {1}\n# TYPE qxvrtp_{0} gauge\n", name, help);
+void writeHeader(TextOutput out, const std::string& name, const char* help) {
+    out("# HELP qxvrtp_{0} {1}\n# TYPE qxvrtp_{0} gauge\n", name, help);
 }
 
-void write(Output out, const std::string& name, const char* help, double value) {
+void write(TextOutput out, const std::string& name, const char* help, double value) {
     writeHeader(out, name, help);
-    fmt::format_to(out, "qxvrtp_{} {}\n", name, number(value));
+    out("qxvrtp_{} {}\n", name, number(value));
 }
 
 // Those of live hosts, and of one that may live.
@@ -122,14 +120,16 @@ std::optional<double> repaired(const InputState& input, uint64_t Repair::*count)
 }
 
 constexpr StateMetric<StreamState> kStreamMetrics[] = {
-    {"seconds_total", "Since the stream began.",
+    {"seconds_total", "Time since the stream began.",
      [](const StreamState& stream) -> std::optional<double> { return stream.seconds; }},
-    {"bytes_total", "Transport stream that came in.",
+    {"bytes_total", "Bytes of transport stream that came in.",
      [](const StreamState& stream) -> std::optional<double> { return real(stream.bytes); }},
     {"bytes_per_second", "Measured rate of what comes in; of a send stream, its channel's rate.",
      [](const StreamState& stream) -> std::optional<double> {
          return real(stream.bitrate_bps) / 8.0;
      }},
+    {"switches_total", "Changes from one input to another.",
+     [](const StreamState& stream) -> std::optional<double> { return real(stream.switches); }},
 };
 
 constexpr StateMetric<InputState> kInputMetrics[] = {
@@ -142,9 +142,9 @@ constexpr StateMetric<InputState> kInputMetrics[] = {
          return input.health == InputHealth::kOnAir || input.health == InputHealth::kStandby ? 1
                                                                                              : 0;
      }},
-    {"input_bytes_total", "Transport stream that came in here.",
+    {"input_bytes_total", "Bytes of transport stream that came from this input.",
      [](const InputState& input) -> std::optional<double> { return real(input.bytes); }},
-    {"input_bytes_per_second", "Measured rate of what comes in here.",
+    {"input_bytes_per_second", "Measured rate of what comes from this input.",
      [](const InputState& input) -> std::optional<double> {
          return real(input.bitrate_bps) / 8.0;
      }},
@@ -207,20 +207,19 @@ void eachStream(const Machine& machine, const Use& use) {
 
 // `each` calls its argument with the labels and the thing itself, for all things.
 template <typename Thing, size_t Count, typename Each>
-void writeStates(Output out, const StateMetric<Thing> (&metrics)[Count], Each each) {
+void writeStates(TextOutput out, const StateMetric<Thing> (&metrics)[Count], Each each) {
     for (const StateMetric<Thing>& metric : metrics) {
         const bool counts = std::string_view(metric.name).ends_with("_total");
-        fmt::format_to(out, "# HELP qxvrtp_stream_{0} {1}\n# TYPE qxvrtp_stream_{0} {2}\n",
-                       metric.name, metric.help, counts ? "counter" : "gauge");
+        out("# HELP qxvrtp_stream_{0} {1}\n# TYPE qxvrtp_stream_{0} {2}\n", metric.name,
+            metric.help, counts ? "counter" : "gauge");
         each([&](const std::string& labels, const Thing& thing) {
             if (const auto value = metric.value(thing))
-                fmt::format_to(out, "qxvrtp_stream_{}{{{}}} {}\n", metric.name, labels,
-                               number(*value));
+                out("qxvrtp_stream_{}{{{}}} {}\n", metric.name, labels, number(*value));
         });
     }
 }
 
-void writeProcesses(Output out, const Machine& machine) {
+void writeProcesses(TextOutput out, const Machine& machine) {
     const auto inputs = [&machine](const auto& use) {
         eachStream(machine, [&use](const std::string& labels, const StreamState& stream) {
             for (const InputState& input : stream.inputs)
@@ -249,7 +248,7 @@ std::string statusPrometheus(const Machine& machine, bool all) {
     const std::vector<ShownTable> tables = liveTables(machine);
     const auto hosts = static_cast<double>(machine.hosts.size());
     std::string text;
-    const Output out(text);
+    const TextOutput out(text);
     write(out, "hosts", "Live hosts that are seen; NaN = none is, but there may be one.",
           machine.hosts.empty() && !machine.blindness.empty() ? kUnknown : hosts);
     write(out, "hidden_processes", "Processes that could not be searched for a table.",
@@ -263,7 +262,7 @@ std::string statusPrometheus(const Machine& machine, bool all) {
         for (const ShownTable& shown : tables) {
             const std::string labels = hostLabels(shown);
             if (const auto value = metric.value(shown))
-                fmt::format_to(out, "qxvrtp_{}{{{}}} {}\n", metric.name, labels, number(*value));
+                out("qxvrtp_{}{{{}}} {}\n", metric.name, labels, number(*value));
         }
     }
     for (const Metric& metric : kMetrics) {
@@ -274,11 +273,10 @@ std::string statusPrometheus(const Machine& machine, bool all) {
             for (const ChannelState& channel : shown.table->channels) {
                 const auto value = all || channel.running ? metric.value(channel) : std::nullopt;
                 if (value)
-                    fmt::format_to(out,
-                                   "qxvrtp_channel_{}{{{}direction=\"{}\",channel=\"{}\","
-                                   "address=\"{}\",port=\"{}\"}} {}\n",
-                                   metric.name, labels, directionName(channel), channel.number,
-                                   labelText(channel.address), channel.port, number(*value));
+                    out("qxvrtp_channel_{}{{{}direction=\"{}\",channel=\"{}\","
+                        "address=\"{}\",port=\"{}\"}} {}\n",
+                        metric.name, labels, directionName(channel), channel.number,
+                        labelText(channel.address), channel.port, number(*value));
             }
         }
     }

@@ -69,6 +69,11 @@ std::vector<ScreenLine> screenLines(const Machine& machine, const RateHistory& h
                 lines.push_back({channelLine(channel, history.bars(shown, i, utf8)), heading});
         }
     }
+    for (const StreamProcess& process : machine.processes) {
+        const size_t heading = lines.size();
+        for (std::string& line : streamLines(process))
+            lines.push_back({std::move(line), heading});
+    }
     if (lines.empty())
         addHeading(printable(machine.trouble) + "; waiting for a host");
     if (!machine.blindness.empty())

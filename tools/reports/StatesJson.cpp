@@ -14,6 +14,9 @@
 namespace {
 
 using Json = nlohmann::ordered_json;
+// Sorts its members: what another process has written may have thousands of them, and the ordered
+// kind compares each with all before it.
+using Given = nlohmann::json;
 
 constexpr size_t kMostText = 1024;  // bytes of a name
 
@@ -58,40 +61,40 @@ Json outputJson(const OutputState& output) {
 }
 
 // What is missing, or of another type, is empty.
-const Json& member(const Json& object, const char* name) {
-    static const Json kNothing;
+const Given& member(const Given& object, const char* name) {
+    static const Given kNothing;
     const auto found = object.is_object() ? object.find(name) : object.end();
     return object.is_object() && found != object.end() ? *found : kNothing;
 }
 
-std::string text(const Json& object, const char* name) {
+std::string text(const Given& object, const char* name) {
     const auto* const value = member(object, name).get_ptr<const std::string*>();
     return value == nullptr ? "" : printable(value->substr(0, kMostText));
 }
 
-uint64_t count(const Json& object, const char* name) {
-    const Json& value = member(object, name);
+uint64_t count(const Given& object, const char* name) {
+    const Given& value = member(object, name);
     return value.is_number_unsigned() ? value.get<uint64_t>() : 0;
 }
 
-double real(const Json& object, const char* name) {
-    const Json& value = member(object, name);
+double real(const Given& object, const char* name) {
+    const Given& value = member(object, name);
     return value.is_number() && std::isfinite(value.get<double>()) ? value.get<double>() : 0.0;
 }
 
-bool flag(const Json& object, const char* name) {
-    const Json& value = member(object, name);
+bool flag(const Given& object, const char* name) {
+    const Given& value = member(object, name);
     return value.is_boolean() && value.get<bool>();
 }
 
 // The objects of a list, each with a name of its own.
 template <typename T, typename Read>
-std::vector<T> entries(const Json& list, std::string T::*name, Read read) {
+std::vector<T> entries(const Given& list, std::string T::*name, Read read) {
     std::vector<T> result;
     std::set<std::string> names;
     if (!list.is_array())
         return result;
-    for (const Json& json : list) {
+    for (const Given& json : list) {
         if (result.size() == kMostStates)
             break;
         T entry = read(json);
@@ -103,7 +106,7 @@ std::vector<T> entries(const Json& list, std::string T::*name, Read read) {
     return result;
 }
 
-PathState readPath(const Json& json) {
+PathState readPath(const Given& json) {
     return {text(json, "url"), count(json, "datagrams"), count(json, "lost"), count(json, "saved"),
             real(json, "skew_ms")};
 }
@@ -117,29 +120,30 @@ InputHealth health(const std::string& name) {
     return InputHealth::kUnknown;
 }
 
-InputState readInput(const Json& json) {
+InputState readInput(const Given& json) {
     InputState input{text(json, "url"),
                      health(text(json, "state")),
                      count(json, "bytes"),
                      count(json, "bitrate_bps"),
                      count(json, "continuity_errors"),
                      count(json, "datagrams_dropped")};
-    if (const Json& repair = member(json, "repair"); repair.is_object())
+    if (const Given& repair = member(json, "repair"); repair.is_object())
         input.repair = {count(repair, "lost"), count(repair, "reordered"),
                         count(repair, "duplicates"), count(repair, "restored")};
     input.paths = entries<PathState>(member(json, "paths"), &PathState::url, readPath);
     return input;
 }
 
-OutputState readOutput(const Json& json) {
+OutputState readOutput(const Given& json) {
     return {text(json, "url"), flag(json, "works"), count(json, "datagrams"),
             count(json, "datagrams_dropped"), count(json, "send_failures")};
 }
 
-StreamState readState(const Json& json) {
+StreamState readState(const Given& json) {
     StreamState state{text(json, "kind"), text(json, "name"), real(json, "seconds"),
                       count(json, "bytes"), count(json, "bitrate_bps")};
     state.inputs = entries<InputState>(member(json, "inputs"), &InputState::url, readInput);
+    state.switches = count(json, "switches");
     state.outputs = entries<OutputState>(member(json, "outputs"), &OutputState::url, readOutput);
     return state;
 }
@@ -152,6 +156,7 @@ nlohmann::ordered_json stateJson(const StreamState& state) {
                  {"seconds", rounded(state.seconds)},
                  {"bytes", state.bytes},
                  {"bitrate_bps", state.bitrate_bps},
+                 {"switches", state.switches},
                  {"inputs", Json::array()},
                  {"outputs", Json::array()}};
     for (const InputState& input : state.inputs)
@@ -161,6 +166,11 @@ nlohmann::ordered_json stateJson(const StreamState& state) {
     return json;
 }
 
+std::string stateText(const StreamState& state) {
+    // Names of files may have bytes that are no UTF-8.
+    return stateJson(state).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 std::vector<StreamState> parseStates(std::string_view text) {
-    return entries<StreamState>(Json::parse(text, nullptr, false), &StreamState::name, readState);
+    return entries<StreamState>(Given::parse(text, nullptr, false), &StreamState::name, readState);
 }

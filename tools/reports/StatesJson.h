@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <nlohmann/json_fwd.hpp>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -12,6 +13,7 @@
 constexpr size_t kMostStates = 64;  // that are read, and of any other list
 
 nlohmann::ordered_json stateJson(const StreamState& state);
+std::string stateText(const StreamState& state);  // on one line
 
 // Of an array of such objects, which another process has written and which may be anything. All
 // texts are fit to be shown, and no two streams, inputs, paths or outputs of one list have the same

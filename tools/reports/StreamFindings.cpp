@@ -1,12 +1,13 @@
 #include "reports/StreamFindings.h"
 
 #include <arpa/inet.h>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <ctime>
 #include <utility>
+
+#include "base/Quantity.h"
 
 namespace {
 
@@ -55,5 +56,5 @@ std::string isoTime(ts::Time sinceEpoch) {
     const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(sinceEpoch).count();
     constexpr int64_t kPerSecond = 1000;
     const auto seconds = static_cast<time_t>(milliseconds / kPerSecond);
-    return fmt::format("{:%FT%T}.{:03}Z", fmt::gmtime(seconds), milliseconds % kPerSecond);
+    return fmt::format("{}.{:03}Z", utcTimeText(seconds, "%FT%T"), milliseconds % kPerSecond);
 }

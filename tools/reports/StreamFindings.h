@@ -47,10 +47,14 @@ std::string findingsText(const StreamFindings& findings);
 // One object, on one line or on many.
 std::string findingsJson(const StreamFindings& findings, bool oneLine);
 
+// An alarm that was raised or cleared, as one object; the place's time is that of the event.
+std::string alarmJson(const FindingsPlace& place, const ts::AlarmEvent& event);
+
 // In Prometheus' text exposition format.
 std::string findingsPrometheus(const std::vector<StreamFindings>& all);
 
 // Parts of these, and of other accounts of alarms.
+std::string machineName();  // empty where it has none
 std::string sourceText(const ts::DatagramSource& source);
 std::string isoTime(ts::Time sinceEpoch);  // "2026-11-22T08:15:30.250Z"
 

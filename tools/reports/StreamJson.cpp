@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <array>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -148,7 +151,31 @@ void addContents(Json& json, const StreamFindings& findings) {
                         {"pids", findings.pidsLeftOut}};
 }
 
+// Names may have bytes that are no UTF-8.
+std::string print(const Json& json, bool oneLine) {
+    return json.dump(oneLine ? -1 : 2, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
 }  // namespace
+
+std::string machineName() {
+    std::array<char, 256> name{};
+    return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
+}
+
+std::string alarmJson(const FindingsPlace& place, const ts::AlarmEvent& event) {
+    const ts::CheckInfo& check = ts::info(event.check);
+    return print({{"machine", orNull(machineName())},
+                  {"name", orNull(place.name)},
+                  {"url", place.url},
+                  {"check", check.name},
+                  {"number", orNull(std::string(check.reference))},
+                  {"priority", check.priority},
+                  {"state", event.raised ? "raised" : "cleared"},
+                  {"detail", orNull(event.detail)},
+                  {"time", isoTime(place.time + place.wallAhead)}},
+                 true);
+}
 
 std::string findingsJson(const StreamFindings& findings, bool oneLine) {
     const FindingsPlace& place = findings.place;
@@ -188,6 +215,5 @@ std::string findingsJson(const StreamFindings& findings, bool oneLine) {
     json["mdi"] = deliveryJson(report.delivery);
     addChecks(json, findings);
     addContents(json, findings);
-    // Names may have bytes that are no UTF-8.
-    return json.dump(oneLine ? -1 : 2, ' ', false, Json::error_handler_t::replace) + '\n';
+    return print(json, oneLine);
 }

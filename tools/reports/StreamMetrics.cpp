@@ -1,14 +1,12 @@
 #include <fmt/format.h>
 
-#include <iterator>
 #include <optional>
 
 #include "base/SafeText.h"
+#include "base/TextOutput.h"
 #include "reports/StreamFindings.h"
 
 namespace {
-
-using Output = std::back_insert_iterator<std::string>;
 
 std::string quoted(const std::string& text) {
     std::string result = "\"";
@@ -66,7 +64,7 @@ constexpr Metric kMetrics[] = {
      [](const StreamFindings& s) -> Value { return static_cast<double>(s.report.stream.bytes); }},
     {"packets_total", "counter", "Packets of transport stream.",
      [](const StreamFindings& s) -> Value { return static_cast<double>(s.report.stream.packets); }},
-    {"datagrams_total", "counter", "Datagrams.",
+    {"datagrams_total", "counter", "Datagrams that arrived.",
      [](const StreamFindings& s) -> Value {
          return static_cast<double>(s.report.reception.counts.datagrams);
      }},
@@ -82,7 +80,7 @@ constexpr Metric kMetrics[] = {
      }},
     {"null_packet_ratio", "gauge", "Share of null packets in the last second.",
      [](const StreamFindings& s) -> Value { return s.report.nullShare; }},
-    {"rtp_lost_total", "counter", "RTP datagrams that did not come, or 200 ms late.",
+    {"rtp_lost_total", "counter", "RTP datagrams that did not come within 200 ms.",
      [](const StreamFindings& s) -> Value { return ofRtp(s, &ts::RtpCounts::everLost); }},
     {"rtp_reordered_total", "counter", "RTP datagrams that came behind a later one.",
      [](const StreamFindings& s) -> Value { return ofRtp(s, &ts::RtpCounts::reordered); }},
@@ -93,11 +91,13 @@ constexpr Metric kMetrics[] = {
          const auto& rtp = s.report.reception.rtp;
          return rtp ? std::optional(inSeconds(rtp->jitter_ms)) : std::nullopt;
      }},
-    {"arrival_interval_p99_seconds", "gauge", "99 % of datagrams come within this of the last.",
+    {"arrival_interval_p99_seconds", "gauge",
+     "99 % of datagrams come within this time of the one before.",
      [](const StreamFindings& s) -> Value {
          return ofIntervals(s, &ts::ArrivalIntervals::Report::p99_ms);
      }},
-    {"arrival_interval_max_seconds", "gauge", "Longest time between datagrams, of two minutes.",
+    {"arrival_interval_max_seconds", "gauge",
+     "Longest time between datagrams in the last two minutes.",
      [](const StreamFindings& s) -> Value {
          return ofIntervals(s, &ts::ArrivalIntervals::Report::longest_ms);
      }},
@@ -116,20 +116,18 @@ constexpr Metric kMetrics[] = {
      [](const StreamFindings& s) -> Value { return static_cast<double>(s.report.delivery.lost); }},
 };
 
-void writeHeader(Output out, const char* name, const char* type, const char* help) {
-    fmt::format_to(out, "# HELP qxvrtp_monitor_{0} {2}\n# TYPE qxvrtp_monitor_{0} {1}\n", name,
-                   type, help);
+void writeHeader(TextOutput out, const char* name, const char* type, const char* help) {
+    out("# HELP qxvrtp_monitor_{0} {2}\n# TYPE qxvrtp_monitor_{0} {1}\n", name, type, help);
 }
 
-void writeMetric(Output out, const Metric& metric, const std::vector<StreamFindings>& all) {
+void writeMetric(TextOutput out, const Metric& metric, const std::vector<StreamFindings>& all) {
     writeHeader(out, metric.name, metric.type, metric.help);
     for (const StreamFindings& stream : all)
         if (const auto value = metric.value(stream))
-            fmt::format_to(out, "qxvrtp_monitor_{}{{{}}} {}\n", metric.name, labelsOf(stream),
-                           *value);
+            out("qxvrtp_monitor_{}{{{}}} {}\n", metric.name, labelsOf(stream), *value);
 }
 
-void writeChecks(Output out, const std::vector<StreamFindings>& all, bool alarms) {
+void writeChecks(TextOutput out, const std::vector<StreamFindings>& all, bool alarms) {
     const char* const name = alarms ? "alarm" : "check_errors_total";
     if (alarms)
         writeHeader(out, name, "gauge", "Whether the check's alarm is raised (1) or not (0).");
@@ -140,27 +138,25 @@ void writeChecks(Output out, const std::vector<StreamFindings>& all, bool alarms
             const auto check = static_cast<ts::Check>(i);
             const ts::CheckInfo& info = ts::info(check);
             const ts::CheckState& state = stream.state(check);
-            fmt::format_to(out, "qxvrtp_monitor_{}{{{},check=\"{}\",priority=\"{}\"}} {}\n", name,
-                           labelsOf(stream), info.name, info.priority,
-                           alarms ? uint64_t{state.raised} : state.count);
+            out("qxvrtp_monitor_{}{{{},check=\"{}\",priority=\"{}\"}} {}\n", name, labelsOf(stream),
+                info.name, info.priority, alarms ? uint64_t{state.raised} : state.count);
         }
 }
 
-void writePids(Output out, const std::vector<StreamFindings>& all, bool errors) {
+void writePids(TextOutput out, const std::vector<StreamFindings>& all, bool errors) {
     const char* const name = errors ? "pid_continuity_errors_total" : "pid_packets_total";
     writeHeader(out, name, "counter", errors ? "Continuity errors of a PID." : "Packets of a PID.");
     for (const StreamFindings& stream : all)
         for (const PidReport& pid : stream.report.stream.pids)
-            fmt::format_to(out, "qxvrtp_monitor_{}{{{},pid=\"{}\",type={}}} {}\n", name,
-                           labelsOf(stream), pid.pid, quoted(pid.kind),
-                           errors ? pid.continuityErrors : pid.packets);
+            out("qxvrtp_monitor_{}{{{},pid=\"{}\",type={}}} {}\n", name, labelsOf(stream), pid.pid,
+                quoted(pid.kind), errors ? pid.continuityErrors : pid.packets);
 }
 
 }  // namespace
 
 std::string findingsPrometheus(const std::vector<StreamFindings>& all) {
     std::string text;
-    const Output out(text);
+    const TextOutput out(text);
     for (const Metric& metric : kMetrics)
         writeMetric(out, metric, all);
     writeChecks(out, all, true);

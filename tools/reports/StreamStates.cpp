@@ -6,9 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "reports/StatesJson.h"
@@ -19,6 +19,7 @@ constexpr uint32_t kMagic = 0x53565851;  // "QXVS"
 constexpr uint32_t kVersion = 1;
 constexpr size_t kMostBytes = size_t{256} * 1024;  // of text
 constexpr int kAttempts = 5;
+constexpr std::time_t kLatest = 253'402'300'799;  // the end of the year 9999
 
 // In front of the text. The sequence is odd while the text is being written.
 struct Header {
@@ -42,9 +43,7 @@ std::string textOf(const std::vector<StreamState>& states, uint32_t& leftOut) {
     std::string text = "[";
     size_t count = 0;
     for (const StreamState& state : states) {
-        // Names of files may have bytes that are no UTF-8.
-        const std::string one =
-            stateJson(state).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+        const std::string one = stateText(state);
         if (count == kMostStates || text.size() + one.size() + 2 > kMostBytes) {
             ++leftOut;
             continue;
@@ -64,7 +63,7 @@ void StatePublisher::publish(const std::vector<StreamState>& states) {
         file_.emplace(memfd_create("qxvrtp_streams", MFD_CLOEXEC));
     if (file_->get() < 0)
         return;
-    Header header{kMagic, kVersion, ++sequence_, 0, 0};
+    Header header{kMagic, kVersion, sequence_ + 1, 0, 0};
     const std::string text = textOf(states, header.leftOut);
     header.length = static_cast<uint32_t>(text.size());
     if (!write(file_->get(), &header, sizeof(header), 0))
@@ -72,7 +71,7 @@ void StatePublisher::publish(const std::vector<StreamState>& states) {
     std::atomic_thread_fence(std::memory_order_seq_cst);  // before the text, for readStates()
     const bool written = write(file_->get(), text.data(), text.size(), sizeof(header));
     std::atomic_thread_fence(std::memory_order_seq_cst);
-    header.sequence = ++sequence_;
+    header.sequence = sequence_ += 2;
     if (written)
         write(file_->get(), &header, sizeof(header), 0);
 }
@@ -96,7 +95,7 @@ std::optional<PublishedStates> readStates(int file) {
         if (whole && header.sequence % 2 == 0 && read(opened.get(), &after, sizeof(after), 0) &&
             after.sequence == header.sequence)
             return PublishedStates{{status.st_dev, status.st_ino},
-                                   status.st_mtim.tv_sec,
+                                   std::clamp<std::time_t>(status.st_mtim.tv_sec, 0, kLatest),
                                    header.leftOut,
                                    parseStates(text)};
         usleep(100);

@@ -1,76 +1,51 @@
 #include "reports/Text.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <iterator>
 
 #include "base/Quantity.h"
 #include "base/SafeText.h"
+#include "base/TextOutput.h"
 
 namespace {
 
-using Output = std::back_insert_iterator<std::string>;
-
-void writeChannel(Output out, const ChannelState& channel) {
+void writeChannel(TextOutput out, const ChannelState& channel) {
     const std::string asked = channel.send ? fmt::format("{:.3f}", channel.asked_bps / 1e6) : "-";
-    fmt::format_to(out, "{:<7} {:>2} {:<4} {:<7} {:<7} {:>9.3f} {:>7} {:>4} {} {}\n",
-                   directionName(channel), channel.number,
-                   channel.mode == ChannelMode::kUnknown ? "?" : modeName(channel.mode),
-                   channel.running ? "running" : "idle",
-                   !channel.running     ? "-"
-                   : channel.socketOpen ? "open"
-                                        : "pending",
-                   channel.measured_bps / 1e6, asked, channel.bufferBytes / 1024,
-                   endpointOf(channel), channel.localAddress.empty() ? "-" : channel.localAddress);
+    out("{:<7} {:>2} {:<4} {:<7} {:<7} {:>9.3f} {:>7} {:>4} {} {}\n", directionName(channel),
+        channel.number, channel.mode == ChannelMode::kUnknown ? "?" : modeName(channel.mode),
+        channel.running ? "running" : "idle",
+        !channel.running     ? "-"
+        : channel.socketOpen ? "open"
+                             : "pending",
+        channel.measured_bps / 1e6, asked, channel.bufferBytes / 1024, endpointOf(channel),
+        channel.localAddress.empty() ? "-" : channel.localAddress);
 }
 
 // The time, or the day when that is longer ago.
 std::string startText(std::time_t started) {
     constexpr std::time_t kDay = 86'400;
-    const std::tm local = fmt::localtime(started);
-    const bool recent = std::time(nullptr) - started < kDay;
-    return recent ? fmt::format("{:%T}", local) : fmt::format("{:%F}", local);
+    return localTimeText(started, std::time(nullptr) - started < kDay ? "%T" : "%F");
 }
 
-void writeInput(Output out, const InputState& input) {
-    fmt::format_to(out, "#   from {}: {}, {:.3f} Mbit/s, {}", input.url, healthName(input.health),
-                   static_cast<double>(input.bitrate_bps) / 1e6,
-                   counted(input.continuityErrors, "continuity error"));
+void addInput(std::vector<std::string>& lines, const InputState& input) {
+    std::string line =
+        fmt::format("  from {}: {}, {:.3f} Mbit/s, {}", input.url, healthName(input.health),
+                    static_cast<double>(input.bitrate_bps) / 1e6,
+                    counted(input.continuityErrors, "continuity error"));
     if (const auto& repair = input.repair)
-        fmt::format_to(out, ", {} lost, {} reordered, {}, {} repaired", repair->lost,
-                       repair->reordered, counted(repair->duplicates, "duplicate"),
-                       repair->repaired);
+        line +=
+            fmt::format(", {} lost, {} reordered, {}, {} restored", repair->lost, repair->reordered,
+                        counted(repair->duplicates, "duplicate"), repair->repaired);
     if (input.datagramsDropped > 0)
-        fmt::format_to(out, ", {} DROPPED", counted(input.datagramsDropped, "datagram"));
-    fmt::format_to(out, "\n");
+        line += fmt::format(", {} DROPPED", counted(input.datagramsDropped, "datagram"));
+    lines.push_back(std::move(line));
     for (const PathState& path : input.paths)
-        fmt::format_to(out, "#     path {}: {}, {} lost, {} of them saved, {:.1f} ms behind\n",
-                       path.url, counted(path.datagrams, "datagram"), path.lost, path.saved,
-                       path.skew_ms);
-}
-
-// In lines that begin with '#': the others are channels.
-void writeProcess(Output out, const StreamProcess& process) {
-    fmt::format_to(out, "# streams of {} of {} since {}: {}\n", process.pid, process.user,
-                   startText(process.started), process.commandLine);
-    for (const StreamState& stream : process.states.streams) {
-        fmt::format_to(out, "# {} {}: {} in {}\n", stream.kind, stream.name,
-                       formatBytes(stream.bytes),
-                       formatTime(std::chrono::milliseconds(
-                           static_cast<int64_t>(std::clamp(stream.seconds, 0.0, 1e12) * 1e3))));
-        for (const InputState& input : stream.inputs)
-            writeInput(out, input);
-        for (const OutputState& output : stream.outputs)
-            fmt::format_to(out, "#   to {}: {}, {}, {} dropped, {} failed\n", output.url,
-                           output.works ? "works" : "DOWN", counted(output.datagrams, "datagram"),
-                           output.datagramsDropped, output.sendFailures);
-    }
-    if (process.states.leftOut > 0)
-        fmt::format_to(out, "# {} not told of\n", counted(process.states.leftOut, "more stream"));
+        lines.push_back(fmt::format("    path {}: {}, {} lost, {} of them saved, {:.1f} ms behind",
+                                    path.url, counted(path.datagrams, "datagram"), path.lost,
+                                    path.saved, path.skew_ms));
 }
 
 }  // namespace
@@ -113,6 +88,28 @@ std::string headingOf(const ShownTable& shown, const Machine& machine) {
     return table.replaced ? text + " [table replaced]" : text;
 }
 
+std::vector<std::string> streamLines(const StreamProcess& process) {
+    std::vector<std::string> lines{fmt::format("streams of {} of {} since {}: {}", process.pid,
+                                               process.user, startText(process.started),
+                                               process.commandLine)};
+    for (const StreamState& stream : process.states.streams) {
+        lines.push_back(
+            fmt::format("{} {}: {} in {}", stream.kind, stream.name, formatBytes(stream.bytes),
+                        formatTime(std::chrono::milliseconds(
+                            static_cast<int64_t>(std::clamp(stream.seconds, 0.0, 1e12) * 1e3)))));
+        for (const InputState& input : stream.inputs)
+            addInput(lines, input);
+        for (const OutputState& output : stream.outputs)
+            lines.push_back(fmt::format("  to {}: {}, {}, {} dropped, {} failed", output.url,
+                                        output.works ? "works" : "DOWN",
+                                        counted(output.datagrams, "datagram"),
+                                        output.datagramsDropped, output.sendFailures));
+    }
+    if (process.states.leftOut > 0)
+        lines.push_back("and " + counted(process.states.leftOut, "more stream"));
+    return lines;
+}
+
 std::string doubtsText(const Machine& machine) {
     return machine.blindness.empty() ? ""
                                      : "there may be hosts that are not seen: " + machine.blindness;
@@ -120,23 +117,25 @@ std::string doubtsText(const Machine& machine) {
 
 std::string statusText(const Machine& machine, bool all, std::optional<size_t> width) {
     std::string text;
-    const Output out(text);
-    fmt::format_to(out, "#dir    ch mode state   socket     Mbit/s   asked  KiB address local\n");
+    const TextOutput out(text);
+    out("#dir    ch mode state   socket     Mbit/s   asked  KiB address local\n");
     for (const ShownTable& shown : machine.tables()) {
-        fmt::format_to(out, "# {}\n", headingOf(shown, machine));
+        out("# {}\n", headingOf(shown, machine));
         const size_t before = text.size();
         for (const ChannelState& channel : shown.table->channels) {
             if (all || channel.running)
                 writeChannel(out, channel);
         }
         if (text.size() == before)
-            fmt::format_to(out, "# no channel is running\n");
+            out("# no channel is running\n");
     }
     if (machine.tables().empty() && machine.processes.empty())
-        fmt::format_to(out, "# {}\n", printable(machine.trouble));
+        out("# {}\n", printable(machine.trouble));
+    // The others are channels.
     for (const StreamProcess& process : machine.processes)
-        writeProcess(out, process);
+        for (const std::string& line : streamLines(process))
+            out("# {}\n", line);
     if (!machine.blindness.empty())
-        fmt::format_to(out, "# {}\n", doubtsText(machine));
+        out("# {}\n", doubtsText(machine));
     return width ? cutLines(text, *width) : text;
 }

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "reports/HostTable.h"
 #include "reports/Hosts.h"
@@ -15,6 +16,9 @@ std::string statusText(const Machine& machine, bool all, std::optional<size_t> w
 
 // A line that tells whose table it is, for people.
 std::string headingOf(const ShownTable& shown, const Machine& machine);
+
+// What a process tells of its streams: a line that says whose they are, and their states.
+std::vector<std::string> streamLines(const StreamProcess& process);
 
 // Why there may be hosts that are not seen, as a sentence; "" = there are none.
 std::string doubtsText(const Machine& machine);

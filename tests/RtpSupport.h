@@ -1,17 +1,26 @@
-// Datagrams of FEC as a sender makes them (SMPTE ST 2022-1), byte by byte.
-#ifndef TESTS_FECSUPPORT_H
-#define TESTS_FECSUPPORT_H
+// Datagrams of RTP and of FEC (SMPTE ST 2022-1) as a sender makes them, byte by byte.
+#ifndef TESTS_RTPSUPPORT_H
+#define TESTS_RTPSUPPORT_H
 
 #include <algorithm>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
+
+inline std::span<const uint8_t> BytesOf(const std::string& text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
 
 inline std::string BigEndian(uint64_t value, size_t bytes) {
     std::string text;
     for (size_t i = bytes; i-- > 0;)
         text += static_cast<char>(value >> (8 * i));
     return text;
+}
+
+inline std::string RtpHeader(uint16_t sequence, uint32_t timestamp, uint32_t ssrc) {
+    return "\x80\x21" + BigEndian(sequence, 2) + BigEndian(timestamp, 4) + BigEndian(ssrc, 4);
 }
 
 // Of datagrams whose numbers are `offset` apart; all of them have the same contributing sources,

@@ -1,6 +1,7 @@
-// RTP from sockets of the tool's own: put in order, and merged where several paths bring it.
-#ifndef TOOLS_ENGINE_REPAIREDINPUT_H
-#define TOOLS_ENGINE_REPAIREDINPUT_H
+// A stream from sockets of the tool's own. RTP is put in order, and merged where several paths
+// bring it.
+#ifndef TOOLS_ENGINE_SOCKETINPUT_H
+#define TOOLS_ENGINE_SOCKETINPUT_H
 
 #include <array>
 #include <cstdint>
@@ -24,9 +25,10 @@
 //
 // The payloads wait in a queue of 4 MiB, as they would in a channel's ring; what comes beyond is
 // dropped.
-class RepairedInput : public StreamInput {
+// From udp://, or with a window of 0, datagrams are taken as they come, and RTP is recognised.
+class SocketInput : public StreamInput {
   public:
-    RepairedInput(const std::vector<StreamUrl>& paths, SocketMeans& means);
+    SocketInput(const std::vector<StreamUrl>& paths, SocketMeans& means);
 
     Clock::time_point attend(Clock::time_point now) override;
     std::string trouble() const override;
@@ -77,6 +79,7 @@ class RepairedInput : public StreamInput {
     Clock::time_point takeAll(Clock::time_point now);
     void stage(const ts::Datagram& datagram, Path& path, size_t number, bool isFec);
     void pushStaged();
+    void takeAsItComes(std::span<const uint8_t> datagram);
     void store(const ts::Reorderer::Delivery& delivery);
     void watchPaths(Clock::time_point now);
     void watchDrops(Clock::time_point now);
@@ -86,7 +89,7 @@ class RepairedInput : public StreamInput {
 
     std::list<Path> paths_;
     const ts::Time longestWait_;
-    ts::Reorderer reorderer_;
+    std::optional<ts::Reorderer> reorderer_;  // none: nothing is repaired
     const ts::Reorderer::Sink sink_;
     std::vector<Staged> staged_;
     std::vector<uint8_t> stagedBytes_;
@@ -103,6 +106,7 @@ class RepairedInput : public StreamInput {
     ts::RepairCounts countsSeen_;
     bool numbersReported_ = false;
     bool rtp_ = true;
+    int ofOtherForm_ = 0;  // datagrams in a row that contradict rtp_
 
     Clock::time_point measured_ = Clock::now();
     uint64_t bytesMeasured_ = 0;

@@ -1,4 +1,4 @@
-#include "engine/RepairedInput.h"
+#include "engine/SocketInput.h"
 
 #include <fmt/format.h>
 
@@ -20,49 +20,56 @@ constexpr auto kFecGrace = 5s;  // until FEC that does not come is reported
 constexpr auto kNumbersInterval = 3s;
 constexpr uint64_t kEnoughDatagrams = 50;  // in that time, to tell whether their numbers make sense
 constexpr double kMostRefused = 0.85;
+// A piece of a raw stream may look like RTP. So many in a row are.
+constexpr int kOtherForm = 4;
 
 }  // namespace
 
-RepairedInput::RepairedInput(const std::vector<StreamUrl>& paths, SocketMeans& means)
+SocketInput::SocketInput(const std::vector<StreamUrl>& paths, SocketMeans& means)
     : longestWait_(longestWait(paths)),
-      reorderer_({.window = reorderWindow(paths)}),
       sink_([this](const ts::Reorderer::Delivery& delivery) { store(delivery); }),
       queue_(kQueueBytes) {
+    if (isRepaired(paths))
+        reorderer_.emplace(ts::Reorderer::Options{.window = reorderWindow(paths)});
     for (const StreamUrl& path : paths)
         paths_.emplace_back(path, means);
 }
 
-StreamInput::Clock::time_point RepairedInput::attend(Clock::time_point now) {
+StreamInput::Clock::time_point SocketInput::attend(Clock::time_point now) {
     auto next = takeAll(now);
+    watchDrops(now);
+    measure(now);
+    if (!reorderer_)
+        return next;
     // While more waits in a socket, its time has not come.
     if (next > now) {
         last_ = std::max(last_, ts::Time(now.time_since_epoch()));
-        reorderer_.release(last_, sink_);
+        reorderer_->release(last_, sink_);
     }
-    if (const auto due = reorderer_.next())
+    if (const auto due = reorderer_->next())
         next = std::min(next, Clock::time_point(*due));
     if (paths_.size() > 1)
         watchPaths(now);
     watchFec(now);
-    watchDrops(now);
     watchNumbers(now);
-    measure(now);
     return next;
 }
 
 // Returns when more is to be taken.
-StreamInput::Clock::time_point RepairedInput::takeAll(Clock::time_point now) {
+StreamInput::Clock::time_point SocketInput::takeAll(Clock::time_point now) {
     auto next = Clock::time_point::max();
     size_t number = 0;
     for (Path& path : paths_) {
         const bool alone = paths_.size() == 1 && !path.fec;
         path.socket.attend(now);
         next = std::min(next, path.socket.take(now, [&](const ts::Datagram& datagram) {
+            if (!reorderer_)
+                return takeAsItComes(datagram.payload);
             path.last = datagram.arrival;
             if (!alone)
                 return stage(datagram, path, number, false);
             last_ = std::max(last_, datagram.arrival);
-            reorderer_.push(datagram.payload, last_, 0, sink_);
+            reorderer_->push(datagram.payload, last_, 0, sink_);
         }));
         socketDrops_ += path.socket.takeDropped();
         for (size_t i = 0; path.fec && i < path.fec->sockets.size(); ++i) {
@@ -79,24 +86,24 @@ StreamInput::Clock::time_point RepairedInput::takeAll(Clock::time_point now) {
     return next;
 }
 
-void RepairedInput::stage(const ts::Datagram& datagram, Path& path, size_t number, bool isFec) {
+void SocketInput::stage(const ts::Datagram& datagram, Path& path, size_t number, bool isFec) {
     staged_.push_back(
         {datagram.arrival, number, &path, isFec, stagedBytes_.size(), datagram.payload.size()});
     stagedBytes_.insert(stagedBytes_.end(), datagram.payload.begin(), datagram.payload.end());
 }
 
 // What came to several sockets, in the order in which it came.
-void RepairedInput::pushStaged() {
+void SocketInput::pushStaged() {
     std::stable_sort(staged_.begin(), staged_.end(),
                      [](const Staged& a, const Staged& b) { return a.arrival < b.arrival; });
     const auto restored = [this](std::span<const uint8_t> datagram) {
-        reorderer_.push(datagram, last_, ts::Reorderer::kRepaired, sink_);
+        reorderer_->push(datagram, last_, ts::Reorderer::kRepaired, sink_);
     };
     for (const Staged& staged : staged_) {
         const auto datagram = std::span(stagedBytes_).subspan(staged.offset, staged.length);
         last_ = std::max(last_, staged.arrival);
         if (!staged.isFec)
-            reorderer_.push(datagram, last_, staged.path, sink_);
+            reorderer_->push(datagram, last_, staged.path, sink_);
         if (!staged.from->fec)
             continue;
         if (staged.isFec)
@@ -108,7 +115,14 @@ void RepairedInput::pushStaged() {
     stagedBytes_.clear();
 }
 
-void RepairedInput::store(const ts::Reorderer::Delivery& delivery) {
+void SocketInput::takeAsItComes(std::span<const uint8_t> datagram) {
+    const auto rtp = ts::readRtp(datagram);
+    ofOtherForm_ = rtp.has_value() == rtp_ ? 0 : ofOtherForm_ + 1;
+    const bool isRtp = ofOtherForm_ == kOtherForm ? !rtp_ : rtp_;
+    store({.payload = rtp && isRtp ? rtp->payload : datagram, .arrival = {}, .rtp = isRtp});
+}
+
+void SocketInput::store(const ts::Reorderer::Delivery& delivery) {
     rtp_ = delivery.rtp;
     if (!queue_.put(delivery.payload)) {
         ++overruns_;
@@ -118,20 +132,21 @@ void RepairedInput::store(const ts::Reorderer::Delivery& delivery) {
     bytes_ += delivery.payload.size();
 }
 
-void RepairedInput::finish() {
-    reorderer_.finish(sink_);
+void SocketInput::finish() {
+    if (reorderer_)
+        reorderer_->finish(sink_);
 }
 
-bool RepairedInput::isOpen() const {
+bool SocketInput::isOpen() const {
     return std::any_of(paths_.begin(), paths_.end(),
                        [](const Path& path) { return path.socket.isOpen(); });
 }
 
-std::string RepairedInput::trouble() const {
+std::string SocketInput::trouble() const {
     return paths_.front().socket.trouble();
 }
 
-void RepairedInput::watchPaths(Clock::time_point now) {
+void SocketInput::watchPaths(Clock::time_point now) {
     const bool anyOpen = isOpen();
     ts::Time newest{0};
     for (const Path& path : paths_)
@@ -162,7 +177,7 @@ void RepairedInput::watchPaths(Clock::time_point now) {
     }
 }
 
-void RepairedInput::watchFec(Clock::time_point now) {
+void SocketInput::watchFec(Clock::time_point now) {
     ts::Time wait{-1};
     for (const Path& path : paths_) {
         if (!path.fec)
@@ -184,10 +199,10 @@ void RepairedInput::watchFec(Clock::time_point now) {
                         path.socket.url().text));
     }
     if (wait >= ts::Time(0))
-        reorderer_.allowFor(std::min(wait, longestWait_));
+        reorderer_->allowFor(std::min(wait, longestWait_));
 }
 
-void RepairedInput::watchDrops(Clock::time_point now) {
+void SocketInput::watchDrops(Clock::time_point now) {
     if (socketDrops_ == dropsReported_ || now < nextReport_)
         return;
     nextReport_ = now + kReportInterval;
@@ -198,11 +213,11 @@ void RepairedInput::watchDrops(Clock::time_point now) {
 }
 
 // Those of some senders stand still, or jump.
-void RepairedInput::watchNumbers(Clock::time_point now) {
+void SocketInput::watchNumbers(Clock::time_point now) {
     if (now - numbersSeen_ < kNumbersInterval)
         return;
     numbersSeen_ = now;
-    const ts::RepairCounts then = std::exchange(countsSeen_, reorderer_.counts());
+    const ts::RepairCounts then = std::exchange(countsSeen_, reorderer_->counts());
     const uint64_t received = countsSeen_.received - then.received;
     const uint64_t refused = countsSeen_.duplicates + countsSeen_.strays + countsSeen_.late -
                              then.duplicates - then.strays - then.late;
@@ -213,14 +228,18 @@ void RepairedInput::watchNumbers(Clock::time_point now) {
     events_.push_back(fmt::format(
         "{} of {} from {} are left out as copies or strays, by their sequence numbers; with "
         "reorder=0 in the URL, all are taken as they come",
-        refused, counted(received, "datagram"), paths_.front().socket.url().text));
+        std::min(refused, received), counted(received, "datagram"),
+        paths_.front().socket.url().text));
 }
 
-uint64_t RepairedInput::arrived() const {
-    return reorderer_.counts().received + reorderer_.counts().raw + reorderer_.counts().rawExtra;
+uint64_t SocketInput::arrived() const {
+    if (!reorderer_)
+        return StreamInput::arrived();
+    const ts::RepairCounts& counts = reorderer_->counts();
+    return counts.received + counts.raw + counts.rawExtra;
 }
 
-void RepairedInput::measure(Clock::time_point now) {
+void SocketInput::measure(Clock::time_point now) {
     const std::chrono::duration<double> elapsed = now - measured_;
     if (elapsed < kMeasureInterval)
         return;
@@ -229,7 +248,7 @@ void RepairedInput::measure(Clock::time_point now) {
     measured_ = now;
 }
 
-QXV_RTP_Statistics RepairedInput::statistics() const {
+QXV_RTP_Statistics SocketInput::statistics() const {
     QXV_RTP_Statistics statistics{};
     statistics.Size = sizeof statistics;
     statistics.Started = 1;
@@ -238,15 +257,17 @@ QXV_RTP_Statistics RepairedInput::statistics() const {
     statistics.FreeBytes = static_cast<uint32_t>(queue_.room());
     statistics.Datagrams = stored_;
     statistics.Bytes = bytes_;
-    statistics.DatagramsDropped = overruns_;
+    statistics.DatagramsDropped = overruns_ + (reorderer_ ? 0 : socketDrops_);
     return statistics;
 }
 
-std::optional<RepairReport> RepairedInput::repairs() const {
-    RepairReport report{reorderer_.counts(), reorderer_.window(), socketDrops_, {}};
+std::optional<RepairReport> SocketInput::repairs() const {
+    if (!reorderer_)
+        return std::nullopt;
+    RepairReport report{reorderer_->counts(), reorderer_->window(), socketDrops_, {}};
     for (size_t i = 0; const Path& path : paths_)
         report.paths.push_back(
-            {path.socket.url().text, reorderer_.path(i++, last_),
+            {path.socket.url().text, reorderer_->path(i++, last_),
              path.fec ? std::optional(path.fec->decoder.counts()) : std::nullopt});
     return report;
 }
