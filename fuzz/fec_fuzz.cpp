@@ -6,14 +6,11 @@
 #include <string>
 
 #include "FecDecoder.h"
-#include "FecSupport.h"
 #include "Fuzz.h"
+#include "RtpSupport.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace std::chrono_literals;
-    const auto bytesOf = [](const std::string& text) {
-        return std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size());
-    };
     Input input{{data, size}};
     ts::FecDecoder decoder;
     std::map<uint16_t, std::string> sent;
@@ -21,8 +18,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint64_t media = 0, restored = 0;
     uint16_t next = 65'000;
     const auto makeMedia = [](uint16_t number) {
-        return "\x80\x21" + BigEndian(number, 2) + BigEndian(number * 90U, 4) + BigEndian(5, 4) +
-               "\x47" + BigEndian(number * 77'777U, 4) + std::string(200 + number % 50, 'x');
+        return RtpHeader(number, number * 90U, 5) + "\x47" + BigEndian(number * 77'777U, 4) +
+               std::string(number % 20, 'x');
     };
     const ts::FecDecoder::Sink sink = [&](std::span<const uint8_t> datagram) {
         const auto rtp = ts::readRtp(datagram);
@@ -33,18 +30,18 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         ++restored;
     };
     ts::Time now = 0s;
-    while (!input.Rest.empty() && media < 5000) {
+    while (!input.Rest.empty() && media < 1500) {
         const uint8_t kind = input.Byte();
         const uint8_t first = input.Byte(), second = input.Byte();
         now += 1ms;
         if (kind % 4 == 0) {
             next = static_cast<uint16_t>(next + first % 8);
             for (int i = 0; i < 1 + second % 32; ++i, ++media)
-                decoder.pushMedia(bytesOf(makeMedia(next++)), now, sink);
+                decoder.pushMedia(BytesOf(makeMedia(next++)), now, sink);
             continue;
         }
         if (kind % 4 == 1 && kind & 0x40) {
-            decoder.pushMedia(bytesOf(makeMedia(static_cast<uint16_t>(next - first))), now, sink);
+            decoder.pushMedia(BytesOf(makeMedia(static_cast<uint16_t>(next - first))), now, sink);
             ++media;
             continue;
         }
@@ -59,7 +56,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             parity[place % 48] = static_cast<char>(input.Byte());
             parity.resize(place & 0x80 ? 20 + first : parity.size());
         }
-        decoder.pushFec(bytesOf(parity), now, sink);
+        decoder.pushFec(BytesOf(parity), now, sink);
     }
     const ts::FecCounts& counts = decoder.counts();
     Check(counts.repaired == restored && counts.repaired <= counts.received);
