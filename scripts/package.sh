@@ -4,7 +4,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install.sh cmake ninja-build g++ dpkg-dev file libcli11-dev libfmt-dev libbitstream-dev \
-    libtomlplusplus-dev nlohmann-json3-dev libcpp-httplib-dev
+    libtomlplusplus-dev nlohmann-json3-dev libcpp-httplib-dev libcurl4-openssl-dev
 # The time in all packages: that of the last commit, or of the changelog in a tree without a repository.
 SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || stat -c %Y CHANGELOG.md)}
 export SOURCE_DATE_EPOCH
