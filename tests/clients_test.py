@@ -1,7 +1,8 @@
 # Other programs as our receivers and our senders: clients_test.py TOOL SAMPLE PROGRAM. Exits 77 where the
 # program is not installed.
-import concurrent.futures, json, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, tempfile, threading
-import time, unittest
+import concurrent.futures, json, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, tempfile, time, unittest
+
+from impairer import Disorder
 
 TOOL, SOURCE, PROGRAM = sys.argv[1:]
 SAMPLE = "/tmp/sample.ts"  # a copy that every user may read; the tool has another /tmp
@@ -50,6 +51,12 @@ FEC = {
     "gstreamer": (7154, GST + "filesrc location={sample} ! tsparse set-timestamps=true ! rtpmp2tpay ssrc=0 ! "
                   "rtpst2022-1-fecenc name=f columns=5 rows=4 ! udpsink async=false host=127.0.0.1 port=7154 "
                   "f.fec_0 ! udpsink async=false host=127.0.0.1 port=7156 f.fec_1 ! udpsink async=false host=127.0.0.1 port=7158")}
+
+
+DESCRIBED = {
+    "ffmpeg": FFMPEG + "-protocol_whitelist file,udp,rtp -i {sdp} -map 0 -c copy -t 2 -f nut {out}",
+    # It reads what is described, and plays it when it comes to the same file again.
+    "vlc": VLC + "--miface lo --repeat {sdp} --sout '#std{{access=file,mux=ts,dst={out}}}'"}
 
 
 CONSTANT = 7006, 7016, 7036  # what comes to these has twice its rate, by null packets
@@ -105,20 +112,6 @@ def transmit(url, command, receives):
     return out
 
 
-class Loss(threading.Thread):  # passes datagrams on to the hundredth port below, but for these
-    def __init__(self, port, lost=()):
-        super().__init__(daemon=True)
-        self.lost, self.to, self.number = lost, ("127.0.0.1", port - 100), 0
-        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.socket.bind(("127.0.0.1", port))
-
-    def run(self):
-        while data := self.socket.recv(2048):
-            if self.number not in self.lost:
-                self.socket.sendto(data, self.to)
-            self.number += 1
-
-
 def elementary(path, kind):
     return subprocess.run(["ffmpeg", "-v", "fatal", "-i", path, "-map", "0:" + kind, "-c", "copy", "-f", "data", "-"], capture_output=True).stdout
 
@@ -143,8 +136,8 @@ class ClientsTest(unittest.TestCase):
     def test_what_is_lost_is_restored_from_fec(self):
         port, command = FEC[PROGRAM]
         lost = {*range(41, 200, 11), *range(103, 106)}  # behind the first matrix, which not all protect
-        for forwarder in (Loss(port, lost), Loss(port + 2), Loss(port + 4)):
-            forwarder.start()
+        for at, without in (port, lost), (port + 2, ()), (port + 4, ()):  # to the hundredth port below
+            Disorder(at, at - 100, lambda number, without=without: (number not in without, 0))
         out = f"/tmp/out/{port}"
         receiver = ours(f"receive rtp://127.0.0.1:{port - 100}?fec - --statistics -i 3", stdout=open(out, "wb"), stderr=subprocess.PIPE)
         await_(lambda: sockets(port - 96), [receiver])
@@ -170,20 +163,40 @@ class ClientsTest(unittest.TestCase):
         self.assertEqual((sender.wait(60), found[0]), (0, found[1]))
         self.assertIn(b"mpeg2video", found[0])
 
-    @unittest.skipUnless(PROGRAM == "ffmpeg", "")
+    @unittest.skipUnless(PROGRAM in DESCRIBED, "")
     def test_a_description_is_opened_and_played(self):
         folder = tempfile.mkdtemp(dir=".")  # not in /tmp, of which the tool has another
+        os.chmod(folder, 0o755)
         self.addCleanup(shutil.rmtree, folder)
         for url in "rtp://239.1.1.1:7084?localaddr=127.0.0.1", "rtp://127.0.0.1:7086":
             sender = ours(f"send --loop '{SOURCE}' '{url}' --sdp '{folder}'")
-            await_(lambda: os.listdir(folder), [sender])
-            sdp, out = os.path.join(folder, os.listdir(folder)[0]), "/tmp/out/described"
-            command = f"{FFMPEG} -protocol_whitelist file,udp,rtp -i {sdp} -map 0 -c copy -t 2 -f nut {out}"
-            player = start(command)
+            # It gets its name when it is whole.
+            await_(lambda: list(pathlib.Path(folder).glob("*.sdp")), [sender])
+            sdp, out = *pathlib.Path(folder).glob("*.sdp"), f"/tmp/out/{len(url)}"
+            player = start(DESCRIBED[PROGRAM].format(sdp=sdp, out=out))
+            if PROGRAM == "vlc":  # which does not end by itself
+                await_(lambda: os.path.exists(out) and os.path.getsize(out) > 400_000, [player, sender])
+                player.send_signal(signal.SIGINT)
             await_(lambda: player.poll() is not None, [player, sender])
             sender.send_signal(signal.SIGINT)
             self.assertEqual((sender.wait(60), player.returncode, os.listdir(folder)), (0, 0, []))
             self.assertGreater(len(elementary(out, "v")), 50_000)
+
+    @unittest.skipUnless(PROGRAM == "vlc", "")
+    def test_vlc_lists_what_is_announced(self):
+        player = subprocess.Popen(shlex.split(VLC.replace("dummy", "rc --rc-fake-tty --miface lo")), stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, bufsize=1)
+        player.stdin.write("sd sap\n")
+        await_(lambda: sockets(9875), [player])
+        sender = ours(f"send --loop '{SOURCE}' 'rtp://239.1.1.1:7088?localaddr=127.0.0.1' --announce 'Our news'")
+
+        def is_listed():
+            time.sleep(0.2)
+            player.stdin.write("playlist\n")
+            return "Our news" in next(line for line in player.stdout if "Our news" in line or "End of" in line)
+        await_(is_listed, [player, sender])
+        sender.send_signal(signal.SIGINT)
+        self.assertEqual((player.communicate("quit\n")[1], sender.wait(60)), (None, 0))
 
     @unittest.skipUnless(PROGRAM == "tshark", "")
     def test_tshark_dissects_every_datagram_and_finds_no_fault(self):
