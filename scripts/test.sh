@@ -77,9 +77,11 @@ for configuration in "$@"; do
         dev | tsan) scripts/install.sh $build_needs clang libclang-rt-dev ;;
         asan) scripts/install.sh $build_needs ;;
     esac
-    preset=$configuration
-    [ "$preset" != system ] || preset=release
-    cmake --preset "$preset" >/dev/null
+    case $configuration in
+        # As demo.sh builds: another compiler's warning is no failed test, and nothing is compiled twice.
+        system) cmake --preset release -DQXV_WERROR=OFF >/dev/null ;;
+        *) cmake --preset "$configuration" >/dev/null ;;
+    esac
     cmake --build "$build" -- --quiet
     case $configuration in
         system) test_in "$build" --label-exclude extra ;;
