@@ -54,7 +54,9 @@ FEC = {
 
 
 DESCRIBED = {
-    "ffmpeg": FFMPEG + "-protocol_whitelist file,udp,rtp -i {sdp} -map 0 -c copy -t 2 -f nut {out}",
+    # It comes at any time to a stream in a loop, whose pictures can be decoded once a second, and whose times jump.
+    "ffmpeg": FFMPEG + "-protocol_whitelist file,udp,rtp -analyzeduration 3000000 -i {sdp} -map 0:v -c copy "
+              "-fs 200000 -f mpeg2video {out}",
     # It reads what is described, and plays it when it comes to the same file again.
     "vlc": VLC + "--miface lo --repeat {sdp} --sout '#std{{access=file,mux=ts,dst={out}}}'"}
 
