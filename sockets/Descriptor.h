@@ -18,16 +18,14 @@ class Descriptor {
         std::swap(m_Number, other.m_Number);
         return *this;
     }
-    ~Descriptor() { Close(); }
+    ~Descriptor() {
+        if (m_Number >= 0)
+            close(m_Number);
+    }
 
     // Another descriptor of the same file.
     Descriptor Duplicate() const noexcept {
         return Descriptor(fcntl(m_Number, F_DUPFD_CLOEXEC, kFirst));
-    }
-    void Close() noexcept {
-        if (m_Number >= 0)
-            close(m_Number);
-        m_Number = -1;
     }
     int Number() const noexcept { return m_Number; }
     explicit operator bool() const noexcept { return m_Number >= 0; }

@@ -138,7 +138,8 @@ bool RenewMemberships(Group& group, const Descriptor& socket, const InterfaceLis
     const uint32_t current = group.Joined.empty() ? 0 : group.Joined.front();
     const bool isJoined = !group.Joined.empty() && (current == 0 || interfaces.Has(current));
     // Another interface that has the route now is no reason to leave a stream that comes in.
-    if (isJoined && !meaning.IsNamed && !group.Follows)
+    // One that is not known may be gone unnoticed.
+    if (isJoined && current != 0 && !meaning.IsNamed && !group.Follows)
         return true;
     const uint32_t wanted = FindInterface(meaning, interfaces);
     if (wanted == 0 || (isJoined && wanted == current))

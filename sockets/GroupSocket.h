@@ -25,6 +25,9 @@ struct Group {
     std::string Remote;
     uint32_t Port = 0;
     bool Everywhere = false;
+    int Family() const {  // known also where the zone's name means nothing any more
+        return Remote.find(':') == std::string::npos ? AF_INET : AF_INET6;
+    }
 
     std::vector<uint32_t> Joined;  // interfaces; 0 stands for one that the system has chosen
     // The socket was replaced a moment ago, when maybe not all routes were there: so a group for
@@ -40,13 +43,14 @@ struct Group {
 // the remote address may name. Empty, with nothing left open, when any step fails.
 Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces);
 
-// Ends the membership on an interface that is gone. It would count to the limit, and would pass for
-// a good one where another interface, as from another network namespace, gets the same number.
+// Ends the membership on an interface that is gone, or has lost the group's family. It would count
+// to the limit, and would pass for a good one where the interface gets its family back, or another
+// one, as from another network namespace, gets its number.
 void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface);
 
 // After interfaces have changed: joins on those that are new, and leaves those that are gone. Where
 // the group is meant to be joined on one other interface, `renewed` becomes a socket that is. False
-// when the group is joined nowhere, so that it has to be looked at again.
+// when the group is joined nowhere, or that is not known, so that it has to be looked at again.
 bool RenewMemberships(Group& group, const Descriptor& socket, const InterfaceList& interfaces,
                       Descriptor& renewed);
 

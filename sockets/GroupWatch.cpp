@@ -1,5 +1,6 @@
 #include "GroupWatch.h"
 
+#include <linux/netconf.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
 #include <pthread.h>
@@ -96,12 +97,14 @@ class Watch {
     }
 
     void TakeMessages() {
-        // Apart from interfaces that are gone it does not matter what the messages say: each, and
+        // Apart from memberships that are gone it does not matter what the messages say: each, and
         // ENOBUFS for those that the kernel has dropped, says that something has changed.
         constexpr int kMost = 1000;  // the rest waits for the next time
         struct {
             nlmsghdr Header;
-            ifinfomsg Interface;
+            netconfmsg Family;
+            alignas(NLMSG_ALIGNTO) rtattr Attribute;
+            uint32_t Interface;
         } message;
         if (m_LooksLeft != kLooks)
             m_NextLook = Clock::now() + kSettle;
@@ -110,16 +113,16 @@ class Watch {
             const ssize_t size = recv(Messages.Number(), &message, sizeof(message), 0);
             if (size < 0 && errno != ENOBUFS)
                 break;
-            // An interface that leaves a bridge is reported with a family.
-            if (size == sizeof(message) && message.Header.nlmsg_type == RTM_DELLINK &&
-                message.Interface.ifi_family == AF_UNSPEC)
-                Leave(static_cast<uint32_t>(message.Interface.ifi_index));
+            // An interface is gone, or has a family no more: IPv6 needs an MTU of 1280 bytes.
+            if (size == sizeof(message) && message.Header.nlmsg_type == RTM_DELNETCONF)
+                Leave(message.Interface, message.Family.ncm_family);
         }
     }
 
-    void Leave(uint32_t interface) {
+    void Leave(uint32_t interface, int family) {
         for (const auto& group : CopyGroups())
-            if (std::ranges::find(group->Joined, interface) != group->Joined.end())
+            if (group->Family() == family &&
+                std::ranges::find(group->Joined, interface) != group->Joined.end())
                 if (const Descriptor socket = Borrow(*group); socket)
                     LeaveInterface(*group, socket, interface);
     }
@@ -170,7 +173,9 @@ Watch* g_Watch = nullptr;  // guarded by g_Lock
 // With g_Lock held. Leaves g_Watch null, with success, where rtnetlink is refused.
 bool StartWatch() {
     auto watch = std::make_unique<Watch>();
-    watch->Messages = OpenNetlink(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR);
+    watch->Messages =
+        OpenNetlink(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR |
+                    1U << (RTNLGRP_IPV4_NETCONF - 1) | 1U << (RTNLGRP_IPV6_NETCONF - 1));
     if (!watch->Messages)
         return errno != EMFILE && errno != ENFILE && errno != ENOMEM && errno != ENOBUFS;
     watch->Wakeup = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));

@@ -30,13 +30,9 @@ uint32_t NumberOf(const ifaddrs& interface) {
 }  // namespace
 
 InterfaceList::InterfaceList() {
-    ifaddrs* entry = nullptr;
-    if (getifaddrs(&entry) != 0)
-        return;
-    for (m_Entries.reset(entry); entry != nullptr; entry = entry->ifa_next)
-        if (IsInterfaceItself(*entry))
-            m_Numbers.push_back(NumberOf(*entry));
-    std::ranges::sort(m_Numbers);
+    ifaddrs* entries = nullptr;
+    if (getifaddrs(&entries) == 0)
+        m_Entries.reset(entries);
 }
 
 uint32_t InterfaceList::WithAddress(const Address& address) const {
@@ -48,7 +44,10 @@ uint32_t InterfaceList::WithAddress(const Address& address) const {
 }
 
 bool InterfaceList::Has(uint32_t interface) const {
-    return std::ranges::binary_search(m_Numbers, interface);
+    for (const ifaddrs* entry = m_Entries.get(); entry != nullptr; entry = entry->ifa_next)
+        if (IsInterfaceItself(*entry) && NumberOf(*entry) == interface)
+            return true;
+    return false;
 }
 
 std::vector<uint32_t> InterfaceList::ForGroups() const {

@@ -235,7 +235,7 @@ void DetachSocket(ReceiveSocket* socket) {
     if (!inCallback) {
         const std::lock_guard left(socket->Busy);
     }
-    socket->File.Close();
+    socket->File = Descriptor();
     {
         const std::lock_guard lock(g_Lock);
         // The thread may hold an event for the socket that it has not looked at yet, so the memory

@@ -26,8 +26,8 @@
  *   destroyed. Both wait for a callback that has destroyed its own socket and still runs.
  * - Platforms: 64-bit Linux with glibc, from Linux 4.18 on. Some things need a newer kernel:
  *   an IPv6 socket gets no groups that only other sockets have joined (4.20); trains of datagrams
- *   are taken as one, and an IPv6 group comes from its interface only (5.0); sockets of different
- *   network namespaces are told apart (5.14).
+ *   are taken as one, and an IPv6 group comes from its interface only (5.0; before 5.7 the latter
+ *   needs CAP_NET_RAW); sockets of different network namespaces are told apart (5.14).
  */
 #ifndef ZAQSOCKETS_H
 #define ZAQSOCKETS_H
@@ -62,11 +62,12 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * also of other processes, may listen to one group and port. When its interface is deleted and made
  * again, or its local address moves to another one, the group is joined there within about a
  * second; where no interface is named, the system chooses again when its choice is gone. This needs
- * rtnetlink(7), and covers the network namespace in which the first of the present group sockets
- * was opened. A unicast receive socket never shares its address and port with another one of this
- * library, and a named address with no socket at all. The any-address is refused where another
- * socket has the port for any address, or for a named one that it does not share (SO_REUSEADDR);
- * groups on the same port are kept apart from it. An IPv6 socket does not take the IPv4 port. The
+ * rtnetlink(7), and covers one network namespace at a time: that of the first group socket, as long
+ * as there are others of it, then that of the next one to be opened. A unicast receive socket never
+ * shares its address and port with another one of this library, and a named address with no socket
+ * at all. The any-address is refused where another socket has the port for any address, for the
+ * loopback address, or for a named one that it does not share (SO_REUSEADDR); groups on the same
+ * port are kept apart from it. An IPv6 socket does not take the IPv4 port. The
  * receive buffer is 8 MiB, or the most that the system grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
@@ -84,9 +85,10 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * @param send             1 = send socket, 0 = receive socket
  * @param multicastOption  receive from a group: 0 = join on the interface of localAddress (or of
  *                         the group's zone), 1 = join on every multicast-capable interface that is
- *                         up, also later; a group of interface or link scope (ff01::, ff02::) has
- *                         one zone, named by it or by localAddress, and is joined there in either
- *                         case
+ *                         up, also later, as far as the system lets one socket (for IPv4 20, see
+ *                         igmp_max_memberships in ip(7)); a group of interface or link scope
+ *                         (ff01::, ff02::) has one zone, named by it or by localAddress, and is
+ *                         joined there in either case
  * @param ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast
  *                         datagrams, 0 to 255
  * @param callback         receive: not null; not used by a send socket

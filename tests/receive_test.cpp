@@ -108,8 +108,15 @@ TEST(Receive, GroupsAreJoinedAgainWhenTheirInterfaceWasMadeAnew) {
             })) << round
                 << groups[i].second;
         }
-        interfaces.reset();
-        interfaces = std::make_unique<Interfaces>();
+        if (round == 0) {
+            interfaces.reset();
+            interfaces = std::make_unique<Interfaces>();
+        } else {  // with so small an MTU the kernel takes both families away, and their memberships
+            ASSERT_EQ(system("ip link set a0 mtu 60 && ip link set a0 mtu 1500 &&"
+                             " ip addr add 10.77.0.1/24 dev a0 &&"
+                             " ip addr add fd77:0::1/64 dev a0 nodad"),
+                      0);
+        }
         ASSERT_EQ(system("ip route add 239.1.1.4 dev a0"), 0);
     }
     receivers.clear();
