@@ -113,7 +113,9 @@ uint32_t QXV_RTP_SetConfig(void* handle, uint32_t direction, uint32_t channel,
     if (family == 0)
         return 0;
     Normalise(copy, direction, family);
-    *config = copy;
+    // Where there is nothing to change, it may be memory that cannot be written.
+    if (memcmp(config, &copy, sizeof(copy)) != 0)
+        *config = copy;
     StoreConfig(found, copy);
     return 1;
 }

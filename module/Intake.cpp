@@ -19,9 +19,8 @@ Detection Detect(CZAQStreamTimer& timer, unsigned char* data, uint32_t length) {
         return {0, 0};
     uint32_t version = 0;
     uint32_t payloadType = 0;
-    uint32_t sequence = 0;
     const uint32_t header = timer.ExtractRTPHeader(data, &version, nullptr, nullptr, nullptr,
-                                                   nullptr, &payloadType, &sequence, nullptr);
+                                                   nullptr, &payloadType, nullptr, nullptr);
     // A CSRC list as long as the datagram or longer: no RTP, but the length is kept.
     if (length <= header)
         return {0, header};

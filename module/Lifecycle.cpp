@@ -57,12 +57,7 @@ void ReplaceObjects(const Channel& channel, CZAQStreamTimer* timer, CZAQSimpleBu
 
 // Waits for the thread in the row, if there is one. Something must have told it to end.
 void JoinThread(const Channel& channel) {
-    CZAQThread* const thread = channel.Row->Thread.load(std::memory_order_acquire);
-    if (thread == nullptr)
-        return;
-    constexpr unsigned int kWait_ms = 5000;  // the wait itself has no limit
-    thread->CloseWithWait(kWait_ms);
-    delete thread;
+    delete channel.Row->Thread.load(std::memory_order_acquire);
     channel.Row->Thread.store(nullptr, std::memory_order_release);
 }
 

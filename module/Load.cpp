@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -91,8 +92,8 @@ void ForgetSegment() {
 }
 
 // True when the segment object has the table. Where another process creates the file at the same
-// moment, this one may open it half written. The next attempt removes its name and creates another
-// file, as if this process had been loaded later. Another user's short file is refused in the end.
+// moment, this one may open it, half written or whole: the next attempt removes its name and makes
+// another one, as if this process had been loaded later. Only what may not be removed is joined.
 bool OpenTable() {
     constexpr int kAttempts = 10;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -100,9 +101,9 @@ bool OpenTable() {
         memcpy(path, kSharedMemoryPath, sizeof(path));
         if (g_ShareMemory.Create(path, sizeof(RtpContext), 1) == 0)
             return false;
-        if (HoldsTable(g_ShareMemory))
-            return true;
         const bool owner = g_ShareMemory.Owner != 0;
+        if (HoldsTable(g_ShareMemory) && (owner || unlink(path) != 0))
+            return true;
         g_ShareMemory.Close();
         if (owner)
             return false;
@@ -142,16 +143,8 @@ int QXV_RTP_Constructor() {
 void QXV_RTP_Deconstructor() {
     const zaq::NoCancellation noCancellation;
     g_ThreadQuit.store(1, std::memory_order_release);  // pairs with the thread's acquire
-    if (g_pThread != nullptr) {
-        constexpr unsigned int kWait_ms = 5000;  // the wait itself has no limit
-        g_pThread->CloseWithWait(kWait_ms);
-        delete g_pThread;
-        g_pThread = nullptr;
-    }
-    // When the process exits, the object's destructor may have run before this routine. It is
-    // closed either way, and made again here so that there is an object to call.
-    ForgetSegment();
-    g_ShareMemory.Close();
+    delete g_pThread;
+    g_pThread = nullptr;
 }
 
 __attribute__((constructor)) void Attach_QXV_RTP_SO() {

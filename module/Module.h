@@ -19,9 +19,10 @@
 // operations fill them, the end operations free them; Lifecycle.cpp says what protects them.
 //
 //   field    written by                                       read by
-//   Cancel   load; start (0); cancel, end, transmit thread (1)  Send, Receive, transmit thread
-//   Running  load; cancel, end (0); start (1, last of all)      housekeeping
-//   Socket   transmit thread or housekeeping, start, end        transmit thread, housekeeping, end
+//   Cancel   load; start (0, 1 if it fails); cancel, end,       Send, Receive, transmit thread
+//            transmit thread (1)
+//   Running  load; start, cancel, end (0); start (1, last of all)  housekeeping
+//   Socket   transmit thread or housekeeping, start, end  transmit thread, housekeeping, start, end
 //   Thread   start, end                                         start, end
 //   Timer    start, end                    SetBitrate, housekeeping, transmit thread, intake
 //   Buffer   start, end                    Send, Receive, transmit thread, intake

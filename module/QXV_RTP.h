@@ -72,7 +72,8 @@ typedef struct RtpChannelConfig {
     uint8_t Rtp;
     uint8_t Ttl; /**< 514: TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams */
     /** 515: receive from a group: 0 = join on the interface of LocalAddress, 1 = join on every
-        multicast-capable interface that is up */
+        multicast-capable interface that is up, as far as the system lets one socket (for IPv4
+        20, see igmp_max_memberships in ip(7)) */
     uint8_t MulticastOption;
     uint16_t Port; /**< 516: UDP port: destination of a send channel, own port of a receive one */
     uint16_t Reserved; /**< 518: 0 */
@@ -132,7 +133,8 @@ QXV_RTP_API uint32_t QXV_RTP_GetConfig(void* handle, uint32_t direction, uint32_
 
 /**
  * Stores a configuration. A channel that is started gets a new socket: a send channel within a few
- * milliseconds, a receive channel within a second. Does not block.
+ * milliseconds (a second where no socket could be opened before, or the system's send queue is
+ * full), a receive channel within a second. Does not block.
  *
  * Refused, with nothing changed: a text that is no address or has no NUL, a LocalAddress that is
  * multicast or has a source or a DSCP, a Multicast byte that disagrees with RemoteAddress, and

@@ -211,7 +211,7 @@ TEST(Fault, InAnySystemCallIsOvercome) {
 }
 
 // Somebody is quicker with a file of his own than the load, which has just removed what was there.
-TEST(Fault, AThiefOfTheTablesPlaceIsJoinedReplacedOrRefused) {
+TEST(Fault, AThiefOfTheTablesPlaceIsReplacedOrRefused) {
     static const auto put = [](const char* path, size_t size) {
         std::ofstream(path) << std::string(4, '\0') + std::string(size - 4, '\xFF');
     };
@@ -229,6 +229,9 @@ TEST(Fault, AThiefOfTheTablesPlaceIsJoinedReplacedOrRefused) {
         faults::Arm("open", use, steal);
         const ModuleLibrary module;
         EXPECT_EQ(module.Handle != nullptr, usable);
+        if (usable) {  // it is our own, not his
+            EXPECT_EQ(static_cast<RtpContext*>(module.Handle)->Channels[0][0].Config.Port, 10000);
+        }
         EXPECT_TRUE(Contents("/tmp/aim") == aim);
         std::filesystem::remove(kSharedMemoryPath);
     }

@@ -1,4 +1,6 @@
 // Starting, cancelling and ending channels, and what housekeeping does for them.
+#include <sys/mman.h>
+
 #include <future>
 #include <tuple>
 
@@ -55,6 +57,13 @@ TEST_F(LifecycleTest, WrongArgumentsAreRefused) {
             QXV_RTP_GetConfig(Handle, 2, 0, &config) + QXV_RTP_GetConfig(Handle, 0, 0, nullptr) +
             QXV_RTP_SetConfig(Handle, 2, 0, &config) + QXV_RTP_SetConfig(Handle, 0, 0, nullptr),
         0u);
+    // What needs no correction may be memory that cannot be written.
+    ASSERT_EQ(QXV_RTP_GetConfig(Handle, kReceive, 0, &config), 1u);
+    void* const page = mmap(nullptr, 4096, PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    memcpy(page, &config, sizeof(config));
+    mprotect(page, 4096, PROT_READ);
+    EXPECT_EQ(QXV_RTP_SetConfig(Handle, kReceive, 0, static_cast<RtpChannelConfig*>(page)), 1u);
+    munmap(page, 4096);
     for (const uint32_t direction : {kSend, kReceive}) {
         Row(direction, kChannel).Cancel = 0;  // not started, as in a process that joined a table
         EXPECT_EQ(Transfer(direction, &byte, 1), 0u);
@@ -193,6 +202,7 @@ TEST_F(LifecycleTest, AnEndWaitsForTheSocketThatIsBeingMade) {
     ASSERT_EQ(Start(kReceive), 1u);
     ASSERT_TRUE(Until([] { return Fake()->Waiting != 0; }));
     auto end = std::async(std::launch::async, [&] { return End(kReceive); });
+    EXPECT_TRUE(Until([&] { return Statistics(kReceive, kChannel).Cancelled == 1; }));
     EXPECT_EQ(end.wait_for(50ms), std::future_status::timeout);
     const auto now = Statistics(kReceive, kChannel);
     EXPECT_TRUE(now.Started == 1 && now.Cancelled == 1 && now.SocketOpen == 0);
