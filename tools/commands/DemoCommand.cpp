@@ -255,7 +255,9 @@ class Demo {
         auto nextSample = lastChange + kSampleInterval;
         uint64_t seen = 0;
         const uint64_t all = kChannels * stream_.datagrams();
-        while (seen < all && Clock::now() < deadline && Clock::now() - lastChange < kIdlePatience) {
+        // A datagram may have arrived before its sender has counted it.
+        while (std::min(seen, sentSeen_) < all && Clock::now() < deadline &&
+               Clock::now() - lastChange < kIdlePatience) {
             std::this_thread::sleep_for(10ms);
             if (stop_.requested())
                 throw Failure(fmt::format("stopped by {}", stop_.name()));
