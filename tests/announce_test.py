@@ -76,7 +76,8 @@ class Announce(ToolTest):
         self.await_(lambda: os.listdir("made") == ["127.0.0.1_7420.sdp"])
         relay = self.tool("relay made/127.0.0.1_7420.sdp rtp://127.0.0.1:7424 udp://127.0.0.1:7426 "
                           "'rtp://[::1]:7428' --sdp made")
-        self.await_(lambda: len(os.listdir("made")) == 3)
+        self.await_(lambda: sorted(os.listdir("made")) == [
+            "--1_7428.sdp", "127.0.0.1_7420.sdp", "127.0.0.1_7424.sdp"])
         self.assertIn(b"IN IP6 ::1\r\n", read("made/--1_7428.sdp"))
         self.assertTrue(is_bound(7420))
         self.assertEqual((self.end(relay), self.end(sender, signal.SIGINT)), (0, 0))

@@ -97,14 +97,16 @@ def transmit(url, command, receives):
     out = f"/tmp/out/{port}"
     local = {"2": "localaddr=127.0.0.1", "[": "localaddr=::1"}[url[6]] if "239" in url or "ff15" in url else ""
     command = command.format(url=url, out=out, sample=SAMPLE)
-    processes = [start(command) if receives else ours(f"receive '{url}?{local}' -", stdout=open(out, "wb"))]
+    processes = [start(command) if receives else ours(f"receive '{url}?{local}' - --patience 30", stdout=open(out, "wb"))]
     try:
         await_(lambda: sockets(port), processes)
         options = "--cbr 1.6M" if port in CONSTANT else ""
         processes += [ours(f"send '{SOURCE}' '{url}?{local}' {options}") if receives else start(command)]
         await_(lambda: processes[1].poll() is not None, processes)
         await_(lambda: sum(sockets(port)) == 0, processes)
-        time.sleep(0.5)  # what it has taken and not yet worked on would be lost with the signal
+        size = None  # what it has taken and not yet worked on would be lost with the signal
+        while size != (size := os.path.exists(out) and os.path.getsize(out)):
+            time.sleep(0.5)
         if not receives or PROGRAM != "ffmpeg":  # which ends by itself
             processes[0].send_signal(signal.SIGINT)
         await_(lambda: processes[0].poll() is not None, processes)
@@ -141,7 +143,7 @@ class ClientsTest(unittest.TestCase):
         for at, without in (port, lost), (port + 2, ()), (port + 4, ()):  # to the hundredth port below
             Disorder(at, at - 100, lambda number, without=without: (number not in without, 0))
         out = f"/tmp/out/{port}"
-        receiver = ours(f"receive rtp://127.0.0.1:{port - 100}?fec - --statistics -i 3", stdout=open(out, "wb"), stderr=subprocess.PIPE)
+        receiver = ours(f"receive rtp://127.0.0.1:{port - 100}?fec - --statistics -i 10", stdout=open(out, "wb"), stderr=subprocess.PIPE)
         await_(lambda: sockets(port - 96), [receiver])
         sender = start(command.format(sample=SAMPLE))
         for process in receiver, sender:

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """failover_test.py TOOL SAMPLE [TEST...]: a relay of inputs that die, fall ill and come back."""
 import json, socket, struct, sys, threading, time, unittest
-from tool_test import ToolTest, read, subprocess, write
+from tool_test import ToolTest, again_if_it_stood_still, read, subprocess, write
 
 
 def packet(source, count):  # of 750 kbit/s: a clock, two PIDs, and the source's number at the end
@@ -80,6 +80,7 @@ class Failover(ToolTest):
     def await_source(self, source):
         self.await_(lambda: self.output.sources[-1:] == [source], lambda: len(read("said")))
 
+    @again_if_it_stood_still
     def test_what_is_preferred_is_on_air_and_decoders_are_told_of_each_cut(self):
         self.output = Output(self, 7302)
         write("slate.ts", b"".join(packet(9, count) for count in range(700)))
@@ -122,6 +123,7 @@ class Failover(ToolTest):
                          f"{b} is on air: {a} has no signal\n",
                          f"slate.ts is on air: {b} has no signal\n")
 
+    @again_if_it_stood_still
     def test_one_that_is_damaged_is_left_and_with_return_never_not_returned_to(self):
         self.output = Output(self, 7312)
         write("config", b'[[relay]]\nfrom = "udp://127.0.0.1:7310"\nor = "udp://127.0.0.1:7311"\n'

@@ -114,7 +114,7 @@ TEST(Load, WhateverLiesInTheTablesPlaceIsReplacedJoinedOrRefused) {
         {"a pipe", kWorks, kRefused, [] { mknod(kPath, S_IFIFO | 0666, 0); }},
         {"a socket", kWorks, kRefused, [] { mknod(kPath, S_IFSOCK | 0666, 0); }},
         {"a device", kWorks, kRefused, [] { mknod(kPath, S_IFCHR | 0666, makedev(1, 5)); }}};
-    RunApart(2 * std::size(kCases), 20, [](int child) {
+    RunApart(2 * std::size(kCases), 120, [](int child) {
         const auto& [what, own, others, arrange] = kCases[child / 2];
         const Outcome outcome = child % 2 == 0 ? own : others;
         SCOPED_TRACE(testing::Message() << what << ' ' << outcome);

@@ -31,10 +31,10 @@ class Repair(ToolTest):
         self.send(f"'{SAMPLE_PATH}' rtp://127.0.0.1:7206 -b 4M")
 
         def found():
-            return [json.loads(line)["rtp"] for line in read("found").split(b"\n")[:-1]][-1:]
-        self.await_(lambda: found() and found()[0]["lost"] >= 9, found)
-        self.assertEqual([found()[0][name] for name in ("lost", "duplicates", "reordered",
-                                                        "reordered_furthest")], [9, 9, 10, 2])
+            lines = [json.loads(line)["rtp"] for line in read("found").split(b"\n")[:-1]]
+            return [line[name] for line in lines[-1:] for name in
+                    ("lost", "duplicates", "reordered", "reordered_furthest", "received")]
+        self.await_(lambda: found()[:4] == [9, 9, 10, 2], found)
         self.assertEqual(self.end(monitor), 0)
 
     def test_a_recording_is_in_order_and_whole_whatever_the_network_does_to_the_order(self):
@@ -106,7 +106,8 @@ class Repair(ToolTest):
         for url, lost in zip(urls, map(len, gone)):
             self.assert_said(f"{url} brought {807 - lost} datagrams, lost {lost}, of which others "
                              f"brought {lost}, ")
-        self.assertEqual(read("said").count(b"\n"), 4, read("said"))
+        told = [line for line in read("said").decode().splitlines() if "+".join(urls) not in line]
+        self.assertEqual(len(told), 4, told)  # of both together only what a slow machine makes
 
     def test_a_path_that_cannot_be_opened_holds_up_no_other_and_joins_later(self):
         urls = ["rtp://192.0.2.77:7220", "rtp://127.0.0.1:7221"]

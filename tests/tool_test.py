@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """tool_test.py TOOL SAMPLE [TEST...]: the tool as a process, against itself; clients_test.py sets
 it against other programs. Each test has a folder of its own, most processes of the tool a /tmp."""
-import http.server, json, os, pathlib, pty, re, select, shutil, signal, socket, ssl, struct, subprocess
-import sys, tempfile, threading, time, unittest
+import fcntl, functools, http.server, json, os, pathlib, pty, re, select, shutil, signal, socket, ssl
+import struct, subprocess, sys, tempfile, termios, threading, time, unittest
 
 TOOL, SAMPLE_PATH = map(os.path.abspath, sys.argv[1:3])
 SAMPLE = pathlib.Path(SAMPLE_PATH).read_bytes()
@@ -30,8 +30,13 @@ def output(command):
     return subprocess.run(command, shell=True, check=True, stdout=subprocess.PIPE).stdout.decode()
 
 
+def sockets(port):  # a line of each that is bound to it
+    return re.findall(rb"^ *\d+: [0-9A-F]+:%04X .*" % port, read("/proc/net/udp") + read("/proc/net/udp6"),
+                      re.M)
+
+
 def is_bound(port):
-    return f":{port:04X} ".encode() in read("/proc/net/udp") + read("/proc/net/udp6")
+    return sockets(port) != []
 
 
 def patient(command):  # with a machine that stands still for seconds
@@ -39,11 +44,43 @@ def patient(command):  # with a machine that stands still for seconds
 
 
 def all_is_read(port):
-    return re.search(rf":{port:04X} \S+ \S+ \w+:00000000 ".encode(), read("/proc/net/udp"))
+    return is_bound(port) and all(line.split()[4].endswith(b":00000000") for line in sockets(port))
 
 
 def sent():  # datagrams, by all
     return int(re.findall(rb"^Udp: (.*)", read("/proc/net/snmp"), re.M)[1].split()[3])
+
+
+class Pulse(threading.Thread):  # the longest time for which it got no processor
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.longest, self.ended = 0, False
+        self.start()
+
+    def run(self):
+        while not self.ended:
+            begin = time.monotonic()
+            time.sleep(0.01)
+            self.longest = max(self.longest, time.monotonic() - begin)
+
+
+# Silence of a fraction of a second means something to the tool, whose ever it is: a test that has
+# failed on a machine that stood still says nothing.
+def again_if_it_stood_still(test):
+    @functools.wraps(test)
+    def run(self):
+        for left in 3, 2, 1, 0:
+            pulse = Pulse()
+            try:
+                return test(self)
+            except (AssertionError, subprocess.TimeoutExpired):
+                if left == 0 or pulse.longest < 0.15:
+                    raise
+            finally:
+                pulse.ended = True
+            self.doCleanups()
+            self.setUp()
+    return run
 
 
 class ToolTest(unittest.TestCase):
@@ -244,8 +281,11 @@ class Send(ToolTest):
             begin = sent()
             self.await_(lambda: sent() > begin + datagrams, sent)
             return int(re.search(rb"VmRSS:\s+(\d+)", read(f"/proc/{sender.pid}/status"))[1])
-        before, later = resident_after(40_000), resident_after(40_000)
-        self.assertTrue(1024 < before < 32 * 1024 and later < before + 512, (before, later))
+        seen = [resident_after(40_000)]
+        # A busy machine has it read further ahead, once.
+        while len(seen) < 2 or not 1024 < seen[-1] < min(32 * 1024, seen[-2] + 512):
+            self.assertLess(len(seen), 7, seen)
+            seen.append(resident_after(40_000))
         self.assertEqual(self.end(sender), 0)
 
     def test_what_is_no_packet_is_skipped_and_an_input_that_fails_stops_no_other(self):
@@ -272,6 +312,7 @@ class Send(ToolTest):
         def sent(options):
             receiver = self.receive(7008, "udp://:7008 - > recording")
             self.send(f"'{SAMPLE_PATH}' udp://127.0.0.1:7008 {options}")
+            self.await_(lambda: all_is_read(7008))
             self.assertEqual(self.end(receiver, signal.SIGINT), 0)
             recording = read("recording")
             while recording[-188:].startswith(NULL_PACKET):
@@ -315,7 +356,7 @@ class Receive(ToolTest):
         write("part-0002.ts", b"kept")
         idle = self.tool("receive udp://127.0.0.1:7104 /dev/null -i 0.3 2> /dev/null")
         receiver = self.receive(7100, "udp://127.0.0.1:7100 part.ts rtp://127.0.0.1:7102 /no/file "
-                                "--rotate-size 100k -i 2 --statistics 2> said")
+                                "--rotate-size 100k -i 8 --statistics 2> said")
         self.send("- udp://127.0.0.1:7100 -b 5M < input")
         self.assertEqual(receiver.wait(40), 1, "one of two has failed")
         self.assertEqual(idle.wait(40), 1, "nothing came")
@@ -363,6 +404,8 @@ class Receive(ToolTest):
         for port in 7125, 7126:
             self.send(f"'{SAMPLE_PATH}' udp://127.0.0.1:{port} -b 20M")
         self.await_size("file", len(SAMPLE))
+        held = lambda: struct.unpack("i", fcntl.ioctl(late, termios.FIONREAD, bytes(4)))[0]
+        self.await_(lambda: held() >= len(SAMPLE), held)
         self.assertEqual(self.end(receiver), 1)
         self.assertTrue(read("file") == SAMPLE)
         self.assertEqual(len(os.read(late, 400_000)), len(SAMPLE))
@@ -389,6 +432,7 @@ class Receive(ToolTest):
         receiver = self.receive(7131, "udp://127.0.0.1:7131 none 2> said")
         sender.sendto(b"no packets", ("127.0.0.1", 7131))
         sender.sendto(b"at all", ("127.0.0.1", 7131))
+        self.await_(lambda: all_is_read(7131))
         time.sleep(0.1)
         self.assertEqual(self.end(receiver, signal.SIGINT), 1)
         self.assert_said("not TS packets came from udp://127.0.0.1:7131: 16")
@@ -405,8 +449,11 @@ class Receive(ToolTest):
         self.await_(lambda: b"cannot write standard output" in read("said"))
         self.assertEqual(self.end(receiver), 1)
 
+    @again_if_it_stood_still
     def test_durations_and_the_times_of_files_are_kept(self):
+        before = sent()
         self.tool(f"send '{SAMPLE_PATH}' udp://127.0.0.1:7138 --loop 2> /dev/null")
+        self.await_(lambda: sent() > before)
         receiver = self.receive(7138, "udp://127.0.0.1:7138 half.ts --rotate-time 0.5 -d 2.2 "
                                 "--statistics 2> said")
         self.assertEqual(receiver.wait(40), 0)
@@ -423,6 +470,7 @@ class Receive(ToolTest):
             write("names/" + name, b"kept")
         receiver = self.receive(7140, "udp://127.0.0.1:7140 names/%%x.ts --rotate-size 188 2> said")
         self.send("input udp://127.0.0.1:7140 -b 20M")
+        self.await_(lambda: all_is_read(7140))
         self.assertEqual(self.end(receiver), 0, read("said"))
         self.assertAlmostEqual(len(os.listdir("names")), 11 * 1883, delta=10)
         for name, content in (("", b"kept"), ("-0004", b"kept"), ("-0003", SAMPLE[376:564]),
@@ -442,7 +490,8 @@ class Receive(ToolTest):
             self.send(f"'{SAMPLE_PATH}' udp://{address} -b 20M")
         self.assertEqual(service.wait(40), 0)
         self.assertTrue(read("later/one") == read("two") == SAMPLE)
-        self.assertEqual(read("said").count(b"\n"), 4, read("said"))
+        # What a slow machine opens late is told, too.
+        self.assertEqual(sum(b":7144" not in line for line in read("said").splitlines()), 4)
         self.assert_said("cannot write 'later/one': No such file or directory; trying",
                          "'later/one' is written again", "udp://192.0.2.45:7145 is rec")
 
@@ -472,6 +521,7 @@ class Relay(ToolTest):
         self.assertEqual(self.end(relay), 0)
 
     # Without a pause, and again before the channels have been started for the change before.
+    @again_if_it_stood_still
     def test_the_packet_size_may_change_at_any_moment(self):
         data, times = stream(3, lambda now: 4e6)
         sent = []
@@ -498,7 +548,7 @@ class Relay(ToolTest):
         self.link("198.51.100.1")
         group = "'udp://239.1.1.9:7118?localaddr="
         relay = self.tool(f"relay {group}127.0.0.1&source=127.0.0.1' {group}198.51.100.1'")
-        receiver = self.tool(f"receive {group}198.51.100.1' - -n 354004 > group")
+        receiver = self.tool(patient(f"receive {group}198.51.100.1' - -n 354004") + " > group")
         for name in "lo", "v0":
             self.await_(lambda: "239.1.1.9" in output(f"ip maddr show {name}"))
         other = self.udp()  # is not the source
@@ -521,8 +571,10 @@ class Relay(ToolTest):
         self.link("198.51.100.1")
         self.await_(lambda: f"sending to {group} goes on after".encode() in read("said"))
         self.assertEqual(receiver.wait(40), 0)
-        nulls = sum(read("half")[at:at + 3] == NULL_PACKET[:3] for at in range(0, 10**6, 188))
-        self.assertAlmostEqual(nulls * 188, 500e3, delta=50e3)
+        half = read("half")
+        nulls = sorted(sum(half[at:at + 3] == NULL_PACKET[:3] for at in range(begin, begin + 188_000, 188))
+                       for begin in range(0, 940_000, 188_000))
+        self.assertAlmostEqual(nulls[2], 500, delta=50)
         self.end(sender)
         self.await_(lambda: f"nothing arrives from {source} any more".encode() in read("said"))
         self.send(f"'{SAMPLE_PATH}' {source} -b 20M")
@@ -547,6 +599,7 @@ class Watch(ToolTest):
         return [line for line in found if name in (None, line["name"])]
 
     # What the network does to a stream, seen from a socket that is there only later.
+    @again_if_it_stood_still
     def test_what_the_network_does_is_counted_and_told_to_the_letter(self):
         write("note", b"""#!/bin/sh\necho "$QXVRTP_NAME $QXVRTP_ALARM $QXVRTP_STATE" >> noted\n""")
         os.chmod("note", 0o755)

@@ -148,7 +148,7 @@ TEST(Watch, OfManyInterfacesDoesNotHoldUpAStream) {
     int result = 2;
     bool busy = false;
     for (int attempt = 0; attempt < 3 && result != 0; ++attempt) {
-        result = Reap(Fork(&MeasureAmongLinkChanges), 30);
+        result = Reap(Fork(&MeasureAmongLinkChanges), 90);
         busy = busy || result == 2;
     }
     if (result != 0 && busy)
