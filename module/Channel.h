@@ -53,8 +53,8 @@ struct ChannelInternals {
     // Held for moments: for groups of stores to pointers and configuration that belong together,
     // and by the transmit thread, host threads and housekeeping while they use the timer.
     zaq::Mutex State ZAQ_ACQUIRED_BEFORE(Intake);
-    // Held by the intake for one datagram, and by a start or an end that replaces the objects while
-    // the socket is open. Another socket library might also let a callback finish after Destroy.
+    // Held by the intake for a datagram, and by an end that frees the objects of an open socket.
+    // Another socket library might also let a callback finish after Destroy.
     zaq::Mutex Intake;
 
     RingUser* Users ZAQ_GUARDED_BY(State) = nullptr;  // a list

@@ -19,7 +19,7 @@
 // operations fill them, the end operations free them; Lifecycle.cpp says what protects them.
 //
 //   field    written by                                       read by
-//   Cancel   load; start (0, 1 if it fails); cancel, end,       Send, Receive, transmit thread
+//   Cancel   load; start (0, 1 without a thread); cancel, end,  Send, Receive, transmit thread
 //            transmit thread (1)
 //   Running  load; start, cancel, end (0); start (1, last of all)  housekeeping
 //   Socket   transmit thread or housekeeping, start, end  transmit thread, housekeeping, start, end

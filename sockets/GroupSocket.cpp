@@ -114,13 +114,20 @@ Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces) {
 
 void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface) {
     Meaning meaning;
-    // Where the zone's name means nothing any more, the socket will be replaced as a whole.
-    if (std::erase(group.Joined, interface) == 0 || !meaning.Remote.Parse(group.Remote))
+    // Without the zone, whose name may mean nothing any more.
+    if (std::erase(group.Joined, interface) == 0 ||
+        !meaning.Remote.Parse(group.Remote.substr(0, group.Remote.find('%'))))
         return;
     group_req request{};
     request.gr_interface = interface;
     memcpy(&request.gr_group, meaning.Remote.Host.Get(), meaning.Remote.Host.Size());
     Set(socket, meaning.Level(), MCAST_LEAVE_GROUP, request);
+}
+
+void JoinInterface(Group& group, const Descriptor& socket, uint32_t interface) {
+    Meaning meaning;
+    if (meaning.Remote.Parse(group.Remote) && Join(socket, meaning, interface))
+        group.Joined.push_back(interface);  // does not throw: LeaveInterface has left room
 }
 
 bool RenewMemberships(Group& group, const Descriptor& socket, const InterfaceList& interfaces,
@@ -143,7 +150,7 @@ bool RenewMemberships(Group& group, const Descriptor& socket, const InterfaceLis
         return true;
     const uint32_t wanted = FindInterface(meaning, interfaces);
     if (wanted == 0 || (isJoined && wanted == current))
-        return isJoined;
+        return isJoined && (current != 0 || meaning.IsNamed);
     const std::vector<uint32_t> before = group.Joined;
     renewed = OpenGroupSocket(group, interfaces);
     if (!renewed) {

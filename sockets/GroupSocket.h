@@ -45,8 +45,10 @@ Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces);
 
 // Ends the membership on an interface that is gone, or has lost the group's family. It would count
 // to the limit, and would pass for a good one where the interface gets its family back, or another
-// one, as from another network namespace, gets its number.
+// one, as from another network namespace, gets its number; and the kernel would take its end, then,
+// for that of another socket's, which has joined since.
 void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface);
+void JoinInterface(Group& group, const Descriptor& socket, uint32_t interface);
 
 // After interfaces have changed: joins on those that are new, and leaves those that are gone. Where
 // the group is meant to be joined on one other interface, `renewed` becomes a socket that is. False

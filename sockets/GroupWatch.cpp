@@ -113,18 +113,24 @@ class Watch {
             const ssize_t size = recv(Messages.Number(), &message, sizeof(message), 0);
             if (size < 0 && errno != ENOBUFS)
                 break;
-            // An interface is gone, or has a family no more: IPv6 needs an MTU of 1280 bytes.
+            // An interface is gone, is renamed, or has lost a family: IPv6 needs an MTU of 1280.
             if (size == sizeof(message) && message.Header.nlmsg_type == RTM_DELNETCONF)
-                Leave(message.Interface, message.Family.ncm_family);
+                Rejoin(message.Interface, message.Family.ncm_family);
         }
     }
 
-    void Leave(uint32_t interface, int family) {
+    // All leave before the first one joins: see LeaveInterface.
+    void Rejoin(uint32_t interface, int family) {
+        std::vector<std::pair<std::shared_ptr<Group>, Descriptor>> left;
         for (const auto& group : CopyGroups())
             if (group->Family() == family &&
                 std::ranges::find(group->Joined, interface) != group->Joined.end())
-                if (const Descriptor socket = Borrow(*group); socket)
+                if (Descriptor socket = Borrow(*group); socket) {
                     LeaveInterface(*group, socket, interface);
+                    left.emplace_back(group, std::move(socket));
+                }
+        for (const auto& [group, socket] : left)
+            JoinInterface(*group, socket, interface);
     }
 
     void Look() {

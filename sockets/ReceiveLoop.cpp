@@ -15,10 +15,10 @@
 
 namespace zaqsockets {
 
-// All guarded by g_Lock.
+// All guarded by g_Lock, but for the reading at exit.
 static ReceiveLoop* g_Loop = nullptr;     // in service
 static std::optional<pthread_t> g_Ended;  // a thread that ended by itself, not waited for yet
-static pid_t g_Process = 0;               // whose threads these are
+static std::atomic<pid_t> g_Process{0};   // whose threads these are
 
 // Thread safety: it belongs to its own thread, apart from what is marked.
 class ReceiveLoop {
@@ -254,13 +254,11 @@ bool ExchangeFile(ReceiveSocket& socket, const Descriptor& file) {
     return socket.Loop->Register(socket) && exchanged;
 }
 
-static const pid_t g_LoadedBy = getpid();
-
 // Unloading, and exit: a thread that a callback brought to its end must be gone before the code is.
 // A child of fork() has none of the threads, and one of them may have left a lock closed there.
 __attribute__((destructor)) static void EndAtUnload() {
     const CancellationOff uncancelled;
-    if (g_LoadedBy == getpid())
+    if (g_Process == getpid())
         EndUnusedThreads(true);
 }
 

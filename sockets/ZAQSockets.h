@@ -62,12 +62,12 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * also of other processes, may listen to one group and port. When its interface is deleted and made
  * again, or its local address moves to another one, the group is joined there within about a
  * second; where no interface is named, the system chooses again when its choice is gone. This needs
- * rtnetlink(7), and covers one network namespace at a time: that of the first group socket, as long
- * as there are others of it, then that of the next one to be opened. A unicast receive socket never
- * shares its address and port with another one of this library, and a named address with no socket
- * at all. The any-address is refused where another socket has the port for any address, for the
- * loopback address, or for a named one that it does not share (SO_REUSEADDR); groups on the same
- * port are kept apart from it. An IPv6 socket does not take the IPv4 port. The
+ * rtnetlink(7), and covers one network namespace at a time: that of the first group socket as long
+ * as any group socket of it is open, and after that, that of the next one to be opened. A unicast
+ * receive socket never shares its address and port with another one of this library, and a named
+ * address with no socket at all. The any-address is refused where another socket has the port for
+ * any address, for the loopback address, or for a named one that it does not share (SO_REUSEADDR);
+ * groups on the same port are kept apart from it. An IPv6 socket does not take the IPv4 port. The
  * receive buffer is 8 MiB, or the most that the system grants.
  *
  * Returns the handle, or null with nothing left open. Callbacks may begin before the return.
@@ -85,8 +85,8 @@ typedef void (*ZAQReceiveCallback)(void* socket, void* reserved, struct sockaddr
  * @param send             1 = send socket, 0 = receive socket
  * @param multicastOption  receive from a group: 0 = join on the interface of localAddress (or of
  *                         the group's zone), 1 = join on every multicast-capable interface that is
- *                         up, also later, as far as the system lets one socket (for IPv4 20, see
- *                         igmp_max_memberships in ip(7)); a group of interface or link scope
+ *                         up, also later, as far as the system lets one socket (for IPv4 20, the
+ *                         sysctl net.ipv4.igmp_max_memberships); a group of interface or link scope
  *                         (ff01::, ff02::) has one zone, named by it or by localAddress, and is
  *                         joined there in either case
  * @param ttl              TTL (ip(7), IP_MULTICAST_TTL) or hop limit (ipv6(7)) of multicast
