@@ -26,17 +26,12 @@ constexpr uint16_t kFirstPort[kDirections] = {10000, 10100};
 constexpr uint8_t kDefaultTtl = 255;
 
 // A channel as it is before anybody configures it: RTP to or from group 224.1.direction.channel.
+// What is not named here is 0, as all of a new file is.
 void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
     RtpChannelContext& record = context.Channels[direction][channel];
-    record.Instance.store(0);
     record.Direction.store(direction);
     record.Channel.store(channel);
-    record.Bitrate.store(0);
-    record.BitrateActual.store(0);
-    record.BufferSize.store(0);
     record.Reopen.store(1);
-    record.RtpSwitchCount.store(0);
-
     RtpChannelConfig& config = record.Config;
     strcpy(config.LocalAddress, "0.0.0.0");
     snprintf(config.RemoteAddress, sizeof(config.RemoteAddress), "224.%d.%d.%d", 1,
@@ -44,22 +39,16 @@ void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
     config.Multicast = 1;
     config.Rtp = 1;
     config.Ttl = kDefaultTtl;
-    config.MulticastOption = 0;
     config.Port = static_cast<uint16_t>(kFirstPort[direction] + channel);
-    config.Reserved = 0;
-
     g_ContextExt[0][direction][channel].Cancel.store(1);
 }
 
 void LayDownDefaults(RtpContext& context) {
-    context.Instance.store(0);
-    context.HandleCount.store(0);
     context.TxChannelCount.store(g_TxChannelCount);
     context.RxChannelCount.store(g_RxChannelCount);
-    for (uint32_t direction = 0; direction < kDirections; ++direction) {
+    for (uint32_t direction = 0; direction < kDirections; ++direction)
         for (uint32_t channel = 0; channel < kChannels; ++channel)
             LayDownChannel(context, direction, channel);
-    }
 }
 
 // A file that another process has left is mapped without complaint, and an access may raise SIGBUS
@@ -92,8 +81,8 @@ void ForgetSegment() {
 }
 
 // True when the segment object has the table. Where another process creates the file at the same
-// moment, this one may open it, half written or whole: the next attempt removes its name and makes
-// another one, as if this process had been loaded later. Only what may not be removed is joined.
+// moment, this one may open it, half written or whole: then it removes the name and makes another
+// file, as if this process had been loaded later. Only what may not be removed is joined.
 bool OpenTable() {
     constexpr int kAttempts = 10;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -102,7 +91,7 @@ bool OpenTable() {
         if (g_ShareMemory.Create(path, sizeof(RtpContext), 1) == 0)
             return false;
         const bool owner = g_ShareMemory.Owner != 0;
-        if (HoldsTable(g_ShareMemory) && (owner || unlink(path) != 0))
+        if (HoldsTable(g_ShareMemory) && (owner || (unlink(path) != 0 && errno != ENOENT)))
             return true;
         g_ShareMemory.Close();
         if (owner)
@@ -115,7 +104,7 @@ bool OpenTable() {
 
 int QXV_RTP_Constructor() {
     const zaq::NoCancellation noCancellation;
-    for (auto& direction : g_ContextExt[0]) {
+    for (auto& direction : g_ContextExt[0])
         for (RtpChannelContextExt& row : direction) {
             row.Cancel.store(0);
             row.Running.store(0);
@@ -124,7 +113,6 @@ int QXV_RTP_Constructor() {
             row.Timer.store(nullptr);
             row.Buffer.store(nullptr);
         }
-    }
     if (!OpenTable()) {
         ForgetSegment();
         return 0;

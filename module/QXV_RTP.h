@@ -73,7 +73,7 @@ typedef struct RtpChannelConfig {
     uint8_t Ttl; /**< 514: TTL (IPv4) or hop limit (IPv6) of sent multicast datagrams */
     /** 515: receive from a group: 0 = join on the interface of LocalAddress, 1 = join on every
         multicast-capable interface that is up, as far as the system lets one socket (for IPv4
-        20, see igmp_max_memberships in ip(7)) */
+        20, the sysctl net.ipv4.igmp_max_memberships) */
     uint8_t MulticastOption;
     uint16_t Port; /**< 516: UDP port: destination of a send channel, own port of a receive one */
     uint16_t Reserved; /**< 518: 0 */
