@@ -43,6 +43,8 @@ case " $* " in
             setsid chrt --idle 0 scripts/lint.sh >"$said" 2>&1 &
             lint=$!
             trap 'kill -- "-$lint" 2>/dev/null || true; rm -f "$said"' EXIT
+            trap 'exit 130' INT  # or the trap above would not run
+            trap 'exit 143' TERM
         fi
         ;;
 esac

@@ -46,7 +46,7 @@ class Internet(ToolTest):
                 self.await_(lambda: is_bound(9000))
         self.await_(lambda: impairer.seen > 4)  # they have found each other
         # What is in front and behind may be lost: the beginning before all is ready, the end in buffers.
-        pathlib.Path("input").write_bytes(NULL_PACKET.ljust(188, b"\xff") * 2000 + SAMPLE * 4)
+        pathlib.Path("input").write_bytes(NULL_PACKET.ljust(188, b"\xff") * 2000 + SAMPLE * 3)
         self.start("exec qxvrtp send input udp://239.1.1.1:5000 -b 2M")
         self.await_(lambda: recording.exists() and SAMPLE in recording.read_bytes())
         self.assertGreater(impairer.lost, 5)

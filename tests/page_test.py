@@ -162,7 +162,9 @@ class Http(PageTest):
                 return request("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n").startswith(b"HTTP/1.1 503")
             self.await_(crowded, "too many are refused")
             # It ends, whoever is there.
+            begin = time.monotonic()
             self.assertEqual(self.end(server), 0)
+            self.assertLess(time.monotonic() - begin, 20)
 
     def test_a_client_that_takes_nothing_of_its_answer_is_cut_off(self):
         server = self.serve()

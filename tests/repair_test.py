@@ -3,7 +3,8 @@
 them. The windows are long, since a busy machine may hold datagrams up, too."""
 import json, random, socket, subprocess, sys, time, unittest
 from impairer import Disorder
-from tool_test import SAMPLE, SAMPLE_PATH, TOOL, ToolTest, is_bound, output, read, rtp, run, write
+from tool_test import (SAMPLE, SAMPLE_PATH, TOOL, ToolTest, again_if_it_stood_still, is_bound, output, read,
+                       rtp, run, write)
 
 
 def seeded(seed, late, double=0.0, end=260):  # behind which nothing is late
@@ -72,6 +73,7 @@ class Repair(ToolTest):
         self.assertEqual(self.statistics()["datagrams_dropped"], 0)
 
     # A relay sends the same datagrams to two outputs; what one way loses, the other one brings.
+    @again_if_it_stood_still
     def test_two_paths_that_lose_and_stop_make_one_whole_stream(self):
         late = seeded(2, late=0.1, end=780)
         gone = [{*random.Random(3).sample(range(10, 260), 30), *range(269, 538)}]
@@ -106,8 +108,7 @@ class Repair(ToolTest):
         for url, lost in zip(urls, map(len, gone)):
             self.assert_said(f"{url} brought {807 - lost} datagrams, lost {lost}, of which others "
                              f"brought {lost}, ")
-        told = [line for line in read("said").decode().splitlines() if "+".join(urls) not in line]
-        self.assertEqual(len(told), 4, told)  # of both together only what a slow machine makes
+        self.assertEqual(read("said").count(b"\n"), 4, read("said"))
 
     def test_a_path_that_cannot_be_opened_holds_up_no_other_and_joins_later(self):
         urls = ["rtp://192.0.2.77:7220", "rtp://127.0.0.1:7221"]

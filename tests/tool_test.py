@@ -65,17 +65,23 @@ class Pulse(threading.Thread):  # the longest time for which it got no processor
 
 
 # Silence of a fraction of a second means something to the tool, whose ever it is: a test that has
-# failed on a machine that stood still says nothing.
+# failed on a machine that stood still says nothing. But for what no standstill explains: a process
+# that has crashed or was ended by a sanitizer, and what has not come in a minute.
 def again_if_it_stood_still(test):
     @functools.wraps(test)
     def run(self):
-        for left in 3, 2, 1, 0:
+        for left in 2, 1, 0:
             pulse = Pulse()
             try:
                 return test(self)
-            except (AssertionError, subprocess.TimeoutExpired):
-                if left == 0 or pulse.longest < 0.15:
+            except (AssertionError, subprocess.TimeoutExpired) as error:
+                codes = [process.poll() for process in self.processes]
+                crashed = {-signal.SIGSEGV, -signal.SIGABRT, -signal.SIGBUS, -signal.SIGILL, 66} & {*codes}
+                if (left == 0 or pulse.longest < 0.2 or crashed or b"Sanitizer" in read("said")
+                        or "it takes too long" in str(error)):
                     raise
+                print("again, as the machine stood still for", pulse.longest, "s:", repr(error), codes,
+                      read("said"), file=sys.stderr)
             finally:
                 pulse.ended = True
             self.doCleanups()
@@ -89,9 +95,11 @@ class ToolTest(unittest.TestCase):
         os.chmod(folder, 0o755)
         os.chdir(folder)
         self.addCleanup(shutil.rmtree, folder)
+        self.processes = []
 
     def start(self, command, **options):
         process = subprocess.Popen("exec " + command, shell=True, **options)
+        self.processes.append(process)
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
         return process
@@ -284,7 +292,7 @@ class Send(ToolTest):
         seen = [resident_after(40_000)]
         # A busy machine has it read further ahead, once.
         while len(seen) < 2 or not 1024 < seen[-1] < min(32 * 1024, seen[-2] + 512):
-            self.assertLess(len(seen), 7, seen)
+            self.assertLess(len(seen), 4, seen)
             seen.append(resident_after(40_000))
         self.assertEqual(self.end(sender), 0)
 
@@ -490,8 +498,8 @@ class Receive(ToolTest):
             self.send(f"'{SAMPLE_PATH}' udp://{address} -b 20M")
         self.assertEqual(service.wait(40), 0)
         self.assertTrue(read("later/one") == read("two") == SAMPLE)
-        # What a slow machine opens late is told, too.
-        self.assertEqual(sum(b":7144" not in line for line in read("said").splitlines()), 4)
+        late = sum(b":7144" in line for line in read("said").splitlines())  # on a slow machine
+        self.assertEqual((read("said").count(b"\n") - late, late in (0, 2)), (4, True), read("said"))
         self.assert_said("cannot write 'later/one': No such file or directory; trying",
                          "'later/one' is written again", "udp://192.0.2.45:7145 is rec")
 
@@ -560,6 +568,7 @@ class Relay(ToolTest):
         self.assertEqual((receiver.wait(40), self.end(relay)), (0, 0))
         self.assertTrue(read("group") == SAMPLE)
 
+    @again_if_it_stood_still
     def test_outages_are_survived_and_told_and_the_rate_is_kept(self):
         source, group = "udp://127.0.0.1:7120", "udp://239.1.1.9:7124?localaddr=198.51.100.1"
         relay = self.tool(f"relay {source} udp://127.0.0.1:7122 '{group}' --cbr 1.6M "
@@ -571,10 +580,8 @@ class Relay(ToolTest):
         self.link("198.51.100.1")
         self.await_(lambda: f"sending to {group} goes on after".encode() in read("said"))
         self.assertEqual(receiver.wait(40), 0)
-        half = read("half")
-        nulls = sorted(sum(half[at:at + 3] == NULL_PACKET[:3] for at in range(begin, begin + 188_000, 188))
-                       for begin in range(0, 940_000, 188_000))
-        self.assertAlmostEqual(nulls[2], 500, delta=50)
+        nulls = sum(read("half")[at:at + 3] == NULL_PACKET[:3] for at in range(0, 10**6, 188))
+        self.assertAlmostEqual(nulls * 188, 500e3, delta=50e3)
         self.end(sender)
         self.await_(lambda: f"nothing arrives from {source} any more".encode() in read("said"))
         self.send(f"'{SAMPLE_PATH}' {source} -b 20M")
