@@ -112,12 +112,16 @@ Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces) {
     return Join(socket, meaning, interface) ? std::move(socket) : Descriptor();
 }
 
-void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface) {
+// The zone's name may mean nothing at the moment, or another interface.
+static Meaning WithoutZone(const Group& group) {
     Meaning meaning;
-    // Without the zone, whose name may mean nothing any more.
-    if (std::erase(group.Joined, interface) == 0 ||
-        !meaning.Remote.Parse(group.Remote.substr(0, group.Remote.find('%'))))
-        return;
+    meaning.Remote.Parse(group.Remote.substr(0, group.Remote.find('%')));
+    return meaning;
+}
+
+void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface) {
+    const Meaning meaning = WithoutZone(group);
+    std::erase(group.Joined, interface);
     group_req request{};
     request.gr_interface = interface;
     memcpy(&request.gr_group, meaning.Remote.Host.Get(), meaning.Remote.Host.Size());
@@ -125,8 +129,7 @@ void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface) 
 }
 
 void JoinInterface(Group& group, const Descriptor& socket, uint32_t interface) {
-    Meaning meaning;
-    if (meaning.Remote.Parse(group.Remote) && Join(socket, meaning, interface))
+    if (Join(socket, WithoutZone(group), interface))
         group.Joined.push_back(interface);  // does not throw: LeaveInterface has left room
 }
 

@@ -115,29 +115,40 @@ class Watch {
                 break;
             // An interface is gone, is renamed, or has lost a family: IPv6 needs an MTU of 1280.
             if (size == sizeof(message) && message.Header.nlmsg_type == RTM_DELNETCONF)
-                Rejoin(message.Interface, message.Family.ncm_family);
+                m_Lost.emplace_back(message.Interface, message.Family.ncm_family);
         }
+        Rejoin();
     }
 
-    // All leave before the first one joins: see LeaveInterface.
-    void Rejoin(uint32_t interface, int family) {
-        std::vector<std::pair<std::shared_ptr<Group>, Descriptor>> left;
-        for (const auto& group : CopyGroups())
-            if (group->Family() == family &&
-                std::ranges::find(group->Joined, interface) != group->Joined.end())
-                if (Descriptor socket = Borrow(*group); socket) {
+    // All leave before the first one joins: see LeaveInterface. False = there is no descriptor to
+    // borrow at the moment; those that have left are joined by the look that follows a success.
+    bool Rejoin() {
+        std::vector<std::pair<std::shared_ptr<Group>, uint32_t>> left;
+        for (const auto& [interface, family] : m_Lost)
+            for (const auto& group : CopyGroups())
+                if (group->Family() == family &&
+                    std::ranges::find(group->Joined, interface) != group->Joined.end()) {
+                    const Descriptor socket = Borrow(*group);
+                    if (!socket && !group->IsDestroyed.load(std::memory_order_relaxed))
+                        return false;
                     LeaveInterface(*group, socket, interface);
-                    left.emplace_back(group, std::move(socket));
+                    left.emplace_back(group, interface);
                 }
-        for (const auto& [group, socket] : left)
-            JoinInterface(*group, socket, interface);
+        m_Lost.clear();
+        for (const auto& [group, interface] : left)
+            JoinInterface(*group, Borrow(*group), interface);
+        return true;
     }
 
     void Look() {
         --m_LooksLeft;
         m_NextLook = Clock::now() + kPause;
+        bool joined = Rejoin();
+        if (!joined) {
+            m_LooksLeft = std::max(m_LooksLeft, 1);
+            return;
+        }
         const InterfaceList interfaces;
-        bool joined = true;
         const auto groups = CopyGroups();
         for (const auto& group : groups) {
             const Descriptor socket = Borrow(*group);
@@ -168,6 +179,8 @@ class Watch {
     static constexpr std::chrono::milliseconds kSettle{200};
     static constexpr std::chrono::milliseconds kPause{1000};
     static constexpr int kLooks = 5;
+
+    std::vector<std::pair<uint32_t, int>> m_Lost;  // interfaces, and the families that they had
 
     // The first look comes at once: something may have changed since the first socket was opened.
     int m_LooksLeft = 1;

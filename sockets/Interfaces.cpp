@@ -30,9 +30,13 @@ uint32_t NumberOf(const ifaddrs& interface) {
 }  // namespace
 
 InterfaceList::InterfaceList() {
-    ifaddrs* entries = nullptr;
-    if (getifaddrs(&entries) == 0)
-        m_Entries.reset(entries);
+    ifaddrs* entry = nullptr;
+    if (getifaddrs(&entry) != 0)
+        return;
+    for (m_Entries.reset(entry); entry != nullptr; entry = entry->ifa_next)
+        if (IsInterfaceItself(*entry))
+            m_Numbers.push_back(NumberOf(*entry));
+    std::ranges::sort(m_Numbers);
 }
 
 uint32_t InterfaceList::WithAddress(const Address& address) const {
@@ -44,10 +48,7 @@ uint32_t InterfaceList::WithAddress(const Address& address) const {
 }
 
 bool InterfaceList::Has(uint32_t interface) const {
-    for (const ifaddrs* entry = m_Entries.get(); entry != nullptr; entry = entry->ifa_next)
-        if (IsInterfaceItself(*entry) && NumberOf(*entry) == interface)
-            return true;
-    return false;
+    return std::ranges::binary_search(m_Numbers, interface);
 }
 
 std::vector<uint32_t> InterfaceList::ForGroups() const {

@@ -27,6 +27,7 @@ class InterfaceList {
 
   private:
     std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> m_Entries{nullptr, &freeifaddrs};
+    std::vector<uint32_t> m_Numbers;  // sorted
 };
 
 // The interface to which the route to the group leads.
