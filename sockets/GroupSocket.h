@@ -43,11 +43,11 @@ struct Group {
 // the remote address may name. Empty, with nothing left open, when any step fails.
 Descriptor OpenGroupSocket(Group& group, const InterfaceList& interfaces);
 
-// Ends the membership on an interface that is gone, or has lost the group's family. It would count
-// to the limit, and would pass for a good one where the interface gets its family back, or another
-// one, as from another network namespace, gets its number; and the kernel would take its end, then,
-// for that of another socket's, which has joined since.
+// Ends the membership on an interface that is gone, or has lost the group's family. It would still
+// count to the limit. When the interface has its family again, or another one has its number, it
+// would look like a good one; and if it ended then, the kernel would end another socket's with it.
 void LeaveInterface(Group& group, const Descriptor& socket, uint32_t interface);
+// Where that works; the group has left the interface just before.
 void JoinInterface(Group& group, const Descriptor& socket, uint32_t interface);
 
 // After interfaces have changed: joins on those that are new, and leaves those that are gone. Where
