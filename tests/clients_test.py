@@ -3,8 +3,10 @@
 import concurrent.futures, json, os, pathlib, shlex, shutil, signal, socket, subprocess, sys, tempfile, time, unittest
 
 from impairer import Disorder
+from tool_test import again_if_it_stood_still, patient
 
 TOOL, SOURCE, PROGRAM = sys.argv[1:]
+running = []  # and what has ended
 SAMPLE = "/tmp/sample.ts"  # a copy that every user may read; the tool has another /tmp
 PRIVATE_TMP = pathlib.Path(__file__).resolve().parents[1] / "scripts/private-tmp.sh"
 NEEDS = {"ffmpeg": ["ffprobe"], "gstreamer": ["gst-launch-1.0"], "multicat": ["multicat", "ingests"],
@@ -66,11 +68,12 @@ CONSTANT = 7006, 7016, 7036  # what comes to these has twice its rate, by null p
 
 # What a program does not take in time is lost, also when other work keeps it from a processor: so these go first.
 def start(command, **options):
-    return subprocess.Popen(["nice", "-n", "-15"] + shlex.split(command), stdin=subprocess.DEVNULL, **options)
+    running.append(subprocess.Popen(["nice", "-n", "-15"] + shlex.split(command), stdin=subprocess.DEVNULL, **options))
+    return running[-1]
 
 
 def ours(arguments, **options):  # with a table of its own
-    return start(f"unshare --mount '{PRIVATE_TMP}' '{TOOL}' {arguments}", **options)
+    return start(f"unshare --mount '{PRIVATE_TMP}' '{TOOL}' {patient(arguments)}", **options)
 
 
 def work_of(processes):  # the processor time that they have taken: a busy machine gives it to them slowly
@@ -97,7 +100,7 @@ def transmit(url, command, receives):
     out = f"/tmp/out/{port}"
     local = {"2": "localaddr=127.0.0.1", "[": "localaddr=::1"}[url[6]] if "239" in url or "ff15" in url else ""
     command = command.format(url=url, out=out, sample=SAMPLE)
-    processes = [start(command) if receives else ours(f"receive '{url}?{local}' - --patience 30", stdout=open(out, "wb"))]
+    processes = [start(command) if receives else ours(f"receive '{url}?{local}' -", stdout=open(out, "wb"))]
     try:
         await_(lambda: sockets(port), processes)
         options = "--cbr 1.6M" if port in CONSTANT else ""
@@ -121,22 +124,32 @@ def elementary(path, kind):
 
 
 class ClientsTest(unittest.TestCase):
+    def setUp(self):
+        shutil.rmtree("/tmp/out", ignore_errors=True)
+        os.mkdir("/tmp/out")
+        os.chmod("/tmp/out", 0o777)
+        self.processes = running
+        running.clear()
+
+    # What comes while a program gets no processor is more than its socket holds.
+    @again_if_it_stood_still
     def test_a_stream_is_the_same_at_the_other_end(self):
         cases = [(*case, True) for case in RECEIVERS.get(PROGRAM, [])] + [(*case, False) for case in SENDERS.get(PROGRAM, [])]
         with concurrent.futures.ThreadPoolExecutor(len(cases) or 1) as pool:
             outs = [pool.submit(transmit, url, command, receives) for url, command, _, receives in cases]
         for (url, _, same, receives), out in zip(cases, outs):
-            with self.subTest(url, receives=receives):
-                if same == "bytes":
-                    self.assertTrue(pathlib.Path(out.result()).read_bytes() == pathlib.Path(SAMPLE).read_bytes())
-                    continue
-                for kind in "va":
-                    sent, got = (elementary(path, kind) for path in (SAMPLE, out.result()))
-                    self.assertTrue(got in sent, kind)
-                    self.assertGreaterEqual(len(got), same * len(sent), kind)
+            case = url, "received" if receives else "sent"
+            if same == "bytes":
+                self.assertTrue(pathlib.Path(out.result()).read_bytes() == pathlib.Path(SAMPLE).read_bytes(), case)
+                continue
+            for kind in "va":
+                sent, got = (elementary(path, kind) for path in (SAMPLE, out.result()))
+                self.assertTrue(got in sent, (*case, kind))
+                self.assertGreaterEqual(len(got), same * len(sent), (*case, kind))
 
     # Every eleventh one, and a burst: the parities of rows and columns restore them together.
     @unittest.skipUnless(PROGRAM in FEC, "")
+    @again_if_it_stood_still
     def test_what_is_lost_is_restored_from_fec(self):
         port, command = FEC[PROGRAM]
         lost = {*range(41, 200, 11), *range(103, 106)}  # behind the first matrix, which not all protect
@@ -203,6 +216,7 @@ class ClientsTest(unittest.TestCase):
         self.assertEqual((player.communicate("quit\n")[1], sender.wait(60)), (None, 0))
 
     @unittest.skipUnless(PROGRAM == "tshark", "")
+    @again_if_it_stood_still
     def test_tshark_dissects_every_datagram_and_finds_no_fault(self):
         capture = start("dumpcap -q -i lo -f udp -a duration:60 -w /tmp/out/pcap", stderr=subprocess.DEVNULL)
         pcap, probe = pathlib.Path("/tmp/out/pcap"), socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -230,8 +244,6 @@ if any(shutil.which(name) is None for name in ["ffmpeg"] + NEEDS[PROGRAM]) or (
         PROGRAM == "gstreamer" and subprocess.call("gst-inspect-1.0 --exists tsdemux".split()) != 0):
     print(PROGRAM, "is not installed")
     sys.exit(77)
-os.mkdir("/tmp/out")
-os.chmod("/tmp/out", 0o777)
 shutil.copyfile(SOURCE, SAMPLE)
 if PROGRAM == "multicat":  # a file that it sends has the times of its packets beside it
     subprocess.run("ingests -p 256 /tmp/sample.ts".split(), check=True)
