@@ -51,12 +51,17 @@ bool FillWithZeros(int file, uint32_t size) {
     return true;
 }
 
-// Maps the object's file, or closes it.
-int Map(CZAQShareMemory& segment, const char* name, uint32_t size) {
-    void* const address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, segment.File, 0);
+// Maps the object's file, of which a new one is filled before. Where that fails, the file is
+// closed, and a new one removed.
+int Map(CZAQShareMemory& segment, const char* name, uint32_t size, bool isNew) {
+    void* address = MAP_FAILED;
+    if (!isNew || FillWithZeros(segment.File, size))
+        address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, segment.File, 0);
     if (address == MAP_FAILED) {
         close(segment.File);
         segment.File = 0;
+        if (isNew)
+            unlink(name);
         return 0;
     }
     segment.Address = static_cast<unsigned char*>(address);
@@ -95,26 +100,13 @@ int CZAQShareMemory::Create(char* name, unsigned int size, int openExisting) {
     // An earlier process of this user keeps its mapping of the file, which loses its name here.
     unlink(name);
     File = OpenFile(name, O_CREAT | O_EXCL);
-    if (File >= 0) {
-        Owner = 1;
-        if (!FillWithZeros(File, size)) {
-            close(File);
-            File = 0;
-            unlink(name);
-            return 0;
-        }
-    } else {
-        if (openExisting == 0)
-            return 0;
+    const bool isNew = File >= 0;
+    if (!isNew && openExisting != 0)
         File = OpenFile(name, O_CREAT);
-        if (File < 0)
-            return 0;
-        Owner = 0;
-    }
-    const int mapped = Map(*this, name, size);
-    if (mapped == 0 && Owner != 0)
-        unlink(name);
-    return mapped;
+    if (File < 0)
+        return 0;
+    Owner = isNew ? 1 : 0;
+    return Map(*this, name, size, isNew);
 }
 
 int CZAQShareMemory::Open(char* name, unsigned int size) {
@@ -122,7 +114,7 @@ int CZAQShareMemory::Open(char* name, unsigned int size) {
         return 0;
     unlink(name);
     File = OpenFile(name, 0);
-    if (File < 0 || Map(*this, name, size) == 0)
+    if (File < 0 || Map(*this, name, size, false) == 0)
         return 0;
     Owner = 0;
     return 1;

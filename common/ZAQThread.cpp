@@ -40,9 +40,8 @@ int CZAQThread::StartThread(void (*routine)(void*), void* argument, int priority
     // signal that a thread causes itself would, if it were blocked, end the process at once.
     sigset_t blocked;
     sigfillset(&blocked);
-    constexpr int kCaused[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
-    for (const int signal : kCaused)
-        sigdelset(&blocked, signal);
+    for (const int caused : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
+        sigdelset(&blocked, caused);
     if (failed == 0)
         failed = pthread_attr_setsigmask_np(&attributes, &blocked);
     if (failed == 0) {

@@ -12,7 +12,7 @@ static constexpr uint32_t kRunning = 3;  // of each direction: the rest must sta
 
 // As another process has it.
 static std::span<uint8_t> Table() {
-    const int file = open(kSharedMemoryPath, O_RDWR | O_CLOEXEC);
+    const int file = open(QXV_RTP_TABLE_PATH, O_RDWR | O_CLOEXEC);
     void* const table =
         mmap(nullptr, sizeof(RtpContext), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     Check(table != MAP_FAILED);

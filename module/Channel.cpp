@@ -1,5 +1,7 @@
 #include "Channel.h"
 
+#include <algorithm>
+
 // The load routine and the housekeeping thread use both before any static constructor has run.
 constinit RtpChannelContextExt g_ContextExt[1][kDirections][kChannels];
 static constinit ChannelInternals g_Internals[kDirections][kChannels];
@@ -17,8 +19,8 @@ Channel FindChannel(RtpChannelContext* record) {
     const uintptr_t place =
         (reinterpret_cast<uintptr_t>(record) - reinterpret_cast<uintptr_t>(g_pContext->Channels)) /
         sizeof(RtpChannelContext);
-    if (place >= uintptr_t{kDirections} * kChannels)
-        return {};  // as for null
-    const auto number = static_cast<uint32_t>(place);
+    // What lies outside, as null does, has a direction that there is not.
+    const auto number =
+        static_cast<uint32_t>(std::min<uintptr_t>(place, uintptr_t{kDirections} * kChannels));
     return FindChannel(g_pContext, number / kChannels, number % kChannels);
 }

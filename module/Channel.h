@@ -25,12 +25,11 @@ struct ChannelCounters {  // NOLINT(clang-analyzer-optin.performance.Padding)
     std::atomic<uint64_t> Bytes{0};                      // their payload
     std::atomic<uint64_t> Dropped{0};
     std::atomic<uint64_t> SendFailures{0};
-    std::atomic<uint32_t> ModeChanges{0};
-    std::atomic<uint32_t> SocketsOpened{0};  // written by the thread that opens the socket
+    std::atomic<uint64_t> ModeChanges{0};
+    std::atomic<uint64_t> SocketsOpened{0};  // written by the thread that opens the socket
 };
 
-template <typename Number>
-void Add(std::atomic<Number>& counter, Number count) {
+inline void Add(std::atomic<uint64_t>& counter, uint64_t count) {
     // Release: whoever reads this number with acquire finds the ring's position moved by as much.
     counter.store(counter.load(std::memory_order_relaxed) + count, std::memory_order_release);
 }

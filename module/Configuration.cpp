@@ -28,11 +28,7 @@ uint32_t ValidFamily(const RtpChannelConfig& config) {
     if (local == 0 || multicast != 0 || strchr(config.LocalAddress, '?') != nullptr)
         return 0;
     const uint32_t remote = ParseAddress(config.RemoteAddress, multicast);
-    if (remote != local)
-        return 0;
-    const bool disagrees =
-        (multicast == 1 && config.Multicast != 1) || (multicast == 0 && config.Multicast == 1);
-    return disagrees ? 0 : local;
+    return remote == local && (multicast != 0) == (config.Multicast == 1) ? local : 0;
 }
 
 void Normalise(RtpChannelConfig& config, uint32_t direction, uint32_t family) {
@@ -139,7 +135,7 @@ bool RenewSocket(const Channel& channel) {
     channel.Row->Socket.store(socket, std::memory_order_release);
     if (socket == nullptr)
         return false;
-    Add(channel.Internals->Counters.SocketsOpened, 1u);
+    Add(channel.Internals->Counters.SocketsOpened, 1);
     ConfirmSocket(channel, config);
     return true;
 }

@@ -45,7 +45,7 @@ uint8_t UpdateMode(const Channel& channel, uint8_t detected) {
     if (count != kSwitchAfter)
         return mode.load(std::memory_order_relaxed);
     mode.store(detected, std::memory_order_relaxed);
-    Add(channel.Internals->Counters.ModeChanges, 1u);
+    Add(channel.Internals->Counters.ModeChanges, 1);
     return detected;
 }
 
@@ -72,11 +72,11 @@ void RxProcess(void* socket, void* /*reserved*/, sockaddr* /*source*/, unsigned 
         timer->RxInitialize(payload);
     ChannelCounters& counters = channel.Internals->Counters;
     if (buffer->Write(data + offset, payload) != 0) {
-        Add<uint64_t>(counters.Datagrams, 1);
-        Add<uint64_t>(counters.Bytes, payload);
-        Add<uint64_t>(counters.NetworkBytes, payload);
+        Add(counters.Datagrams, 1);
+        Add(counters.Bytes, payload);
+        Add(counters.NetworkBytes, payload);
     } else {
-        Add<uint64_t>(counters.Dropped, 1);
+        Add(counters.Dropped, 1);
     }
     timer->IncreaseBlocksTransfered();  // counts what arrived, not what was stored
 }

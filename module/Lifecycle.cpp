@@ -25,9 +25,8 @@ uint32_t Cancel(const Channel& channel) {
 
 void ResetCounters(ChannelCounters& counters) {
     for (auto* const counter : {&counters.HostBytes, &counters.NetworkBytes, &counters.Datagrams,
-                                &counters.Bytes, &counters.Dropped, &counters.SendFailures})
-        counter->store(0, std::memory_order_relaxed);
-    for (auto* const counter : {&counters.ModeChanges, &counters.SocketsOpened})
+                                &counters.Bytes, &counters.Dropped, &counters.SendFailures,
+                                &counters.ModeChanges, &counters.SocketsOpened})
         counter->store(0, std::memory_order_relaxed);
 }
 

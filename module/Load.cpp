@@ -86,8 +86,7 @@ void ForgetSegment() {
 bool OpenTable() {
     constexpr int kAttempts = 10;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        char path[sizeof(kSharedMemoryPath)];
-        memcpy(path, kSharedMemoryPath, sizeof(path));
+        char path[] = QXV_RTP_TABLE_PATH;
         if (g_ShareMemory.Create(path, sizeof(RtpContext), 1) == 0)
             return false;
         const bool owner = g_ShareMemory.Owner != 0;

@@ -43,17 +43,14 @@ struct RtpChannelContextExt {
 
 static_assert(std::atomic<void*>::is_always_lock_free);
 static_assert(sizeof(RtpChannelContextExt) == 40);
-static_assert(offsetof(RtpChannelContextExt, Cancel) == 0);
 static_assert(offsetof(RtpChannelContextExt, Running) == 4);
 static_assert(offsetof(RtpChannelContextExt, Socket) == 8);
 static_assert(offsetof(RtpChannelContextExt, Thread) == 16);
 static_assert(offsetof(RtpChannelContextExt, Timer) == 24);
-static_assert(offsetof(RtpChannelContextExt, Buffer) == 32);
 
 // The runtime table, indexed by instance, of which there is one, direction and channel: what a
 // channel has only in the process that started it.
 ZAQ_EXPORT extern RtpChannelContextExt g_ContextExt[1][kDirections][kChannels];
-static_assert(sizeof(g_ContextExt) == 1280);
 
 ZAQ_EXPORT extern CZAQShareMemory g_ShareMemory;
 // The shared table in this process; null until a load has succeeded. Set before any thread starts.

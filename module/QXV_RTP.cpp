@@ -95,8 +95,8 @@ uint32_t QXV_RTP_GetStatistics(void* handle, uint32_t direction, uint32_t channe
     now.SocketOpen = found.Row->Socket.load(kRelaxed) != nullptr ? 1 : 0;
     now.BufferedBytes = BufferedBytes(counters, found.IsSend(), most);
     now.FreeBytes = most - now.BufferedBytes;
-    now.SocketsOpened = counters.SocketsOpened.load(kRelaxed);
-    now.ModeChanges = counters.ModeChanges.load(kRelaxed);
+    now.SocketsOpened = static_cast<uint32_t>(counters.SocketsOpened.load(kRelaxed));
+    now.ModeChanges = static_cast<uint32_t>(counters.ModeChanges.load(kRelaxed));
     now.Datagrams = counters.Datagrams.load(kRelaxed);
     now.Bytes = counters.Bytes.load(kRelaxed);
     now.DatagramsDropped = counters.Dropped.load(kRelaxed);

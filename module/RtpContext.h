@@ -10,7 +10,6 @@
 #include "QXV_RTP.h"
 #include "QXV_RTP_table.h"
 
-inline constexpr char kSharedMemoryPath[] = QXV_RTP_TABLE_PATH;
 inline constexpr uint32_t kSend = QXV_RTP_SEND;
 inline constexpr uint32_t kReceive = QXV_RTP_RECEIVE;
 inline constexpr uint32_t kDirections = 2;
@@ -42,14 +41,11 @@ struct RtpContext {
 static_assert(std::atomic<uint32_t>::is_always_lock_free);
 static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t));
 static_assert(sizeof(RtpChannelConfig) == 520);
-static_assert(offsetof(RtpChannelConfig, LocalAddress) == 0);
 static_assert(offsetof(RtpChannelConfig, RemoteAddress) == 256);
 static_assert(offsetof(RtpChannelConfig, Multicast) == 512);
-static_assert(offsetof(RtpChannelConfig, Rtp) == 513);
-static_assert(offsetof(RtpChannelConfig, Ttl) == 514);
+static_assert(offsetof(RtpChannelConfig, Rtp) == 513 && offsetof(RtpChannelConfig, Ttl) == 514);
 static_assert(offsetof(RtpChannelConfig, MulticastOption) == 515);
 static_assert(offsetof(RtpChannelConfig, Port) == 516);
-static_assert(offsetof(RtpChannelConfig, Reserved) == 518);
 
 // The layout, in this file and in the header for programs that watch the table. What stands before
 // Config and Channels are numbers of 32 bits, without a gap.
@@ -58,6 +54,5 @@ static_assert(offsetof(RtpChannelContext, Config) == 32);
 static_assert(offsetof(QXV_RTP_TableChannel, Config) == 32);
 static_assert(sizeof(RtpContext) == 17680 && sizeof(QXV_RTP_Table) == 17680);
 static_assert(offsetof(RtpContext, Channels) == 16 && offsetof(QXV_RTP_Table, Channels) == 16);
-static_assert(sizeof(RtpContext::Channels[0]) == 8832);
 
 #endif

@@ -33,7 +33,7 @@ std::optional<uint32_t> MovePiece(const Channel& channel, uint8_t* data, uint32_
             link = &(*link)->Next;
         *link = user.Next;
         if (user.Ring == channel.Row->Buffer.load(std::memory_order_acquire)) {
-            Add<uint64_t>(internals.Counters.HostBytes, moved);
+            Add(internals.Counters.HostBytes, moved);
             return moved;
         }
         if (internals.IsUsed(user.Ring))

@@ -101,7 +101,7 @@ class Transmitter {
     void SendDatagram(uint32_t header) {
         Buffer().Read(m_Datagram + header, m_PayloadSize);
         ChannelCounters& counters = m_Channel.Internals->Counters;
-        Add<uint64_t>(counters.NetworkBytes, m_PayloadSize);
+        Add(counters.NetworkBytes, m_PayloadSize);
         // Only RTP needs whole packets behind its header (RFC 2250, 2); a raw stream that has lost
         // its alignment is sent on as it is.
         if (IsRtp() && m_Datagram[header] != kSyncByte) {
@@ -111,10 +111,10 @@ class Transmitter {
         void* const socket = m_Channel.Row->Socket.load(std::memory_order_relaxed);  // own thread's
         if (ZAQUDPSocket_SendAll(socket, m_Datagram, header + m_PayloadSize) != 0) {
             CountDatagram();
-            Add<uint64_t>(counters.Datagrams, 1);
-            Add<uint64_t>(counters.Bytes, m_PayloadSize);
+            Add(counters.Datagrams, 1);
+            Add(counters.Bytes, m_PayloadSize);
         } else {
-            Add<uint64_t>(counters.SendFailures, 1);
+            Add(counters.SendFailures, 1);
             m_Channel.Record->Reopen.store(1, std::memory_order_release);
         }
     }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "ReceiveLoop.h"
+#include "SocketOptions.h"
 #include "Threads.h"
 
 namespace zaqsockets {
@@ -143,14 +144,18 @@ class Watch {
     void Look() {
         --m_LooksLeft;
         m_NextLook = Clock::now() + kPause;
-        bool joined = Rejoin();
-        if (!joined) {
+        if (!Rejoin() || !Renew())
             m_LooksLeft = std::max(m_LooksLeft, 1);
-            return;
-        }
+        else if (m_LooksLeft == 0)
+            for (const auto& group : CopyGroups())
+                group->Follows = false;
+    }
+
+    // False when one of the groups has to be looked at again.
+    bool Renew() {
         const InterfaceList interfaces;
-        const auto groups = CopyGroups();
-        for (const auto& group : groups) {
+        bool joined = true;
+        for (const auto& group : CopyGroups()) {
             const Descriptor socket = Borrow(*group);
             Descriptor renewed;
             if (!socket || !RenewMemberships(*group, socket, interfaces, renewed))
@@ -160,11 +165,7 @@ class Watch {
                 joined = false;
             }
         }
-        if (!joined)
-            m_LooksLeft = std::max(m_LooksLeft, 1);
-        if (m_LooksLeft == 0)
-            for (const auto& group : groups)
-                group->Follows = false;
+        return joined;
     }
 
     std::vector<std::shared_ptr<Group>> CopyGroups() const {
@@ -174,8 +175,8 @@ class Watch {
 
     using Clock = std::chrono::steady_clock;
 
-    // Changes come in groups, like a link and its addresses, and are looked at together, a moment
-    // after the first; and then a few times more, since routes follow later.
+    // Changes come together, like a link and its addresses, and are looked at a moment after the
+    // first; and then a few times more, since routes follow later.
     static constexpr std::chrono::milliseconds kSettle{200};
     static constexpr std::chrono::milliseconds kPause{1000};
     static constexpr int kLooks = 5;
@@ -197,6 +198,8 @@ bool StartWatch() {
                     1U << (RTNLGRP_IPV4_NETCONF - 1) | 1U << (RTNLGRP_IPV6_NETCONF - 1));
     if (!watch->Messages)
         return errno != EMFILE && errno != ENFILE && errno != ENOMEM && errno != ENOBUFS;
+    // Floods of changes fit. Without CAP_NET_ADMIN the buffer stays as it is.
+    Set(watch->Messages, SOL_SOCKET, SO_RCVBUFFORCE, 8 << 20);
     watch->Wakeup = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     watch->Network = NetworkOf(watch->Messages);
     if (!watch->Wakeup || !StartThread(watch->Thread, &Watch::Run, watch.get()))

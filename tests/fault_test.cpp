@@ -155,7 +155,7 @@ class Host {
 int RunSessions(const std::string& function, int use, uint16_t port) {
     alarm(2 * kPatience_s);  // hangs end side by side; each step on the way begins it anew
     EXPECT_EQ(unshare(CLONE_NEWNS) | system(PRIVATE_TMP), 0);
-    std::ofstream(kSharedMemoryPath) << "what somebody has left";
+    std::ofstream(QXV_RTP_TABLE_PATH) << "what somebody has left";
     const auto before = Footprint();
     const int held = faults::Held();
     int loads = 0;
@@ -217,15 +217,15 @@ TEST(Fault, AThiefOfTheTablesPlaceIsReplacedOrRefused) {
     };
     static constexpr std::tuple<int, bool, void (*)()> kCases[] = {
         // Which attempt to open the file he is ahead of, whether his can be used, what he does
-        {1, true, [] { put(kSharedMemoryPath, 17680); }},
-        {1, true, [] { put(kSharedMemoryPath, 17679); }},
-        {1, false, [] { std::filesystem::create_symlink("/tmp/aim", kSharedMemoryPath); }},
-        {2, true, [] { std::filesystem::remove(kSharedMemoryPath); }}};
+        {1, true, [] { put(QXV_RTP_TABLE_PATH, 17680); }},
+        {1, true, [] { put(QXV_RTP_TABLE_PATH, 17679); }},
+        {1, false, [] { std::filesystem::create_symlink("/tmp/aim", QXV_RTP_TABLE_PATH); }},
+        {2, true, [] { std::filesystem::remove(QXV_RTP_TABLE_PATH); }}};
     put("/tmp/aim", 20000);
     const std::string aim = Contents("/tmp/aim");
     for (const auto& [use, usable, steal] : kCases) {
         if (use == 2)
-            std::filesystem::create_directory(kSharedMemoryPath);  // the load can not remove it
+            std::filesystem::create_directory(QXV_RTP_TABLE_PATH);  // the load can not remove it
         faults::Arm("open", use, steal);
         const ModuleLibrary module;
         EXPECT_EQ(module.Handle != nullptr, usable);
@@ -233,7 +233,7 @@ TEST(Fault, AThiefOfTheTablesPlaceIsReplacedOrRefused) {
             EXPECT_EQ(static_cast<RtpContext*>(module.Handle)->Channels[0][0].Config.Port, 10000);
         }
         EXPECT_TRUE(Contents("/tmp/aim") == aim);
-        std::filesystem::remove(kSharedMemoryPath);
+        std::filesystem::remove(QXV_RTP_TABLE_PATH);
     }
 }
 

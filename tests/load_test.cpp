@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr const char* kPath = kSharedMemoryPath;
+constexpr const char* kPath = QXV_RTP_TABLE_PATH;
 
 // Children side by side, each with a network and a /tmp of its own, in which all goes as expected.
 void RunApart(int children, int seconds, const std::function<void(int)>& body) {
@@ -35,7 +35,7 @@ std::pair<int, int> Mappings() {
     std::pair<int, int> lines;
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);)
-        ++(line.find(kSharedMemoryPath) != std::string::npos ? lines.first : lines.second);
+        ++(line.find(QXV_RTP_TABLE_PATH) != std::string::npos ? lines.first : lines.second);
     return lines;
 }
 
@@ -44,7 +44,7 @@ TEST(Load, AThousandLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
         const auto before = Footprint();
         const int tables = Mappings().first;
         int others = 0;
-        std::ofstream(kSharedMemoryPath) << "what somebody has left";
+        std::ofstream(QXV_RTP_TABLE_PATH) << "what somebody has left";
         for (int round = 1; round <= 50; ++round) {
             RtpChannelConfig config;
             {
@@ -56,7 +56,7 @@ TEST(Load, AThousandLoadsMakeATableEachAndLeaveOnlyItsDescriptorAndMapping) {
                 if (round % 25 == 10)
                     Session(module, 0).Exchange(10);
             }
-            const std::string table = Contents(kSharedMemoryPath);
+            const std::string table = Contents(QXV_RTP_TABLE_PATH);
             ASSERT_EQ(table.size(), 17680u);
             EXPECT_EQ(memcmp(&table[17680 - sizeof(config)], &config, sizeof(config)), 0);
             ASSERT_EQ(dlopen(MODULE_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);

@@ -24,9 +24,9 @@ TEST_F(TableTest, AnOwnersLoadLaysDownTheDefaults) {
         put32(offset + 548, 10000 + 100 * direction + channel);
     }
     QXV_RTP_Deconstructor();
-    std::ofstream(kSharedMemoryPath) << std::string(20000, 'x');
+    std::ofstream(QXV_RTP_TABLE_PATH) << std::string(20000, 'x');
     ASSERT_EQ(QXV_RTP_Constructor(), 1);
-    EXPECT_TRUE(Contents(kSharedMemoryPath) == expected);
+    EXPECT_TRUE(Contents(QXV_RTP_TABLE_PATH) == expected);
     EXPECT_TRUE(std::all_of(&Row(0, 0), &Row(0, 0) + 32, IsEmpty));
     // The segment has forgotten the mapping, so that nothing can take it away.
     const std::string forgotten(sizeof(g_ShareMemory) - sizeof(void*), '\0');
@@ -35,7 +35,7 @@ TEST_F(TableTest, AnOwnersLoadLaysDownTheDefaults) {
     QXV_RTP_Deconstructor();
     EXPECT_TRUE(g_pThread == nullptr && g_ThreadQuit == 1);
     put32(4, 77);
-    EXPECT_TRUE(Contents(kSharedMemoryPath) == expected);
+    EXPECT_TRUE(Contents(QXV_RTP_TABLE_PATH) == expected);
     EXPECT_EQ(g_pContext->HandleCount, 77u);  // still mapped
 }
 

@@ -40,7 +40,7 @@ std::string tableHelp() {
         "those outside; where there may be more hosts, that is said. The file stays when its\n"
         "host has ended, and is shown as left over. Processes that share one table, such as\n"
         "children of a fork, are shown as one host.\n",
-        kSharedMemoryPath);
+        QXV_RTP_TABLE_PATH);
 }
 
 void addSelection(CommandModel& command, std::string& pid, std::string& path) {

@@ -57,7 +57,7 @@ bool isDenied(int error) {
 // The path of a table, whatever folder it is in, or "". The kernel marks names that are gone.
 std::string tablePath(std::string link) {
     constexpr std::string_view kDeleted = " (deleted)";
-    constexpr std::string_view kPath = kSharedMemoryPath;
+    constexpr std::string_view kPath = QXV_RTP_TABLE_PATH;
     if (link.ends_with(kDeleted))
         link.resize(link.size() - kDeleted.size());
     return link.ends_with(kPath.substr(kPath.rfind('/'))) ? link : "";
@@ -257,7 +257,7 @@ HostFinder::HostFinder(HostSelection selection, const std::string& proc)
 
 void HostFinder::readFile(Machine& machine) {
     try {
-        machine.file = readTable(selection_.path.empty() ? kSharedMemoryPath : selection_.path);
+        machine.file = readTable(selection_.path.empty() ? QXV_RTP_TABLE_PATH : selection_.path);
     } catch (const Failure& failure) {
         machine.trouble = failure.what();
     }
