@@ -12,7 +12,7 @@ build=build-package
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
     -DCMAKE_INSTALL_LIBDIR="lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)" \
     -DCMAKE_INSTALL_SYSCONFDIR=/etc -DCMAKE_INSTALL_DOCDIR=share/doc/libqxv-rtp-dev \
-    -DCMAKE_SKIP_INSTALL_RPATH=ON -DCMAKE_CXX_FLAGS="'-ffile-prefix-map=$PWD=.'" >/dev/null
+    -DCMAKE_SKIP_INSTALL_RPATH=ON -DCMAKE_CXX_FLAGS="\"-ffile-prefix-map=$PWD=.\"" >/dev/null
 cmake --build "$build" -- --quiet >/dev/null
 rm -rf "$build/packages"
 cpack --config "$build/CPackConfig.cmake" -B "$build/packages" >"$build/cpack.log" ||
