@@ -80,7 +80,7 @@ constexpr Metric kMetrics[] = {
      }},
     {"null_packet_ratio", "gauge", "Share of null packets in the last second.",
      [](const StreamFindings& s) -> Value { return s.report.nullShare; }},
-    {"rtp_lost_total", "counter", "RTP datagrams that did not come within 200 ms.",
+    {"rtp_lost_total", "counter", "RTP datagrams that did not come within 100 to 200 ms.",
      [](const StreamFindings& s) -> Value { return ofRtp(s, &ts::RtpCounts::everLost); }},
     {"rtp_reordered_total", "counter", "RTP datagrams that came behind a later one.",
      [](const StreamFindings& s) -> Value { return ofRtp(s, &ts::RtpCounts::reordered); }},
