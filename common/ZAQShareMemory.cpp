@@ -51,8 +51,7 @@ bool FillWithZeros(int file, uint32_t size) {
     return true;
 }
 
-// Maps the object's file, of which a new one is filled before. Where that fails, the file is
-// closed, and a new one removed.
+// Maps the object's file, a new one filled. On failure the file is closed, and a new one removed.
 int Map(CZAQShareMemory& segment, const char* name, uint32_t size, bool isNew) {
     void* address = MAP_FAILED;
     if (!isNew || FillWithZeros(segment.File, size))

@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <initializer_list>
+
 CZAQThread::CZAQThread() noexcept
     : ThreadId(0), Routine(nullptr), Argument(nullptr), ProcessId(0) {}
 

@@ -1,7 +1,5 @@
 #include "Channel.h"
 
-#include <algorithm>
-
 // The load routine and the housekeeping thread use both before any static constructor has run.
 constinit RtpChannelContextExt g_ContextExt[1][kDirections][kChannels];
 static constinit ChannelInternals g_Internals[kDirections][kChannels];
@@ -19,8 +17,8 @@ Channel FindChannel(RtpChannelContext* record) {
     const uintptr_t place =
         (reinterpret_cast<uintptr_t>(record) - reinterpret_cast<uintptr_t>(g_pContext->Channels)) /
         sizeof(RtpChannelContext);
-    // What lies outside, as null does, has a direction that there is not.
-    const auto number =
-        static_cast<uint32_t>(std::min<uintptr_t>(place, uintptr_t{kDirections} * kChannels));
+    if (place >= uintptr_t{kDirections} * kChannels)
+        return {};  // as for null
+    const auto number = static_cast<uint32_t>(place);
     return FindChannel(g_pContext, number / kChannels, number % kChannels);
 }

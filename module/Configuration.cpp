@@ -28,7 +28,9 @@ uint32_t ValidFamily(const RtpChannelConfig& config) {
     if (local == 0 || multicast != 0 || strchr(config.LocalAddress, '?') != nullptr)
         return 0;
     const uint32_t remote = ParseAddress(config.RemoteAddress, multicast);
-    return remote == local && (multicast != 0) == (config.Multicast == 1) ? local : 0;
+    // The socket library answers 0 or 1; anything else would say nothing.
+    const bool agrees = (multicast & ~1) != 0 || (multicast == 1) == (config.Multicast == 1);
+    return remote == local && agrees ? local : 0;
 }
 
 void Normalise(RtpChannelConfig& config, uint32_t direction, uint32_t family) {

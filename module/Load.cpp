@@ -34,8 +34,7 @@ void LayDownChannel(RtpContext& context, uint32_t direction, uint32_t channel) {
     record.Reopen.store(1);
     RtpChannelConfig& config = record.Config;
     strcpy(config.LocalAddress, "0.0.0.0");
-    snprintf(config.RemoteAddress, sizeof(config.RemoteAddress), "224.%d.%d.%d", 1,
-             static_cast<int>(direction), static_cast<int>(channel));
+    snprintf(config.RemoteAddress, sizeof(config.RemoteAddress), "224.1.%u.%u", direction, channel);
     config.Multicast = 1;
     config.Rtp = 1;
     config.Ttl = kDefaultTtl;

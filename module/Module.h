@@ -45,7 +45,6 @@ static_assert(std::atomic<void*>::is_always_lock_free);
 static_assert(sizeof(RtpChannelContextExt) == 40);
 static_assert(offsetof(RtpChannelContextExt, Running) == 4);
 static_assert(offsetof(RtpChannelContextExt, Socket) == 8);
-static_assert(offsetof(RtpChannelContextExt, Thread) == 16);
 static_assert(offsetof(RtpChannelContextExt, Timer) == 24);
 
 // The runtime table, indexed by instance, of which there is one, direction and channel: what a

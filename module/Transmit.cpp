@@ -40,14 +40,10 @@ class Transmitter {
             usleep(kSocketRetry_us);
             return;
         }
-        if (Buffer().GetDataSize() < m_PayloadSize) {
-            SleepToTick();
-            return;
-        }
-        if (m_PayloadSize == kDetectionSize && !Detect()) {
-            CancelOwnChannel();
-            return;
-        }
+        if (Buffer().GetDataSize() < m_PayloadSize)
+            return SleepToTick();
+        if (m_PayloadSize == kDetectionSize && !Detect())
+            return CancelOwnChannel();
         if (Timer().GetBlockSize() == 0)
             StartPacing();
         uint32_t header = 0;

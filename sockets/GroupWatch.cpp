@@ -198,8 +198,7 @@ bool StartWatch() {
                     1U << (RTNLGRP_IPV4_NETCONF - 1) | 1U << (RTNLGRP_IPV6_NETCONF - 1));
     if (!watch->Messages)
         return errno != EMFILE && errno != ENFILE && errno != ENOMEM && errno != ENOBUFS;
-    // Floods of changes fit. Without CAP_NET_ADMIN the buffer stays as it is.
-    Set(watch->Messages, SOL_SOCKET, SO_RCVBUFFORCE, 8 << 20);
+    EnlargeReceiveBuffer(watch->Messages);  // for floods of changes
     watch->Wakeup = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     watch->Network = NetworkOf(watch->Messages);
     if (!watch->Wakeup || !StartThread(watch->Thread, &Watch::Run, watch.get()))

@@ -80,14 +80,16 @@ Descriptor HoldPort(const Address& any, uint32_t port) {
 
 }  // namespace
 
+void EnlargeReceiveBuffer(const Descriptor& socket) {
+    if (!Set(socket, SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBufferBytes))
+        Set(socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
+}
+
 Descriptor OpenReceiveSocket(const Address& address) {
     Descriptor socket = OpenSocket(address, SOCK_NONBLOCK);
     if (!socket || !OwnGroupsOnly(socket, address))
         return Descriptor();
-    // With CAP_NET_ADMIN the buffer is as large as requested, else the system cuts it to
-    // net.core.rmem_max. A socket with less is still a socket.
-    if (!Set(socket, SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBufferBytes))
-        Set(socket, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes);
+    EnlargeReceiveBuffer(socket);
     return socket;
 }
 

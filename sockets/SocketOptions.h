@@ -23,6 +23,10 @@ bool Set(const Descriptor& socket, int level, int name, const Value& value) {
     return setsockopt(socket.Number(), level, name, &value, sizeof(value)) == 0;
 }
 
+// To as much as the system grants: with CAP_NET_ADMIN to 8 MiB, else to net.core.rmem_max.
+// A socket with less is still a socket.
+void EnlargeReceiveBuffer(const Descriptor& socket);
+
 // Not blocking, with a large buffer, and for no group that only other sockets have joined.
 Descriptor OpenReceiveSocket(const Address& address);
 
