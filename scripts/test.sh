@@ -40,15 +40,15 @@ case " $* " in
         scripts/lint.sh --install
         if [ $# -gt 1 ]; then
             said=$(mktemp)
-            # A tenth of a processor beside the tests. A session of its own would get half of them,
-            # since the kernel shares out by session first (sched(7), autogroup); and with nothing,
-            # it would hold up the kernel's own work, for which all wait (RCU).
-            setsid nice -n 10 sh -c 'echo 10 >/proc/self/autogroup; exec scripts/lint.sh' \
-                >"$said" 2>&1 &
+            # It gets a tenth of what both want. nice alone would not do: where the kernel shares out
+            # by session first (sched(7), autogroup), a session of its own gets half. Idle priority
+            # would hold up the kernel's own work (RCU), for which all wait.
+            setsid nice -n 10 sh -c '{ echo 10 >/proc/self/autogroup; } 2>/dev/null
+                exec scripts/lint.sh' >"$said" 2>&1 &
             lint=$!
             trap 'kill -- "-$lint" 2>/dev/null || true; rm -f "$said"' EXIT
             trap 'exit 130' INT  # or the trap above would not run
-            trap 'exit 143' TERM
+            trap 'exit 143' TERM HUP
         fi
         ;;
 esac

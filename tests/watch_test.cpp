@@ -126,7 +126,7 @@ int MeasureAmongLinkChanges() {
     Outcome outcome;
     FILE* const ip = popen("ip -batch -", "w");
     fcntl(fileno(ip), F_SETPIPE_SZ, 4096);  // so that it soon ends
-    EXPECT_EQ(setuid(65534), 0);            // to whom the system grants little
+    EXPECT_EQ(setuid(65534), 0);            // who cannot force a larger buffer
     g_GrantsLittle = true;
     void* const socket =
         ZAQUDPSocket_Create("0.0.0.0", "239.1.1.1", kPort, kPort, 1, 0, 1, 0, &OnNumber, &outcome);
