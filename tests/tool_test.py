@@ -296,6 +296,19 @@ class Send(ToolTest):
             seen.append(resident_after(40_000))
         self.assertEqual(self.end(sender), 0)
 
+    def test_what_the_input_lacks_and_what_too_low_a_rate_costs_is_told(self):
+        write("holed", SAMPLE[:500 * 188] + SAMPLE[501 * 188:])
+        sender = self.tool("send holed udp://127.0.0.1:7190 --cbr 200k 2> said")
+
+        def errors():
+            told = subprocess.run([TOOL, "status", "--json", "--pid", str(sender.pid)], capture_output=True)
+            return [stream["inputs"][0]["continuity_errors"] for process in
+                    json.loads(told.stdout or "{}").get("processes", []) for stream in process["streams"]]
+        self.await_(lambda: errors() == [1])
+        self.assertEqual(sender.wait(60), 0)
+        self.assertRegex(read("said"), rb"'holed' is late at 200.0 kbit/s, and lost [1-9]\d\d+ packets by that; "
+                         rb"so far, --cbr [1-9]\d{5} would have done\n$")
+
     def test_what_is_no_packet_is_skipped_and_an_input_that_fails_stops_no_other(self):
         for size in 188, 204:
             packets = [SAMPLE[i * 188:][:188].ljust(size, b"p") for i in range(400)]

@@ -115,7 +115,8 @@ class Watching {
     void tell(const MonitorChain& chain, const ts::AlarmEvent& event) {
         session_.tell(fmt::format("{}: {} {}{}{}", chain.name(), ts::info(event.check).name,
                                   event.raised ? "raised" : "cleared",
-                                  event.detail.empty() ? "" : ": ", event.detail));
+                                  event.raised && !event.detail.empty() ? ": " : "",
+                                  event.raised ? event.detail : ""));
         if (const std::string& command = chain.job().onAlarm; !command.empty())
             command_.add(command, factsOf(chain, event));
         if (const std::string& url = chain.job().webhook; !url.empty())

@@ -1,4 +1,4 @@
-// Whether a stream that is made constant needs more than its rate.
+// Whether a stream that is made constant needs more than its rate, and what it loses by that.
 #ifndef TOOLS_ENGINE_RATENEED_H
 #define TOOLS_ENGINE_RATENEED_H
 
@@ -25,6 +25,7 @@ class RateNeed {
         auto text = tell(name, status);
         if (text) {
             told_bps_ = status.rateNeeded_bps;
+            toldDropped_ = status.dropped;
             again_ = now + std::chrono::seconds(10);
         }
         return text;
@@ -32,14 +33,18 @@ class RateNeed {
 
     // At the end.
     std::optional<std::string> tell(const std::string& name, const ts::ShaperStatus& status) const {
-        if (status.rateNeeded_bps <= told_bps_)
+        if (status.rateNeeded_bps <= told_bps_ && status.dropped <= toldDropped_)
             return std::nullopt;
-        return fmt::format("{} is late at {}; so far, --cbr {} would have done", name,
-                           formatBitrate(status.rate_bps), status.rateNeeded_bps);
+        const std::string lost =
+            status.dropped == 0 ? ""
+                                : ", and lost " + counted(status.dropped, "packet") + " by that";
+        return fmt::format("{} is late at {}{}; so far, --cbr {} would have done", name,
+                           formatBitrate(status.rate_bps), lost, status.rateNeeded_bps);
     }
 
   private:
     uint32_t told_bps_ = 0;
+    uint64_t toldDropped_ = 0;
     Time again_{};
 };
 

@@ -181,6 +181,7 @@ void SendChain::read(ts::Time now, ts::Time until) {
         const auto [skipped, kept] = excerpt_->add(packets);
         if (!begun && excerpt_->begun())
             source_->loopFrom(packets.size() - skipped);
+        count(packets.subspan(skipped, kept));
         if (kept > 0)
             shaper_->push(packets.subspan(skipped, kept), now);
         if (excerpt_->over())
@@ -189,6 +190,15 @@ void SendChain::read(ts::Time now, ts::Time until) {
     if (!shaper_->rate() && (inputOver_ || !shaper_->needsInput(until)))
         throw Failure(fmt::format("{} has no PCRs to tell its rate by; give it with --bitrate",
                                   source_->name()));
+}
+
+// Where a loop begins anew, counters jump, which is no fault of the file.
+void SendChain::count(std::span<const uint8_t> packets) {
+    if (loops_ != source_->loops())
+        continuity_.restart();
+    loops_ = source_->loops();
+    for (; !packets.empty(); packets = packets.subspan(source_->packetSize()))
+        continuity_.add(packets.data());
 }
 
 void SendChain::endInput() {
@@ -361,6 +371,7 @@ StreamState SendChain::state(Clock::time_point now) const {
     OutputState output = output_.outputState();
     if (output.works)
         state.bitrate_bps = output_.rate();
+    input.continuityErrors = continuity_.errors();
     state.bytes = input.bytes = output.datagrams * output_.payload();
     input.bitrate_bps = state.bitrate_bps;
     state.inputs.push_back(std::move(input));

@@ -6,12 +6,14 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "Excerpt.h"
 #include "OwnPace.h"
 #include "RateMeasures.h"
+#include "TransportStream.h"
 #include "engine/Chain.h"
 #include "engine/ChannelOutput.h"
 #include "engine/Jobs.h"
@@ -51,6 +53,7 @@ class SendChain : public Chain {
     bool prepareShaper();
     bool scanAhead();
     void read(ts::Time now, ts::Time until);
+    void count(std::span<const uint8_t> packets);
     void endInput();
     void stayDown(Clock::time_point now);
     void feed(Clock::time_point now);
@@ -86,6 +89,8 @@ class SendChain : public Chain {
     std::optional<Scan> scan_;
     uint32_t leastRate_bps_ = 0;  // that it has found
     std::optional<Excerpt> excerpt_;
+    ContinuityCounter continuity_;  // of the input
+    uint64_t loops_ = 0;            // of which it knows
     std::unique_ptr<ts::Shaper> shaper_;
     const ts::OwnPace* ownPace_ = nullptr;  // the shaper, where it is one
     RateNeed need_;
