@@ -6,7 +6,7 @@ from impairer import Disorder
 from tool_test import again_if_it_stood_still, patient
 
 TOOL, SOURCE, PROGRAM = sys.argv[1:]
-running = []  # and what has ended: all that this attempt has started
+running = []  # all processes that this attempt has started, also those that have ended
 SAMPLE = "/tmp/sample.ts"  # a copy that every user may read; the tool has another /tmp
 PRIVATE_TMP = pathlib.Path(__file__).resolve().parents[1] / "scripts/private-tmp.sh"
 NEEDS = {"ffmpeg": ["ffprobe"], "gstreamer": ["gst-launch-1.0"], "multicat": ["multicat", "ingests"],
