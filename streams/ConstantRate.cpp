@@ -25,6 +25,10 @@ constexpr uint32_t kAnyRate = 1'000'000;
 
 constexpr Ticks kMostLate = 2 * kTicksPerSecond;
 
+// Where there is room for it (ETSI TR 101 290, 5.2.2; longer than that: kLongestPcrGap).
+constexpr Ticks kPcrGap = 40 * kMillisecond;
+constexpr size_t kMostShown = 64;  // clocks; so many programmes are in no multiplex
+
 // By more than that, a clock has jumped.
 constexpr int64_t kClockJump = 50 * kMillisecond;
 // Less is what the even spread of packets between PCRs is off.
@@ -107,7 +111,7 @@ void ConstantRate::decide(Time now) {
         LeastRate least(packetSize_);
         for (size_t i = 0; i < times_.size(); ++i) {
             if (ts_get_pid(times_.bytes(i)) != kNullPid)
-                least.add(times_.time(i));
+                least.add(times_.bytes(i), times_.time(i));
         }
         rate_ = roundUpRate(
             std::max<double>({static_cast<double>(least.find(delay_)), least.mean(times_.knownTo()),
@@ -199,7 +203,7 @@ size_t ConstantRate::pullShaped(uint8_t* datagram, Ticks until) {
     for (size_t i = 0; i < kPacketsPerDatagram; ++i, datagram += packetSize_) {
         if (!takePacket(datagram)) {
             writeNullPacket(datagram, packetSize_);
-            ++nulls_;
+            ++added_;
         }
         slot_->advance();
     }
@@ -215,21 +219,48 @@ void ConstantRate::skipNulls() {
 bool ConstantRate::takePacket(uint8_t* slot) {
     skipNulls();
     dropLate();
-    if (times_.empty() || times_.time() > slot_->time())
+    const bool due = !times_.empty() && times_.time() <= slot_->time();
+    if (putPcr(slot, due))
+        return true;
+    if (!due)
         return false;
     const Ticks own = times_.time();
     noteWait(own, slot_->time() - own);
     std::copy_n(times_.bytes(), packetSize_, slot);
     times_.pop();
-    restamp(slot, own);
+    ++unclocked_;
+    stamp(slot, own);
     return true;
+}
+
+bool ConstantRate::putPcr(uint8_t* slot, bool due) {
+    if (due && unclocked_ < kPacketsPerPcr)
+        return false;
+    Clock* const clock = clockToShow(due ? kLongestPcrGap : kPcrGap);
+    if (clock == nullptr)
+        return false;
+    clock->shown = slot_->time();
+    writePcrPacket(slot, packetSize_, clock->pid, clock->counter,
+                   modulo(slot_->time() + static_cast<Ticks>(clock->offset)));
+    unclocked_ = due ? 0 : unclocked_;
+    ++added_;
+    return true;
+}
+
+// One whose PCRs would be further apart than that, if there was none in this slot.
+ConstantRate::Clock* ConstantRate::clockToShow(Ticks gap) const {
+    const Ticks now = slot_->time();
+    const auto found = std::find_if(shown_.begin(), shown_.end(), [&](const Clock* clock) {
+        return now + slot_->length() - clock->shown > gap && now - clock->lastTime <= kClockSilence;
+    });
+    return found == shown_.end() ? nullptr : *found;
 }
 
 void ConstantRate::noteWait(Ticks own, Ticks wait) {
     meanWait_ += (wait - meanWait_) / 64;
     if (wait <= slot_->length())
         busy_.clear();
-    busy_.add(own);
+    busy_.add(times_.bytes(), own);
     // Packets wait for the beginning of a slot in any case.
     const bool late = wait > delay_ + slot_->length();
     if (late && !late_)
@@ -250,7 +281,7 @@ void ConstantRate::dropLate() {
         return;
     while (!times_.empty() && times_.time() < slot_->time() - delay_) {
         if (ts_get_pid(times_.bytes()) != kNullPid) {
-            busy_.add(times_.time());
+            busy_.add(times_.bytes(), times_.time());
             ++dropped_;
         }
         times_.pop();
@@ -259,14 +290,28 @@ void ConstantRate::dropLate() {
     skipNulls();
 }
 
-void ConstantRate::restamp(uint8_t* packet, Ticks own) {
+// What a packet that leaves means for the clock of its PID.
+void ConstantRate::stamp(uint8_t* packet, Ticks own) {
     const auto pcr = readPcr(packet);
-    if (!pcr)
+    const uint16_t pid = ts_get_pid(packet);
+    const auto [found, isNew] =
+        pcr ? clocks_.try_emplace(pid) : std::pair(clocks_.find(pid), false);
+    if (found == clocks_.end())
         return;
-    const uint64_t wanted = modulo(static_cast<Ticks>(pcr->ticks) - own - delay_);
-    const auto [found, isNew] = clocks_.try_emplace(pcr->pid);
     Clock& clock = found->second;
-    const bool continues = !isNew && pcrStep(clock.lastPcr, *pcr);
+    clock.counter = ts_get_cc(packet);
+    if (pcr)
+        restamp(packet, *pcr, clock, isNew, own);
+}
+
+void ConstantRate::restamp(uint8_t* packet, const Pcr& pcr, Clock& clock, bool isNew, Ticks own) {
+    if (isNew) {
+        clock.pid = pcr.pid;
+        if (shown_.size() < kMostShown)
+            shown_.push_back(&clock);
+    }
+    const uint64_t wanted = modulo(static_cast<Ticks>(pcr.ticks) - own - delay_);
+    const bool continues = !isNew && pcrStep(clock.lastPcr, pcr);
     const uint64_t cuts = ownCuts_ + times_.cuts();
     const bool cut = cuts != clock.cuts;
     const int64_t error = difference(wanted, clock.offset);
@@ -276,8 +321,8 @@ void ConstantRate::restamp(uint8_t* packet, Ticks own) {
     } else {
         follow(clock, error, slot_->time() - clock.lastTime);
     }
-    clock.lastPcr = pcr->ticks;
-    clock.lastTime = slot_->time();
+    clock.lastPcr = pcr.ticks;
+    clock.lastTime = clock.shown = slot_->time();
     clock.cuts = cuts;
     writePcr(packet, modulo(slot_->time() + static_cast<Ticks>(clock.offset)), cut);
     if (packetSize_ == kPacketWithParityBytes)
@@ -321,7 +366,7 @@ ShaperStatus ConstantRate::status() const {
     status.rateNeeded_bps = needed_bps_;
     status.delay = TimedPackets::toDuration(meanWait_);
     status.breaks = times_.cuts();
-    status.nullPackets = nulls_;
+    status.added = added_;
     status.dropped = dropped_;
     status.untouched = untouched_;
     return status;

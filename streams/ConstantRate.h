@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <unordered_map>
+#include <vector>
 
 #include "RateMeasures.h"
 #include "Shaper.h"
@@ -26,6 +27,9 @@ namespace ts {
 // source, or has run apart from the time by more than 20 ms (the clocks of two programmes, or that
 // of a live source and ours), which is then followed slowly. Packets of 204 bytes have their parity
 // computed anew where the packet was changed.
+//
+// PCRs are put in where those of the source would part too far: instead of null packets as DVB
+// wants it (every 40 ms), between waiting packets as it has to be (every 100 ms).
 //
 // A stream that has a constant rate already (that which is given, or any where none is given) goes
 // out byte for byte, at its own time. Once it varies, it is shaped from there on; the fall of its
@@ -61,6 +65,9 @@ class ConstantRate : public Shaper {
         Ticks meanError = 0;   // of the offset
         int64_t steering = 0;  // less than a tick, in 2^16ths
         uint64_t cuts = 0;     // when the offset was set
+        uint16_t pid = 0;
+        uint8_t counter = 0;  // of the packet of its PID that left last
+        Ticks shown = 0;      // when last, also by a packet that was put in
     };
 
     bool measured() const;
@@ -71,11 +78,14 @@ class ConstantRate : public Shaper {
     size_t pullUntouched(uint8_t* datagram, Ticks until);
     size_t pullShaped(uint8_t* datagram, Ticks until);
     bool takePacket(uint8_t* slot);
+    bool putPcr(uint8_t* slot, bool due);
+    Clock* clockToShow(Ticks gap) const;
     void skipNulls();
     void noteWait(Ticks own, Ticks wait);
     void dropLate();
     void publishNeed();
-    void restamp(uint8_t* packet, Ticks own);
+    void stamp(uint8_t* packet, Ticks own);
+    void restamp(uint8_t* packet, const Pcr& pcr, Clock& clock, bool isNew, Ticks own);
     static void follow(Clock& clock, int64_t error, Ticks elapsed);
 
     const size_t packetSize_;
@@ -91,14 +101,16 @@ class ConstantRate : public Shaper {
 
     std::optional<SlotClock> slot_;  // where the next packet goes, once something is shaped
     std::unordered_map<uint16_t, Clock> clocks_;
-    uint64_t ownCuts_ = 0;  // jumps of PCRs that the source does not have
+    std::vector<Clock*> shown_;  // of these; the first ones
+    uint64_t unclocked_ = 0;     // packets since a PCR was put between them
+    uint64_t ownCuts_ = 0;       // jumps of PCRs that the source does not have
 
     LeastRate busy_;  // since nothing waited last
     bool late_ = false;
     Ticks lateSince_ = 0;
     Ticks meanWait_ = 0;
     uint32_t needed_bps_ = 0;
-    uint64_t nulls_ = 0;
+    uint64_t added_ = 0;
     uint64_t dropped_ = 0;
 };
 

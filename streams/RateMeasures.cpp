@@ -3,7 +3,9 @@
 #include <bitstream/mpeg/ts.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <limits>
 
 namespace ts {
 
@@ -18,6 +20,7 @@ constexpr Ticks kPointLength = kTicksPerSecond / 500;
 constexpr size_t kMostPoints = 1 << 14;
 // A measure covers as much of the past, too.
 constexpr Ticks kScanStep = kPointLength * static_cast<Ticks>(kMostPoints / 2);
+constexpr size_t kMostClocks = 16;          // that put in PCRs are reckoned with
 constexpr size_t kMostWithoutPcr = 65'536;  // packets, where no PCR comes
 
 }  // namespace
@@ -66,22 +69,54 @@ bool ConstantCheck::keeps(const uint8_t* packet) {
     return !step || fits(*step->ticks, step->packets);
 }
 
-void LeastRate::add(Ticks time) {
+uint32_t LeastRate::clockOf(const uint8_t* packet) {
+    const auto pcr = readPcr(packet);
+    if (!pcr)
+        return 0;
+    const auto found = std::find(clocks_.begin(), clocks_.end(), pcr->pid);
+    const auto clock = static_cast<size_t>(found - clocks_.begin());
+    if (clock == kMostClocks)
+        return 0;
+    if (found == clocks_.end())
+        clocks_.push_back(pcr->pid);
+    return uint32_t{1} << clock;
+}
+
+void LeastRate::add(const uint8_t* packet, Ticks time) {
+    const uint32_t clock = clockOf(packet);
     if (!points_.empty() && time - points_.back().time < kPointLength) {
         ++points_.back().packets;
+        points_.back().clocks |= clock;
         return;
     }
     if (points_.size() == kMostPoints)
         points_.erase(points_.begin(), points_.begin() + kMostPoints / 2);
-    points_.push_back({time, 1});
+    points_.push_back({time, 1, clock});
 }
 
 bool LeastRate::passes(double rate_bps, Ticks delay) const {
+    struct Shown {
+        double last = std::numeric_limits<double>::max();
+        Ticks bySource = 0;
+    };
+    std::array<Shown, kMostClocks> shown{};
+    uint64_t unclocked = 0;  // packets since a PCR was put in
     double end = 0.0;
     const double packetTime = static_cast<double>(packetBits_) * double{kTicksPerSecond} / rate_bps;
-    for (const auto& [time, packets] : points_) {
+    for (const auto& [time, packets, clocks] : points_) {
         const auto own = static_cast<double>(time - points_.front().time);
         end = std::max(end, own) + packetTime * static_cast<double>(packets);
+        unclocked += packets;
+        for (size_t i = 0; i < clocks_.size(); ++i) {
+            Shown& clock = shown[i];
+            if ((clocks >> i & 1) != 0) {
+                clock = {end, time};
+            } else if (end - clock.last > double{kLongestPcrGap} && unclocked >= kPacketsPerPcr &&
+                       time - clock.bySource <= kClockSilence) {
+                clock.last = end += packetTime;
+                unclocked = 0;
+            }
+        }
         // Slots do not begin with the packets.
         if (end > own + static_cast<double>(delay))
             return false;
@@ -119,7 +154,7 @@ bool RateScan::push(std::span<const uint8_t> packets) {
 void RateScan::take() {
     for (; !times_.empty(); times_.pop()) {
         if (ts_get_pid(times_.bytes()) != kNullPid)
-            least_.add(times_.time());
+            least_.add(times_.bytes(), times_.time());
         if (times_.time() - lookedTo_ < kScanStep)
             continue;
         lookedTo_ = times_.time();

@@ -40,14 +40,21 @@ class ConstantCheck {
     Line longest_;
 };
 
-// The least rate at which a stream passes through a smoothing buffer.
+// While packets wait, the PCRs among them part. Longer than that they never shall (ISO/IEC 13818-1,
+// 2.7.2: 100 ms), so packets with PCRs only are put between them; but no more than one behind so
+// many packets, so that a slow stream does not consist of clocks.
+inline constexpr Ticks kLongestPcrGap = kTicksPerSecond * 95 / 1000;
+inline constexpr uint64_t kPacketsPerPcr = 16;
+
+// The least rate at which a stream passes through a smoothing buffer, together with the PCRs that
+// are put in.
 class LeastRate {
   public:
     explicit LeastRate(size_t packetSize) : packetBits_(packetSize * 8) {}
 
     // A packet that has to leave, and its own time, which never goes back.
-    void add(Ticks time);
-    void clear() { points_.clear(); }
+    void add(const uint8_t* packet, Ticks time);
+    void clear() { points_.clear(), clocks_.clear(); }
     bool empty() const { return points_.empty(); }
 
     // Such that no packet that was added waits longer than `delay`; in bits per second.
@@ -59,12 +66,15 @@ class LeastRate {
   private:
     struct Point {
         Ticks time;
-        uint64_t packets;
+        uint32_t packets;
+        uint32_t clocks;  // that are among them, a bit each
     };
+    uint32_t clockOf(const uint8_t* packet);
     bool passes(double rate_bps, Ticks delay) const;
 
     uint64_t packetBits_;
-    std::vector<Point> points_;  // packets of a few milliseconds each
+    std::vector<Point> points_;     // packets of a few milliseconds each
+    std::vector<uint16_t> clocks_;  // PIDs with PCRs
 };
 
 // The same for a stream of any length, by its PCRs.

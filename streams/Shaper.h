@@ -22,7 +22,7 @@ struct ShaperStatus {
     uint32_t rate_bps = 0;        // at which the datagrams flow, all bytes of the packets counted
     uint32_t rateNeeded_bps = 0;  // not 0: rate_bps is too low; this one would have done so far
     Time delay{0};                // between the packets' own time and their departure, of late
-    uint64_t nullPackets = 0;     // put in
+    uint64_t added = 0;           // packets that were put in
     uint64_t breaks = 0;          // where the time of a live stream began anew
     uint64_t dropped = 0;         // packets, null packets not counted; what came was too much
     bool untouched = false;       // every byte goes out as it came in

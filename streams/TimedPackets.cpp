@@ -7,8 +7,6 @@ namespace ts {
 
 namespace {
 
-// PIDs without a PCR for so long do not count any more.
-constexpr Ticks kClockSilence = kTicksPerSecond;
 // What a file has between two PCRs at most, where they are not to be waited for any longer.
 constexpr size_t kMostUntimed = 16'384;
 // PCRs come every 100 ms at least; with laxer ones, live packets behind the last are due before the

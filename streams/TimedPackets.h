@@ -17,6 +17,9 @@ namespace ts {
 using Ticks = int64_t;
 inline constexpr Ticks kTicksPerSecond = kPcrHz;
 
+// The clock of a PID without a PCR for so long does not count any more.
+inline constexpr Ticks kClockSilence = kTicksPerSecond;
+
 // Moments at which packets follow each other at a rate, exact for ever.
 class SlotClock {
   public:

@@ -119,6 +119,17 @@ void writePcr(uint8_t* packet, uint64_t ticks, bool announced) {
         tsaf_set_discontinuity(packet);
 }
 
+void writePcrPacket(uint8_t* packet, size_t packetSize, uint16_t pid, uint8_t counter,
+                    uint64_t ticks) {
+    ts_init(packet);
+    ts_set_pid(packet, pid);
+    ts_set_cc(packet, counter);
+    ts_set_adaptation(packet, kPacketBytes - TS_HEADER_SIZE - 1);
+    writePcr(packet, ticks, false);
+    if (packetSize == kPacketWithParityBytes)
+        ts::writeParity(packet);
+}
+
 std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next) {
     const uint64_t step = (next.ticks + kPcrModulus - before) % kPcrModulus;
     if (next.discontinuous || step > kPcrStepLimit)

@@ -60,6 +60,11 @@ std::optional<Pcr> readPcr(const uint8_t* packet);
 // Replaces the PCR of a packet that has one. `announced`: a new clock is said to begin here.
 void writePcr(uint8_t* packet, uint64_t ticks, bool announced);
 
+// A packet that has nothing but a PCR. `counter` is that of the packet of its PID before it, since
+// only a payload counts on (ISO/IEC 13818-1, 2.4.3.3). The size is 188, or 204 with the parity.
+void writePcrPacket(uint8_t* packet, size_t packetSize, uint16_t pid, uint8_t counter,
+                    uint64_t ticks);
+
 // Ticks from one PCR of a PID to the next. None: a splice, where one clock ends and another begins;
 // a PCR that wraps is none.
 std::optional<uint64_t> pcrStep(uint64_t before, const Pcr& next);
