@@ -60,6 +60,8 @@ class Announce(ToolTest):
         write("wrong.toml", b"[[relay]]\nfrom = 'wrong.sdp'\nto = 'udp://127.0.0.1:7411'\n")
         for command, told in ((f"send '{SAMPLE_PATH}' udp://127.0.0.1:7411 --announce x",
                                "qxvrtp: --announce: only a stream that is sent to rtp://"),
+                              ("relay udp://127.0.0.1:7410 rtp://127.0.0.1:7411 --announce x",
+                               "qxvrtp: --announce: only what is sent to a group is announced"),
                               ("receive wrong.sdp -", "qxvrtp: 'wrong.sdp': it describes no"),
                               ("monitor none.sdp", "qxvrtp: cannot read 'none.sdp': No such"),
                               ("relay -c wrong.toml",

@@ -139,10 +139,10 @@ class FileReader {
         return checked(text, place, streamOf).value_or("");
     }
 
-    Announcing announcing(TableReader& entry, bool rtp) {
+    Announcing announcing(TableReader& entry, const Destinations& destinations) {
         Announcing announcing{entry.find("sdp") != nullptr ? entry.text("sdp") : "",
                               entry.find("announce") != nullptr ? entry.text("announce") : ""};
-        rules_.announceOutput(announcing, rtp,
+        rules_.announceOutput(announcing, destinations,
                               entry.place(announcing.name.empty() ? "sdp" : "announce"));
         return announcing;
     }
@@ -165,7 +165,9 @@ class FileReader {
         if (job.follow)
             rules_.followInput(job.input, entry.place("follow"));
         const auto destination = url(job.url, entry.place("url"), checkDestination);
-        job.announcing = announcing(entry, !destination || destination->rtp);
+        Destinations destinations;
+        destinations.add(destination);
+        job.announcing = announcing(entry, destinations);
         if (destination) {
             rules_.addDestination(*destination, entry.place("url"));
             rules_.delayOutput(job.shaping, destination->rtp, job.bitrate_bps,
@@ -237,12 +239,12 @@ class FileReader {
         if (const auto paths = checked(job.from, entry.place("from"), parsePaths))
             rules_.addSource(*paths, entry.place("from"), number);
         job.failover = failover(entry, number);
-        bool rtp = false;
+        Destinations destinations;
         const auto addDestination = [&](const toml::node& node, const std::string& field) {
             job.to.push_back(entry.text(node, field));
             const ConfigPlace place = placeOf(node.source(), field);
             const auto destination = url(job.to.back(), place, checkDestination);
-            rtp = rtp || !destination || destination->rtp;
+            destinations.add(destination);
             if (destination)
                 rules_.addDestination(*destination, place, number);
         };
@@ -251,8 +253,8 @@ class FileReader {
             problems_.add(entry.place("to"), "at least one URL is needed");
         job.bitrate_bps = entry.quantity<uint32_t>("bitrate", UINT32_MAX);
         job.shaping = shaping(entry);
-        rules_.delayOutput(job.shaping, rtp, job.bitrate_bps, entry.place("delay"));
-        job.announcing = announcing(entry, rtp);
+        rules_.delayOutput(job.shaping, destinations.rtp, job.bitrate_bps, entry.place("delay"));
+        job.announcing = announcing(entry, destinations);
         return job;
     }
 

@@ -212,12 +212,15 @@ void ConfigRules::rotateOutput(const std::string& path, const ConfigPlace& place
         problems_.add(place, "standard output cannot be followed by a new file");
 }
 
-void ConfigRules::announceOutput(const Announcing& announcing, bool rtp, const ConfigPlace& place) {
+void ConfigRules::announceOutput(const Announcing& announcing, const Destinations& destinations,
+                                 const ConfigPlace& place) {
     constexpr size_t kLongestName = 200;  // a description has to fit a datagram
     if (announcing.name.size() > kLongestName)
         problems_.add(place, fmt::format("a name of {} bytes at most is accepted", kLongestName));
-    if (!rtp && announcing != Announcing())
+    if (!destinations.rtp && announcing != Announcing())
         problems_.add(place, "only a stream that is sent to rtp:// can be described and announced");
+    else if (!destinations.groups && !announcing.name.empty())
+        problems_.add(place, "only what is sent to a group is announced; 'sdp' describes others");
 }
 
 void ConfigRules::delayOutput(const Shaping& shaping, bool rtp,
@@ -344,7 +347,7 @@ void ConfigRules::finish() {
 void checkArguments(const std::vector<SendJob>& jobs) {
     ConfigProblems problems;
     ConfigRules rules(problems);
-    bool rtp = false;
+    Destinations destinations;
     for (size_t i = 0; i < jobs.size(); ++i) {
         rules.addInput(jobs[i].input, argument("INPUT", i));
         if (jobs[i].loop)
@@ -352,12 +355,12 @@ void checkArguments(const std::vector<SendJob>& jobs) {
         if (jobs[i].follow)
             rules.followInput(jobs[i].input, {0, 0, "--follow"});
         const StreamUrl url = checkedUrl(jobs[i].url, checkDestination);
-        rtp = rtp || url.rtp;
+        destinations.add(url);
         rules.addDestination(url, argument("URL", i));
     }
     for (const SendJob& job : jobs) {
-        rules.delayOutput(job.shaping, rtp, job.bitrate_bps, {0, 0, "--delay"});
-        rules.announceOutput(job.announcing, rtp, announcingOption(job.announcing));
+        rules.delayOutput(job.shaping, destinations.rtp, job.bitrate_bps, {0, 0, "--delay"});
+        rules.announceOutput(job.announcing, destinations, announcingOption(job.announcing));
     }
     problems.throwFirst();
 }
@@ -385,14 +388,14 @@ void checkArguments(const RelayJob& job) {
         if (isStreamUrl(other))
             rules.addSource(parsePaths(other), places.front(), relay);
     rules.failOver(job.failover, places);
-    bool rtp = false;
+    Destinations destinations;
     for (size_t i = 0; i < job.to.size(); ++i) {
         const StreamUrl url = checkedUrl(job.to[i], checkDestination);
-        rtp = rtp || url.rtp;
+        destinations.add(url);
         rules.addDestination(url, argument("TO", i), relay);
     }
-    rules.delayOutput(job.shaping, rtp, job.bitrate_bps, {0, 0, "--delay"});
-    rules.announceOutput(job.announcing, rtp, announcingOption(job.announcing));
+    rules.delayOutput(job.shaping, destinations.rtp, job.bitrate_bps, {0, 0, "--delay"});
+    rules.announceOutput(job.announcing, destinations, announcingOption(job.announcing));
     rules.finish();
     problems.throwFirst();
 }

@@ -44,6 +44,17 @@ std::string fullUrl(const std::vector<StreamUrl>& paths);  // of an input
 // The text, which throws UsageError where it is not the address of a web server.
 std::string webhookOf(const std::string& text);
 
+// What the destinations of a stream are; one that is not known, as it has been complained of, may be
+// anything.
+struct Destinations {
+    void add(const std::optional<StreamUrl>& url) {
+        rtp = rtp || !url || url->rtp;
+        groups = groups || !url || (url->rtp && (url->multicast || url->hostIsName));
+    }
+    bool rtp = false;     // one is
+    bool groups = false;  // by rtp://
+};
+
 // Collects the ends of all streams, and complains where two exclude each other.
 class ConfigRules {
   public:
@@ -56,8 +67,8 @@ class ConfigRules {
     void repeatInput(const std::string& path, const ConfigPlace& place);
     void followInput(const std::string& path, const ConfigPlace& place);
     void rotateOutput(const std::string& path, const ConfigPlace& place);
-    // `rtp`: one of the destinations is.
-    void announceOutput(const Announcing& announcing, bool rtp, const ConfigPlace& place);
+    void announceOutput(const Announcing& announcing, const Destinations& destinations,
+                        const ConfigPlace& place);
     void delayOutput(const Shaping& shaping, bool rtp, const std::optional<uint32_t>& bitrate_bps,
                      const ConfigPlace& place);
 
