@@ -139,6 +139,7 @@ void RelayBranch::release() {
     std::array<uint8_t, kChunkBytes> data;  // NOLINT(*-member-init): written before it is read
     while (const size_t size = shaper_->pull(data, ts::Time::max()))
         hand(std::span(data).first(size));
+    packetsDropped_ += shaper_->status().dropped;
     shaper_.reset();
     for (Output& output : outputs_)
         if (output.works && output.channel.handed() > 0)
@@ -348,6 +349,7 @@ RelayBranch::Figures RelayBranch::figures() const {
     Figures figures;
     if (shaper_)
         figures.stream = shaper_->status();
+    figures.stream.dropped += packetsDropped_;
     figures.rateChanges = rateChanges_;
     for (const Output& output : outputs_) {
         if (output.works)

@@ -120,7 +120,8 @@ class RelayBranch {
     size_t waitingBytes_ = 0;
     Clock::time_point nextLook_ = Clock::now();
     Clock::time_point nextReport_ = nextLook_;
-    uint64_t rateChanges_ = 0;  // of channels that have been ended
+    uint64_t rateChanges_ = 0;     // of channels that have been ended
+    uint64_t packetsDropped_ = 0;  // by shapers that have
 };
 
 #endif

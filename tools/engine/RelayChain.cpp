@@ -212,8 +212,10 @@ StreamState RelayChain::state(Clock::time_point now) const {
                       bytes_, onAir_ != nullptr ? onAir_->input().measuredBitrate() : 0};
     for (const RelaySource& source : sources_)
         state.inputs.push_back(source.state(now));
-    for (const RelayBranch& branch : branches_)
+    for (const RelayBranch& branch : branches_) {
         branch.addStates(state.outputs);
+        state.packetsDropped += branch.figures().stream.dropped;
+    }
     state.switches = selector_.switches();
     return state;
 }

@@ -372,6 +372,8 @@ StreamState SendChain::state(Clock::time_point now) const {
     if (output.works)
         state.bitrate_bps = output_.rate();
     input.continuityErrors = continuity_.errors();
+    if (shaper_)
+        state.packetsDropped = shaper_->status().dropped;
     state.bytes = input.bytes = output.datagrams * output_.payload();
     input.bitrate_bps = state.bitrate_bps;
     state.inputs.push_back(std::move(input));

@@ -55,7 +55,8 @@ struct StreamState {
     uint64_t bitrate_bps = 0;
     std::vector<InputState> inputs = {};
     std::vector<OutputState> outputs = {};
-    uint64_t switches = 0;  // from one input to another
+    uint64_t switches = 0;        // from one input to another
+    uint64_t packetsDropped = 0;  // for which a constant rate was too low
 };
 
 #endif

@@ -130,6 +130,10 @@ constexpr StateMetric<StreamState> kStreamMetrics[] = {
      }},
     {"switches_total", "Changes from one input to another.",
      [](const StreamState& stream) -> std::optional<double> { return real(stream.switches); }},
+    {"dropped_packets_total", "Packets for which a constant rate was too low.",
+     [](const StreamState& stream) -> std::optional<double> {
+         return real(stream.packetsDropped);
+     }},
 };
 
 constexpr StateMetric<InputState> kInputMetrics[] = {

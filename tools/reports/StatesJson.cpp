@@ -144,6 +144,7 @@ StreamState readState(const Given& json) {
                       count(json, "bytes"), count(json, "bitrate_bps")};
     state.inputs = entries<InputState>(member(json, "inputs"), &InputState::url, readInput);
     state.switches = count(json, "switches");
+    state.packetsDropped = count(json, "packets_dropped");
     state.outputs = entries<OutputState>(member(json, "outputs"), &OutputState::url, readOutput);
     return state;
 }
@@ -157,6 +158,7 @@ nlohmann::ordered_json stateJson(const StreamState& state) {
                  {"bytes", state.bytes},
                  {"bitrate_bps", state.bitrate_bps},
                  {"switches", state.switches},
+                 {"packets_dropped", state.packetsDropped},
                  {"inputs", Json::array()},
                  {"outputs", Json::array()}};
     for (const InputState& input : state.inputs)
