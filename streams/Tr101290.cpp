@@ -29,6 +29,11 @@ int64_t milliseconds(Time time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
 }
 
+// What exceeds 100 ms is 101 ms, as there are no fractions.
+int64_t roundedUp(uint64_t ticks) {
+    return static_cast<int64_t>((ticks + kTicksPerMillisecond - 1) / kTicksPerMillisecond);
+}
+
 bool beginsWithPts(const uint8_t* packet) {
     const auto payload = packetPayload(packet);
     return ts_get_unitstart(packet) && payload.size() >= PES_HEADER_SIZE_NOPTS &&
@@ -198,8 +203,7 @@ void Tr101290::checkPcr(Pid& pid, const PacketFacts& packet) {
         if (ticks > toTicks(limits_.pcrRepetition) && ticks <= kPcrHz &&
             passed > limits_.pcrRepetition / 2)
             alarms_.fail(Check::kPcrRepetition, packet.arrival,
-                         {"PID #: # ms between PCRs",
-                          {pid.pid, static_cast<int64_t>(ticks / kTicksPerMillisecond)}});
+                         {"PID #: # ms between PCRs", {pid.pid, roundedUp(ticks)}});
         if (jumps) {
             const auto step = static_cast<int64_t>(ticks) -
                               static_cast<int64_t>(ticks > kPcrModulus / 2 ? kPcrModulus : 0);

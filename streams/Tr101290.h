@@ -15,8 +15,9 @@
 
 namespace ts {
 
-// Times are those of arrival. What has to come at least so often may be late by the tolerance: that
-// is what the network's jitter may do to a stream which is right.
+// Times are those of arrival. Tables and PTSs, which have to come at least so often, may be late by
+// the tolerance: that is what the network's jitter may do to a stream which is right. PCRs go by
+// their own values.
 struct TransportLimits {
     Time tolerance = std::chrono::milliseconds(20);
     Time grace = std::chrono::seconds(2);  // nothing is missing so soon after a beginning

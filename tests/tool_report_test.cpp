@@ -401,8 +401,9 @@ ts::MonitorReport MonitorMade() {
     made.delivery = {14.5, 3.0, 15.5, 21.0, 42};
     made.pcrs = {true, 345ns};
     for (const auto check : {ts::Check::kNoSignal, ts::Check::kContinuity})
-        made.checks[size_t(check)] = {17, 1500ms, 3600s, check == ts::Check::kContinuity,
-                                      "PID 257\x1B"};
+        made.checks[size_t(check)] = {
+            17, 1500ms, 3600s, check == ts::Check::kContinuity,
+            check == ts::Check::kNoSignal ? "PID 257\x1B" : std::string(50, 'd')};
     return made;
 }
 

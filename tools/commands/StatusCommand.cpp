@@ -89,6 +89,9 @@ CommandModel statusCommand() {
     addSelection(command, given->pid, options.path);
     command.footer = fmt::format(
         "{}\n"
+        "Mbit/s is what flows (of a receive channel, what comes in), asked is the bitrate that a\n"
+        "send channel was given, and KiB is what waits in the channel's ring.\n"
+        "\n"
         "What 'send', 'receive' and 'relay' tell of their streams, with inputs, repair and "
         "outputs,\n"
         "is shown below the channels, in lines that begin with '#'.\n"

@@ -128,10 +128,12 @@ void writeChecks(TextOutput out, const StreamFindings& findings) {
         if (!std::exchange(begun, true))
             out("\nerror                     number   count  what, the last time\n");
         const ts::CheckInfo& info = ts::info(check);
-        out("{}\n",
-            shorten(fmt::format("{:<23} {:>8} {:>7}  {}{}", info.name, info.reference, state.count,
-                                state.raised ? "ALARM: " : "", printable(state.detail)),
-                    kWidth));
+        // A long detail has a line of its own.
+        const std::string line =
+            fmt::format("{:<23} {:>8} {:>7}", info.name, info.reference, state.count);
+        const std::string detail = (state.raised ? "ALARM: " : "") + printable(state.detail);
+        const bool fits = line.size() + 2 + detail.size() <= kWidth;
+        out("{}{}{}\n", line, fits ? "  " : "\n    ", shorten(detail, kWidth - 4));
     }
 }
 

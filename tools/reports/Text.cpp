@@ -97,6 +97,9 @@ std::vector<std::string> streamLines(const StreamProcess& process) {
             fmt::format("{} {}: {} in {}", stream.kind, stream.name, formatBytes(stream.bytes),
                         formatTime(std::chrono::milliseconds(
                             static_cast<int64_t>(std::clamp(stream.seconds, 0.0, 1e12) * 1e3)))));
+        if (stream.packetsDropped > 0)
+            lines.push_back(fmt::format("  the rate is too low: {} DROPPED",
+                                        counted(stream.packetsDropped, "packet")));
         for (const InputState& input : stream.inputs)
             addInput(lines, input);
         for (const OutputState& output : stream.outputs)
@@ -126,7 +129,7 @@ std::string statusText(const Machine& machine, bool all, std::optional<size_t> w
             if (all || channel.running)
                 writeChannel(out, channel);
         }
-        if (text.size() == before)
+        if (text.size() == before && shown.host != nullptr)
             out("# no channel is running\n");
     }
     if (machine.tables().empty() && machine.processes.empty())
