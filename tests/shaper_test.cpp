@@ -169,8 +169,8 @@ void expectParity(const uint8_t* packet) {
 
 // That all packets are there, in order, in datagrams of constant rate; that by their clock none
 // comes later than in the source, or more than the delay too early; and that the PCRs stand where
-// their position says: no more clocks begin than there are PIDs, and splices of each; and no two are
-// more than 100 ms apart, but where packets are that long themselves.
+// their position says: no more clocks begin than there are PIDs, and splices of each; and no two
+// are more than 100 ms apart, but where packets are that long themselves.
 void expectConstantRate(const Outcome& outcome, const TestStream& stream, uint32_t rate,
                         size_t clocks = 1) {
     outcome.ExpectTimes(rate, 80, stream.Size);

@@ -44,8 +44,8 @@ std::string fullUrl(const std::vector<StreamUrl>& paths);  // of an input
 // The text, which throws UsageError where it is not the address of a web server.
 std::string webhookOf(const std::string& text);
 
-// What the destinations of a stream are; one that is not known, as it has been complained of, may be
-// anything.
+// What the destinations of a stream are. One that is not known, as it has been complained of, may
+// be anything.
 struct Destinations {
     void add(const std::optional<StreamUrl>& url) {
         rtp = rtp || !url || url->rtp;
