@@ -68,8 +68,8 @@ ConstantRate::ConstantRate(size_t packetSize, InputKind kind, const Options& opt
 }
 
 void ConstantRate::push(std::span<const uint8_t> packets, Time arrival) {
+    times_.push(packets, arrival);
     for (; packets.size() >= packetSize_; packets = packets.subspan(packetSize_)) {
-        times_.push(packets.data(), arrival);
         if (!rate_)
             check_.add(packets.data());
         else if (untouched_ && !check_.keeps(packets.data()))

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 namespace ts {
 
@@ -18,7 +19,6 @@ constexpr auto kMostDrift = 100ms;          // nor that far later on, unless the
 constexpr auto kDriftTime = 50s;            // then the rate was not measured well enough
 constexpr auto kPcrPatience = 1s;           // what follows the last PCR does not wait longer
 constexpr double kHeadroom = 1.25;          // above the fastest stretch
-constexpr size_t kRoomKept = size_t{512} * 1024;
 constexpr size_t kMostAhead = size_t{16} * 1024 * 1024;
 
 Time timeAt(uint64_t bytes, double bitrate_bps) {
@@ -41,14 +41,7 @@ OwnPace::OwnPace(size_t packetSize, std::optional<uint32_t> bitrate_bps, bool ke
       intervals_(packetSize) {}
 
 void OwnPace::push(std::span<const uint8_t> packets, Time arrival) {
-    if (begin_ >= bytes_.size() / 2) {
-        bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(begin_));
-        begin_ = 0;
-        // The first second, by which the rate is told, takes more room than what follows.
-        if (bytes_.capacity() > kRoomKept && bytes_.capacity() / 8 > bytes_.size())
-            bytes_.shrink_to_fit();
-    }
-    bytes_.insert(bytes_.end(), packets.begin(), packets.end());
+    waiting_.put(packets);
     pushed_ += packets.size();
     arrival_ = arrival;
     if (!silentSince_)
@@ -57,7 +50,7 @@ void OwnPace::push(std::span<const uint8_t> packets, Time arrival) {
         follow(packets.data() + at);
     // No more is read when there is no room, so a fast stream has to be told by less.
     if (!rate_bps_ && !points_.empty() &&
-        (bytes_.size() - begin_ >= kMostAhead || last().time >= kMeasureTime))
+        (waiting_.size() >= kMostAhead || last().time >= kMeasureTime))
         measure();
     if (rate_bps_ && !origin_)
         origin_ = arrival;
@@ -69,10 +62,13 @@ void OwnPace::finish() {
         endStretch(intervals_.bytes());
     if (!rate_bps_ && !points_.empty())
         measure();
-    if (bytes_.size() > begin_)
-        appendNullPackets(bytes_, packetSize_,
+    if (waiting_.size() > 0) {
+        std::vector<uint8_t> padding;
+        appendNullPackets(padding, packetSize_,
                           (kPacketsPerDatagram - pushed_ / packetSize_ % kPacketsPerDatagram) %
                               kPacketsPerDatagram);
+        waiting_.put(padding);
+    }
     if (rate_bps_ && !origin_)
         origin_ = arrival_;
 }
@@ -169,7 +165,7 @@ Time OwnPace::coveredTo() const {
 }
 
 bool OwnPace::needsInput(Time until) const {
-    if (finished_ || bytes_.size() - begin_ >= kMostAhead)
+    if (finished_ || waiting_.size() >= kMostAhead)
         return false;
     return !rate_bps_ || !origin_ || *origin_ + coveredTo() <= until || !complete();
 }
@@ -178,7 +174,7 @@ std::optional<Time> OwnPace::next() const {
     if (!rate_bps_ || !origin_ || !complete())
         return std::nullopt;
     const Time time = timeOf(pulled_);
-    if (!finished_ && bytes_.size() - begin_ < kMostAhead && time > coveredTo())
+    if (!finished_ && waiting_.size() < kMostAhead && time > coveredTo())
         return std::nullopt;
     return *origin_ + time;
 }
@@ -190,8 +186,8 @@ size_t OwnPace::pull(std::span<uint8_t> datagrams, Time until) {
         const auto due = next();
         if (!due || *due > until)
             break;
-        std::memcpy(datagrams.data() + written, bytes_.data() + begin_, datagramBytes_);
-        begin_ += datagramBytes_;
+        std::memcpy(datagrams.data() + written, waiting_.data(), datagramBytes_);
+        waiting_.drop(datagramBytes_);
         pulled_ += datagramBytes_;
         written += datagramBytes_;
     }

@@ -4,8 +4,8 @@
 
 #include <deque>
 #include <optional>
-#include <vector>
 
+#include "PacketStore.h"
 #include "Shaper.h"
 #include "TransportStream.h"
 
@@ -53,7 +53,7 @@ class OwnPace : public Shaper {
     bool isEven(const Point& point);
     Time timeOf(uint64_t byte) const;
     Time coveredTo() const;
-    bool complete() const { return bytes_.size() - begin_ >= datagramBytes_; }
+    bool complete() const { return waiting_.size() >= datagramBytes_; }
     void passPoints();
 
     const size_t packetSize_;
@@ -69,8 +69,7 @@ class OwnPace : public Shaper {
     uint64_t stretchTicks_ = 0;  // by the clocks, of the stretch that has not ended
     uint64_t stretchBytes_ = 0;  // which took that time
 
-    std::vector<uint8_t> bytes_;
-    size_t begin_ = 0;     // of what has not been pulled
+    PacketStore waiting_;
     uint64_t pulled_ = 0;  // bytes
     uint64_t pushed_ = 0;
 

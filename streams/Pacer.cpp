@@ -18,8 +18,7 @@ Pacer::Pacer(size_t packetSize, InputKind kind, const Options& options)
       times_(packetSize, kind, options.latency, options.rate_bps) {}
 
 void Pacer::push(std::span<const uint8_t> packets, Time arrival) {
-    for (; packets.size() >= packetSize_; packets = packets.subspan(packetSize_))
-        times_.push(packets.data(), arrival);
+    times_.push(packets, arrival);
 }
 
 void Pacer::finish() {

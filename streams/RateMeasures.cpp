@@ -145,8 +145,7 @@ double LeastRate::mean(Ticks end) const {
 }
 
 bool RateScan::push(std::span<const uint8_t> packets) {
-    for (; packets.size() >= packetSize_; packets = packets.subspan(packetSize_))
-        times_.push(packets.data(), Time(0));
+    times_.push(packets, Time(0));
     take();
     return times_.untimed() <= kMostWithoutPcr;
 }

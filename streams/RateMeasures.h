@@ -81,8 +81,7 @@ class LeastRate {
 class RateScan {
   public:
     RateScan(size_t packetSize, Time delay)
-        : packetSize_(packetSize),
-          delay_(delay.count() * 27 / 1000),
+        : delay_(delay.count() * 27 / 1000),
           times_(packetSize, InputKind::kFile, Time(0)),
           least_(packetSize) {}
 
@@ -95,7 +94,6 @@ class RateScan {
   private:
     void take();
 
-    const size_t packetSize_;
     const Ticks delay_;
     TimedPackets times_;
     LeastRate least_;

@@ -70,21 +70,27 @@ Time TimedPackets::toTime(Ticks ticks) const {
     return origin_ + lag_ + toDuration(ticks);
 }
 
-void TimedPackets::push(const uint8_t* packet, Time arrival) {
+void TimedPackets::push(std::span<const uint8_t> packets, Time arrival) {
+    if (packets.empty())
+        return;
     if (!std::exchange(hasOrigin_, true))
         origin_ = arrival;
     if (starved_ && kind_ == InputKind::kFile)
         lag_ += std::max(arrival - toTime(*starved_), Time(0));
     starved_.reset();
     const Ticks now = toTicks(arrival);
+    bytes_.put(packets);
+    for (; packets.size() >= packetSize_; packets = packets.subspan(packetSize_))
+        add(packets.data(), now);
+}
+
+void TimedPackets::add(const uint8_t* packet, Ticks now) {
     const auto pcr = given_ ? std::nullopt : readPcr(packet);
     if (pcr)
         follow(*pcr, now);
     if (!given_ && kind_ == InputKind::kLive && !isClocked(now))
         measureArrival(now);
-    Packet& added = packets_.emplace_back();
-    std::copy_n(packet, packetSize_, added.bytes.begin());
-    added.arrival = now;
+    packets_.push_back({now, 0});
     ++sinceClock_;
     if (given_) {
         given_->advance();
@@ -97,17 +103,18 @@ void TimedPackets::push(const uint8_t* packet, Time arrival) {
 
 void TimedPackets::pop() {
     packets_.pop_front();
+    bytes_.drop(packetSize_);
     --timed_;
 }
 
 void TimedPackets::takeDatagram(uint8_t* datagram) {
-    for (size_t i = 0; i < kPacketsPerDatagram; ++i, datagram += packetSize_) {
-        if (empty()) {
-            writeNullPacket(datagram, packetSize_);
-            continue;
-        }
-        std::copy_n(bytes(), packetSize_, datagram);
-        pop();
+    const size_t taken = std::min(timed_, kPacketsPerDatagram);
+    std::copy_n(bytes_.data(), taken * packetSize_, datagram);
+    for (size_t i = 0; i < kPacketsPerDatagram; ++i) {
+        if (i < taken)
+            pop();
+        else
+            writeNullPacket(datagram + i * packetSize_, packetSize_);
     }
 }
 

@@ -2,12 +2,12 @@
 #ifndef STREAMS_TIMEDPACKETS_H
 #define STREAMS_TIMEDPACKETS_H
 
-#include <array>
 #include <cstdint>
 #include <deque>
 #include <optional>
 #include <utility>
 
+#include "PacketStore.h"
 #include "Shaper.h"
 #include "TransportStream.h"
 
@@ -55,7 +55,8 @@ class TimedPackets {
     TimedPackets(size_t packetSize, InputKind kind, Time latency,
                  std::optional<uint32_t> rate_bps = std::nullopt);
 
-    void push(const uint8_t* packet, Time arrival);
+    // Whole packets.
+    void push(std::span<const uint8_t> packets, Time arrival);
 
     // What has no time yet gets it at the last rate.
     void finish();
@@ -69,7 +70,7 @@ class TimedPackets {
     bool empty() const { return timed_ == 0; }  // of those that have a time
     size_t size() const { return timed_; }
     size_t untimed() const { return packets_.size() - timed_; }
-    uint8_t* bytes(size_t index = 0) { return packets_[index].bytes.data(); }
+    uint8_t* bytes(size_t index = 0) { return bytes_.data() + index * packetSize_; }
     Ticks time(size_t index = 0) const { return packets_[index].time + offset_; }
     void pop();
 
@@ -109,11 +110,11 @@ class TimedPackets {
 
   private:
     struct Packet {
-        std::array<uint8_t, kPacketWithParityBytes> bytes;
         Ticks arrival;
         Ticks time;  // of the stream; of the first timed_ packets only
     };
 
+    void add(const uint8_t* packet, Ticks now);
     bool follows(const Pcr& pcr, Ticks now);
     void follow(const Pcr& pcr, Ticks now);
     void measureArrival(Ticks now);
@@ -128,6 +129,7 @@ class TimedPackets {
     Ticks latency_;
     std::optional<SlotClock> given_;
     std::deque<Packet> packets_;
+    PacketStore bytes_;  // of these
     size_t timed_ = 0;
     bool everTimed_ = false;
     Ticks next_ = 0;  // stream time of the first packet that has none yet
