@@ -452,7 +452,11 @@ ServiceConfig parseConfig(std::string_view text, const std::string& file) {
         else
             config = FileReader(problems).read(toml::parse(text));
     } catch (const toml::parse_error& error) {
-        problems.add(placeOf(error.source(), ""), std::string(error.description()));
+        const std::string_view what = error.description();
+        const bool isBare = what.find("could not determine value type") != what.npos;
+        problems.add(placeOf(error.source(), ""),
+                     std::string(what) +
+                         (isBare ? "; texts stand in quotes, and flags are true or false" : ""));
     }
     problems.throwIfAny();
     return config;
