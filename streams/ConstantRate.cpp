@@ -21,13 +21,15 @@ constexpr Ticks kMeasureGiven = kTicksPerSecond / 4;
 constexpr size_t kEnoughIntervals = 4;
 constexpr size_t kMostMeasured = 65'536;  // packets
 constexpr double kSameRate = 20e-6;
+// A file that begins constant, and needs that much more later on, is shaped from the beginning.
+constexpr double kRiseLeft = 1.01;
 constexpr uint32_t kAnyRate = 1'000'000;
 
 constexpr Ticks kMostLate = 2 * kTicksPerSecond;
+constexpr Ticks kPublishing = kTicksPerSecond;
 
 // Where there is room for it (ETSI TR 101 290, 5.2.2; longer than that: kLongestPcrGap).
 constexpr Ticks kPcrGap = 40 * kMillisecond;
-constexpr size_t kMostShown = 64;  // clocks; so many programmes are in no multiplex
 
 // By more than that, a clock has jumped.
 constexpr int64_t kClockJump = 50 * kMillisecond;
@@ -102,7 +104,8 @@ void ConstantRate::decide(Time now) {
     times_.settle(now);
     const auto constant = check_.settle(packetSize_);
     const auto given = options_.rate_bps;
-    untouched_ = constant && (!given || std::abs(*constant / *given - 1.0) <= kSameRate);
+    untouched_ = constant && (given ? std::abs(*constant / *given - 1.0) <= kSameRate
+                                    : options_.least_bps <= *constant * kRiseLeft);
     if (given) {
         rate_ = given;
     } else if (untouched_) {
@@ -188,8 +191,11 @@ size_t ConstantRate::pullUntouched(uint8_t* datagram, Ticks until) {
 
 size_t ConstantRate::pullShaped(uint8_t* datagram, Ticks until) {
     skipNulls();
-    if (isOver())
+    if (isOver()) {
+        if (wasLate_)
+            publishNeed();
         return 0;
+    }
     if (!slot_ && !times_.empty()) {
         slot_.emplace(packetSize_, *rate_);
         slot_->begin(times_.time());
@@ -228,44 +234,73 @@ bool ConstantRate::takePacket(uint8_t* slot) {
     noteWait(own, slot_->time() - own);
     std::copy_n(times_.bytes(), packetSize_, slot);
     times_.pop();
-    ++unclocked_;
+    credit_ = std::min(credit_ + 1, kMostPcrCredit);
     stamp(slot, own);
     return true;
 }
 
+// `due`: another packet is, which has to wait for this one, but not so that it is late.
 bool ConstantRate::putPcr(uint8_t* slot, bool due) {
-    if (due && unclocked_ < kPacketsPerPcr)
+    const Ticks now = slot_->time();
+    if (due && (credit_ < kPacketsPerPcr || now + slot_->length() - times_.time() > delay_))
         return false;
-    Clock* const clock = clockToShow(due ? kLongestPcrGap : kPcrGap);
+    Clock* const clock = clockToShow(due);
     if (clock == nullptr)
         return false;
-    clock->shown = slot_->time();
+    follow(*clock, clock->meanError, now - clock->shown);
+    clock->shown = now;
     writePcrPacket(slot, packetSize_, clock->pid, clock->counter,
-                   modulo(slot_->time() + static_cast<Ticks>(clock->offset)));
-    unclocked_ = due ? 0 : unclocked_;
+                   modulo(now + static_cast<Ticks>(clock->offset)));
+    credit_ -= due ? kPacketsPerPcr : 0;
     ++added_;
     return true;
 }
 
-// One whose PCRs would be further apart than that, if there was none in this slot.
-ConstantRate::Clock* ConstantRate::clockToShow(Ticks gap) const {
+// Of those whose PCRs would be too far apart, if there was none in this slot, the one that waits
+// longest.
+ConstantRate::Clock* ConstantRate::clockToShow(bool due) {
     const Ticks now = slot_->time();
-    const auto found = std::find_if(shown_.begin(), shown_.end(), [&](const Clock* clock) {
-        return now + slot_->length() - clock->shown > gap && now - clock->lastTime <= kClockSilence;
-    });
-    return found == shown_.end() ? nullptr : *found;
+    Clock* found = nullptr;
+    for (Clock* const clock : listed_) {
+        const Ticks sinceSource = now - clock->lastTime;
+        if (now + slot_->length() - clock->shown <= (due ? kLongestPcrGap : kPcrGap) ||
+            sinceSource > kClockSilence ||
+            (due && sinceSource - (times_.time() - clock->lastOwn) <= kPcrTrifle))
+            continue;
+        if (found == nullptr || clock->shown < found->shown)
+            found = clock;
+    }
+    return found;
+}
+
+// In place of one that has fallen silent, if there are too many.
+void ConstantRate::list(Clock& clock) {
+    if (listed_.size() < kMostPcrPids) {
+        listed_.push_back(&clock);
+    } else {
+        const auto silent = std::find_if(listed_.begin(), listed_.end(), [&](const Clock* other) {
+            return slot_->time() - other->lastTime > kClockSilence;
+        });
+        if (silent == listed_.end())
+            return;
+        (*silent)->listed = false;
+        *silent = &clock;
+    }
+    clock.listed = true;
 }
 
 void ConstantRate::noteWait(Ticks own, Ticks wait) {
     meanWait_ += (wait - meanWait_) / 64;
-    if (wait <= slot_->length())
+    if (wait <= slot_->length() && !wasLate_)
         busy_.clear();
     busy_.add(times_.bytes(), own);
     // Packets wait for the beginning of a slot in any case.
     const bool late = wait > delay_ + slot_->length();
     if (late && !late_)
         lateSince_ = slot_->time();
-    if (late_ && (!late || slot_->time() - lateSince_ > kMostLate))
+    wasLate_ = wasLate_ || (late_ && (!late || slot_->time() - lateSince_ > kMostLate));
+    // That takes long, and a stream may be late for a moment again and again.
+    if (wasLate_ && slot_->time() - publishedAt_ > kPublishing)
         publishNeed();
     late_ = late;
 }
@@ -273,7 +308,8 @@ void ConstantRate::noteWait(Ticks own, Ticks wait) {
 void ConstantRate::publishNeed() {
     const uint32_t least = std::max(busy_.find(delay_), *rate_ + 1);
     needed_bps_ = std::max(needed_bps_, roundUpRate(least));
-    lateSince_ = slot_->time();
+    lateSince_ = publishedAt_ = slot_->time();
+    wasLate_ = false;
 }
 
 void ConstantRate::dropLate() {
@@ -299,17 +335,18 @@ void ConstantRate::stamp(uint8_t* packet, Ticks own) {
     if (found == clocks_.end())
         return;
     Clock& clock = found->second;
-    clock.counter = ts_get_cc(packet);
+    if (!ts_get_transporterror(packet))
+        clock.counter = ts_get_cc(packet);
     if (pcr)
         restamp(packet, *pcr, clock, isNew, own);
+    else if (hasAdaptationFlags(packet) && tsaf_has_discontinuity(packet))
+        clock.lastTime = slot_->time() - kClockSilence - 1;  // a new one is about to begin
 }
 
 void ConstantRate::restamp(uint8_t* packet, const Pcr& pcr, Clock& clock, bool isNew, Ticks own) {
-    if (isNew) {
-        clock.pid = pcr.pid;
-        if (shown_.size() < kMostShown)
-            shown_.push_back(&clock);
-    }
+    clock.pid = pcr.pid;
+    if (!clock.listed)
+        list(clock);
     const uint64_t wanted = modulo(static_cast<Ticks>(pcr.ticks) - own - delay_);
     const bool continues = !isNew && pcrStep(clock.lastPcr, pcr);
     const uint64_t cuts = ownCuts_ + times_.cuts();
@@ -319,9 +356,10 @@ void ConstantRate::restamp(uint8_t* packet, const Pcr& pcr, Clock& clock, bool i
         clock.offset = wanted;
         clock.meanError = clock.steering = 0;
     } else {
-        follow(clock, error, slot_->time() - clock.lastTime);
+        follow(clock, error, slot_->time() - clock.shown);
     }
     clock.lastPcr = pcr.ticks;
+    clock.lastOwn = own;
     clock.lastTime = clock.shown = slot_->time();
     clock.cuts = cuts;
     writePcr(packet, modulo(slot_->time() + static_cast<Ticks>(clock.offset)), cut);

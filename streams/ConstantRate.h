@@ -67,7 +67,9 @@ class ConstantRate : public Shaper {
         uint64_t cuts = 0;     // when the offset was set
         uint16_t pid = 0;
         uint8_t counter = 0;  // of the packet of its PID that left last
-        Ticks shown = 0;      // when last, also by a packet that was put in
+        bool listed = false;
+        Ticks lastOwn = 0;  // the own time of the PCR that left at lastTime
+        Ticks shown = 0;    // when last, also by a packet that was put in
     };
 
     bool measured() const;
@@ -79,7 +81,8 @@ class ConstantRate : public Shaper {
     size_t pullShaped(uint8_t* datagram, Ticks until);
     bool takePacket(uint8_t* slot);
     bool putPcr(uint8_t* slot, bool due);
-    Clock* clockToShow(Ticks gap) const;
+    Clock* clockToShow(bool due);
+    void list(Clock& clock);
     void skipNulls();
     void noteWait(Ticks own, Ticks wait);
     void dropLate();
@@ -101,13 +104,15 @@ class ConstantRate : public Shaper {
 
     std::optional<SlotClock> slot_;  // where the next packet goes, once something is shaped
     std::unordered_map<uint16_t, Clock> clocks_;
-    std::vector<Clock*> shown_;  // of these; the first ones
-    uint64_t unclocked_ = 0;     // packets since a PCR was put between them
-    uint64_t ownCuts_ = 0;       // jumps of PCRs that the source does not have
+    std::vector<Clock*> listed_;        // of these, those for which PCRs are put in
+    uint64_t credit_ = kMostPcrCredit;  // for PCRs between packets, in packets
+    uint64_t ownCuts_ = 0;              // jumps of PCRs that the source does not have
 
     LeastRate busy_;  // since nothing waited last
     bool late_ = false;
+    bool wasLate_ = false;  // which is still to be published
     Ticks lateSince_ = 0;
+    Ticks publishedAt_ = 0;
     Ticks meanWait_ = 0;
     uint32_t needed_bps_ = 0;
     uint64_t added_ = 0;

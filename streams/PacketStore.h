@@ -9,7 +9,7 @@
 
 namespace ts {
 
-// First in, first out. What was put or taken moves the others, so pointers last until then.
+// First in, first out. put() may move what is there, so pointers last until then.
 class PacketStore {
   public:
     void put(std::span<const uint8_t> bytes) {

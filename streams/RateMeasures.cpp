@@ -16,10 +16,7 @@ constexpr double kPcrNoise = 54.0;
 constexpr size_t kFewestIntervals = 3;
 
 constexpr Ticks kPointLength = kTicksPerSecond / 500;
-// Of the oldest, the first half goes.
-constexpr size_t kMostPoints = 1 << 14;
-// A measure covers as much of the past, too.
-constexpr Ticks kScanStep = kPointLength * static_cast<Ticks>(kMostPoints / 2);
+constexpr Ticks kShortestPoint = kPointLength / 8;
 constexpr size_t kMostClocks = 16;          // that put in PCRs are reckoned with
 constexpr size_t kMostWithoutPcr = 65'536;  // packets, where no PCR comes
 
@@ -69,53 +66,77 @@ bool ConstantCheck::keeps(const uint8_t* packet) {
     return !step || fits(*step->ticks, step->packets);
 }
 
-uint32_t LeastRate::clockOf(const uint8_t* packet) {
+uint64_t LeastRate::clockOf(const uint8_t* packet) {
     const auto pcr = readPcr(packet);
     if (!pcr)
         return 0;
     const auto found = std::find(clocks_.begin(), clocks_.end(), pcr->pid);
     const auto clock = static_cast<size_t>(found - clocks_.begin());
-    if (clock == kMostClocks)
+    if (clock == kMostPcrPids)
         return 0;
     if (found == clocks_.end())
         clocks_.push_back(pcr->pid);
-    return uint32_t{1} << clock;
+    return uint64_t{1} << clock;
 }
 
 void LeastRate::add(const uint8_t* packet, Ticks time) {
-    const uint32_t clock = clockOf(packet);
-    if (!points_.empty() && time - points_.back().time < kPointLength) {
+    const uint64_t clock = clockOf(packet);
+    if (!points_.empty() &&
+        time - points_.back().time < (clock == 0 ? kPointLength : kShortestPoint)) {
         ++points_.back().packets;
         points_.back().clocks |= clock;
         return;
     }
-    if (points_.size() == kMostPoints)
+    if (isFull())
         points_.erase(points_.begin(), points_.begin() + kMostPoints / 2);
     points_.push_back({time, 1, clock});
 }
 
+// When a clock's last PCRs have come to stand, at the rate that is tried.
+struct LeastRate::Shown {
+    // From then on, one is to be put in before the packets with this own time.
+    double due(double own, double longest) const {
+        return std::max(last + longest, inSource + own - inSourceOwn + double{kPcrTrifle});
+    }
+    double last = std::numeric_limits<double>::max();
+    double inSource = 0.0;  // the source's
+    double inSourceOwn = 0.0;
+};
+
 bool LeastRate::passes(double rate_bps, Ticks delay) const {
-    struct Shown {
-        double last = std::numeric_limits<double>::max();
-        Ticks bySource = 0;
-    };
-    std::array<Shown, kMostClocks> shown{};
-    uint64_t unclocked = 0;  // packets since a PCR was put in
-    double end = 0.0;
+    std::array<Shown, kMostPcrPids> clocks{};
+    const std::span shown(clocks.data(), clocks_.size());
     const double packetTime = static_cast<double>(packetBits_) * double{kTicksPerSecond} / rate_bps;
-    for (const auto& [time, packets, clocks] : points_) {
-        const auto own = static_cast<double>(time - points_.front().time);
-        end = std::max(end, own) + packetTime * static_cast<double>(packets);
-        unclocked += packets;
-        for (size_t i = 0; i < clocks_.size(); ++i) {
-            Shown& clock = shown[i];
-            if ((clocks >> i & 1) != 0) {
-                clock = {end, time};
-            } else if (end - clock.last > double{kLongestPcrGap} && unclocked >= kPacketsPerPcr &&
-                       time - clock.bySource <= kClockSilence) {
-                clock.last = end += packetTime;
-                unclocked = 0;
+    const double longest = double{kLongestPcrGap} - packetTime;
+    double end = 0.0;
+    uint64_t credit = kMostPcrCredit;  // for PCRs, in packets
+    for (const Point& point : points_) {
+        const auto own = static_cast<double>(point.time - points_.front().time);
+        end = std::max(end, own);
+        for (uint64_t left = point.packets; left > 0;) {
+            double next = std::numeric_limits<double>::max();
+            Shown* first = nullptr;
+            for (Shown& clock : shown) {
+                const double due = clock.due(own, longest);
+                if (due < next && own - clock.inSourceOwn <= double{kClockSilence})
+                    next = due, first = &clock;
             }
+            if (next < end && credit >= kPacketsPerPcr) {
+                first->last = end;
+                end += packetTime;
+                credit -= kPacketsPerPcr;
+                continue;
+            }
+            for (size_t i = 0; i < shown.size() && left == point.packets; ++i)
+                if ((point.clocks >> i & 1) != 0)
+                    shown[i] = {end, end, own};
+            const double packets = next < end ? 1.0 : std::ceil((next - end) / packetTime);
+            const auto until = packets < static_cast<double>(left)
+                                   ? std::max<uint64_t>(static_cast<uint64_t>(packets), 1)
+                                   : left;
+            end += packetTime * static_cast<double>(until);
+            left -= until;
+            credit = std::min(credit + until, kMostPcrCredit);
         }
         // Slots do not begin with the packets.
         if (end > own + static_cast<double>(delay))
@@ -152,12 +173,11 @@ bool RateScan::push(std::span<const uint8_t> packets) {
 
 void RateScan::take() {
     for (; !times_.empty(); times_.pop()) {
-        if (ts_get_pid(times_.bytes()) != kNullPid)
-            least_.add(times_.bytes(), times_.time());
-        if (times_.time() - lookedTo_ < kScanStep)
+        if (ts_get_pid(times_.bytes()) == kNullPid)
             continue;
-        lookedTo_ = times_.time();
-        found_bps_ = std::max(found_bps_, least_.find(delay_));
+        if (least_.isFull())
+            found_bps_ = std::max(found_bps_, least_.find(delay_));
+        least_.add(times_.bytes(), times_.time());
     }
 }
 

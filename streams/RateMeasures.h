@@ -41,10 +41,14 @@ class ConstantCheck {
 };
 
 // While packets wait, the PCRs among them part. Longer than that they never shall (ISO/IEC 13818-1,
-// 2.7.2: 100 ms), so packets with PCRs only are put between them; but no more than one behind so
-// many packets, so that a slow stream does not consist of clocks.
+// 2.7.2: 100 ms), so packets with PCRs only are put between them; but in the mean of some time no
+// more than one for so many packets, so that a slow stream does not consist of clocks, and none for
+// a clock that is slower than in the source by no more than a trifle.
 inline constexpr Ticks kLongestPcrGap = kTicksPerSecond * 95 / 1000;
-inline constexpr uint64_t kPacketsPerPcr = 16;
+inline constexpr Ticks kPcrTrifle = kTicksPerSecond * 4 / 1000;
+inline constexpr uint64_t kPacketsPerPcr = 8;
+inline constexpr uint64_t kMostPcrCredit = 16 * kPacketsPerPcr;
+inline constexpr size_t kMostPcrPids = 64;  // at a time; so many programmes are in no multiplex
 
 // The least rate at which a stream passes through a smoothing buffer, together with the PCRs that
 // are put in.
@@ -56,6 +60,8 @@ class LeastRate {
     void add(const uint8_t* packet, Ticks time);
     void clear() { points_.clear(), clocks_.clear(); }
     bool empty() const { return points_.empty(); }
+    // What is added next makes room by forgetting the older half.
+    bool isFull() const { return points_.size() == kMostPoints; }
 
     // Such that no packet that was added waits longer than `delay`; in bits per second.
     uint32_t find(Ticks delay) const;
@@ -64,12 +70,14 @@ class LeastRate {
     double mean(Ticks end) const;
 
   private:
+    static constexpr size_t kMostPoints = 1 << 14;
     struct Point {
         Ticks time;
         uint32_t packets;
-        uint32_t clocks;  // that are among them, a bit each
+        uint64_t clocks;  // whose PCRs come first among them, a bit each
     };
-    uint32_t clockOf(const uint8_t* packet);
+    struct Shown;
+    uint64_t clockOf(const uint8_t* packet);
     bool passes(double rate_bps, Ticks delay) const;
 
     uint64_t packetBits_;
@@ -97,7 +105,6 @@ class RateScan {
     const Ticks delay_;
     TimedPackets times_;
     LeastRate least_;
-    Ticks lookedTo_ = 0;
     uint32_t found_bps_ = 0;
 };
 

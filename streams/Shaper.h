@@ -42,7 +42,7 @@ class Shaper {
     virtual void push(std::span<const uint8_t> packets, Time arrival) = 0;
 
     // The input has ended. What is left becomes due in its turn, the last datagram being filled up
-    // with null packets. Nothing is pushed after that.
+    // with packets that carry nothing. Nothing is pushed after that.
     virtual void finish() = 0;
 
     // Whether input is missing to know all that is due by `until`. Whoever can choose when to read

@@ -71,6 +71,7 @@ Time TimedPackets::toTime(Ticks ticks) const {
 }
 
 void TimedPackets::push(std::span<const uint8_t> packets, Time arrival) {
+    packets = packets.first(packets.size() / packetSize_ * packetSize_);
     if (packets.empty())
         return;
     if (!std::exchange(hasOrigin_, true))
@@ -144,8 +145,9 @@ Ticks TimedPackets::guess(size_t packets) const {
     return ratePackets_ == 0 ? 0 : share(rateTicks_, packets, ratePackets_);
 }
 
+// A clock that is new with each of its PCRs is none.
 bool TimedPackets::isClocked(Ticks now) const {
-    return clock_ && now - clockSeen_ <= kClockSilence;
+    return clock_ && now - stepSeen_ <= kClockSilence;
 }
 
 // Whether the PCR's PID is the one to follow, by now or still.
@@ -182,10 +184,14 @@ void TimedPackets::follow(const Pcr& pcr, Ticks now) {
         }
         spread(clockTime_);
     } else {
-        if (everTimed_)
+        if (kind_ == InputKind::kLive && !isClocked(now))
+            spreadByArrival();
+        else if (everTimed_)
             spread(next_ + guess(untimed()));
         clockTime_ = next_;
     }
+    if (step || !clock_)
+        stepSeen_ = now;
     clock_ = pcr;
     candidate_.reset();
     clockSeen_ = now;
@@ -228,24 +234,28 @@ void TimedPackets::spread(Ticks end) {
     everTimed_ = true;
 }
 
+// Without a clock, a packet's own time is that at which it came.
+void TimedPackets::spreadByArrival() {
+    if (!std::exchange(hasOffset_, true)) {
+        offset_ = latency_;
+        meanDelay_ = static_cast<double>(latency_);
+    }
+    for (; timed_ < packets_.size(); ++timed_) {
+        Packet& packet = packets_[timed_];
+        next_ = std::max(next_, packet.arrival + latency_ - offset_);
+        packet.time = next_;
+    }
+    everTimed_ = true;
+}
+
 void TimedPackets::settle(Time time) {
     const Ticks now = toTicks(time);
     if (kind_ == InputKind::kFile)
         return;
-    // Without a clock, a packet's own time is that at which it came.
     if (untimed() > 0 && !isClocked(now) && now - packets_[timed_].arrival > latency_ / 2) {
-        if (!hasOffset_) {
-            hasOffset_ = true;
-            offset_ = latency_;
-            meanDelay_ = static_cast<double>(latency_);
-        }
-        for (; timed_ < packets_.size(); ++timed_) {
-            Packet& packet = packets_[timed_];
-            next_ = std::max(next_, packet.arrival + latency_ - offset_);
-            packet.time = next_;
-        }
-        everTimed_ = true;
-        clock_.reset();
+        spreadByArrival();
+        if (now - clockSeen_ > kClockSilence)
+            clock_.reset();
         return;
     }
     if (untimed() > 0 && everTimed_ && knownTo() <= now &&

@@ -47,9 +47,9 @@ class SlotClock {
 // the deviation per second, at most 2 %. What steering cannot mend in time (the source has paused,
 // its PCRs jump, it sends faster than its PCRs) begins a new offset at once, which is a cut.
 //
-// Without PCRs, live packets are due `latency` after each came, and those of a file follow each
-// other at the rate that was assumed. Where a rate is given, all packets follow each other at that
-// rate, whatever their PCRs. One thread uses an object.
+// Without PCRs, or where each begins a new clock, live packets are due `latency` after each came,
+// and those of a file follow each other at the rate that was assumed. Where a rate is given, all
+// packets follow each other at that rate, whatever their PCRs. One thread uses an object.
 class TimedPackets {
   public:
     TimedPackets(size_t packetSize, InputKind kind, Time latency,
@@ -119,6 +119,7 @@ class TimedPackets {
     void follow(const Pcr& pcr, Ticks now);
     void measureArrival(Ticks now);
     void spread(Ticks end);
+    void spreadByArrival();
     Ticks guess(size_t packets) const;
     bool isClocked(Ticks now) const;
     void steer();
@@ -146,6 +147,7 @@ class TimedPackets {
     std::optional<Pcr> clock_;      // the last PCR of the PID that is followed
     std::optional<Pcr> candidate_;  // the first of another PID since
     Ticks clockSeen_ = 0;           // when it came
+    Ticks stepSeen_ = 0;            // when one came last that goes on from the one before it
     Ticks clockTime_ = 0;           // which stream time that was
     uint64_t sinceClock_ = 0;       // packets, its own included
     Ticks rateTicks_ = 0;           // in which so many packets flow

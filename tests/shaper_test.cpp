@@ -82,7 +82,7 @@ struct TestStream {
             else if (i == packets / 2 && Other != 0)
                 Add(0x101, due, due + Other);
             else
-                Add(i == 2 ? kNull : 0x200, due);
+                Add(i == 2 ? kNull : i % 3 == 1 ? 0x100 : 0x200, due);
         }
         Due += length;
     }
@@ -202,8 +202,12 @@ void expectConstantRate(const Outcome& outcome, const TestStream& stream, uint32
         begun += isNew || std::abs(apart(offset, clock->second)) > 1;
         if (std::abs(apart(offset, clock->second)) > 1)
             clock->second = offset;
-        if (!packet.IsSource)
+        if (!packet.IsSource) {
+            const PacketFields fields{packet.Pid, counter, false,
+                                      false,      false,   static_cast<uint64_t>(*packet.Pcr)};
+            ASSERT_EQ(memcmp(&outcome.Data[n * stream.Size], Packet(fields).data(), 188), 0);
             continue;
+        }
         const Clock27 late = apart(*packet.Pcr, packet.From.Pcr);
         ASSERT_LE(late, slotTime(1, rate, stream.Size) + 1) << n;
         ASSERT_GE(late, -kSecond / 2) << n;
@@ -291,16 +295,59 @@ TEST(ConstantRate, PcrsArePutInBetweenThePacketsOfALargePictureAndReckonedWith) 
     for (const Clock27 other : {Clock27{0}, 77 * kSecond}) {
         TestStream stream{.Other = other};
         stream.Pictures(600, 700);
+        const auto ended = std::exchange(stream.Other, 0) == 0 ? 0 : stream.Count;
+        stream.Pictures(60, 30);
         ts::RateScan scan(188, std::chrono::milliseconds(500));
         EXPECT_TRUE(scan.push(stream.Data));
-        ConstantRate shaper(188, InputKind::kFile, {.rate_bps = scan.find()});
+        const uint32_t rate = scan.find() / 100 * 101;
+        ConstantRate shaper(188, InputKind::kFile, {.rate_bps = rate});
         const Outcome outcome = play(shaper, stream);
-        expectConstantRate(outcome, stream, scan.find(), other == 0 ? 1 : 2);
+        expectConstantRate(outcome, stream, rate, other == 0 ? 1 : 2);
         EXPECT_EQ(shaper.status().rateNeeded_bps, 0u);
-        // A tight rate: a few are left to fill.
-        ConstantRate tight(188, InputKind::kFile, {.rate_bps = scan.find() * 99 / 100});
+        ConstantRate tight(188, InputKind::kFile, {.rate_bps = rate / 100 * 97});
         play(tight, stream);
         EXPECT_NE(tight.status().rateNeeded_bps, 0u);
+        // The clock of a programme that has ended is not kept alive for more than a second.
+        int64_t after = 0, last = 0;
+        for (const TestPacket& packet : outcome.Packets) {
+            after += packet.IsSource && packet.From.Number > ended;
+            last = packet.Pid == 0x101 ? after : last;
+        }
+        EXPECT_LE(last, 1000);
+    }
+    for (int64_t seed = 1; seed < 20; ++seed) {
+        TestStream stream{.Other = seed % 2 * kSecond};
+        for (int64_t i = 0; i < 300; ++i)
+            stream.Interval(i % (seed + 2) == 0 ? seed * 40 : 3 + i * i * seed % 29);
+        ts::RateScan scan(188, std::chrono::milliseconds(500));
+        EXPECT_TRUE(scan.push(stream.Data));
+        ConstantRate shaper(188, InputKind::kFile, {.rate_bps = ts::roundUpRate(scan.find())});
+        play(shaper, stream);
+        EXPECT_EQ(shaper.status().rateNeeded_bps, 0u) << seed;
+    }
+}
+
+TEST(ConstantRate, PcrsArePutInWhereThereIsRoomAndNeverAtTheExpenseOfPackets) {
+    TestStream stream;
+    for (int64_t i = 0; i < 6000; ++i) {  // as seldom as it may be, and never evenly
+        stream.Offset = i % 7 * 150;
+        stream.Interval(100, kSecond / 10);
+    }
+    const uint32_t own = 188 * 8 * 990;  // without the null packets
+    for (const uint32_t rate : {own, own + own / 1000, 2 * own}) {
+        ConstantRate shaper(188, InputKind::kFile, {.rate_bps = rate});
+        const Outcome outcome = play(shaper, stream);
+        EXPECT_EQ(shaper.status().dropped + shaper.status().rateNeeded_bps, 0u);
+        Clock27 last = 0, longest = 0;
+        size_t pcrs = 0;
+        for (size_t n = 0; n < outcome.Packets.size(); ++n) {
+            if (!outcome.Packets[n].Pcr)
+                continue;
+            ++pcrs;
+            longest = std::max(longest, slotTime(n, rate) - std::exchange(last, slotTime(n, rate)));
+        }
+        EXPECT_LE(longest, kSecond / 1000 * (rate == 2 * own ? 41 : 103));
+        EXPECT_NEAR(static_cast<double>(pcrs), rate == 2 * own ? 18'000 : 6000, 100);
     }
 }
 
@@ -340,6 +387,14 @@ TEST(ConstantRate, ConstantStreamIsNotTouchedUntilItVaries) {
         ASSERT_LE(std::abs(apart(offset, clock.value_or(offset))), 1);
     }
     EXPECT_TRUE(clock);
+
+    for (size_t i = 0; i < 250; ++i)
+        stream.Interval(160);
+    ts::RateScan scan(188, std::chrono::milliseconds(500));
+    EXPECT_TRUE(scan.push(stream.Data));
+    ConstantRate rises(188, InputKind::kFile, {.least_bps = scan.find()});
+    play(rises, stream);
+    EXPECT_EQ(rises.status().rateNeeded_bps + rises.status().dropped, 0u);
 }
 
 TEST(ConstantRate, StreamWithoutPcrsNeedsARateAndGetsIt) {
@@ -376,15 +431,15 @@ TEST(ConstantRate, LiveStreamKeepsItsRateThroughJitterDriftAndPauses) {
         Clock27 beforeSlot = 0;
         for (size_t n = 0; n < outcome.Packets.size(); ++n) {
             const TestPacket& packet = outcome.Packets[n];
-            if (!packet.IsSource)
-                continue;
-            ASSERT_EQ(packet.From.Number, next++);
-            // It leaves after it came, within latency and delay.
             const Clock27 slot = slotTime(n, rate);
-            const auto waited =
-                outcome.Times[0] - kEpoch + toTime(slot) - toTime(stream.Arrival(packet.From.Due));
-            ASSERT_GE(waited, std::chrono::milliseconds(-20));
-            ASSERT_LE(waited, std::chrono::milliseconds(800));
+            if (packet.IsSource) {
+                ASSERT_EQ(packet.From.Number, next++);
+                // It leaves after it came, within latency and delay.
+                const auto waited = outcome.Times[0] - kEpoch + toTime(slot) -
+                                    toTime(stream.Arrival(packet.From.Due));
+                ASSERT_GE(waited, std::chrono::milliseconds(-20));
+                ASSERT_LE(waited, std::chrono::milliseconds(800));
+            }
             if (!packet.Pcr)
                 continue;
             announced += packet.Announced;
@@ -461,6 +516,24 @@ TEST(OwnPace, AStreamWhosePcrsEndGoesOnAtItsRate) {
     ts::OwnPace shaper(188, std::nullopt, false);
     const std::vector<ts::Time> times = play(shaper, stream).Times;
     EXPECT_NEAR(static_cast<double>((times.back() - times[0]).count()), 20e9, 5e7);
+}
+
+TEST(Pacer, AStreamOfWhichEachPcrBeginsANewClockIsPacedByItsArrival) {
+    for (const bool announced : {true, false}) {
+        TestStream stream{.Arrival = jitter};
+        for (int i = 0; i < 500; ++i) {
+            stream.Announce = announced;
+            stream.Offset = kWrap / 2 - stream.Due * 2 * !announced;  // or it runs backwards
+            stream.Interval(40);
+        }
+        ts::Pacer pacer(188, InputKind::kLive, {});
+        const Outcome outcome = play(pacer, stream);
+        EXPECT_TRUE(outcome.BeginsWith(stream));
+        for (size_t i = 250; i < outcome.Times.size(); ++i) {
+            const ts::Time came = toTime(stream.Arrival(outcome.Packets[i * 7].From.Due));
+            ASSERT_NEAR((outcome.Times[i] - kEpoch - came).count() * 1e-6, 200.0, 60.0) << i;
+        }
+    }
 }
 
 TEST(Pacer, KeepsAGivenRateAndTheDelayOfALiveSourceWhateverItsClock) {
