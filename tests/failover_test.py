@@ -158,7 +158,7 @@ class Failover(ToolTest):
         write("timeless", packet(9, 1) * 2000)
         for slate, told in (("none", "cannot read 'none': No such file"), ("empty", "'empty' is "),
                             ("fifo", "'fifo' is no regular file"),
-                            ("timeless", "'timeless' has no PCRs to tell its rate by")):
+                            ("timeless", "'timeless' has no PCRs that tell its rate")):
             relay = self.tool("relay udp://127.0.0.1:7320 udp://127.0.0.1:7322 --or "
                               f"{slate} 2> said")
             self.await_(lambda: told.encode() in read("said"))

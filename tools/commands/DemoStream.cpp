@@ -174,7 +174,7 @@ DemoStream load(const std::string& path, std::string origin, double seconds, Sto
         add(take(source, kMeasureBytes - stream.data.size(), stop));
     const auto bitrate = rate.bitrate();
     if (!stop.requested() && (!bitrate || *bitrate == 0 || *bitrate > UINT32_MAX))
-        throw Failure(fmt::format("{} has no PCRs to tell its rate by", source.name()));
+        throw Failure(fmt::format("{} has no PCRs that tell its rate", source.name()));
     stream.bitrate_bps = static_cast<uint32_t>(bitrate.value_or(1));
 
     // A channel looks at 2048 bytes before it sends the first datagram, which takes two of them.

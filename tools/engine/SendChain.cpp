@@ -188,7 +188,7 @@ void SendChain::read(ts::Time now, ts::Time until) {
             endInput();
     }
     if (!shaper_->rate() && (inputOver_ || !shaper_->needsInput(until)))
-        throw Failure(fmt::format("{} has no PCRs to tell its rate by; give it with --bitrate",
+        throw Failure(fmt::format("{} has no PCRs that tell its rate; give it with --bitrate",
                                   source_->name()));
 }
 
@@ -204,7 +204,7 @@ void SendChain::count(std::span<const uint8_t> packets) {
 void SendChain::endInput() {
     if (!excerpt_->begun() && !excerpt_->timeIsKnown())
         throw Failure(
-            fmt::format("{} has no PCRs to tell its time by; give --bitrate", source_->name()));
+            fmt::format("{} has no PCRs that tell its time; give --bitrate", source_->name()));
     if (!excerpt_->begun())
         throw Failure(fmt::format("{} ends after {:.1f} s, before the start at {:.1f} s",
                                   source_->name(), seconds(excerpt_->passed()),

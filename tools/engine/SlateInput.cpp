@@ -88,7 +88,7 @@ void SlateInput::play(Clock::time_point now) {
     }
     ready_ = pacer_->rate().has_value();
     if (!ready_ && (loops_ > firstLoop_ + 1 || !pacer_->needsInput(now_)))
-        close(now, fmt::format("{} has no PCRs to tell its rate by; give it with --bitrate",
+        close(now, fmt::format("{} has no PCRs that tell its rate; give it with --bitrate",
                                source_->name()));
 }
 
