@@ -247,7 +247,7 @@ bool ConstantRate::putPcr(uint8_t* slot, bool due) {
     Clock* const clock = clockToShow(due);
     if (clock == nullptr)
         return false;
-    follow(*clock, clock->meanError, now - clock->shown);
+    steer(*clock);
     clock->shown = now;
     writePcrPacket(slot, packetSize_, clock->pid, clock->counter,
                    modulo(now + static_cast<Ticks>(clock->offset)));
@@ -295,7 +295,7 @@ void ConstantRate::noteWait(Ticks own, Ticks wait) {
         busy_.clear();
     busy_.add(times_.bytes(), own);
     // Packets wait for the beginning of a slot in any case.
-    const bool late = wait > delay_ + slot_->length();
+    const bool late = wait > std::max(delay_, kFinestDelay) + slot_->length();
     if (late && !late_)
         lateSince_ = slot_->time();
     wasLate_ = wasLate_ || (late_ && (!late || slot_->time() - lateSince_ > kMostLate));
@@ -356,7 +356,9 @@ void ConstantRate::restamp(uint8_t* packet, const Pcr& pcr, Clock& clock, bool i
         clock.offset = wanted;
         clock.meanError = clock.steering = 0;
     } else {
-        follow(clock, error, slot_->time() - clock.shown);
+        const Ticks elapsed = std::clamp<Ticks>(slot_->time() - clock.lastTime, 0, kTicksPerSecond);
+        clock.meanError += (error - clock.meanError) * elapsed / kClockMeanTime;
+        steer(clock);
     }
     clock.lastPcr = pcr.ticks;
     clock.lastOwn = own;
@@ -368,9 +370,8 @@ void ConstantRate::restamp(uint8_t* packet, const Pcr& pcr, Clock& clock, bool i
 }
 
 // Moves the offset after what the source says, so slowly that no PCR is off by it.
-void ConstantRate::follow(Clock& clock, int64_t error, Ticks elapsed) {
-    elapsed = std::clamp<Ticks>(elapsed, 0, kTicksPerSecond);
-    clock.meanError += (error - clock.meanError) * elapsed / kClockMeanTime;
+void ConstantRate::steer(Clock& clock) const {
+    const Ticks elapsed = std::clamp<Ticks>(slot_->time() - clock.shown, 0, kTicksPerSecond);
     const int64_t beyond = clock.meanError - std::clamp(clock.meanError, -kClockSlack, kClockSlack);
     const int64_t most = (elapsed << kSteeringBits) * kClockMostSteering_ppm / 1'000'000;
     clock.steering += std::clamp(

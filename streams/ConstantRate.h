@@ -89,7 +89,7 @@ class ConstantRate : public Shaper {
     void publishNeed();
     void stamp(uint8_t* packet, Ticks own);
     void restamp(uint8_t* packet, const Pcr& pcr, Clock& clock, bool isNew, Ticks own);
-    static void follow(Clock& clock, int64_t error, Ticks elapsed);
+    void steer(Clock& clock) const;
 
     const size_t packetSize_;
     const InputKind kind_;

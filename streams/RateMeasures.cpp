@@ -15,9 +15,7 @@ namespace {
 constexpr double kPcrNoise = 54.0;
 constexpr size_t kFewestIntervals = 3;
 
-constexpr Ticks kPointLength = kTicksPerSecond / 500;
-constexpr Ticks kShortestPoint = kPointLength / 8;
-constexpr size_t kMostClocks = 16;          // that put in PCRs are reckoned with
+constexpr Ticks kShortestPoint = kFinestDelay / 8;
 constexpr size_t kMostWithoutPcr = 65'536;  // packets, where no PCR comes
 
 }  // namespace
@@ -82,7 +80,7 @@ uint64_t LeastRate::clockOf(const uint8_t* packet) {
 void LeastRate::add(const uint8_t* packet, Ticks time) {
     const uint64_t clock = clockOf(packet);
     if (!points_.empty() &&
-        time - points_.back().time < (clock == 0 ? kPointLength : kShortestPoint)) {
+        time - points_.back().time < (clock == 0 ? kFinestDelay : kShortestPoint)) {
         ++points_.back().packets;
         points_.back().clocks |= clock;
         return;
@@ -108,6 +106,8 @@ bool LeastRate::passes(double rate_bps, Ticks delay) const {
     const std::span shown(clocks.data(), clocks_.size());
     const double packetTime = static_cast<double>(packetBits_) * double{kTicksPerSecond} / rate_bps;
     const double longest = double{kLongestPcrGap} - packetTime;
+    // Slots do not begin with the packets, nor do points.
+    const double most = std::max(static_cast<double>(delay), double{kFinestDelay} + packetTime);
     double end = 0.0;
     uint64_t credit = kMostPcrCredit;  // for PCRs, in packets
     for (const Point& point : points_) {
@@ -138,8 +138,7 @@ bool LeastRate::passes(double rate_bps, Ticks delay) const {
             left -= until;
             credit = std::min(credit + until, kMostPcrCredit);
         }
-        // Slots do not begin with the packets.
-        if (end > own + static_cast<double>(delay))
+        if (end > own + most)
             return false;
     }
     return true;

@@ -50,6 +50,9 @@ inline constexpr uint64_t kPacketsPerPcr = 8;
 inline constexpr uint64_t kMostPcrCredit = 16 * kPacketsPerPcr;
 inline constexpr size_t kMostPcrPids = 64;  // at a time; so many programmes are in no multiplex
 
+// Shorter waits are not told apart.
+inline constexpr Ticks kFinestDelay = kTicksPerSecond / 500;
+
 // The least rate at which a stream passes through a smoothing buffer, together with the PCRs that
 // are put in.
 class LeastRate {
@@ -63,7 +66,8 @@ class LeastRate {
     // What is added next makes room by forgetting the older half.
     bool isFull() const { return points_.size() == kMostPoints; }
 
-    // Such that no packet that was added waits longer than `delay`; in bits per second.
+    // Such that no packet that was added waits longer than `delay`, or than kFinestDelay and itself
+    // lasts; in bits per second.
     uint32_t find(Ticks delay) const;
 
     // The mean rate from the first packet to the given time.
@@ -74,7 +78,7 @@ class LeastRate {
     struct Point {
         Ticks time;
         uint32_t packets;
-        uint64_t clocks;  // whose PCRs come first among them, a bit each
+        uint64_t clocks;  // whose PCRs come first among them or soon, a bit each
     };
     struct Shown;
     uint64_t clockOf(const uint8_t* packet);

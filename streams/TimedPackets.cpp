@@ -184,7 +184,7 @@ void TimedPackets::follow(const Pcr& pcr, Ticks now) {
         }
         spread(clockTime_);
     } else {
-        if (kind_ == InputKind::kLive && !isClocked(now))
+        if (everTimed_ && kind_ == InputKind::kLive && !isClocked(now))
             spreadByArrival();
         else if (everTimed_)
             spread(next_ + guess(untimed()));

@@ -147,7 +147,7 @@ class TimedPackets {
     std::optional<Pcr> clock_;      // the last PCR of the PID that is followed
     std::optional<Pcr> candidate_;  // the first of another PID since
     Ticks clockSeen_ = 0;           // when it came
-    Ticks stepSeen_ = 0;            // when one came last that goes on from the one before it
+    Ticks stepSeen_ = 0;            // when one came last that goes on from another, or a first one
     Ticks clockTime_ = 0;           // which stream time that was
     uint64_t sinceClock_ = 0;       // packets, its own included
     Ticks rateTicks_ = 0;           // in which so many packets flow

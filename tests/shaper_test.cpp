@@ -392,6 +392,15 @@ TEST(ConstantRate, ConstantStreamIsNotTouchedUntilItVaries) {
         stream.Interval(160);
     ts::RateScan scan(188, std::chrono::milliseconds(500));
     EXPECT_TRUE(scan.push(stream.Data));
+    for (const auto delay : {std::chrono::milliseconds(0), std::chrono::milliseconds(3)}) {
+        TestStream slow;
+        for (int i = 0; i < 100; ++i)
+            slow.Interval(10, kSecond / 4);
+        ts::RateScan first(188, delay);
+        EXPECT_TRUE(first.push(slow.Data));
+        ConstantRate shaper(188, InputKind::kFile, {.least_bps = first.find(), .delay = delay});
+        EXPECT_TRUE(play(shaper, slow).BeginsWith(slow));
+    }
     ConstantRate rises(188, InputKind::kFile, {.least_bps = scan.find()});
     play(rises, stream);
     EXPECT_EQ(rises.status().rateNeeded_bps + rises.status().dropped, 0u);
@@ -516,6 +525,27 @@ TEST(OwnPace, AStreamWhosePcrsEndGoesOnAtItsRate) {
     ts::OwnPace shaper(188, std::nullopt, false);
     const std::vector<ts::Time> times = play(shaper, stream).Times;
     EXPECT_NEAR(static_cast<double>((times.back() - times[0]).count()), 20e9, 5e7);
+}
+
+TEST(Pacer, KeepsTheDelayFromTheBeginningHoweverItBegins) {
+    for (const bool backlog : {true, false}) {
+        TestStream stream;
+        for (int i = 0; i < 250; ++i)  // what came before is there at once, or PCRs are far apart
+            backlog ? stream.Interval(40) : stream.Interval(400, kSecond * 2 / 5);
+        stream.Arrival = [&](Clock27 due) {
+            return jitter(backlog ? std::max(due, kSecond * 3 / 5) : due);
+        };
+        ts::Pacer pacer(188, InputKind::kLive, {});
+        const Outcome outcome = play(pacer, stream);
+        EXPECT_EQ(pacer.status().breaks, 0u);
+        for (size_t i = 0; i < outcome.Times.size(); ++i) {
+            const Source& from = outcome.Packets[i * 7].From;
+            if (from.Due < kSecond * 3 / 5)
+                continue;
+            const ts::Time came = toTime(stream.Arrival(from.Due));
+            ASSERT_NEAR((outcome.Times[i] - kEpoch - came).count() * 1e-6, 200.0, 60.0) << i;
+        }
+    }
 }
 
 TEST(Pacer, AStreamOfWhichEachPcrBeginsANewClockIsPacedByItsArrival) {
