@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 namespace ts {
 
@@ -174,9 +175,10 @@ void RateScan::take() {
     for (; !times_.empty(); times_.pop()) {
         if (ts_get_pid(times_.bytes()) == kNullPid)
             continue;
-        if (least_.isFull())
+        if (least_.isFull() && !std::exchange(looked_, true))
             found_bps_ = std::max(found_bps_, least_.find(delay_));
         least_.add(times_.bytes(), times_.time());
+        looked_ = looked_ && least_.isFull();
     }
 }
 

@@ -109,6 +109,7 @@ class RateScan {
     const Ticks delay_;
     TimedPackets times_;
     LeastRate least_;
+    bool looked_ = false;  // since the last half was forgotten
     uint32_t found_bps_ = 0;
 };
 
