@@ -21,8 +21,9 @@ constexpr Ticks kMeasureGiven = kTicksPerSecond / 4;
 constexpr size_t kEnoughIntervals = 4;
 constexpr size_t kMostMeasured = 65'536;  // packets
 constexpr double kSameRate = 20e-6;
-// A file that begins constant, and needs that much more later on, is shaped from the beginning.
-constexpr double kRiseLeft = 1.01;
+// A file that begins constant, and needs more than so much of that rate later on, is shaped from
+// the beginning.
+constexpr double kToleratedRise = 1.01;
 constexpr uint32_t kAnyRate = 1'000'000;
 
 constexpr Ticks kMostLate = 2 * kTicksPerSecond;
@@ -105,7 +106,7 @@ void ConstantRate::decide(Time now) {
     const auto constant = check_.settle(packetSize_);
     const auto given = options_.rate_bps;
     untouched_ = constant && (given ? std::abs(*constant / *given - 1.0) <= kSameRate
-                                    : options_.least_bps <= *constant * kRiseLeft);
+                                    : options_.least_bps <= *constant * kToleratedRise);
     if (given) {
         rate_ = given;
     } else if (untouched_) {

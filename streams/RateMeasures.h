@@ -40,10 +40,10 @@ class ConstantCheck {
     Line longest_;
 };
 
-// While packets wait, the PCRs among them part. Longer than that they never shall (ISO/IEC 13818-1,
-// 2.7.2: 100 ms), so packets with PCRs only are put between them; but in the mean of some time no
-// more than one for so many packets, so that a slow stream does not consist of clocks, and none for
-// a clock that is slower than in the source by no more than a trifle.
+// While packets wait, the PCRs among them part. So that they are never further apart than 100 ms
+// (ISO/IEC 13818-1, 2.7.2), packets with PCRs only are put between them: on average no more than
+// one for kPacketsPerPcr others, or a slow stream would consist of clocks; and none while the PCRs
+// are no further apart than in the source, but for kPcrTrifle.
 inline constexpr Ticks kLongestPcrGap = kTicksPerSecond * 95 / 1000;
 inline constexpr Ticks kPcrTrifle = kTicksPerSecond * 4 / 1000;
 inline constexpr uint64_t kPacketsPerPcr = 8;

@@ -121,7 +121,7 @@ class RelayBranch {
     Clock::time_point nextLook_ = Clock::now();
     Clock::time_point nextReport_ = nextLook_;
     uint64_t rateChanges_ = 0;     // of channels that have been ended
-    uint64_t packetsDropped_ = 0;  // by shapers that have
+    uint64_t packetsDropped_ = 0;  // by shapers that have been ended
 };
 
 #endif
